@@ -1,0 +1,260 @@
+/*
+ * qxiveilon31 — image matting for image editors. Public C interface.
+ *
+ * All pixel buffers belong to the caller. Planes are given as a pointer to the first byte and a
+ * row step in bytes; the library never writes the pad bytes beyond a row's width. Calls run on
+ * the caller's thread and fan out into parallel loops inside. The progress state is global:
+ * jobs must not overlap.
+ *
+ * Valid C99 and C++. Records are little-endian with 8-byte pointers; their layouts are fixed and
+ * checked at compile time below.
+ */
+#ifndef QXIVEILON31_H
+#define QXIVEILON31_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(QX_BUILDING_LIBRARY)
+#define QX_API __attribute__((visibility("default")))
+#else
+#define QX_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Progress callback: called with (current, total, param) during long jobs. Reports go out only
+ * when both the callback and its parameter are non-null. The return value is not read. */
+typedef int (*qxProgressProc)(int current, int total, void* param);
+
+/* A tri-map matting job (qxMaskAlpha). */
+typedef struct MaskRequest {
+    void* reserved0;              /*  0: not read */
+    unsigned char** planes;       /*  8: three colour plane pointers, 8-bit, separate planes */
+    int32_t planeStep;            /* 16: bytes between rows of each colour plane */
+    int32_t reserved1;            /* 20: not read */
+    unsigned char* mask;          /* 24: tri-map in, alpha out */
+    int32_t maskStep;             /* 32: bytes between rows of the mask */
+    int32_t width;                /* 36: pixels, all four planes */
+    int32_t height;               /* 40: pixels, all four planes */
+    unsigned char reserved2[20];  /* 44: not read */
+    qxProgressProc progProc;      /* 64: progress callback or NULL */
+    void* progParam;              /* 72: handed back to progProc */
+} MaskRequest;
+
+/* The keep/cut stroke job. Stroke coding of the alpha plane: bit 0 set marks a painted pixel,
+ * bits 7..1 hold alpha; 255 keep, 1 cut, 126 set back to undecided. */
+typedef struct KeepCutRequest {
+    unsigned char* srcImage;      /*   0: 4 bytes a pixel, bytes 0..2 colour */
+    int32_t srcStep;              /*   8 */
+    int32_t reserved0;            /*  12 */
+    unsigned char* alphaPlane;    /*  16: strokes in, alpha out */
+    int32_t alphaStep;            /*  24 */
+    int32_t reserved1;            /*  28 */
+    unsigned char* dstImage;      /*  32: 4 bytes a pixel, recovered colour */
+    int32_t dstStep;              /*  40 */
+    int32_t reserved2;            /*  44 */
+    unsigned char* auxPlane;      /*  48: the host's record of the strokes */
+    int32_t auxStep;              /*  56 */
+    int32_t fullWidth;            /*  60 */
+    int32_t fullHeight;           /*  64 */
+    int32_t roiX;                 /*  68 */
+    int32_t roiY;                 /*  72 */
+    int32_t roiWidth;             /*  76 */
+    int32_t roiHeight;            /*  80 */
+    int32_t regionMode;           /*  84: 0 whole region; else width of the fixed frame */
+    unsigned char recoverFlag;    /*  88: non-zero: recover foreground colour after alpha */
+    unsigned char reserved3[7];   /*  89 */
+    qxProgressProc progProc;      /*  96 */
+    void* progParam;              /* 104 */
+    void* foreColor;              /* 112 */
+    void* backColor;              /* 120 */
+    unsigned char reserved4[24];  /* 128 */
+    int32_t mergeMode;            /* 152: refinement may only 0 lower, 1 raise alpha */
+    int32_t reserved5;            /* 156: padding */
+} KeepCutRequest;
+
+/* GrabCut selection, and the colour-range brush. Planes are addressed at (roiLeft, roiTop). */
+typedef struct GrabCutRequest {
+    unsigned char* image;         /*   0: 4 bytes a pixel */
+    int32_t imageStep;            /*   8 */
+    int32_t reserved0;            /*  12 */
+    unsigned char* mask;          /*  16: code plane, 1 byte a pixel */
+    int32_t maskStep;             /*  24 */
+    unsigned char reserved1[20];  /*  28 */
+    unsigned char* result;        /*  48: result plane, or NULL */
+    int32_t resultStep;           /*  56 */
+    int32_t width;                /*  60 */
+    int32_t height;               /*  64 */
+    unsigned char reserved2[28];  /*  68 */
+    qxProgressProc progProc;      /*  96 */
+    void* progParam;              /* 104 */
+    unsigned char reserved3[16];  /* 112 */
+    void* control;                /* 128: state kept between calls; NULL to start */
+    int32_t roiWidth;             /* 136 */
+    int32_t roiHeight;            /* 140 */
+    int32_t roiLeft;              /* 144 */
+    int32_t roiTop;               /* 148 */
+} GrabCutRequest;
+
+/* Compile-time layout checks (C99-compatible: a negative array size fails the build). */
+#define QX_LAYOUT_CHECK(name, cond) typedef char qx_layout_check_##name[(cond) ? 1 : -1]
+QX_LAYOUT_CHECK(mask_size, sizeof(MaskRequest) == 80);
+QX_LAYOUT_CHECK(mask_planes, offsetof(MaskRequest, planes) == 8);
+QX_LAYOUT_CHECK(mask_planeStep, offsetof(MaskRequest, planeStep) == 16);
+QX_LAYOUT_CHECK(mask_mask, offsetof(MaskRequest, mask) == 24);
+QX_LAYOUT_CHECK(mask_maskStep, offsetof(MaskRequest, maskStep) == 32);
+QX_LAYOUT_CHECK(mask_width, offsetof(MaskRequest, width) == 36);
+QX_LAYOUT_CHECK(mask_height, offsetof(MaskRequest, height) == 40);
+QX_LAYOUT_CHECK(mask_progProc, offsetof(MaskRequest, progProc) == 64);
+QX_LAYOUT_CHECK(mask_progParam, offsetof(MaskRequest, progParam) == 72);
+QX_LAYOUT_CHECK(kc_size, sizeof(KeepCutRequest) == 160);
+QX_LAYOUT_CHECK(kc_srcStep, offsetof(KeepCutRequest, srcStep) == 8);
+QX_LAYOUT_CHECK(kc_alphaPlane, offsetof(KeepCutRequest, alphaPlane) == 16);
+QX_LAYOUT_CHECK(kc_alphaStep, offsetof(KeepCutRequest, alphaStep) == 24);
+QX_LAYOUT_CHECK(kc_dstImage, offsetof(KeepCutRequest, dstImage) == 32);
+QX_LAYOUT_CHECK(kc_dstStep, offsetof(KeepCutRequest, dstStep) == 40);
+QX_LAYOUT_CHECK(kc_auxPlane, offsetof(KeepCutRequest, auxPlane) == 48);
+QX_LAYOUT_CHECK(kc_auxStep, offsetof(KeepCutRequest, auxStep) == 56);
+QX_LAYOUT_CHECK(kc_fullWidth, offsetof(KeepCutRequest, fullWidth) == 60);
+QX_LAYOUT_CHECK(kc_fullHeight, offsetof(KeepCutRequest, fullHeight) == 64);
+QX_LAYOUT_CHECK(kc_roiX, offsetof(KeepCutRequest, roiX) == 68);
+QX_LAYOUT_CHECK(kc_roiY, offsetof(KeepCutRequest, roiY) == 72);
+QX_LAYOUT_CHECK(kc_roiWidth, offsetof(KeepCutRequest, roiWidth) == 76);
+QX_LAYOUT_CHECK(kc_roiHeight, offsetof(KeepCutRequest, roiHeight) == 80);
+QX_LAYOUT_CHECK(kc_regionMode, offsetof(KeepCutRequest, regionMode) == 84);
+QX_LAYOUT_CHECK(kc_recoverFlag, offsetof(KeepCutRequest, recoverFlag) == 88);
+QX_LAYOUT_CHECK(kc_progProc, offsetof(KeepCutRequest, progProc) == 96);
+QX_LAYOUT_CHECK(kc_progParam, offsetof(KeepCutRequest, progParam) == 104);
+QX_LAYOUT_CHECK(kc_foreColor, offsetof(KeepCutRequest, foreColor) == 112);
+QX_LAYOUT_CHECK(kc_backColor, offsetof(KeepCutRequest, backColor) == 120);
+QX_LAYOUT_CHECK(kc_mergeMode, offsetof(KeepCutRequest, mergeMode) == 152);
+QX_LAYOUT_CHECK(gc_size, sizeof(GrabCutRequest) == 152);
+QX_LAYOUT_CHECK(gc_imageStep, offsetof(GrabCutRequest, imageStep) == 8);
+QX_LAYOUT_CHECK(gc_mask, offsetof(GrabCutRequest, mask) == 16);
+QX_LAYOUT_CHECK(gc_maskStep, offsetof(GrabCutRequest, maskStep) == 24);
+QX_LAYOUT_CHECK(gc_result, offsetof(GrabCutRequest, result) == 48);
+QX_LAYOUT_CHECK(gc_resultStep, offsetof(GrabCutRequest, resultStep) == 56);
+QX_LAYOUT_CHECK(gc_width, offsetof(GrabCutRequest, width) == 60);
+QX_LAYOUT_CHECK(gc_height, offsetof(GrabCutRequest, height) == 64);
+QX_LAYOUT_CHECK(gc_progProc, offsetof(GrabCutRequest, progProc) == 96);
+QX_LAYOUT_CHECK(gc_progParam, offsetof(GrabCutRequest, progParam) == 104);
+QX_LAYOUT_CHECK(gc_control, offsetof(GrabCutRequest, control) == 128);
+QX_LAYOUT_CHECK(gc_roiWidth, offsetof(GrabCutRequest, roiWidth) == 136);
+QX_LAYOUT_CHECK(gc_roiHeight, offsetof(GrabCutRequest, roiHeight) == 140);
+QX_LAYOUT_CHECK(gc_roiLeft, offsetof(GrabCutRequest, roiLeft) == 144);
+QX_LAYOUT_CHECK(gc_roiTop, offsetof(GrabCutRequest, roiTop) == 148);
+
+/* ---- Set-up ------------------------------------------------------------------------------ */
+
+/* Debug trace: bit 0 of traceMask a text log ("<dir>/qxtrace_log.txt"), bit 1 image dumps.
+ * Returns 0 and does nothing for a negative traceMask; otherwise 1 when the trace's own log
+ * entry was written, 0 when not (log bit clear or file not writable). traceDir NULL keeps the
+ * previous directory. */
+QX_API int qxSetupLib(int traceMask, const char* traceDir);
+/* As qxSetupLib, for any mask value. */
+QX_API int setDebugTrace(unsigned traceMask, const char* traceDir);
+
+/* ---- Tri-map matting ---------------------------------------------------------------------- */
+
+/* Bounding box of the undecided pixels of a tri-map, 12 pixels of margin, with the counts of
+ * pixels equal to fgCode and bgCode inside it (is16: 16-bit plane, code c stands for c*128).
+ * Returns 1. No undecided pixel, or a box under 24 rows: box 0,0,0,0 and counts -1.
+ * Refusal (NULL data or box outputs, width or height < 1, step smaller than a row): returns 0
+ * and writes nothing. */
+QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width, int height,
+                      int* outLeft, int* outWidth, int* outTop, int* outHeight,
+                      int* outFgCount, int* outBgCount, int reserved, int fgCode, int bgCode);
+
+/* Closed-form alpha from a tri-map, in place on request->mask. unknownPixels: the caller's
+ * count of undecided pixels (budget estimate). Codes <= bgCode are background, >= fgCode
+ * foreground. The final levels stretch [levelLow, levelHigh] to [0, 255].
+ * Returns 1 on success; e - 1000 for an internal failure e (-898 out of memory for an image,
+ * -897 guard row overwritten, -888/-887 out of memory for an image over 5000 wide/high,
+ * -1001 system too large, -879..-877 solver phase, -875 solver out of memory, -870 array
+ * allocation); -1000 for any other failure.
+ * Refusal (NULL request, planes or mask; width or height < 1; a step smaller than a row):
+ * returns -1000 and writes nothing. */
+QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, int fgCode,
+                       int bgCode, int levelHigh, int levelLow);
+
+/* ---- Brushes and tools -------------------------------------------------------------------- */
+
+/* Draws one brush segment (thickness 2*radius+1, 8-connected) into the code plane.
+ * mode 0 writes 1, 1 writes 255, 2 writes 126, 3 writes (value & 254) + 1, others 0.
+ * step 0 means width. Returns 1; refusal (NULL mask, width or height < 1, negative radius,
+ * 0 < step < width): returns 0 and writes nothing. */
+QX_API int qxDrawLine8u(unsigned char* mask, int step, int width, int height, int x0, int y0,
+                        int x1, int y1, int radius, unsigned char mode, unsigned char value);
+
+/* Paints the 8-connected region of the seed's label (mode 0 background, 1 foreground,
+ * 2 undecided). rect receives left, top, width, height of what may have changed.
+ * Returns 1 done, -3 seed outside the plane (rect zeroed), -1 out of memory.
+ * Refusal (NULL mask or rect, width or height < 1, step smaller than a row): returns 0 and
+ * writes nothing. */
+QX_API int qxFloodFillAlpha(unsigned char* mask, int step, int width, int height, int seedX,
+                            int seedY, int64_t reserved1, int64_t reserved2, unsigned char mode,
+                            int64_t reserved3, int* rect);
+
+/* ---- Display ------------------------------------------------------------------------------ */
+
+/* Paints a preview of an alpha plane onto a 4-byte display image, style 1..6 (any other style
+ * does nothing). colour: 3 bytes in reverse pixel order, for styles 3, 4, 6.
+ * Returns 1; refusal (NULL image or alpha, NULL colour for styles 3/4/6, width or height < 1,
+ * a step smaller than a row): returns 0 and writes nothing. */
+QX_API int qxShowImageAlpha(unsigned char* image, int imageStep, int width, int height,
+                            const unsigned char* alpha, int alphaStep, unsigned char high,
+                            unsigned char low, int style, const unsigned char* colour);
+
+/* Stretches an alpha plane so that low becomes 0 and high 255; keepFixed keeps odd codes.
+ * Returns 1; refusal (NULL alpha, width or height < 1, step smaller than a row, high equal
+ * to low): returns 0 and writes nothing. */
+QX_API int qxScaleAlpha(unsigned char* alpha, int step, int width, int height,
+                        unsigned char high, unsigned char low, int keepFixed);
+
+/* Cross-fades bytes 0..2 of image towards keep by weight (0..1); byte 3 stays.
+ * Bad arguments (NULL, sizes < 1, steps smaller than a row) leave the image untouched. */
+QX_API void qxShowKeepBlend(unsigned char* image, int imageStep, int width, int height,
+                            const unsigned char* keep, int keepStep, int64_t reserved1,
+                            int64_t reserved2, float weight);
+
+/* ---- Selection by colour and filters ------------------------------------------------------ */
+
+/* Brush that writes code 255 (foreground != 0) or 1 into unfixed mask pixels under the stroke
+ * whose colour lies within tolerance of colour (3 bytes, reverse pixel order).
+ * Returns 1; refusal (NULL request, image, mask or colour, width or height < 1, steps smaller
+ * than a row): returns 0 and writes nothing. */
+QX_API int qxColorRangeSelect(GrabCutRequest* request, int x0, int y0, int x1, int y1,
+                              int radius, const unsigned char* colour, unsigned tolerance,
+                              unsigned char foreground);
+
+/* Lowers the saturation of soft-edge pixels of a 4-byte image by strength (0..1).
+ * Returns 1; refusal (NULL image or alpha, width or height < 1, steps smaller than a row):
+ * returns 0 and writes nothing. */
+QX_API int qxDesaturation(unsigned char* image, int imageStep, int width, int height,
+                          const unsigned char* alpha, int alphaStep, float strength);
+
+/* Smooths a byte plane: median then Gaussian; mode 0 light, 1 strong, others nothing.
+ * Returns 1; refusal (NULL plane, width or height < 1, step smaller than a row): returns 0. */
+QX_API int qxfilterIm8u(unsigned char* plane, int step, int width, int height, int mode);
+
+/* ---- Preview ------------------------------------------------------------------------------ */
+
+/* Diagnostic view of a 3-byte image in place: view 0 brightened, 1 luma, 2 chroma, 3 Cb, 4 Cr;
+ * level > 1 stretches. Returns 1, or 0 for a view outside 0..4; refusal (NULL image, width or
+ * height < 1, step smaller than a row): returns 0 and writes nothing. */
+QX_API int qxRGB2YCbCrAutoLevel(unsigned char* image, int step, int width, int height, int view,
+                                int level);
+
+/* Brightens a 3-byte image so that its brightest channel mean approaches level; never darkens.
+ * Returns 1; refusal (NULL image, width or height < 1, step smaller than a row): returns 0. */
+QX_API int qxPreviewAutoLevel(unsigned char* image, int step, int width, int height,
+                              float level);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QXIVEILON31_H */

@@ -1,0 +1,53 @@
+#include "frame/fpmode.h"
+
+#include <omp.h>
+#include <xmmintrin.h>
+
+#include <vector>
+
+namespace qx {
+namespace {
+
+constexpr unsigned kFtz = 0x8000;     // MXCSR flush-to-zero
+constexpr unsigned kDaz = 0x0040;     // MXCSR denormals-are-zero
+constexpr unsigned kUnderflowMask = 0x0800;
+
+thread_local int depth = 0;
+// Worker threads' saved modes, indexed by OpenMP thread number, for the outermost guard.
+std::vector<unsigned> workerSaved;
+
+unsigned withFlush(unsigned csr) { return csr | kFtz | kDaz | kUnderflowMask; }
+
+}  // namespace
+
+FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
+    _mm_setcsr(withFlush(saved_));
+    if (!outer_ || omp_in_parallel()) return;
+    // The team's worker threads are the library's hands for this call: switch them too.
+    workerSaved.assign(static_cast<size_t>(omp_get_max_threads()), 0);
+#pragma omp parallel
+    {
+        const int t = omp_get_thread_num();
+        if (t > 0 && t < static_cast<int>(workerSaved.size())) {
+            workerSaved[t] = _mm_getcsr();
+            _mm_setcsr(withFlush(workerSaved[t]));
+        }
+    }
+}
+
+FpModeGuard::~FpModeGuard() {
+    if (outer_ && !omp_in_parallel() && !workerSaved.empty()) {
+#pragma omp parallel
+        {
+            const int t = omp_get_thread_num();
+            if (t > 0 && t < static_cast<int>(workerSaved.size())) _mm_setcsr(workerSaved[t]);
+        }
+    }
+    --depth;
+    _mm_setcsr(saved_);
+}
+
+bool flushToZeroOn() { return (_mm_getcsr() & kFtz) != 0; }
+bool denormalsAreZeroOn() { return (_mm_getcsr() & kDaz) != 0; }
+
+}  // namespace qx

@@ -1,0 +1,22 @@
+// Run-time choice of the code path for the running processor. Hot row loops are compiled
+// several times (baseline x86-64, AVX2, AVX-512) with GCC's target_clones; the loader picks
+// the best one the processor supports when the library is loaded. The shipped library is never
+// built for the build machine alone.
+#pragma once
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(QX_SANITIZE)
+#define QX_CLONES __attribute__((target_clones("default", "avx2", "arch=x86-64-v4")))
+#else
+#define QX_CLONES
+#endif
+
+namespace qx::prim {
+
+// 0 baseline x86-64 (SSE2), 1 SSE4.2, 2 AVX2, 3 AVX-512: what this processor offers.
+int cpuFeatureLevel();
+// Makes sure the code path is chosen (it is fixed at load) and returns the level in use.
+int selectCodePath();
+// "x86-64", "sse4.2", "avx2" or "avx512".
+const char* codePathName();
+
+}  // namespace qx::prim
