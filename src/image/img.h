@@ -147,8 +147,9 @@ private:
         } else {
             const int64_t padded = (rowBytes / 16) * 16 + 16;
             const int64_t total = padded * h + padded;
-            p = (total > 0 && total < (int64_t(1) << 40)) ? std::malloc(static_cast<size_t>(total))
-                                                           : nullptr;
+            p = (total > 0 && total < (int64_t(1) << 40) && !prim::takeInjectedFailure())
+                    ? std::malloc(static_cast<size_t>(total))
+                    : nullptr;
             if (!p) throwNoMemory();
             rawPtr = p;
             step = static_cast<int>(padded);
@@ -249,6 +250,18 @@ inline void Convert(const IMG<float, 1>& s, IMG<unsigned char, 1>& d) {
 }
 inline void Convert(const IMG<float, 1>& s, IMG<short, 1>& d) {
     d.status = prim::convert_32f16s_C1(s.data, s.step, d.data, d.step, d.size());
+}
+
+// Copies the outer `n` rows and columns of src into dst (top, bottom, left, right), for filters
+// that leave a frame of the image unfiltered. Both images have the same region size.
+inline void copyFrame(const IMG<unsigned char, 1>& s, IMG<unsigned char, 1>& d, int n) {
+    const int w = d.width, h = d.height;
+    if (w < 1 || h < 1 || n < 1) return;
+    const int rows = n < h ? n : h, cols = n < w ? n : w;
+    prim::copy_8u_C1(s.data, s.step, d.data, d.step, {w, rows});
+    prim::copy_8u_C1(s.ptr(0, h - rows), s.step, d.ptr(0, h - rows), d.step, {w, rows});
+    prim::copy_8u_C1(s.data, s.step, d.data, d.step, {cols, h});
+    prim::copy_8u_C1(s.ptr(w - cols, 0), s.step, d.ptr(w - cols, 0), d.step, {cols, h});
 }
 
 // The lesser / greater of two floats by address; on a tie, the first.

@@ -48,6 +48,9 @@ void freeAligned(void* p);
 
 // Failure injection for tests: the next `count` calls of allocPlane/allocBlock return null.
 void failNextAllocations(int count);
+// Consumes one pending injected failure and returns true, or returns false when none is
+// pending. The image containers' fallback allocator asks this too, so a test can fail both.
+bool takeInjectedFailure();
 
 // ---- Copy, fill, channels -----------------------------------------------------------------
 
