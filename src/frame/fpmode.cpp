@@ -21,18 +21,21 @@ unsigned withFlush(unsigned csr) { return csr | kFtz | kDaz | kUnderflowMask; }
 }  // namespace
 
 FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
-    _mm_setcsr(withFlush(saved_));
-    if (!outer_ || omp_in_parallel()) return;
-    // The team's worker threads are the library's hands for this call: switch them too.
-    workerSaved.assign(static_cast<size_t>(omp_get_max_threads()), 0);
+    if (outer_ && !omp_in_parallel()) {
+        // The team's worker threads are the library's hands for this call: switch them too.
+        // This runs before the calling thread changes mode, because threads that the runtime
+        // creates here inherit the caller's mode, and that is the mode to restore.
+        workerSaved.assign(static_cast<size_t>(omp_get_max_threads()), 0);
 #pragma omp parallel
-    {
-        const int t = omp_get_thread_num();
-        if (t > 0 && t < static_cast<int>(workerSaved.size())) {
-            workerSaved[t] = _mm_getcsr();
-            _mm_setcsr(withFlush(workerSaved[t]));
+        {
+            const int t = omp_get_thread_num();
+            if (t > 0 && t < static_cast<int>(workerSaved.size())) {
+                workerSaved[t] = _mm_getcsr();
+                _mm_setcsr(withFlush(workerSaved[t]));
+            }
         }
     }
+    _mm_setcsr(withFlush(saved_));
 }
 
 FpModeGuard::~FpModeGuard() {

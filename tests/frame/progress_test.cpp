@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "frame/progress.h"
+
+namespace {
+
+struct Recorder {
+    std::vector<int> current;
+    std::vector<int> total;
+};
+
+int record(int current, int total, void* param) {
+    auto* r = static_cast<Recorder*>(param);
+    r->current.push_back(current);
+    r->total.push_back(total);
+    return 7;
+}
+
+TEST(Progress, OverrunFallsBackToHalfAndClimbsAgain) {
+    Recorder r;
+    qx::setProgProc(record, &r, 130, 10);
+    for (int i = 0; i < 15; ++i) qx::progressKick();
+    const std::vector<int> expected = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120, 65, 75, 85};
+    EXPECT_EQ(r.current, expected);
+    for (int t : r.total) EXPECT_EQ(t, 130);
+}
+
+TEST(Progress, KickReturnsTheCallbacksResult) {
+    Recorder r;
+    qx::setProgProc(record, &r, 100, 1);
+    EXPECT_EQ(qx::progressKick(), 7);
+}
+
+TEST(Progress, ZeroTotalReportsZero) {
+    Recorder r;
+    qx::setProgProc(record, &r, 0, 10);
+    qx::progressKick();
+    qx::progressKick();
+    EXPECT_EQ(r.current, (std::vector<int>{0, 0}));
+}
+
+TEST(Progress, NoCallbackWithoutParameter) {
+    Recorder r;
+    qx::setProgProc(record, nullptr, 130, 10);
+    EXPECT_EQ(qx::progressKick(), 1);
+    qx::setProgProc(nullptr, &r, 130, 10);
+    EXPECT_EQ(qx::progressKick(), 1);
+    EXPECT_TRUE(r.current.empty());
+}
+
+TEST(Progress, SetRangeKeepsTheCurrentValue) {
+    Recorder r;
+    qx::setProgProc(record, &r, 100, 30);
+    qx::progressKick();
+    EXPECT_EQ(qx::setProgRange(1000, 5), 30);
+    qx::progressKick();
+    EXPECT_EQ(r.current.back(), 35);
+}
+
+TEST(Progress, InitClearsEverything) {
+    Recorder r;
+    qx::setProgProc(record, &r, 100, 30);
+    qx::initProgProc();
+    const auto s = qx::progressState();
+    EXPECT_EQ(s.proc, nullptr);
+    EXPECT_EQ(s.param, nullptr);
+    EXPECT_EQ(s.total, 0);
+    EXPECT_EQ(s.current, 0);
+    EXPECT_EQ(s.step, 0);
+}
+
+TEST(Progress, KicksFromParallelThreadsAreAllCounted) {
+    Recorder r;
+    qx::setProgProc(record, &r, 1 << 30, 1);
+#pragma omp parallel for
+    for (int i = 0; i < 1000; ++i) qx::progressKick();
+    ASSERT_EQ(r.current.size(), 1000u);
+    // Under the lock every report is one more than the one before.
+    for (size_t i = 0; i < r.current.size(); ++i) EXPECT_EQ(r.current[i], static_cast<int>(i) + 1);
+}
+
+}  // namespace
