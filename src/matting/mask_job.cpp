@@ -1,0 +1,243 @@
+// The tri-map job from the host's call to the result. The memory budget decides the resolution:
+// a direct run at full size, a run at half size, or a run at a free size below that; a reduced
+// result is brought back guided by the full-resolution colour. Only pixels the caller gave as
+// exactly 0 or 255 can come back as 0 or 255.
+#include "matting/mask_job.h"
+
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <new>
+
+#include "frame/args.h"
+#include "frame/export_guard.h"
+#include "frame/memory.h"
+#include "frame/progress.h"
+#include "matting/cfmatt.h"
+#include "qxiveilon31.h"
+#include "resample/cblf.h"
+#include "resample/upsample2x.h"
+
+namespace qx {
+namespace {
+
+constexpr double kBytesPerUnknown = 1920.0;   // budget of one undecided pixel in the solve
+constexpr double kBytesPerPixel = 12.0;       // budget of one image pixel
+constexpr double kFallbackBudget = 500000000.0;
+constexpr double kDirectPixelLimit = 1500000.0;
+constexpr float kDirectUnknownLimit = 400000.0f;
+
+using PlanePtr = std::unique_ptr<Plane8>;
+
+// Copies row `from` over rows [first, last] at full width.
+void repeatRow(Plane8& p, int from, int first, int last) {
+    for (int y = first; y <= last; ++y)
+        prim::copy_8u_C1(p.row(from), p.step, p.row(y), p.step, {p.width, 1});
+}
+
+// Copies column `from` over columns [first, last] in every row.
+void repeatColumn(Plane8& p, int from, int first, int last) {
+    for (int y = 0; y < p.height; ++y) {
+        unsigned char* r = p.row(y);
+        for (int x = first; x <= last; ++x) r[x] = r[from];
+    }
+}
+
+// The enlarged result's edges carry no estimate of their own: the first `lead` rows and
+// columns take the next one in, the last `trail` the one before them. Rows first.
+void repairBorders(Plane8& p, int lead, int trail) {
+    const int w = p.width, h = p.height;
+    if (w <= lead + trail || h <= lead + trail) return;
+    repeatRow(p, lead, 0, lead - 1);
+    repeatRow(p, h - trail - 1, h - trail, h - 1);
+    repeatColumn(p, lead, 0, lead - 1);
+    repeatColumn(p, w - trail - 1, w - trail, w - 1);
+}
+
+// Halving followed, when the target is smaller than half, by a cubic resize.
+void reduceTo(Plane8& src, Plane8& dst, int filter) {
+    const int hw = src.width / 2, hh = src.height / 2;
+    if (hw == dst.width && hh == dst.height) {
+        CDnsampleQX2X(src, dst, filter);
+        return;
+    }
+    Plane8 half(hw, hh);
+    CDnsampleQX2X(src, half, filter);
+    dst.status = prim::resizeCubic_8u_C1(half.data, half.size(), half.step, {0, 0, hw, hh},
+                                         dst.data, dst.step, dst.size(),
+                                         double(dst.width) / hw, double(dst.height) / hh);
+}
+
+// Guided doubling, preceded, when the reduced result is smaller than half, by a cubic resize.
+void enlargeTo(Plane8& small, Plane8& big, Plane8** guide) {
+    const int hw = big.width / 2, hh = big.height / 2;
+    Plane8* bigList[2] = {&big, nullptr};
+    if (hw == small.width && hh == small.height) {
+        Plane8* smallList[2] = {&small, nullptr};
+        CUpSampleQX2X(smallList, bigList, 1, guide, 3, 10.0f);
+        return;
+    }
+    Plane8 half(hw, hh);
+    half.status = prim::resizeCubic_8u_C1(small.data, small.size(), small.step,
+                                          {0, 0, small.width, small.height}, half.data,
+                                          half.step, half.size(), double(hw) / small.width,
+                                          double(hh) / small.height);
+    Plane8* halfList[2] = {&half, nullptr};
+    CUpSampleQX2X(halfList, bigList, 1, guide, 3, 10.0f);
+}
+
+// The memory budget in bytes, with the fallback when the status cannot be read.
+double maskBudget() {
+    const double budget = usableMemInMB() * 1000.0;
+    return budget < 10.0 ? kFallbackBudget : budget;
+}
+
+// Only pixels given as exactly 0 or 255 may come back as 0 or 255.
+void hardValueRule(Plane8& result, const Plane8& tri) {
+    for (int y = 0; y < result.height; ++y) {
+        unsigned char* r = result.row(y);
+        const unsigned char* t = tri.row(y);
+        for (int x = 0; x < result.width; ++x) {
+            if (r[x] == 0 && t[x] != 0) r[x] = 1;
+            else if (r[x] == 255 && t[x] != 255) r[x] = 254;
+        }
+    }
+}
+
+int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
+                 unsigned char bgCode, int levelHigh, int levelLow) {
+    setProgProc(req->progProc, req->progParam, 130, 10);
+    const int width = req->width, height = req->height;
+
+    Plane8 savedTri(width, height);
+    PlanePtr colour[3];
+    for (int c = 0; c < 3; ++c)
+        colour[c] = std::make_unique<Plane8>(width, height, req->planes[c], req->planeStep);
+    PlanePtr mask = std::make_unique<Plane8>(width, height, req->mask, req->maskStep);
+    Copy(*mask, savedTri);
+
+    const RunChoice run = chooseMaskRun(width, height, unknownPixels, maskBudget());
+    Plane8* full[3] = {colour[0].get(), colour[1].get(), colour[2].get()};
+    if (run.kind == RunKind::Direct) {
+        qxMaskProc(full, *mask, 0, fgCode, bgCode, levelHigh, levelLow);
+    } else {
+        const bool half = run.kind == RunKind::Half;
+        PlanePtr small[3];
+        for (auto& p : small) p = std::make_unique<Plane8>(run.width, run.height);
+        Plane8 smallMask(run.width, run.height);
+        // One colour plane a thread; a failure inside a worker is carried out to the caller.
+        int failure[3] = {0, 0, 0};
+#pragma omp parallel for schedule(static) num_threads(3)
+        for (int c = 0; c < 3; ++c) {
+            try {
+                if (half) CDnsampleQX2X(*colour[c], *small[c], 1);
+                else reduceTo(*colour[c], *small[c], 1);
+            } catch (int e) {
+                failure[c] = e;
+            } catch (...) {
+                failure[c] = INT32_MIN;  // not an int status: reported as any other failure
+            }
+        }
+        for (int e : failure) {
+            if (e == INT32_MIN) throw std::bad_alloc();
+            if (e != 0) throw e;
+        }
+        if (half) CDnsampleQX2X(*mask, smallMask, 0);
+        else reduceTo(*mask, smallMask, 0);
+        progressKick();
+
+        Plane8* reduced[3] = {small[0].get(), small[1].get(), small[2].get()};
+        qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow);
+
+        if (half) {
+            Plane8* smallList[2] = {&smallMask, nullptr};
+            Plane8* bigList[2] = {mask.get(), nullptr};
+            CUpSampleQX2X(smallList, bigList, 1, full, 3, 10.0f);
+            repairBorders(*mask, 1, 3);
+        } else {
+            enlargeTo(smallMask, *mask, full);
+            repairBorders(*mask, 2, 9);
+        }
+    }
+    for (auto& c : colour) c.reset();
+    hardValueRule(*mask, savedTri);
+    return 1;
+}
+
+bool validRequest(const MaskRequest* req) {
+    if (!req || !req->planes || !req->mask) return false;
+    for (int c = 0; c < 3; ++c)
+        if (!validPlane(req->planes[c], req->planeStep, req->width, req->height, 1)) return false;
+    return validPlane(req->mask, req->maskStep, req->width, req->height, 1);
+}
+
+}  // namespace
+
+RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budget) {
+    // The per-unknown product is formed in single precision.
+    const double need = static_cast<double>(static_cast<float>(kBytesPerUnknown) * unknownPixels) +
+                        kBytesPerPixel * (static_cast<double>(width) * static_cast<double>(height));
+    const double scale = std::sqrt(need / budget);
+    RunChoice run{RunKind::Direct, width, height, scale};
+    if (scale <= 1.0 && static_cast<double>(width) * height < kDirectPixelLimit &&
+        unknownPixels < kDirectUnknownLimit)
+        return run;
+    if (scale <= 2.0) {
+        run.kind = RunKind::Half;
+        run.width = width / 2;
+        run.height = height / 2;
+    } else {
+        run.kind = RunKind::Free;
+        run.width = static_cast<int>(width / scale);
+        run.height = static_cast<int>(height / scale);
+    }
+    return run;
+}
+
+int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgCode,
+               unsigned char bgCode, int levelHigh, int levelLow) {
+    const int width = colour[0]->width, height = colour[0]->height;
+    unsigned char* planes[3] = {colour[0]->data, colour[1]->data, colour[2]->data};
+    {
+        CFMatt matt;
+        matt.bgCode = bgCode;
+        matt.fgCode = fgCode;
+        matt.epsilon = 1e-7;
+        matt.sharpen = 3.0f;
+        matt.CompAlpha(planes, colour[0]->step, width, height, mask.data, mask.step);
+        progressKick();
+        matt.cleanMemAll();
+    }
+
+    unsigned char* maskList[1] = {mask.data};
+    CBLFRGB(width, height, maskList, mask.step, 1, planes, colour[0]->step, 3, 1, 10.0f, 0.825f,
+            1e-6f);
+    progressKick();
+
+    applyFinalLevels(mask, levelHigh, levelLow);
+    return 1;
+}
+
+void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow) {
+    int range = levelHigh - levelLow;
+    if (range <= 0) range = 1;
+    if (range >= 255) return;
+    mask.status = prim::subC_8u_C1IS(static_cast<uint8_t>(levelLow), mask.data, mask.step,
+                                     mask.size(), 0);
+    const int gain = std::min(16320 / range, 255);
+    mask.status = prim::mulC_8u_C1IS(static_cast<uint8_t>(gain), mask.data, mask.step,
+                                     mask.size(), 6);
+}
+
+}  // namespace qx
+
+extern "C" QX_API int qxMaskAlpha(MaskRequest* request, int /*reserved*/, float unknownPixels,
+                                  int fgCode, int bgCode, int levelHigh, int levelLow) {
+    if (!qx::validRequest(request)) return -1000;
+    return qx::guardedCall(
+        [&] {
+            return qx::maskAlphaJob(request, unknownPixels, static_cast<unsigned char>(fgCode),
+                                    static_cast<unsigned char>(bgCode), levelHigh, levelLow);
+        },
+        [](int e) { return e - 1000; }, -1000);
+}

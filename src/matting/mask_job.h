@@ -1,0 +1,31 @@
+// The tri-map job behind qxMaskAlpha: run choice, one run at one resolution, final levels.
+#pragma once
+
+#include "matting/cfmatt.h"
+
+namespace qx {
+
+enum class RunKind { Direct, Half, Free };
+
+struct RunChoice {
+    RunKind kind;
+    int width;    // run size
+    int height;
+    double scale;  // sqrt(need / budget)
+};
+
+// Each undecided pixel is budgeted at 1920 bytes and each image pixel at 12; the run shrinks
+// both by the square of the scale. Images of 1,500,000 pixels or more and jobs of 400,000
+// undecided pixels or more never run at full size.
+RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budgetBytes);
+
+// One run: closed-form solve with sharpening, cross bilateral clean-up along the colour edges,
+// final levels. The colour views and the mask share one size. Returns 1.
+int qxMaskProc(Plane8** colour, Plane8& mask, int ignored, unsigned char fgCode,
+               unsigned char bgCode, int levelHigh, int levelLow);
+
+// Stretches [levelLow, levelHigh] to [0, 255] (multiplier min(16320 / range, 255) over 64); a
+// range of 255 or more leaves the mask, an empty or negative range counts as 1.
+void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow);
+
+}  // namespace qx

@@ -1,0 +1,125 @@
+// The matting Laplacian over 3x3 windows. Each window with its centre undecided in `core` gets a
+// local colour model (mean and regularised covariance); it contributes the affinity
+// (1 + (Ia - mu)^T inv(cov + eps/9 E) (Ib - mu)) / 9 between each pair of its nine pixels. All
+// 81 values go into the row sums, the 45 on or above the diagonal into the triples (window
+// indices ascend, so a <= b is exactly win[a] <= win[b]).
+#include <algorithm>
+#include <cstdlib>
+
+#include "matting/cfmatt.h"
+
+namespace qx {
+namespace {
+
+constexpr int64_t kMaxTriples = 400000000;
+constexpr double kNinth = 0.1111111111111111;
+
+// The window's 9x9 affinity block from its 27 colour values (channel-major, window order).
+void windowAffinities(double I[27], double epsilon, double T[81]) {
+    double mu[3];
+    for (int c = 0; c < 3; ++c) {
+        double s = 0.0;
+        for (int k = 0; k < 9; ++k) s += I[9 * c + k];
+        mu[c] = s / 9.0;
+    }
+    double cov[9];
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < 3; ++j) {
+            double dot;
+            prim::dotProd_64f(I + 9 * i, I + 9 * j, 9, &dot);
+            cov[3 * i + j] = dot / 9.0 - mu[i] * mu[j];
+            if (i == j) cov[3 * i + j] += epsilon / 9.0;
+        }
+    }
+    double inv[9];
+    prim::invert3x3_64f(cov, 3 * sizeof(double), inv, 3 * sizeof(double));
+    for (int c = 0; c < 3; ++c) prim::subC_64f_I(mu[c], I + 9 * c, 9);
+    // P (9x3) = I^T inv, then T (9x9) = P I.
+    double P[27];
+    prim::matMulTransA_64f(I, 9 * sizeof(double), 9, 3, inv, 3 * sizeof(double), 3, P,
+                           3 * sizeof(double));
+    prim::matMul_64f(P, 3 * sizeof(double), 9, 3, I, 9 * sizeof(double), 9, T,
+                     9 * sizeof(double));
+    for (int k = 0; k < 81; ++k) T[k] = (T[k] + 1.0) * kNinth;
+}
+
+}  // namespace
+
+template <typename ReadWindow>
+int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
+    const int width = core.width, height = core.height;
+
+    // Size: the interior windows less the definite interior pixels. The 0.4 guards against a
+    // byte sum that falls just short of a multiple of 255.
+    double sum = 0.0;
+    core.border(1, 1);
+    core.width -= 1;
+    core.height -= 1;
+    prim::sum_8u_C1(core.data, core.step, core.size(), &sum);
+    core.restoreRect();
+    const int interiorKnown = static_cast<int>(sum / 255.0 + 0.4);
+    const int64_t windows = static_cast<int64_t>(width - 2) * (height - 2) - interiorKnown;
+    const int64_t capacity = windows * 50;
+    *count = static_cast<int>(std::clamp<int64_t>(capacity, INT32_MIN, INT32_MAX));
+    if (capacity <= 0) return 4;
+    if (capacity > kMaxTriples) throw -1;
+
+    const int64_t pixels = static_cast<int64_t>(width) * height;
+    lapVals = static_cast<float*>(std::malloc(sizeof(float) * capacity));
+    lapRows = static_cast<int*>(std::malloc(sizeof(int) * capacity));
+    lapCols = static_cast<int*>(std::malloc(sizeof(int) * capacity));
+    lapDiag = static_cast<float*>(std::calloc(static_cast<size_t>(pixels), sizeof(float)));
+    if (!lapVals || !lapRows || !lapCols || !lapDiag) {
+        cleanMemAll();
+        throw 130;
+    }
+
+    int64_t n = 0;
+    double I[27], T[81];
+    int win[9];
+    for (int y = 1; y < height - 1; ++y) {
+        const unsigned char* coreRow = core.row(y);
+        for (int x = 1; x < width - 1; ++x) {
+            if (coreRow[x] != 0) continue;
+            winIdx(x, y, width, win);
+            readWindow(x, y, I);
+            windowAffinities(I, epsilon, T);
+            for (int a = 0; a < 9; ++a) {
+                float* diag = lapDiag + win[a];
+                for (int b = 0; b < 9; ++b) {
+                    const float v = static_cast<float>(T[9 * a + b]);
+                    *diag += v;
+                    if (a <= b) {
+                        lapRows[n] = win[a];
+                        lapCols[n] = win[b];
+                        lapVals[n] = v;
+                        ++n;
+                    }
+                }
+            }
+        }
+    }
+    *count = static_cast<int>(n);
+    return 0;
+}
+
+int CFMatt::compMatLap(Plane8& core, unsigned char* const* planes, int planeStep, int* count) {
+    return buildLaplacian(core, count, [&](int x, int y, double I[27]) {
+        const int64_t offset = static_cast<int64_t>(y) * planeStep + x;
+        for (int c = 0; c < 3; ++c) copy3x3(planes[c] + offset, planeStep, I + 9 * c);
+    });
+}
+
+int CFMatt::compMatLap(Plane8& core, GIMG<float>* const* planes, int* count) {
+    return buildLaplacian(core, count, [&](int x, int y, double I[27]) {
+        for (int c = 0; c < 3; ++c) copy3x3(planes[c]->ptr(x, y), planes[c]->step, I + 9 * c);
+    });
+}
+
+int CFMatt::compMatLap(Plane8& core, const IMG3<unsigned char>& image, int* count) {
+    return buildLaplacian(core, count, [&](int x, int y, double I[27]) {
+        copy3x3C3(image.ptr(x, y), image.step, I);
+    });
+}
+
+}  // namespace qx

@@ -1,0 +1,226 @@
+// The tri-map job through the C interface: run choice, the three runs on composites with a known
+// alpha, the hard-value rule, the final levels, progress and refusals.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "frame/memory.h"
+#include "matting/mask_job.h"
+#include "matting_fixtures.h"
+#include "qxiveilon31.h"
+
+using qx::RunKind;
+using qxtest::Composite;
+using qxtest::PaddedPlane;
+
+namespace {
+
+TEST(MaskRun, DirectNeedsSmallImageFewUnknownsAndBudget) {
+    const double big = 3.5e9;
+    EXPECT_EQ(qx::chooseMaskRun(1000, 1000, 1000.0f, big).kind, RunKind::Direct);
+    // Exactly 1,500,000 pixels, or exactly 400,000 undecided pixels, leave the direct run.
+    EXPECT_EQ(qx::chooseMaskRun(1500, 1000, 1000.0f, big).kind, RunKind::Half);
+    EXPECT_EQ(qx::chooseMaskRun(1499, 1000, 1000.0f, big).kind, RunKind::Direct);
+    EXPECT_EQ(qx::chooseMaskRun(1000, 1000, 400000.0f, big).kind, RunKind::Half);
+    EXPECT_EQ(qx::chooseMaskRun(1000, 1000, 399999.0f, big).kind, RunKind::Direct);
+    const auto half = qx::chooseMaskRun(1501, 1001, 10.0f, big);
+    EXPECT_EQ(half.width, 750);
+    EXPECT_EQ(half.height, 500);
+}
+
+TEST(MaskRun, ScaleOfTwoIsHalfAndAboveIsFree) {
+    // need = 12 * 100 * 100 = 120,000 bytes with no unknowns; budget need / 4 gives scale 2.
+    EXPECT_EQ(qx::chooseMaskRun(100, 100, 0.0f, 30000.0).kind, RunKind::Half);
+    const auto free = qx::chooseMaskRun(100, 100, 0.0f, 29999.0);
+    EXPECT_EQ(free.kind, RunKind::Free);
+    EXPECT_GT(free.scale, 2.0);
+    EXPECT_EQ(free.width, static_cast<int>(100 / free.scale));
+    // scale 3: 100 / 3 = 33.3 -> 33.
+    const auto third = qx::chooseMaskRun(100, 100, 0.0f, 120000.0 / 9.0);
+    EXPECT_EQ(third.width, 33);
+    EXPECT_EQ(third.height, 33);
+}
+
+TEST(FinalLevels, RangesAndCaps) {
+    PaddedPlane p(4, 1);
+    const unsigned char in[4] = {0, 10, 42, 200};
+    auto run = [&](int hi, int lo) {
+        for (int x = 0; x < 4; ++x) p.at(x, 0) = in[x];
+        qx::Plane8 v(4, 1, p.data(), p.step);
+        qx::applyFinalLevels(v, hi, lo);
+    };
+    run(255, 0);  // full range: untouched
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
+    run(50, 50);  // empty range counts as 1: multiplier 255, (v - 50) * 255 / 64
+    EXPECT_EQ(p.at(0, 0), 0);
+    EXPECT_EQ(p.at(2, 0), 0);
+    EXPECT_EQ(p.at(3, 0), 255);
+    run(74, 10);  // range 64: multiplier 255, the same as any smaller range
+    EXPECT_EQ(p.at(1, 0), 0);
+    EXPECT_EQ(p.at(2, 0), 128);  // 32 * 255 / 64 = 127.5 -> ties to even: 128
+    run(200, 0);  // range 200: multiplier 81; 42 * 81 / 64 = 53.16 -> 53
+    EXPECT_EQ(p.at(2, 0), 53);
+    EXPECT_EQ(p.at(3, 0), 253);  // 200 * 81 / 64 = 253.1
+    EXPECT_TRUE(p.padsIntact());
+}
+
+struct Job {
+    Composite comp;
+    PaddedPlane mask;
+    MaskRequest req{};
+    std::vector<int> progress;
+
+    Job(int w, int h, double r0, double r1, int band) : comp(w, h, r0, r1, band, 0.0) {
+        mask = comp.trimap;
+        req.planes = comp.planeArray();
+        req.planeStep = comp.planes[0].step;
+        req.mask = mask.data();
+        req.maskStep = mask.step;
+        req.width = w;
+        req.height = h;
+        req.progProc = [](int current, int, void* p) {
+            static_cast<std::vector<int>*>(p)->push_back(current);
+            return 0;
+        };
+        req.progParam = &progress;
+    }
+    int run(int hi = 255, int lo = 0) {
+        return qxMaskAlpha(&req, 0, static_cast<float>(comp.unknownCount()), 255, 0, hi, lo);
+    }
+    // Only pixels given as exactly 0 or 255 may come out as 0 or 255.
+    void expectHardValueRule() const {
+        for (int y = 0; y < comp.height; ++y)
+            for (int x = 0; x < comp.width; ++x) {
+                const int r = mask.at(x, y), t = comp.trimap.at(x, y);
+                if (r == 0) ASSERT_EQ(t, 0) << x << "," << y;
+                if (r == 255) ASSERT_EQ(t, 255) << x << "," << y;
+            }
+    }
+};
+
+class MaskAlpha : public ::testing::Test {
+protected:
+    void TearDown() override { qx::overrideMemStatus(nullptr); }
+};
+
+TEST_F(MaskAlpha, DirectRunRecoversAKnownAlpha) {
+    Job job(160, 120, 25, 40, 4);
+    ASSERT_EQ(job.run(), 1);
+    EXPECT_LT(job.comp.meanError(job.mask), 0.015);
+    job.expectHardValueRule();
+    EXPECT_TRUE(job.mask.padsIntact());
+    for (int c = 0; c < 3; ++c) EXPECT_TRUE(job.comp.planes[c].padsIntact());
+    // Twelve kicks of 10 on a total of 130: 130 itself is never reported.
+    const std::vector<int> want = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120};
+    EXPECT_EQ(job.progress, want);
+}
+
+TEST_F(MaskAlpha, HalfSizeRunOnALargeImage) {
+    Job job(1300, 1200, 300, 360, 6);  // 1,560,000 pixels: never direct
+    ASSERT_EQ(job.run(), 1);
+    EXPECT_LT(job.comp.meanError(job.mask), 0.01);
+    job.expectHardValueRule();
+    EXPECT_TRUE(job.mask.padsIntact());
+    ASSERT_EQ(job.progress.size(), 13u);  // one more kick after the reduction
+    EXPECT_EQ(job.progress.back(), 65);
+}
+
+TEST_F(MaskAlpha, FreeSizeRunUnderATightBudget) {
+    Job job(1300, 1200, 300, 360, 6);
+    // need = 1920 * unknowns + 12 * pixels; a budget of need / 9 gives scale 3.
+    const double need = 1920.0 * job.comp.unknownCount() + 12.0 * 1300 * 1200;
+    const uint64_t bytes = static_cast<uint64_t>(need / 9.0 / 1000.0) * 1300;
+    const qx::MemStatus s{bytes, bytes, bytes};
+    qx::overrideMemStatus(&s);
+    ASSERT_EQ(job.run(), 1);
+    EXPECT_LT(job.comp.meanError(job.mask), 0.012);
+    job.expectHardValueRule();
+    EXPECT_TRUE(job.mask.padsIntact());
+}
+
+TEST_F(MaskAlpha, FailedMemoryStatusFallsBackToHalfAGigabyte) {
+    qx::overrideMemStatus(nullptr, true);
+    Job job(120, 90, 18, 30, 3);
+    ASSERT_EQ(job.run(), 1);  // 500,000,000 bytes is plenty: direct run
+    EXPECT_EQ(job.progress.size(), 12u);
+    EXPECT_LT(job.comp.meanError(job.mask), 0.02);
+}
+
+TEST_F(MaskAlpha, IntermediateCodesNeverBecomeHardValues) {
+    Job job(120, 90, 18, 30, 3);
+    // A definite-looking code that is not 0 or 255 stays off the extremes.
+    job.mask.at(0, 0) = 17;
+    job.comp.trimap.at(0, 0) = 17;
+    job.mask.at(60, 45) = 250;
+    job.comp.trimap.at(60, 45) = 250;
+    ASSERT_EQ(qxMaskAlpha(&job.req, 0, static_cast<float>(job.comp.unknownCount()), 250, 17,
+                          255, 0), 1);
+    EXPECT_EQ(job.mask.at(0, 0), 1);
+    EXPECT_EQ(job.mask.at(60, 45), 254);
+    job.expectHardValueRule();
+}
+
+TEST_F(MaskAlpha, LevelsStretchTheResult) {
+    Job plain(100, 80, 15, 25, 3), stretched(100, 80, 15, 25, 3);
+    ASSERT_EQ(plain.run(), 1);
+    ASSERT_EQ(stretched.run(200, 50), 1);
+    // Undecided pixels: (v - 50) * 108 / 64, then the hard-value rule.
+    for (int y = 0; y < 80; ++y)
+        for (int x = 0; x < 100; ++x) {
+            if (plain.comp.trimap.at(x, y) != 128) continue;
+            const int v = plain.mask.at(x, y);
+            int want = v <= 50 ? 0 : std::min(255, ((v - 50) * 108 + 31 + (((v - 50) * 108 >> 6) & 1)) >> 6);
+            if (want == 0) want = 1;
+            if (want == 255) want = 254;
+            // The plain run already applied the hard-value rule (0 -> 1, 255 -> 254).
+            if (v == 1 || v == 254) continue;
+            // The bilateral clean-up sums in a thread-dependent order: a level may differ by one
+            // before the stretch, by two after it.
+            EXPECT_NEAR(stretched.mask.at(x, y), want, 2) << x << "," << y;
+        }
+}
+
+TEST_F(MaskAlpha, RefusesBadRequestsWithoutWriting) {
+    Job job(40, 30, 6, 10, 2);
+    const PaddedPlane before = job.mask;
+    EXPECT_EQ(qxMaskAlpha(nullptr, 0, 10.0f, 255, 0, 255, 0), -1000);
+    MaskRequest r = job.req;
+    r.mask = nullptr;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    r = job.req;
+    r.planes = nullptr;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    r = job.req;
+    unsigned char* planes[3] = {job.req.planes[0], nullptr, job.req.planes[2]};
+    r.planes = planes;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    r = job.req;
+    r.width = 0;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    r = job.req;
+    r.height = -3;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    r = job.req;
+    r.maskStep = r.width - 1;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    r = job.req;
+    r.planeStep = 0;
+    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
+    EXPECT_EQ(job.mask.bytes, before.bytes);
+    EXPECT_TRUE(job.progress.empty());
+}
+
+TEST_F(MaskAlpha, TriMapsWithoutUndecidedOrWithoutDefinitePixelsRunToTheEnd) {
+    Job allKnown(50, 40, 8, 12, 0);
+    for (int y = 0; y < 40; ++y)
+        for (int x = 0; x < 50; ++x) allKnown.mask.at(x, y) = allKnown.comp.trimap.at(x, y) = x < 25 ? 0 : 255;
+    EXPECT_EQ(allKnown.run(), 1);
+
+    Job noneKnown(50, 40, 8, 12, 0);
+    for (int y = 0; y < 40; ++y)
+        for (int x = 0; x < 50; ++x) noneKnown.mask.at(x, y) = noneKnown.comp.trimap.at(x, y) = 128;
+    EXPECT_EQ(noneKnown.run(), 1);
+    noneKnown.expectHardValueRule();
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+// Small helpers shared by the matting tests: padded planes and synthetic composites whose alpha
+// is known.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "image/img.h"
+
+namespace qxtest {
+
+// A byte plane with `pad` bytes after every row, filled with the pad value 0xEE.
+struct PaddedPlane {
+    int width = 0, height = 0, step = 0;
+    std::vector<unsigned char> bytes;
+    PaddedPlane() = default;
+    PaddedPlane(int w, int h, int pad = 7, unsigned char fill = 0)
+        : width(w), height(h), step(w + pad), bytes(static_cast<size_t>(step) * h, 0xEE) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) at(x, y) = fill;
+    }
+    unsigned char& at(int x, int y) { return bytes[static_cast<size_t>(y) * step + x]; }
+    unsigned char at(int x, int y) const { return bytes[static_cast<size_t>(y) * step + x]; }
+    unsigned char* data() { return bytes.data(); }
+    bool padsIntact() const {
+        for (int y = 0; y < height; ++y)
+            for (int x = width; x < step; ++x)
+                if (bytes[static_cast<size_t>(y) * step + x] != 0xEE) return false;
+        return true;
+    }
+};
+
+// A composite I = a F + (1 - a) B over three planes, with a soft disc as alpha: 1 inside
+// radius r0, 0 outside r1, linear in between. F and B are constant colours plus an optional
+// small texture of the background, so that the colour-line model holds in every window.
+struct Composite {
+    int width, height;
+    PaddedPlane planes[3];
+    PaddedPlane trimap;
+    std::vector<double> alpha;  // ground truth, 0..1
+
+    Composite(int w, int h, double r0, double r1, int band, double texture = 0.0,
+              unsigned seed = 1)
+        : width(w), height(h), alpha(static_cast<size_t>(w) * h) {
+        const double fg[3] = {220, 60, 40}, bgBase[3] = {30, 90, 200};
+        std::mt19937 rng(seed);
+        std::uniform_real_distribution<double> noise(-1.0, 1.0);
+        for (auto& p : planes) p = PaddedPlane(w, h, 5);
+        trimap = PaddedPlane(w, h, 3);
+        const double cx = w / 2.0, cy = h / 2.0;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                const double d = std::hypot(x + 0.5 - cx, y + 0.5 - cy);
+                const double a = d <= r0 ? 1.0 : d >= r1 ? 0.0 : (r1 - d) / (r1 - r0);
+                alpha[static_cast<size_t>(y) * w + x] = a;
+                const double t = texture * noise(rng);
+                for (int c = 0; c < 3; ++c) {
+                    const double v = a * fg[c] + (1 - a) * (bgBase[c] + t);
+                    planes[c].at(x, y) = static_cast<unsigned char>(std::lround(std::clamp(v, 0.0, 255.0)));
+                }
+                // Undecided within `band` pixels of the soft edge.
+                unsigned char code = 128;
+                if (d < r0 - band) code = 255;
+                else if (d > r1 + band) code = 0;
+                trimap.at(x, y) = code;
+            }
+        }
+    }
+    unsigned char* planePtrs[3];
+    unsigned char** planeArray() {
+        for (int c = 0; c < 3; ++c) planePtrs[c] = planes[c].data();
+        return planePtrs;
+    }
+    // Mean absolute error over the undecided pixels of the tri-map, on the 0..1 scale.
+    double meanError(const PaddedPlane& result) const {
+        double sum = 0;
+        int n = 0;
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                if (trimap.at(x, y) == 128) {
+                    sum += std::fabs(result.at(x, y) / 255.0 - alpha[static_cast<size_t>(y) * width + x]);
+                    ++n;
+                }
+        return n ? sum / n : 0.0;
+    }
+    int unknownCount() const {
+        int n = 0;
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) n += trimap.at(x, y) == 128;
+        return n;
+    }
+};
+
+// Dense solve of A x = b by Gaussian elimination with partial pivoting (test reference).
+inline std::vector<double> denseSolve(std::vector<double> A, std::vector<double> b) {
+    const int n = static_cast<int>(b.size());
+    for (int k = 0; k < n; ++k) {
+        int p = k;
+        for (int i = k + 1; i < n; ++i)
+            if (std::fabs(A[i * n + k]) > std::fabs(A[p * n + k])) p = i;
+        if (p != k) {
+            for (int j = 0; j < n; ++j) std::swap(A[k * n + j], A[p * n + j]);
+            std::swap(b[k], b[p]);
+        }
+        for (int i = k + 1; i < n; ++i) {
+            const double f = A[i * n + k] / A[k * n + k];
+            for (int j = k; j < n; ++j) A[i * n + j] -= f * A[k * n + j];
+            b[i] -= f * b[k];
+        }
+    }
+    std::vector<double> x(n);
+    for (int i = n - 1; i >= 0; --i) {
+        double s = b[i];
+        for (int j = i + 1; j < n; ++j) s -= A[i * n + j] * x[j];
+        x[i] = s / A[i * n + i];
+    }
+    return x;
+}
+
+}  // namespace qxtest
