@@ -160,8 +160,11 @@ QX_API int setDebugTrace(unsigned traceMask, const char* traceDir);
 /* ---- Tri-map matting ---------------------------------------------------------------------- */
 
 /* Bounding box of the undecided pixels of a tri-map, 12 pixels of margin, with the counts of
- * pixels equal to fgCode and bgCode inside it (is16: 16-bit plane, code c stands for c*128).
- * Returns 1. No undecided pixel, or a box under 24 rows: box 0,0,0,0 and counts -1.
+ * pixels equal to fgCode and bgCode inside it (is16: 16-bit plane, code c stands for c*128,
+ * and values at or beyond fgCode*128 / bgCode*128 count as decided).
+ * Returns 1. No undecided pixel, or a box under 24 rows: box 0,0,0,0 and counts -1 (into the
+ * count pointers that are non-null). Otherwise the counts are written only when both count
+ * pointers are non-null.
  * Refusal (NULL data or box outputs, width or height < 1, step smaller than a row): returns 0
  * and writes nothing. */
 QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width, int height,
@@ -182,16 +185,17 @@ QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, 
 
 /* ---- Brushes and tools -------------------------------------------------------------------- */
 
-/* Draws one brush segment (thickness 2*radius+1, 8-connected) into the code plane.
+/* Draws one brush segment (cv::line thickness 2*radius+1, 8-connected) into the code plane.
  * mode 0 writes 1, 1 writes 255, 2 writes 126, 3 writes (value & 254) + 1, others 0.
- * step 0 means width. Returns 1; refusal (NULL mask, width or height < 1, negative radius,
- * 0 < step < width): returns 0 and writes nothing. */
+ * step 0 means width. Returns 1; refusal (NULL mask, width or height < 1, radius negative or
+ * over 16383, step negative or 0 < step < width): returns 0 and writes nothing. */
 QX_API int qxDrawLine8u(unsigned char* mask, int step, int width, int height, int x0, int y0,
                         int x1, int y1, int radius, unsigned char mode, unsigned char value);
 
 /* Paints the 8-connected region of the seed's label (mode 0 background, 1 foreground,
  * 2 undecided). rect receives left, top, width, height of what may have changed.
- * Returns 1 done, -3 seed outside the plane (rect zeroed), -1 out of memory.
+ * Returns 1 done, -3 seed outside the plane, negative coordinates included (rect zeroed,
+ * plane untouched), -1 out of memory.
  * Refusal (NULL mask or rect, width or height < 1, step smaller than a row): returns 0 and
  * writes nothing. */
 QX_API int qxFloodFillAlpha(unsigned char* mask, int step, int width, int height, int seedX,
@@ -202,8 +206,9 @@ QX_API int qxFloodFillAlpha(unsigned char* mask, int step, int width, int height
 
 /* Paints a preview of an alpha plane onto a 4-byte display image, style 1..6 (any other style
  * does nothing). colour: 3 bytes in reverse pixel order, for styles 3, 4, 6.
- * Returns 1; refusal (NULL image or alpha, NULL colour for styles 3/4/6, width or height < 1,
- * a step smaller than a row): returns 0 and writes nothing. */
+ * Returns 1; refusal (NULL image or alpha, NULL colour for styles 3/4/6, high equal to low
+ * for styles 3..6, width or height < 1, a step smaller than a row): returns 0 and writes
+ * nothing. */
 QX_API int qxShowImageAlpha(unsigned char* image, int imageStep, int width, int height,
                             const unsigned char* alpha, int alphaStep, unsigned char high,
                             unsigned char low, int style, const unsigned char* colour);
@@ -223,9 +228,10 @@ QX_API void qxShowKeepBlend(unsigned char* image, int imageStep, int width, int 
 /* ---- Selection by colour and filters ------------------------------------------------------ */
 
 /* Brush that writes code 255 (foreground != 0) or 1 into unfixed mask pixels under the stroke
- * whose colour lies within tolerance of colour (3 bytes, reverse pixel order).
+ * whose colour lies within tolerance of colour (3 bytes, reverse pixel order): squared distance
+ * strictly below tolerance*tolerance, a 32-bit unsigned product.
  * Returns 1; refusal (NULL request, image, mask or colour, width or height < 1, steps smaller
- * than a row): returns 0 and writes nothing. */
+ * than a row, radius negative or over 16383): returns 0 and writes nothing. */
 QX_API int qxColorRangeSelect(GrabCutRequest* request, int x0, int y0, int x1, int y1,
                               int radius, const unsigned char* colour, unsigned tolerance,
                               unsigned char foreground);
