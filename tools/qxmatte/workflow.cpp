@@ -1,0 +1,145 @@
+#include "workflow.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <opencv2/imgcodecs.hpp>
+#include <vector>
+
+#include "qxiveilon31.h"
+
+namespace qxmatte {
+namespace {
+
+struct ProgressBar {
+    int last = -1;
+};
+
+int drawProgress(int current, int total, void* param) {
+    auto* bar = static_cast<ProgressBar*>(param);
+    const int percent = total > 0 ? current * 100 / total : 0;
+    if (percent == bar->last) return 0;
+    bar->last = percent;
+    const int filled = percent * 30 / 100;
+    std::fprintf(stderr, "\r[%.*s%.*s] %3d%%", filled, "##############################",
+                 30 - filled, "                              ", percent);
+    std::fflush(stderr);
+    return 0;
+}
+
+}  // namespace
+
+MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const MatteOptions& opt) {
+    MatteResult r;
+    const int width = image.cols, height = image.rows;
+    int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
+    qxMaskBBox(0, trimap.data, static_cast<int>(trimap.step), width, height, &left, &boxWidth, &top,
+               &boxHeight, &fgCount, &bgCount, 0, opt.fgCode, opt.bgCode);
+    if (boxWidth <= 0 || boxHeight <= 0) {
+        r.error = "the tri-map has no undecided pixel";
+        return r;
+    }
+    r.boxLeft = left;
+    r.boxTop = top;
+    r.boxWidth = boxWidth;
+    r.boxHeight = boxHeight;
+    r.unknownPixels = boxWidth * boxHeight - fgCount - bgCount;
+
+    // Cut to the box: three separate colour planes and a copy of the tri-map.
+    const cv::Rect box(left, top, boxWidth, boxHeight);
+    std::vector<cv::Mat> planes;
+    cv::split(image(box), planes);
+    cv::Mat mask = trimap(box).clone();
+    unsigned char* planePtrs[3] = {planes[0].data, planes[1].data, planes[2].data};
+
+    MaskRequest req{};
+    req.planes = planePtrs;
+    req.planeStep = static_cast<int32_t>(planes[0].step);
+    req.mask = mask.data;
+    req.maskStep = static_cast<int32_t>(mask.step);
+    req.width = boxWidth;
+    req.height = boxHeight;
+    ProgressBar bar;
+    if (opt.progress) {
+        req.progProc = drawProgress;
+        req.progParam = &bar;
+    }
+    r.status = qxMaskAlpha(&req, 0, static_cast<float>(r.unknownPixels), opt.fgCode, opt.bgCode,
+                           opt.levelHigh, opt.levelLow);
+    if (opt.progress) std::fprintf(stderr, "\r%*s\r", 40, "");
+    if (r.status != 1) {
+        r.error = "matting failed with status " + std::to_string(r.status);
+        return r;
+    }
+
+    // Outside the box every pixel is definite.
+    r.alpha = cv::Mat(height, width, CV_8UC1);
+    for (int y = 0; y < height; ++y) {
+        const unsigned char* t = trimap.ptr<unsigned char>(y);
+        unsigned char* a = r.alpha.ptr<unsigned char>(y);
+        for (int x = 0; x < width; ++x) a[x] = t[x] >= opt.fgCode ? 255 : t[x] <= opt.bgCode ? 0 : t[x];
+    }
+    mask.copyTo(r.alpha(box));
+    r.ok = true;
+    return r;
+}
+
+Accuracy measureAccuracy(const cv::Mat& alpha, const cv::Mat& truth, const cv::Mat& trimap,
+                         int fgCode, int bgCode) {
+    Accuracy acc;
+    double sad = 0.0, sq = 0.0;
+    for (int y = 0; y < alpha.rows; ++y) {
+        const unsigned char* a = alpha.ptr<unsigned char>(y);
+        const unsigned char* g = truth.ptr<unsigned char>(y);
+        const unsigned char* t = trimap.ptr<unsigned char>(y);
+        for (int x = 0; x < alpha.cols; ++x) {
+            if (t[x] <= bgCode || t[x] >= fgCode) continue;
+            const double d = (a[x] - g[x]) / 255.0;
+            sad += std::fabs(d);
+            sq += d * d;
+            ++acc.pixels;
+        }
+    }
+    acc.sad = sad / 1000.0;
+    acc.mse = acc.pixels ? sq / acc.pixels * 1000.0 : 0.0;
+    return acc;
+}
+
+cv::Mat makeCutout(const cv::Mat& image, const cv::Mat& alpha) {
+    std::vector<cv::Mat> channels;
+    cv::split(image, channels);
+    channels.push_back(alpha);
+    cv::Mat out;
+    cv::merge(channels, out);
+    return out;
+}
+
+bool writeImageAtomically(const std::string& path, const cv::Mat& image, std::string* error) {
+    namespace fs = std::filesystem;
+    const fs::path target(path);
+    const fs::path temp = target.parent_path() /
+                          (".qxmatte-" + std::to_string(getpid()) + "-" + target.filename().string());
+    bool written = false;
+    try {
+        written = cv::imwrite(temp.string(), image);
+    } catch (const cv::Exception& e) {
+        written = false;
+    }
+    std::error_code ec;
+    if (!written) {
+        fs::remove(temp, ec);
+        *error = path + ": cannot write the image (unknown extension or unwritable folder)";
+        return false;
+    }
+    fs::rename(temp, target, ec);
+    if (ec) {
+        fs::remove(temp, ec);
+        *error = path + ": cannot write the image (" + ec.message() + ")";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace qxmatte

@@ -1,0 +1,46 @@
+// The host's tri-map workflow on top of the C interface: find the box of the undecided pixels,
+// cut the image to it, solve, paste the alpha back.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <string>
+
+namespace qxmatte {
+
+struct MatteOptions {
+    int fgCode = 255;
+    int bgCode = 0;
+    int levelHigh = 255;
+    int levelLow = 0;
+    bool progress = false;  // draw a progress bar on standard error
+};
+
+struct MatteResult {
+    bool ok = false;
+    std::string error;  // one line, when !ok
+    cv::Mat alpha;      // 8-bit, full image size
+    int boxLeft = 0, boxTop = 0, boxWidth = 0, boxHeight = 0;
+    int unknownPixels = 0;
+    int status = 0;  // qxMaskAlpha's status
+};
+
+// image: 8-bit, 3 channels; trimap: 8-bit, 1 channel, same size.
+MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const MatteOptions& opt);
+
+// SAD (in thousands) and MSE (times 1000) over the pixels the tri-map marks undecided
+// (strictly between bgCode and fgCode), alpha on the 0..1 scale.
+struct Accuracy {
+    double sad = 0.0;
+    double mse = 0.0;
+    long pixels = 0;
+};
+Accuracy measureAccuracy(const cv::Mat& alpha, const cv::Mat& truth, const cv::Mat& trimap,
+                         int fgCode = 255, int bgCode = 0);
+
+// Colour image with alpha as a 4-channel BGRA cut-out.
+cv::Mat makeCutout(const cv::Mat& image, const cv::Mat& alpha);
+
+// Writes through a temporary file and a rename, so that a failed write leaves no partial file.
+bool writeImageAtomically(const std::string& path, const cv::Mat& image, std::string* error);
+
+}  // namespace qxmatte
