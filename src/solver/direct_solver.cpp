@@ -1,0 +1,365 @@
+#include "solver/direct_solver.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include <cholmod.h>
+
+#include "frame/progress.h"
+#include "solver/sparse.h"
+
+namespace qx {
+namespace detail {
+namespace {
+
+constexpr int kAnalysisFailed = 121;
+constexpr int kFactorisationFailed = 122;
+constexpr int kSolveFailed = 123;
+
+// Diagonal shifts tried after a failed factorisation, relative to the largest entry. The first
+// one is far above the rounding noise of a factorisation in double (about 1e-16 of the largest
+// entry times a small growth factor), so an exactly singular block factors at once; the later
+// ones cover float matrices whose Laplacian row sums cancel only to float precision, which leaves
+// eigenvalues a little below zero. The top is small enough that refinement still recovers the
+// constrained part of the solution.
+constexpr double kFirstShift = 1e-8;
+constexpr double kLastShift = 1e-4;
+constexpr double kShiftGrowth = 100.0;
+constexpr int kRefinementSteps = 2;
+
+// Thrown inside the driver when CHOLMOD ran out of memory; the entry decides between the memory
+// path and the phase's integer.
+struct OutOfMemory {
+    int phase;
+};
+
+// Everything one solve holds, released in the destructor, so that every way out of the driver
+// (return, thrown int) frees the factor and the workspace.
+struct Session {
+    cholmod_common c;
+    bool started = false;
+    cholmod_sparse* A = nullptr;
+    cholmod_factor* L = nullptr;
+    cholmod_dense* B = nullptr;
+    cholmod_dense* X = nullptr;
+    cholmod_dense* Y = nullptr;  // solve workspace
+    cholmod_dense* E = nullptr;
+
+    Session() { started = cholmod_start(&c) != 0; }
+    ~Session() {
+        freeDense(&E);
+        freeDense(&Y);
+        freeDense(&X);
+        freeDense(&B);
+        if (L) cholmod_free_factor(&L, &c);
+        if (A) cholmod_free_sparse(&A, &c);
+        if (started) cholmod_finish(&c);
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    void freeDense(cholmod_dense** d) {
+        if (*d) cholmod_free_dense(d, &c);
+    }
+
+    bool memoryFailure() const {
+        return c.status == CHOLMOD_OUT_OF_MEMORY || c.status == CHOLMOD_TOO_LARGE;
+    }
+
+    // A failed CHOLMOD call in the given phase.
+    [[noreturn]] void fail(int phase) const {
+        if (memoryFailure()) throw OutOfMemory{phase};
+        throw phase;
+    }
+};
+
+int cholmodOrdering(Ordering o) {
+    switch (o) {
+    case Ordering::Amd: return CHOLMOD_AMD;
+    case Ordering::Metis: return CHOLMOD_METIS;
+    case Ordering::Nesdis: return CHOLMOD_NESDIS;
+    }
+    return CHOLMOD_AMD;
+}
+
+// Sorts one column's entries by row and adds up repeated rows; returns the new count.
+int sortAndMerge(int* rows, double* vals, int count) {
+    std::vector<std::pair<int, double>> e(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) e[size_t(i)] = {rows[i], vals[i]};
+    std::stable_sort(e.begin(), e.end(),
+                     [](const auto& l, const auto& r) { return l.first < r.first; });
+    int w = 0;
+    for (int i = 0; i < count; ++i) {
+        if (w > 0 && rows[w - 1] == e[size_t(i)].first) {
+            vals[w - 1] += e[size_t(i)].second;
+        } else {
+            rows[w] = e[size_t(i)].first;
+            vals[w] = e[size_t(i)].second;
+            ++w;
+        }
+    }
+    return w;
+}
+
+// The one-based upper triangle in compressed rows is, read by columns, the lower triangle in
+// compressed columns: row k's columns are column k's rows. So CHOLMOD gets the same arrays with
+// one subtracted from the indices and the values in double. The caller's arrays are read-only
+// (they are const, and a caller may solve the same matrix again), so the zero-based indices go to
+// CHOLMOD's own matrix next to the double values it needs anyway: 4 bytes an entry on top of 8,
+// small beside the factor. Allocating through CHOLMOD also puts a failure on the memory path.
+// A value that isn't finite is refused as a malformed matrix (121). Entries below the diagonal are
+// dropped; a column whose rows don't strictly ascend is sorted and its repeats added up, which
+// only the settled quirk of the last row should ever need.
+double buildMatrix(Session& s, int n, const float* a, const int* ia, const int* ja) {
+    const size_t entries = size_t(ia[n] - 1);
+    s.A = cholmod_allocate_sparse(size_t(n), size_t(n), entries > 0 ? entries : 1, 1, 1, -1,
+                                  CHOLMOD_REAL, &s.c);
+    if (!s.A) s.fail(kAnalysisFailed);
+    int* Ap = static_cast<int*>(s.A->p);
+    int* Ai = static_cast<int*>(s.A->i);
+    double* Ax = static_cast<double*>(s.A->x);
+    double largest = 0.0;
+    int pos = 0;
+    Ap[0] = 0;
+    for (int k = 0; k < n; ++k) {
+        const int start = pos;
+        bool ascending = true;
+        for (int q = ia[k] - 1; q < ia[k + 1] - 1; ++q) {
+            const int row = ja[q] - 1;
+            if (row < k) continue;
+            if (pos > start && row <= Ai[pos - 1]) ascending = false;
+            if (!std::isfinite(a[q])) throw kAnalysisFailed;
+            Ai[pos] = row;
+            Ax[pos] = double(a[q]);
+            largest = std::max(largest, std::fabs(Ax[pos]));
+            ++pos;
+        }
+        if (!ascending) pos = start + sortAndMerge(Ai + start, Ax + start, pos - start);
+        Ap[k + 1] = pos;
+    }
+    return largest;
+}
+
+bool factorOk(const Session& s) {
+    return s.c.status >= CHOLMOD_OK && s.L->minor == s.L->n;
+}
+
+// Factorises A + shift*I; throws on errors other than a non-positive pivot.
+bool factorise(Session& s, double shift) {
+    double beta[2] = {shift, 0.0};
+    if (!cholmod_factorize_p(s.A, beta, nullptr, 0, s.L, &s.c) && s.c.status < CHOLMOD_OK)
+        s.fail(kFactorisationFailed);
+    if (s.c.status < CHOLMOD_OK) s.fail(kFactorisationFailed);
+    return factorOk(s);
+}
+
+void analyse(Session& s, int phase) {
+    s.L = cholmod_analyze(s.A, &s.c);
+    if (!s.L) s.fail(phase);
+}
+
+// A dense block for the solve, allocated here so that a failure is seen at once.
+cholmod_dense* allocate(Session& s, size_t rows, size_t cols, size_t lead) {
+    cholmod_dense* d = cholmod_allocate_dense(rows, cols, lead, CHOLMOD_REAL, &s.c);
+    if (!d) s.fail(kSolveFailed);
+    return d;
+}
+
+// *X = A \ R through the factor. cholmod_solve2 would allocate its result and workspace itself
+// when they are missing or of another shape, but after a failed allocation of the first workspace
+// block a successful second one clears the status and the solve goes on with a null block. So
+// every block is allocated here, in the shape the solve asks for, and it never allocates.
+void solveInto(Session& s, cholmod_dense* R, cholmod_dense** X) {
+    const size_t n = R->nrow, nrhs = R->ncol;
+    if (!*X) *X = allocate(s, n, nrhs, n);
+    if (s.L->is_super) {
+        if (!s.Y) s.Y = allocate(s, n, nrhs, n);
+        if (!s.E) s.E = allocate(s, nrhs, s.L->maxesize, nrhs);
+    } else if (!s.Y) {
+        const size_t rows = nrhs > 4 ? nrhs : 4;
+        s.Y = allocate(s, rows, n, rows);
+    }
+    if (!cholmod_solve2(CHOLMOD_A, s.L, R, nullptr, X, nullptr, &s.Y, &s.E, &s.c))
+        s.fail(kSolveFailed);
+}
+
+// Squared norm of R = B - A*X, left in R.
+double residual(Session& s, const cholmod_dense* X, cholmod_dense* R) {
+    std::memcpy(R->x, s.B->x, sizeof(double) * R->nrow * R->ncol);
+    double minusOne[2] = {-1.0, 0.0}, one[2] = {1.0, 0.0};
+    if (!cholmod_sdmult(s.A, 0, minusOne, one, const_cast<cholmod_dense*>(X), R, &s.c))
+        s.fail(kSolveFailed);
+    const double* r = static_cast<const double*>(R->x);
+    double sum = 0.0;
+    for (size_t i = 0; i < R->nrow * R->ncol; ++i) sum += r[i] * r[i];
+    return sum;
+}
+
+// After a shifted factorisation: X += A_shifted \ (B - A*X) while that lowers the residual.
+int refine(Session& s) {
+    struct Blocks {
+        Session& s;
+        cholmod_dense* R = nullptr;
+        cholmod_dense* D = nullptr;
+        ~Blocks() {
+            s.freeDense(&D);
+            s.freeDense(&R);
+        }
+    } w{s};
+    const size_t n = s.B->nrow, nrhs = s.B->ncol;
+    w.R = allocate(s, n, nrhs, n);
+    int kept = 0;
+    double norm = residual(s, s.X, w.R);
+    for (int step = 0; step < kRefinementSteps && norm > 0.0; ++step) {
+        solveInto(s, w.R, &w.D);
+        double* d = static_cast<double*>(w.D->x);
+        const double* x = static_cast<const double*>(s.X->x);
+        for (size_t i = 0; i < n * nrhs; ++i) d[i] += x[i];
+        const double next = residual(s, w.D, w.R);
+        if (!(next < norm)) break;
+        std::swap(s.X, w.D);
+        norm = next;
+        ++kept;
+    }
+    return kept;
+}
+
+double secondsSince(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, const int* ja,
+          float* b, float* x, int nrhs, DirectSolveStats* stats) {
+    Session s;
+    if (!s.started) throw OutOfMemory{kAnalysisFailed};
+    s.c.print = 0;  // the library prints nothing
+    s.c.error_handler = nullptr;
+    s.c.nmethods = 1;
+    s.c.method[0].ordering = cholmodOrdering(o.ordering);
+    s.c.postorder = 1;
+    s.c.supernodal = o.supernodal ? CHOLMOD_SUPERNODAL : CHOLMOD_SIMPLICIAL;
+    s.c.quick_return_if_not_posdef = 1;
+    if (o.compactSupernodes) {
+        // Merge supernodes only where that adds no zero entries.
+        s.c.nrelax[0] = s.c.nrelax[1] = s.c.nrelax[2] = 0;
+        s.c.zrelax[0] = s.c.zrelax[1] = s.c.zrelax[2] = 0.0;
+    }
+
+    // Phase 1: analysis.
+    auto t0 = std::chrono::steady_clock::now();
+    const double largest = buildMatrix(s, n, a, ia, ja);
+    analyse(s, kAnalysisFailed);
+    if (stats) {
+        stats->factorEntries = s.c.lnz;
+        stats->factorFlops = s.c.fl;
+        stats->analysisSeconds = secondsSince(t0);
+    }
+    if (o.kickAfterAnalysis) progressKick();
+
+    // Phase 2: numeric factorisation, shifted if a pivot isn't positive.
+    t0 = std::chrono::steady_clock::now();
+    const double scale = largest > 0.0 ? largest : 1.0;
+    double shift = 0.0;
+    bool ok = factorise(s, 0.0);
+    for (double rel = kFirstShift; !ok && rel <= kLastShift * 1.000001; rel *= kShiftGrowth) {
+        shift = rel * scale;
+        ok = factorise(s, shift);
+    }
+    bool ldl = false;
+    if (!ok) {
+        // Not semi-definite: LDL' without pivoting takes negative pivots that LL' refuses.
+        cholmod_free_factor(&s.L, &s.c);
+        s.freeDense(&s.E);
+        s.c.supernodal = CHOLMOD_SIMPLICIAL;
+        s.c.final_ll = 0;
+        analyse(s, kFactorisationFailed);
+        shift = kFirstShift * scale;
+        ok = factorise(s, shift);
+        ldl = true;
+        if (!ok) throw kFactorisationFailed;
+    }
+    if (stats) stats->factorSeconds = secondsSince(t0);
+    progressKick();
+    t0 = std::chrono::steady_clock::now();
+
+    // Phase 3: solve.
+    s.B = cholmod_allocate_dense(size_t(n), size_t(nrhs), size_t(n), CHOLMOD_REAL, &s.c);
+    if (!s.B) s.fail(kSolveFailed);
+    double* bx = static_cast<double*>(s.B->x);
+    const size_t values = size_t(n) * size_t(nrhs);
+    for (size_t i = 0; i < values; ++i) bx[i] = double(b[i]);
+    solveInto(s, s.B, &s.X);
+    const int refined = shift > 0.0 ? refine(s) : 0;
+    const double* xx = static_cast<const double*>(s.X->x);
+    for (size_t i = 0; i < values; ++i)
+        if (!std::isfinite(xx[i])) throw kSolveFailed;
+    float* out = o.solutionInB ? b : x;
+    for (size_t i = 0; i < values; ++i) out[i] = float(xx[i]);
+    progressKick();
+
+    if (stats) {
+        stats->shift = shift;
+        stats->refinementSteps = refined;
+        stats->ldlFallback = ldl;
+        stats->peakBytes = s.c.memory_usage;
+        stats->solveSeconds = secondsSince(t0);
+    }
+    // Phase 4: release, by the session's destructor.
+    return 1;
+}
+
+}  // namespace
+
+int directSolve(const DirectSolveOptions& options, int n, const float* a, const int* ia,
+                const int* ja, float* b, float* x, int nrhs, int mtype, DirectSolveStats* stats) {
+    if (a == nullptr || b == nullptr || nrhs < 1 || (mtype != 2 && mtype != -2) ||
+        (!options.solutionInB && x == nullptr) || csrUpperEntries(n, ia, ja) < 0)
+        throw kAnalysisFailed;
+    try {
+        return solve(options, n, a, ia, ja, b, x, nrhs, stats);
+    } catch (const OutOfMemory& oom) {
+        if (options.memoryPath) return 0;
+        throw oom.phase;
+    } catch (const std::bad_alloc&) {
+        // Only the sorting of a malformed column allocates outside CHOLMOD, during analysis.
+        if (options.memoryPath) return 0;
+        throw kAnalysisFailed;
+    }
+}
+
+}  // namespace detail
+
+int pardisoSolverIC(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
+                    int nrhs, int mtype) {
+    return detail::directSolve(detail::DirectSolveOptions{}, n, a, ia, ja, b, x, nrhs, mtype,
+                               nullptr);
+}
+
+int pardisoSolver(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
+                  int nrhs, int mtype) {
+    return !pardisoSolverIC(n, a, ia, ja, b, x, nrhs, mtype);
+}
+
+int pardisoSolverICPlain(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
+                         int nrhs, int mtype) {
+    detail::DirectSolveOptions o;
+    o.memoryPath = false;
+    o.kickAfterAnalysis = false;
+    o.solutionInB = false;
+    return detail::directSolve(o, n, a, ia, ja, b, x, nrhs, mtype, nullptr);
+}
+
+int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
+                     int nrhs, int mtype) {
+    detail::DirectSolveOptions o;
+    o.ordering = detail::Ordering::Nesdis;
+    o.compactSupernodes = true;
+    return detail::directSolve(o, n, a, ia, ja, b, x, nrhs, mtype, nullptr);
+}
+
+}  // namespace qx
