@@ -190,8 +190,10 @@ int CUpSampleQX2X(GIMG<unsigned char>** small, GIMG<unsigned char>** big, int pl
             return 0;
     }
 
-    for (int p = 0; p < planeCount; ++p) putHalfImage(*small[p], *big[p], 0, 0);
-    if (hw < 2 || hh < 2) return 1;  // no centre to estimate
+    if (hw < 2 || hh < 2) {  // no centre to estimate: only the even pixels
+        for (int p = 0; p < planeCount; ++p) putHalfImage(*small[p], *big[p], 0, 0);
+        return 1;
+    }
 
     uint8_t table[256];
     makeUpsampleWeightTable(sigma, table);
@@ -228,6 +230,9 @@ int CUpSampleQX2X(GIMG<unsigned char>** small, GIMG<unsigned char>** big, int pl
             getHalfImage(*guide[g], ph & 1, ph >> 1, *k.phases[g][ph]);
         }
     }
+
+    // Every working image exists now; a failed allocation above has left big untouched.
+    for (int p = 0; p < planeCount; ++p) putHalfImage(*small[p], *big[p], 0, 0);
 
     // The result images are written back over the stage region only.
     auto narrow = [&](std::vector<GIMG<unsigned char>*>& imgs) {

@@ -76,6 +76,23 @@ TEST(Cblf, RefusedArgumentsLeaveThePlanesUntouched) {
     EXPECT_TRUE(test::samePixels(s.alpha[0], before));
 }
 
+TEST(Cblf, FailedAllocationThrowsAndLeavesThePlanes) {
+    std::mt19937 rng(9);
+    BlfSetup s(9, 9, 1, 3);
+    s.alpha[0].fillRandom(rng, 0, 255);
+    const Plane8 before = s.alpha[0];
+    prim::failNextAllocations(2);  // the aligned and the fallback allocator of the first image
+    int thrown = 0;
+    try {
+        s.run(1);
+    } catch (int e) {
+        thrown = e;
+    }
+    prim::failNextAllocations(0);
+    EXPECT_EQ(thrown, 102);
+    EXPECT_TRUE(test::samePixels(s.alpha[0], before));
+}
+
 TEST(Cblf, CentreKeepsItsValueWhenEveryNeighbourIsFarInColour) {
     // Reference 0 at (2, 2) and 255 around it: every distance saturates and every weight of
     // the window is 0, so only the centre's own tiny term is left.

@@ -151,6 +151,25 @@ TEST(MaskPyr, CleanUpKeepsTheCallersImagesAndAllowsRebuild) {
     EXPECT_TRUE(job.alpha.padIntact());
 }
 
+TEST(MaskPyr, FailedLevelAllocationThrowsAndLeavesAConsistentPyramid) {
+    Job job(9, 9, 9);
+    CMaskPyr pyr;
+    prim::failNextAllocations(2);
+    int thrown = 0;
+    try {
+        job.build(pyr, 2);
+    } catch (int e) {
+        thrown = e;
+    }
+    prim::failNextAllocations(0);
+    EXPECT_EQ(thrown, 102);
+    EXPECT_EQ(pyr.getAlpha(0), &job.va);  // level 0 was stored before the failure
+    EXPECT_EQ(pyr.plane0[1], nullptr);
+    // The pyramid can be built again and released as usual.
+    EXPECT_EQ(job.build(pyr, 2), 0);
+    EXPECT_NE(pyr.getAlpha(2), nullptr);
+}
+
 TEST(MaskPyr, UpSamplingWithZeroLevelsDoesNothing) {
     Job job(8, 8, 7);
     const Plane8 alphaBefore = job.alpha;

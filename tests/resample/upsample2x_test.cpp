@@ -423,6 +423,25 @@ TEST(Upsample, RefusalsWriteNothing) {
     EXPECT_EQ(big.at(3, 3), 9);
 }
 
+TEST(Upsample, FailedWorkImageThrowsBeforeWritingAnything) {
+    Plane8 small(4, 4, 9), big(8, 8, 0), guide(8, 8, 50);
+    GIMG<unsigned char> s = small.view(), b = big.view(), g = guide.view();
+    GIMG<unsigned char>* sp[1] = {&s};
+    GIMG<unsigned char>* bp[1] = {&b};
+    GIMG<unsigned char>* gp[1] = {&g};
+    prim::failNextAllocations(2);  // the aligned and the fallback allocator of the first image
+    int thrown = 0;
+    try {
+        CUpSampleQX2X(sp, bp, 1, gp, 1, 10.0f);
+    } catch (int e) {
+        thrown = e;
+    }
+    prim::failNextAllocations(0);
+    EXPECT_EQ(thrown, 102);
+    for (int y = 0; y < 8; ++y)
+        for (int x = 0; x < 8; ++x) EXPECT_EQ(big.at(x, y), 0);
+}
+
 TEST(Upsample, TooSmallForACentreOnlyPlacesTheEvenPixels) {
     Plane8 small(1, 1, 42), big(3, 3, 0), guide(3, 3, 0);
     GIMG<unsigned char> s = small.view(), b = big.view(), g = guide.view();
