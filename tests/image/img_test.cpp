@@ -1,0 +1,146 @@
+// Image containers: ownership, the guard row, regions of interest and allocation failure.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "image/img.h"
+
+namespace {
+
+using qx::GIMG;
+using qx::IMG3;
+
+// Runs f, which is expected to throw an int (possibly from a destructor), and returns it.
+template <class F>
+int thrownCode(F f) {
+    try {
+        f();
+    } catch (int code) {
+        return code;
+    }
+    return 0;
+}
+
+TEST(ImgContainer, WrappedImageDestructorTouchesNothing) {
+    std::vector<uint8_t> host(40 * 12 + 64);
+    for (size_t i = 0; i < host.size(); ++i) host[i] = static_cast<uint8_t>(i * 13);
+    const std::vector<uint8_t> before = host;
+    {
+        auto* im = new GIMG<uint8_t>(30, 12, host.data(), 40);
+        EXPECT_EQ(im->wrapped, 1);
+        EXPECT_EQ(im->data, host.data());
+        im->border(2, 3);
+        delete im;  // through the virtual destructor, as the exported entries do
+    }
+    EXPECT_EQ(host, before);
+}
+
+TEST(ImgContainer, NullPointerWrapAllocatesAndOwns) {
+    GIMG<uint8_t> im(7, 3, nullptr, 7);
+    EXPECT_EQ(im.wrapped, 0);
+    ASSERT_NE(im.rawPtr, nullptr);
+    EXPECT_GE(im.step, 7);
+}
+
+TEST(ImgContainer, GuardRowCatchesOneElementPastTheLastRow) {
+    EXPECT_EQ(thrownCode([] {
+                  GIMG<uint8_t> im(10, 5);
+                  im.row(4)[im.step] = 0;  // first element of the guard row
+              }),
+              103);
+    EXPECT_EQ(thrownCode([] {
+                  GIMG<float> im(6, 4);
+                  im.ptr(0, 4)[5] = 1.0f;  // last guarded element
+              }),
+              103);
+    EXPECT_EQ(thrownCode([] {
+                  IMG3<uint8_t> im(6, 4);
+                  im.ptr(0, 4)[5] = 0;  // 3-channel byte images guard allocWidth bytes
+              }),
+              103);
+    // Untouched images and 16-bit images (no tested guard) leave quietly.
+    EXPECT_EQ(thrownCode([] {
+                  GIMG<uint8_t> a(10, 5);
+                  GIMG<float> b(6, 4);
+                  GIMG<short> c(6, 4);
+                  c.ptr(0, 4)[0] = 1;
+              }),
+              0);
+}
+
+TEST(ImgContainer, BorderShrinksRegionAndRestoreRectBringsItBack) {
+    GIMG<uint8_t> im(8, 6);
+    uint8_t* const raw = im.data;
+    qx::Set(uint8_t{7}, im);
+    im.border(1, 1);
+    im.width -= 1;
+    im.height -= 1;
+    EXPECT_EQ(im.data, raw + im.step + 1);
+    EXPECT_EQ(im.width, 6);
+    EXPECT_EQ(im.height, 4);
+    qx::Set(uint8_t{200}, im);
+    EXPECT_EQ(im.status, qx::prim::kOk);
+    im.restoreRect();
+    EXPECT_EQ(im.data, raw);
+    EXPECT_EQ(im.width, 8);
+    EXPECT_EQ(im.height, 6);
+    for (int y = 0; y < 6; ++y)
+        for (int x = 0; x < 8; ++x) {
+            const bool inner = x >= 1 && x <= 6 && y >= 1 && y <= 4;
+            EXPECT_EQ(im.ptr(x, y)[0], inner ? 200 : 7) << x << "," << y;
+        }
+}
+
+TEST(ImgContainer, RoiRectMovesCornerAndResizes) {
+    GIMG<float> im(10, 10);
+    float* const raw = im.data;
+    im.roiRect(2, 3, -4, -5);  // border(2, 3) then width += -4, height += -5
+    EXPECT_EQ(im.data, reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(raw) + 3 * im.step) + 2);
+    EXPECT_EQ(im.width, 4);
+    EXPECT_EQ(im.height, 2);
+    EXPECT_EQ(im.ptr(1, 1), reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(raw) + 4 * im.step) + 3);
+}
+
+TEST(ImgContainer, PrimitiveStatusLandsInDestination) {
+    GIMG<uint8_t> a(4, 4), b(4, 4);
+    b.width = 0;
+    qx::Copy(a, b);
+    EXPECT_EQ(b.status, qx::prim::kSizeErr);
+    b.restoreRect();
+    qx::Copy(a, b);
+    EXPECT_EQ(b.status, qx::prim::kOk);
+}
+
+TEST(ImgContainer, FallbackAllocatorPadsRowsAndKeepsTheGuard) {
+    qx::prim::failNextAllocations(1);  // the primitive allocator only
+    EXPECT_EQ(thrownCode([] {
+                  GIMG<uint8_t> im(37, 5);
+                  EXPECT_EQ(im.fromPrimitive, 0);
+                  EXPECT_EQ(im.step, 48);  // 37 rounded down to 32, plus 16
+                  im.row(4)[im.step + 36] = 0;
+              }),
+              103);
+    qx::prim::failNextAllocations(0);
+}
+
+TEST(ImgContainer, FailedAllocationThrowsBySize) {
+    // Both the primitive allocator and the plain fallback fail.
+    qx::prim::failNextAllocations(2);
+    EXPECT_EQ(thrownCode([] { GIMG<uint8_t> im(6000, 6000); }), 112);
+    qx::prim::failNextAllocations(2);
+    EXPECT_EQ(thrownCode([] { GIMG<uint8_t> im(100, 6000); }), 113);
+    qx::prim::failNextAllocations(2);
+    EXPECT_EQ(thrownCode([] { IMG3<float> im(100, 100); }), 102);
+    qx::prim::failNextAllocations(0);
+    EXPECT_EQ(thrownCode([] { GIMG<uint8_t> im(-1, 3); }), 102);
+}
+
+TEST(ImgContainer, PointerHelpersCompareByValueAndPreferTheFirst) {
+    const float a = 1.0f, b = 1.0f, c = 0.5f;
+    EXPECT_EQ(qx::fminPtr(&a, &b), &a);
+    EXPECT_EQ(qx::fmaxPtr(&a, &b), &a);
+    EXPECT_EQ(qx::fminPtr(&a, &c), &c);
+    EXPECT_EQ(qx::fmaxPtr(&c, &a), &a);
+}
+
+}  // namespace
