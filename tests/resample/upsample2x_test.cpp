@@ -343,6 +343,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(UpsampleCase{12, 10, 6, 5, 1, 3, 10.0f},  // even, exact half
                       UpsampleCase{13, 11, 6, 5, 2, 3, 10.0f},  // odd big, two planes
                       UpsampleCase{12, 10, 8, 7, 1, 3, 9.0f},   // small larger than the half
+                      UpsampleCase{12, 10, 4, 3, 1, 3, 10.0f},  // small smaller than the half
                       UpsampleCase{10, 12, 5, 6, 1, 4, 10.0f},  // four guides
                       UpsampleCase{9, 8, 4, 4, 1, 1, 10.0f},    // one guide
                       UpsampleCase{8, 8, 4, 4, 2, 0, 10.0f},    // no guide: equal weights
