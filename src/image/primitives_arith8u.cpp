@@ -16,31 +16,87 @@ using detail::scaleSat8u;
 
 namespace {
 
-// Exact results of the operations, a being the plane that is changed or the minuend's partner
-// as each entry below says.
+// Exact results of the operations. Wide is a 16-bit type that holds the result plus the
+// rounding bias of a scale factor up to 8 (the product at most 65025 + 128), so the scaled
+// kernels can run in 16-bit lanes; Exact marks results that are bytes already.
 struct OpAdd {
+    using Wide = int16_t;
+    static constexpr bool kExact = false;
     static int f(int a, int b) { return a + b; }
 };
 struct OpSub {  // a - b
+    using Wide = int16_t;
+    static constexpr bool kExact = false;
     static int f(int a, int b) { return a - b; }
 };
 struct OpMul {
+    using Wide = uint16_t;
+    static constexpr bool kExact = false;
     static int f(int a, int b) { return a * b; }
 };
 struct OpAnd {
+    using Wide = int16_t;
+    static constexpr bool kExact = true;
     static int f(int a, int b) { return a & b; }
 };
 struct OpOr {
+    using Wide = int16_t;
+    static constexpr bool kExact = true;
     static int f(int a, int b) { return a | b; }
 };
 struct OpAbsDiff {
-    static int f(int a, int b) { return a > b ? a - b : b - a; }
+    using Wide = int16_t;
+    static constexpr bool kExact = true;
+    // In bytes: the larger less the smaller, which maps onto byte max, min and subtract.
+    static uint8_t f(uint8_t a, uint8_t b) {
+        const uint8_t hi = a > b ? a : b, lo = a > b ? b : a;
+        return static_cast<uint8_t>(hi - lo);
+    }
 };
 
 template <class Op, bool Scaled>
 inline uint8_t apply(int a, int b, int s) {
-    const int v = Op::f(a, b);
-    return static_cast<uint8_t>(Scaled ? scaleSat8u(v, s) : saturate8u(v));
+    if constexpr (Op::kExact) {
+        return static_cast<uint8_t>(Op::f(static_cast<uint8_t>(a), static_cast<uint8_t>(b)));
+    } else {
+        const int v = Op::f(a, b);
+        return static_cast<uint8_t>(Scaled ? scaleSat8u(v, s) : saturate8u(v));
+    }
+}
+
+// The scale-factor rule for 1 <= S <= 8 in the operation's 16-bit type: the same rounding as
+// detail::roundShift, written so that every intermediate provably fits 16 bits and the shift is
+// a constant, which lets the loops run in 16-bit lanes.
+template <class Op, int S>
+inline uint8_t applyScaled16(uint8_t a, uint8_t b) {
+    using W = typename Op::Wide;
+    constexpr W bias = static_cast<W>((1 << (S - 1)) - 1);
+    const W v = static_cast<W>(Op::f(a, b));
+    const W q = static_cast<W>(static_cast<W>(v + bias + ((v >> S) & 1)) >> S);
+    return static_cast<uint8_t>(q < 0 ? 0 : (q > 255 ? 255 : q));
+}
+
+template <class Op, int S>
+QX_CLONES void binaryRowScaled16(const uint8_t* a, const uint8_t* b, uint8_t* d, int n) {
+    for (int x = 0; x < n; ++x) d[x] = applyScaled16<Op, S>(a[x], b[x]);
+}
+
+template <class Op, int S>
+QX_CLONES void constRowScaled16(const uint8_t* a, uint8_t value, uint8_t* d, int n) {
+    for (int x = 0; x < n; ++x) d[x] = applyScaled16<Op, S>(a[x], value);
+}
+
+// Picks the kernel of scale factor s (1..8); b is null for the constant form.
+template <class Op, int S = 1>
+void scaled16(int s, const uint8_t* a, const uint8_t* b, uint8_t value, uint8_t* d, int n) {
+    if (s == S) {
+        if (b)
+            binaryRowScaled16<Op, S>(a, b, d, n);
+        else
+            constRowScaled16<Op, S>(a, value, d, n);
+    } else if constexpr (S < 8) {
+        scaled16<Op, S + 1>(s, a, b, value, d, n);
+    }
 }
 
 // d = Op(a, b) element by element.
@@ -74,6 +130,8 @@ int binary(const uint8_t* first, int firstStep, const uint8_t* second, int secon
         uint8_t* d = rowAt(dst, dstStep, y);
         if (scale == 0)
             binaryRow<Op, false>(a, b, d, size.width, 0);
+        else if (scale >= 1 && scale <= 8)
+            scaled16<Op>(scale, a, b, 0, d, size.width);
         else
             binaryRow<Op, true>(a, b, d, size.width, scale);
     }
@@ -91,6 +149,8 @@ int withConst(const uint8_t* src, int srcStep, const uint8_t* value, uint8_t* ds
         uint8_t* d = rowAt(dst, dstStep, y);
         if (scale == 0)
             constRow<Op, false, C>(a, value, d, size.width, 0);
+        else if (C == 1 && scale >= 1 && scale <= 8)
+            scaled16<Op>(scale, a, nullptr, value[0], d, size.width);
         else
             constRow<Op, true, C>(a, value, d, size.width, scale);
     }

@@ -32,8 +32,8 @@ struct Scratch {
 // ---- Gaussian 3x3 (1 2 1 outer product) -----------------------------------------------------
 
 // Vertical pass of the 3x3 mask: col[x] = a[x] + 2 b[x] + c[x] over the row and its frame.
-QX_CLONES void gauss3Vertical(const uint8_t* a, const uint8_t* b, const uint8_t* c, uint16_t* col,
-                              int n) {
+QX_CLONES void gauss3Vertical(const uint8_t* a, const uint8_t* b, const uint8_t* c,
+                              uint16_t* __restrict col, int n) {
     for (int x = 0; x < n; ++x)
         col[x] = static_cast<uint16_t>(a[x] + 2 * b[x] + c[x]);
 }
@@ -47,17 +47,22 @@ QX_CLONES void gauss3Horizontal(const uint16_t* col, uint8_t* d, int width) {
 }
 
 // ---- Gaussian 5x5 ---------------------------------------------------------------------------
-// The mask is symmetric but not separable. Its rows come in three patterns, A = 2 7 12 7 2
-// (rows 0 and 4), B = 7 31 52 31 7 (rows 1 and 3) and C = 12 52 127 52 12 (row 2), so the
-// vertical pass adds the paired rows and the horizontal pass applies the three patterns.
+// The mask is symmetric but not separable. Its columns come in three patterns, A = 2 7 12 7 2
+// (columns 0 and 4), B = 7 31 52 31 7 (columns 1 and 3) and C = 12 52 127 52 12 (column 2).
+// The vertical pass weighs each source column by the three patterns (sums at most 30, 128 and
+// 255 times 255: 16 bits each), and the horizontal pass adds A(x) + B(x+1) + C(x+2) + B(x+3) +
+// A(x+4).
 
 QX_CLONES void gauss5Vertical(const uint8_t* r0, const uint8_t* r1, const uint8_t* r2,
-                              const uint8_t* r3, const uint8_t* r4, uint16_t* s04, uint16_t* s13,
-                              uint16_t* s2, int n) {
+                              const uint8_t* r3, const uint8_t* r4, uint16_t* __restrict a,
+                              uint16_t* __restrict b, uint16_t* __restrict c, int n) {
     for (int x = 0; x < n; ++x) {
-        s04[x] = static_cast<uint16_t>(r0[x] + r4[x]);
-        s13[x] = static_cast<uint16_t>(r1[x] + r3[x]);
-        s2[x] = r2[x];
+        const uint16_t outer = static_cast<uint16_t>(r0[x] + r4[x]);
+        const uint16_t inner = static_cast<uint16_t>(r1[x] + r3[x]);
+        const uint16_t mid = r2[x];
+        a[x] = static_cast<uint16_t>(2 * outer + 7 * inner + 12 * mid);
+        b[x] = static_cast<uint16_t>(7 * outer + 31 * inner + 52 * mid);
+        c[x] = static_cast<uint16_t>(12 * outer + 52 * inner + 127 * mid);
     }
 }
 
@@ -65,10 +70,7 @@ QX_CLONES void gauss5Vertical(const uint8_t* r0, const uint8_t* r1, const uint8_
 QX_CLONES void gauss5Horizontal(const uint16_t* a, const uint16_t* b, const uint16_t* c,
                                 uint8_t* d, int width) {
     for (int x = 0; x < width; ++x) {
-        const uint32_t v = 2u * (a[x] + a[x + 4]) + 7u * (a[x + 1] + a[x + 3]) + 12u * a[x + 2] +
-                           7u * (b[x] + b[x + 4]) + 31u * (b[x + 1] + b[x + 3]) +
-                           52u * b[x + 2] + 12u * (c[x] + c[x + 4]) +
-                           52u * (c[x + 1] + c[x + 3]) + 127u * c[x + 2];
+        const uint32_t v = uint32_t(a[x]) + a[x + 4] + b[x + 1] + b[x + 3] + c[x + 2];
         d[x] = static_cast<uint8_t>(((v + 286u) * 29382u) >> 24);
     }
 }

@@ -1,8 +1,7 @@
-// Median filters. The cross-shaped medians (5 or 9 samples) run a sorting network over a block
-// of pixels at a time, one compare-exchange being a min/max loop across the block, which is
-// what vectorises; the square median of the 16-bit planes selects from the gathered window.
+// Median filters. The cross-shaped medians (5 or 9 samples) run a fixed compare-exchange
+// network per pixel, all min/max, so the row loops vectorise; the square median of the 16-bit
+// planes selects from the gathered window.
 #include <algorithm>
-#include <array>
 #include <vector>
 
 #include "image/rowloops.h"
@@ -15,62 +14,65 @@ using detail::rowAt;
 
 namespace {
 
-constexpr int kBlock = 256;
+// Compare-exchange: a becomes the smaller, b the larger.
+template <typename T>
+inline void cx(T& a, T& b) {
+    const T lo = a < b ? a : b;
+    b = a < b ? b : a;
+    a = lo;
+}
 
-// Odd-even transposition sort: N rounds over alternating neighbour pairs sort any N inputs.
-template <int N>
-constexpr auto transpositionNetwork() {
-    std::array<std::array<int, 2>, N * (N / 2)> pairs{};
-    int k = 0;
-    for (int round = 0; round < N; ++round)
-        for (int i = round & 1; i + 1 < N; i += 2) pairs[k++] = {i, i + 1};
-    struct Net {
-        std::array<std::array<int, 2>, N * (N / 2)> pairs;
-        int count;
-    };
-    return Net{pairs, k};
+// Median of the 3-cross (up, left, centre, right, down) by a 7-exchange network.
+template <typename T>
+inline T median5(T p0, T p1, T p2, T p3, T p4) {
+    cx(p0, p1);
+    cx(p3, p4);
+    cx(p0, p3);
+    cx(p1, p4);
+    cx(p1, p2);
+    cx(p2, p3);
+    cx(p1, p2);
+    return p2;
+}
+
+// Median of nine by the 19-exchange network: sort the three triples, then combine.
+template <typename T>
+inline T median9(T p0, T p1, T p2, T p3, T p4, T p5, T p6, T p7, T p8) {
+    cx(p1, p2); cx(p4, p5); cx(p7, p8);
+    cx(p0, p1); cx(p3, p4); cx(p6, p7);
+    cx(p1, p2); cx(p4, p5); cx(p7, p8);
+    cx(p0, p3); cx(p5, p8); cx(p4, p7);
+    cx(p3, p6); cx(p1, p4); cx(p2, p5);
+    cx(p4, p7); cx(p4, p2); cx(p6, p4);
+    cx(p4, p2);
+    return p4;
+}
+
+// One output row; the rows above and below are passed by pointer at the same column.
+template <typename T>
+QX_CLONES void cross3Row(const T* up, const T* mid, const T* down, T* d, int width) {
+    for (int x = 0; x < width; ++x) d[x] = median5(up[x], mid[x - 1], mid[x], mid[x + 1], down[x]);
 }
 
 template <typename T>
-QX_CLONES void compareExchange(T* lo, T* hi, int n) {
-    for (int x = 0; x < n; ++x) {
-        const T a = lo[x], b = hi[x];
-        lo[x] = a < b ? a : b;
-        hi[x] = a < b ? b : a;
-    }
-}
-
-// Cross of N samples (5: the 3-cross, 9: the 5-cross) around each pixel of a row.
-template <typename T, int N>
-void crossMedianRow(const T* src, int srcStep, int y, T* dst, int width, T* lanes) {
-    constexpr int r = N == 5 ? 1 : 2;
-    constexpr auto net = transpositionNetwork<N>();
-    for (int x0 = 0; x0 < width; x0 += kBlock) {
-        const int n = std::min(kBlock, width - x0);
-        int k = 0;
-        // Vertical arm, then horizontal arm without the centre.
-        for (int dy = -r; dy <= r; ++dy, ++k)
-            std::copy_n(rowAt(src, srcStep, y + dy) + x0, n, lanes + k * kBlock);
-        const T* row = rowAt(src, srcStep, y) + x0;
-        for (int dx = -r; dx <= r; ++dx)
-            if (dx != 0) std::copy_n(row + dx, n, lanes + (k++) * kBlock);
-        for (int i = 0; i < net.count; ++i)
-            compareExchange(lanes + net.pairs[i][0] * kBlock, lanes + net.pairs[i][1] * kBlock, n);
-        std::copy_n(lanes + (N / 2) * kBlock, n, dst + x0);
-    }
+QX_CLONES void cross5Row(const T* u2, const T* u1, const T* mid, const T* d1, const T* d2, T* d,
+                         int width) {
+    for (int x = 0; x < width; ++x)
+        d[x] = median9(u2[x], u1[x], mid[x - 2], mid[x - 1], mid[x], mid[x + 1], mid[x + 2],
+                       d1[x], d2[x]);
 }
 
 template <typename T>
 int medianCross(const T* src, int srcStep, T* dst, int dstStep, Size size, int maskCode) {
     if (const int st = checkPlanes(size, {plane(src, srcStep), plane(dst, dstStep)})) return st;
     if (maskCode != 33 && maskCode != 55) return kBadArg;
-    std::array<T, 9 * kBlock> lanes;
     for (int y = 0; y < size.height; ++y) {
         T* d = rowAt(dst, dstStep, y);
+        auto r = [&](int dy) { return rowAt(src, srcStep, y + dy); };
         if (maskCode == 33)
-            crossMedianRow<T, 5>(src, srcStep, y, d, size.width, lanes.data());
+            cross3Row(r(-1), r(0), r(1), d, size.width);
         else
-            crossMedianRow<T, 9>(src, srcStep, y, d, size.width, lanes.data());
+            cross5Row(r(-2), r(-1), r(0), r(1), r(2), d, size.width);
     }
     return kOk;
 }
