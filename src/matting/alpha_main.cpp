@@ -72,44 +72,96 @@ bool sortTriplesByRow(int64_t pixels, int count, int*& rows, int*& cols, float*&
     return true;
 }
 
-// Sorts each run of one row by column, carrying the values (stable insertion sort: runs hold at
-// most 81 triples). The last run is left as the row sort gave it: the walk handles a run only
-// when the next one begins.
-void sortRuns(int count, const int* rows, int* cols, float* vals) {
-    int runStart = 0;
-    for (int t = 1; t < count; ++t) {
-        if (rows[t] == rows[runStart]) continue;
-        for (int i = runStart + 1; i < t; ++i) {
-            const int c = cols[i];
-            const float v = vals[i];
-            int j = i - 1;
-            while (j >= runStart && cols[j] > c) {
-                cols[j + 1] = cols[j];
-                vals[j + 1] = vals[j];
-                --j;
-            }
-            cols[j + 1] = c;
-            vals[j + 1] = v;
+// Stable insertion sort of one run by column, carrying the values.
+void sortRun(int begin, int end, int* cols, float* vals) {
+    for (int i = begin + 1; i < end; ++i) {
+        const int c = cols[i];
+        const float v = vals[i];
+        int j = i - 1;
+        while (j >= begin && cols[j] > c) {
+            cols[j + 1] = cols[j];
+            vals[j + 1] = vals[j];
+            --j;
         }
-        runStart = t;
+        cols[j + 1] = c;
+        vals[j + 1] = v;
     }
 }
 
-// Adds up neighbouring triples of equal row and column; returns the merged count.
-int mergeTriples(int count, int* rows, int* cols, float* vals) {
-    if (count == 0) return 0;
-    int w = 0;
-    for (int t = 1; t < count; ++t) {
-        if (rows[t] == rows[w] && cols[t] == cols[w]) {
-            vals[w] += vals[t];
+// Adds up neighbouring triples of equal row and column of [begin, end) into the write position
+// *w (at or before begin); returns the new write position.
+int mergeRange(int begin, int end, int w, int* rows, int* cols, float* vals) {
+    for (int t = begin; t < end; ++t) {
+        if (w > 0 && rows[t] == rows[w - 1] && cols[t] == cols[w - 1]) {
+            vals[w - 1] += vals[t];
         } else {
-            ++w;
             rows[w] = rows[t];
             cols[w] = cols[t];
             vals[w] = vals[t];
+            ++w;
         }
     }
-    return w + 1;
+    return w;
+}
+
+// The 13 columns a row can reach through 3x3 windows, at or after the row itself: the row's own
+// pixel and the two to its right, then five in each of the next two image rows. Returns the
+// slot, ascending with the column, or -1.
+inline int neighbourSlot(int offset, int width) {
+    if (offset >= 0 && offset <= 2) return offset;
+    for (int dy = 1; dy <= 2; ++dy) {
+        const int dx = offset - dy * width;
+        if (dx >= -2 && dx <= 2) return 3 + (dy - 1) * 5 + dx + 2;
+    }
+    return -1;
+}
+
+// Sorts each run of one row by column and adds up the triples of equal row and column, in the
+// order they stand (window order), so that every sum is formed as a stable sort followed by a
+// merge would form it. A run's columns lie in its pixel's 5x5 neighbourhood, so the sort is a
+// bucket per neighbour; anything else falls back to a plain sort. The last run is merged as the
+// row sort left it, unsorted: a run is sorted only when the next one begins. Returns the merged
+// count.
+int sortAndMergeRuns(int count, int* rows, int* cols, float* vals, int width) {
+    int w = 0;
+    int begin = 0;
+    while (begin < count) {
+        int end = begin + 1;
+        while (end < count && rows[end] == rows[begin]) ++end;
+        if (end == count) return mergeRange(begin, end, w, rows, cols, vals);
+
+        const int row = rows[begin];
+        float sum[13];
+        bool used[13] = {};
+        bool bucketed = width >= 5;
+        for (int t = begin; t < end && bucketed; ++t) {
+            const int slot = neighbourSlot(cols[t] - row, width);
+            if (slot < 0) {
+                bucketed = false;
+            } else if (used[slot]) {
+                sum[slot] += vals[t];
+            } else {
+                used[slot] = true;
+                sum[slot] = vals[t];
+            }
+        }
+        if (bucketed) {
+            static constexpr int kDx[13] = {0, 1, 2, -2, -1, 0, 1, 2, -2, -1, 0, 1, 2};
+            static constexpr int kDy[13] = {0, 0, 0, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2};
+            for (int slot = 0; slot < 13; ++slot) {
+                if (!used[slot]) continue;
+                rows[w] = row;
+                cols[w] = row + kDy[slot] * width + kDx[slot];
+                vals[w] = sum[slot];
+                ++w;
+            }
+        } else {
+            sortRun(begin, end, cols, vals);
+            w = mergeRange(begin, end, w, rows, cols, vals);
+        }
+        begin = end;
+    }
+    return w;
 }
 
 }  // namespace
@@ -123,8 +175,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         throw 130;
     }
     progressKick();
-    sortRuns(tripleCount, lapRows, lapCols, lapVals);
-    const int m = mergeTriples(tripleCount, lapRows, lapCols, lapVals);
+    const int m = sortAndMergeRuns(tripleCount, lapRows, lapCols, lapVals, width);
     progressKick();
 
     ErodeMap3x3(core);

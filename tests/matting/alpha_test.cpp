@@ -22,8 +22,7 @@ Plane8 view(PaddedPlane& p) { return Plane8(p.width, p.height, p.data(), p.step)
 
 // Builds (L + C) x = C a densely from the triples, independently of the sparse assembly, and
 // compares it with what alphaMain returns.
-void checkAgainstDense(bool direct) {
-    const int w = 11, h = 9;
+void checkAgainstDense(bool direct, int w = 11, int h = 9) {
     std::mt19937 rng(direct ? 3 : 4);
     std::uniform_int_distribution<int> byte(0, 255);
     PaddedPlane planes[3] = {PaddedPlane(w, h), PaddedPlane(w, h), PaddedPlane(w, h)};
@@ -32,7 +31,7 @@ void checkAgainstDense(bool direct) {
             for (int x = 0; x < w; ++x) p.at(x, y) = static_cast<unsigned char>(byte(rng));
     PaddedPlane mask(w, h, 6, 0);
     for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) mask.at(x, y) = x < 4 ? 0 : x > 6 ? 255 : 128;
+        for (int x = 0; x < w; ++x) mask.at(x, y) = 3 * x < w ? 0 : 3 * x > 2 * w ? 255 : 128;
     unsigned char* ptrs[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
 
     CFMatt m;
@@ -85,6 +84,8 @@ void checkAgainstDense(bool direct) {
 
 TEST(AlphaMain, DirectSolveMatchesADenseSolve) { checkAgainstDense(true); }
 TEST(AlphaMain, IterativeSolveMatchesADenseSolve) { checkAgainstDense(false); }
+// Narrow images take the general column sort instead of the neighbour buckets.
+TEST(AlphaMain, NarrowImageMatchesADenseSolve) { checkAgainstDense(true, 4, 12); }
 
 TEST(AlphaMain, TwoMillionSystemPixelsAreSolvedAndOneMoreThrows) {
     for (int extra : {0, 1}) {
