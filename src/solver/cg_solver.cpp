@@ -1,6 +1,7 @@
 #include "solver/cg_solver.h"
 
 #include <cmath>
+#include <cstdint>
 #include <new>
 #include <vector>
 
@@ -86,13 +87,18 @@ double sumBlocks(const std::vector<double>& partial) {
     return s;
 }
 
-int blockCount(int n) { return (n + kDotBlock - 1) / kDotBlock; }
+int blockCount(int n) { return int((int64_t(n) + kDotBlock - 1) / kDotBlock); }
+
+int blockEnd(int blk, int n) {
+    const int64_t end = int64_t(blk) * kDotBlock + kDotBlock;
+    return end < n ? int(end) : n;
+}
 
 double dot(const double* u, const double* v, int n, std::vector<double>& partial) {
     const int blocks = blockCount(n);
 #pragma omp parallel for schedule(static) if (n >= kParallelRows)
     for (int blk = 0; blk < blocks; ++blk) {
-        const int end = blk * kDotBlock + kDotBlock < n ? blk * kDotBlock + kDotBlock : n;
+        const int end = blockEnd(blk, n);
         double s = 0.0;
         for (int i = blk * kDotBlock; i < end; ++i) s += u[i] * v[i];
         partial[size_t(blk)] = s;
@@ -106,7 +112,7 @@ double updateAndNorm(double alpha, const double* p, const double* q, double* x, 
     const int blocks = blockCount(n);
 #pragma omp parallel for schedule(static) if (n >= kParallelRows)
     for (int blk = 0; blk < blocks; ++blk) {
-        const int end = blk * kDotBlock + kDotBlock < n ? blk * kDotBlock + kDotBlock : n;
+        const int end = blockEnd(blk, n);
         double s = 0.0;
         for (int i = blk * kDotBlock; i < end; ++i) {
             x[i] += alpha * p[i];
@@ -124,7 +130,7 @@ double precondition(const double* invDiag, const double* r, double* z, int n,
     const int blocks = blockCount(n);
 #pragma omp parallel for schedule(static) if (n >= kParallelRows)
     for (int blk = 0; blk < blocks; ++blk) {
-        const int end = blk * kDotBlock + kDotBlock < n ? blk * kDotBlock + kDotBlock : n;
+        const int end = blockEnd(blk, n);
         double s = 0.0;
         for (int i = blk * kDotBlock; i < end; ++i) {
             z[i] = invDiag ? r[i] * invDiag[i] : r[i];

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -296,8 +297,9 @@ int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, con
     solveInto(s, s.B, &s.X);
     const int refined = shift > 0.0 ? refine(s) : 0;
     const double* xx = static_cast<const double*>(s.X->x);
+    // A solution that isn't finite, or doesn't fit a float, is a failed solve.
     for (size_t i = 0; i < values; ++i)
-        if (!std::isfinite(xx[i])) throw kSolveFailed;
+        if (!(std::fabs(xx[i]) <= double(FLT_MAX))) throw kSolveFailed;
     float* out = o.solutionInB ? b : x;
     for (size_t i = 0; i < values; ++i) out[i] = float(xx[i]);
     progressKick();
