@@ -153,24 +153,19 @@ TEST(ShowImageAlpha, ColourStylesBlendByAlphaInEighths) {
 
 TEST(ShowImageAlpha, OtherStylesDoNothingAndBadArgumentsAreRefused) {
     Display d({1, 2, 3, 4}, {0, 255});
+    uint8_t* img = d.image.data();
+    uint8_t* a = d.alpha.data();
+    const int is = d.image.step, as = d.alpha.step;
     const auto before = d.image.buf;
     EXPECT_EQ(d.show(0), 1);
     EXPECT_EQ(d.show(7), 1);
     EXPECT_EQ(d.show(3, 255, 0, nullptr), 0);  // colour needed
     EXPECT_EQ(d.show(5, 90, 90), 0);           // nothing to stretch between
-    EXPECT_EQ(qxShowImageAlpha(nullptr, 8, 2, 2, d.alpha.data(), d.alpha.step, 255, 0, 2, nullptr),
-              0);
-    EXPECT_EQ(qxShowImageAlpha(d.image.data(), d.image.step, 2, 2, nullptr, 4, 255, 0, 2, nullptr),
-              0);
-    EXPECT_EQ(qxShowImageAlpha(d.image.data(), 7, 2, 2, d.alpha.data(), d.alpha.step, 255, 0, 2,
-                               nullptr),
-              0);
-    EXPECT_EQ(qxShowImageAlpha(d.image.data(), d.image.step, 2, 2, d.alpha.data(), 1, 255, 0, 2,
-                               nullptr),
-              0);
-    EXPECT_EQ(qxShowImageAlpha(d.image.data(), d.image.step, 2, 0, d.alpha.data(), d.alpha.step,
-                               255, 0, 2, nullptr),
-              0);
+    EXPECT_EQ(qxShowImageAlpha(nullptr, is, 2, 2, a, as, 255, 0, 2, nullptr), 0);
+    EXPECT_EQ(qxShowImageAlpha(img, is, 2, 2, nullptr, as, 255, 0, 2, nullptr), 0);
+    EXPECT_EQ(qxShowImageAlpha(img, 7, 2, 2, a, as, 255, 0, 2, nullptr), 0);
+    EXPECT_EQ(qxShowImageAlpha(img, is, 2, 2, a, 1, 255, 0, 2, nullptr), 0);
+    EXPECT_EQ(qxShowImageAlpha(img, is, 2, 0, a, as, 255, 0, 2, nullptr), 0);
     EXPECT_EQ(d.image.buf, before);
     EXPECT_EQ(d.show(1, 90, 90), 1);  // the levels only matter to styles 3 to 6
 }
