@@ -1,3 +1,4 @@
+cmake_policy(SET CMP0057 NEW)  # if(... IN_LIST ...)
 # Checks that the shared library exports exactly the C interface: every name below, nothing
 # else, and no C++ (mangled) symbol. Run as: cmake -DLIB=<path> -P check_exports.cmake
 set(expected
