@@ -141,7 +141,7 @@ void registerAll() {
              scale_8u32f_C1(p.a.data, st(p.a), p.fd.ptr<float>(), st(p.fd), kFull, 0.0f, 1.0f);
          },
          [](Planes& p) { p.a.convertTo(p.fd, CV_32F, 1.0 / 255); });
-    pair("convert_32f8u", m8,
+    pair("convert_32f8u", m32,
          [](Planes& p) { convert_32f8u_C1(p.fa.ptr<float>(), st(p.fa), p.d.data, st(p.d), kFull); },
          [](Planes& p) { p.fa.convertTo(p.d, CV_8U); });
 

@@ -63,21 +63,19 @@ inline int scaleSat8u(int v, int s) {
     return saturate8u(v * (1 << -s));
 }
 
-// Round to nearest with ties to even for |v| below 2^22: adding and taking away 1.5 * 2^23
-// leaves the float rounded in the default rounding mode. Unlike rintf this stays inline in the
-// baseline code path, so the conversion loops vectorise there too.
-inline float roundHalfEven(float v) {
-    constexpr float kMagic = 12582912.0f;
-    return (v + kMagic) - kMagic;
-}
-
-// Round to nearest, ties to even, into [lo, hi] (both integers), saturating. The clamp comes
-// first, so NaN (which fails both comparisons) gives lo.
+// Round to nearest, ties to even, into [lo, hi] (integers of magnitude below 2^22),
+// saturating. The clamp comes first, so NaN (which fails both comparisons) gives lo. Adding
+// 1.5 * 2^23 rounds the float in the default rounding mode and leaves the integer in the low
+// mantissa bits, read back by subtracting the sum's bit pattern at zero; this stays inline in
+// the baseline code path (unlike rintf), so the conversion loops vectorise everywhere.
 template <typename I>
 inline I roundSat(float v, float lo, float hi) {
     float c = v > lo ? v : lo;
     c = c < hi ? c : hi;
-    return static_cast<I>(static_cast<int>(roundHalfEven(c)));
+    const float biased = c + 12582912.0f;
+    int32_t bits;
+    __builtin_memcpy(&bits, &biased, sizeof bits);
+    return static_cast<I>(bits - 0x4B400000);
 }
 
 // Size of a scratch allocation, refused when it does not fit the allocator's count.
