@@ -118,6 +118,13 @@ void BM_DirectCompact(benchmark::State& state) {
 }
 BENCHMARK(BM_DirectCompact)->Arg(316)->Unit(benchmark::kMillisecond)->Iterations(2);
 
+void BM_DirectBlasThreads(benchmark::State& state) {
+    qx::detail::DirectSolveOptions o;
+    o.blasThreads = 0;  // whatever OMP_NUM_THREADS says
+    runDirect(state, o);
+}
+BENCHMARK(BM_DirectBlasThreads)->Arg(316)->Unit(benchmark::kMillisecond)->Iterations(2);
+
 void BM_DirectSimplicial(benchmark::State& state) {
     qx::detail::DirectSolveOptions o;
     o.supernodal = false;

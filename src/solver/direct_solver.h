@@ -54,15 +54,16 @@ namespace detail {
 enum class Ordering { Amd, Metis, Nesdis };
 
 struct DirectSolveOptions {
-    // On matting-like grids (5 x 5 coupling, 100k and 300k unknowns) AMD orders in 0.07 s and
-    // 0.2 s, METIS and CHOLMOD's nested dissection in 1.6-7 s, for a factor only 2-3% smaller and
-    // 7-9% fewer flops; AMD gives the shortest solve.
+    // On matting-like grids (5 x 5 coupling, 100k and 300k unknowns) AMD orders in 0.06 s and
+    // 0.2 s, METIS and CHOLMOD's nested dissection in 0.9 s and 3.2-3.4 s, for a factor only 2-3%
+    // smaller and 9-17% fewer flops: the whole solve is about 1.4 times faster with AMD.
     Ordering ordering = Ordering::Amd;
     bool supernodal = true;
     bool compactSupernodes = false;  // no relaxed amalgamation: smaller factor, slower
     bool memoryPath = true;          // return 0 on out-of-memory instead of throwing
     bool kickAfterAnalysis = true;
     bool solutionInB = true;         // false: write x, leave b
+    int blasThreads = 1;             // OpenMP threads for the BLAS during the solve; 0: as set
 };
 
 struct DirectSolveStats {
