@@ -55,8 +55,8 @@ enum class Ordering { Amd, Metis, Nesdis };
 
 struct DirectSolveOptions {
     // On matting-like grids (5 x 5 coupling, 100k and 300k unknowns) AMD orders in 0.06 s and
-    // 0.2 s, METIS and CHOLMOD's nested dissection in 0.9 s and 3.2-3.4 s, for a factor only 2-3%
-    // smaller and 9-17% fewer flops: the whole solve is about 1.4 times faster with AMD.
+    // 0.2 s, METIS and CHOLMOD's nested dissection in 0.9 s and 3.2-3.4 s, for a factor at most 6%
+    // smaller and 7-17% fewer flops: the whole solve is 1.4-1.6 times faster with AMD.
     Ordering ordering = Ordering::Amd;
     bool supernodal = true;
     bool compactSupernodes = false;  // no relaxed amalgamation: smaller factor, slower
