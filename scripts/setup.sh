@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-openmp
+packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-pthread
           libgtest-dev libgmock-dev libbenchmark-dev)
 missing=()
 for p in "${packages[@]}"; do

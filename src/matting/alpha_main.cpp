@@ -60,11 +60,14 @@ bool sortTriplesByRow(int64_t pixels, int count, int*& rows, int*& cols, float*&
         std::free(perm);
         return false;
     }
+#pragma omp parallel for schedule(static)
     for (int t = 0; t < count; ++t) scratch[t] = rows[perm[t]];
     std::swap(rows, scratch);
+#pragma omp parallel for schedule(static)
     for (int t = 0; t < count; ++t) scratch[t] = cols[perm[t]];
     std::swap(cols, scratch);
     float* sortedVals = reinterpret_cast<float*>(scratch);
+#pragma omp parallel for schedule(static)
     for (int t = 0; t < count; ++t) sortedVals[t] = vals[perm[t]];
     std::free(vals);
     vals = sortedVals;

@@ -5,6 +5,7 @@
 // indices ascend, so a <= b is exactly win[a] <= win[b]).
 #include <algorithm>
 #include <cstdlib>
+#include <vector>
 
 #include "matting/cfmatt.h"
 
@@ -64,42 +65,63 @@ int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
     if (capacity <= 0) return 4;
     if (capacity > kMaxTriples) throw -1;
 
+    // Window ordinals by row: the triples of window k stand at 45k, in window order, whatever
+    // thread builds them.
+    std::vector<int64_t> rowFirst(static_cast<size_t>(height) + 1, 0);
+    for (int y = 1; y < height - 1; ++y) {
+        const unsigned char* coreRow = core.row(y);
+        int64_t n = 0;
+        for (int x = 1; x < width - 1; ++x) n += coreRow[x] == 0;
+        rowFirst[y + 1] = rowFirst[y] + n;
+    }
+    const int64_t triples = 45 * rowFirst[height - 1];
+    const int64_t length = std::max(capacity, triples);
+
     const int64_t pixels = static_cast<int64_t>(width) * height;
-    lapVals = static_cast<float*>(std::malloc(sizeof(float) * capacity));
-    lapRows = static_cast<int*>(std::malloc(sizeof(int) * capacity));
-    lapCols = static_cast<int*>(std::malloc(sizeof(int) * capacity));
+    lapVals = static_cast<float*>(std::malloc(sizeof(float) * length));
+    lapRows = static_cast<int*>(std::malloc(sizeof(int) * length));
+    lapCols = static_cast<int*>(std::malloc(sizeof(int) * length));
     lapDiag = static_cast<float*>(std::calloc(static_cast<size_t>(pixels), sizeof(float)));
     if (!lapVals || !lapRows || !lapCols || !lapDiag) {
         cleanMemAll();
         throw 130;
     }
 
-    int64_t n = 0;
-    double I[27], T[81];
-    int win[9];
-    for (int y = 1; y < height - 1; ++y) {
-        const unsigned char* coreRow = core.row(y);
-        for (int x = 1; x < width - 1; ++x) {
-            if (coreRow[x] != 0) continue;
-            winIdx(x, y, width, win);
-            readWindow(x, y, I);
-            windowAffinities(I, epsilon, T);
-            for (int a = 0; a < 9; ++a) {
-                float* diag = lapDiag + win[a];
-                for (int b = 0; b < 9; ++b) {
-                    const float v = static_cast<float>(T[9 * a + b]);
-                    *diag += v;
-                    if (a <= b) {
-                        lapRows[n] = win[a];
-                        lapCols[n] = win[b];
-                        lapVals[n] = v;
-                        ++n;
+    // A window adds to the row sums of three image rows, so window rows three apart never touch
+    // the same sums: each of three passes takes every third row in parallel. The order of the
+    // additions into a row sum is then fixed by the passes, not by the threads.
+    for (int pass = 0; pass < 3; ++pass) {
+        const int first = 1 + pass;
+        const int rowsInPass = first < height - 1 ? (height - 2 - first) / 3 + 1 : 0;
+#pragma omp parallel for schedule(static)
+        for (int r = 0; r < rowsInPass; ++r) {
+            const int y = first + 3 * r;
+            const unsigned char* coreRow = core.row(y);
+            int64_t n = 45 * rowFirst[y];
+            double I[27], T[81];
+            int win[9];
+            for (int x = 1; x < width - 1; ++x) {
+                if (coreRow[x] != 0) continue;
+                winIdx(x, y, width, win);
+                readWindow(x, y, I);
+                windowAffinities(I, epsilon, T);
+                for (int a = 0; a < 9; ++a) {
+                    float* diag = lapDiag + win[a];
+                    for (int b = 0; b < 9; ++b) {
+                        const float v = static_cast<float>(T[9 * a + b]);
+                        *diag += v;
+                        if (a <= b) {
+                            lapRows[n] = win[a];
+                            lapCols[n] = win[b];
+                            lapVals[n] = v;
+                            ++n;
+                        }
                     }
                 }
             }
         }
     }
-    *count = static_cast<int>(n);
+    *count = static_cast<int>(triples);
     return 0;
 }
 
