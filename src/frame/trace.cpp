@@ -13,11 +13,17 @@ char traceDir[512] = "/tmp/";
 char traceFile[1100] = "/tmp/qxdlltrace.txt";
 int traceCounter = 0;
 
-// Opens the log for one entry; it is closed again after the entry so that a crash loses
-// nothing.
-FILE* openLog() {
-    if ((traceMask & 1u) == 0) return nullptr;
-    return std::fopen(traceFile, "a");
+// One log entry: the file is opened and closed again for every entry, so that a crash loses
+// nothing. The format takes the running number first.
+template <typename Value>
+int writeEntry(const char* format, const char* label, Value value) {
+    if ((traceMask & 1u) == 0) return 0;
+    FILE* f = std::fopen(traceFile, "a");
+    if (!f) return 0;
+    std::fprintf(f, format, traceCounter, label, value);
+    ++traceCounter;
+    std::fclose(f);
+    return 1;
 }
 
 // Writes one image dump. samplesPerPixel is 3 (PPM) or 1 (PGM).
@@ -81,30 +87,15 @@ int setTrace(unsigned mask, const char* dir) {
 unsigned isTrace() { return traceMask; }
 
 int traceMsg(const char* label, const char* text) {
-    FILE* f = openLog();
-    if (!f) return 0;
-    std::fprintf(f, "<<<<%d: %s\n -- %s \n>>>>\n", traceCounter, label, text);
-    ++traceCounter;
-    std::fclose(f);
-    return 1;
+    return writeEntry("<<<<%d: %s\n -- %s \n>>>>\n", label, text);
 }
 
 int traceInt(const char* label, int value) {
-    FILE* f = openLog();
-    if (!f) return 0;
-    std::fprintf(f, "<<<<%d: %s %d \n>>>>\n", traceCounter, label, value);
-    ++traceCounter;
-    std::fclose(f);
-    return 1;
+    return writeEntry("<<<<%d: %s %d \n>>>>\n", label, value);
 }
 
 int tracePtr(const char* label, unsigned long value) {
-    FILE* f = openLog();
-    if (!f) return 0;
-    std::fprintf(f, "<<<<%d: %s %lx \n>>>>\n", traceCounter, label, value);
-    ++traceCounter;
-    std::fclose(f);
-    return 1;
+    return writeEntry("<<<<%d: %s %lx \n>>>>\n", label, value);
 }
 
 int tracePPM(const void* pixels, int width, int height, int rowStep, int pixelStep,

@@ -23,12 +23,8 @@ Plane8 view(PaddedPlane& p) { return Plane8(p.width, p.height, p.data(), p.step)
 // Builds (L + C) x = C a densely from the triples, independently of the sparse assembly, and
 // compares it with what alphaMain returns.
 void checkAgainstDense(bool direct, int w = 11, int h = 9) {
-    std::mt19937 rng(direct ? 3 : 4);
-    std::uniform_int_distribution<int> byte(0, 255);
-    PaddedPlane planes[3] = {PaddedPlane(w, h), PaddedPlane(w, h), PaddedPlane(w, h)};
-    for (auto& p : planes)
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) p.at(x, y) = static_cast<unsigned char>(byte(rng));
+    qxtest::RandomPlanes random(w, h, direct ? 3 : 4);
+    PaddedPlane* planes = random.planes;
     PaddedPlane mask(w, h, 6, 0);
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) mask.at(x, y) = 3 * x < w ? 0 : 3 * x > 2 * w ? 255 : 128;
@@ -137,7 +133,9 @@ TEST(CompAlpha, RecoversAKnownSoftEdge) {
     EXPECT_LT(comp.meanError(mask), 0.005);
     for (int y = 0; y < comp.height; ++y)
         for (int x = 0; x < comp.width; ++x)
-            if (comp.trimap.at(x, y) != 128) EXPECT_EQ(mask.at(x, y), comp.trimap.at(x, y));
+            if (comp.trimap.at(x, y) != 128) {
+                EXPECT_EQ(mask.at(x, y), comp.trimap.at(x, y));
+            }
     EXPECT_TRUE(mask.padsIntact());
     EXPECT_EQ(m.alpha, nullptr);
 }

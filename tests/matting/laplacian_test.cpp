@@ -202,16 +202,12 @@ TEST(Laplacian, OversizedEstimateThrowsBeforeAllocating) {
 // summing to zero (each window's affinity block sums to the same value both ways).
 TEST(Laplacian, RowsSumToZeroOnRandomColours) {
     const int w = 9, h = 7;
-    std::mt19937 rng(5);
-    std::uniform_int_distribution<int> byte(0, 255);
-    PaddedPlane planes[3] = {PaddedPlane(w, h), PaddedPlane(w, h), PaddedPlane(w, h)};
-    for (auto& p : planes)
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) p.at(x, y) = static_cast<unsigned char>(byte(rng));
+    qxtest::RandomPlanes random(w, h, 5);
+    PaddedPlane* planes = random.planes;
     PaddedPlane core(w, h, 4, 255);
     for (int y = 2; y < 6; ++y)
         for (int x = 1; x < 7; ++x) core.at(x, y) = 0;
-    unsigned char* ptrs[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
+    unsigned char** ptrs = random.ptrs;
     Plane8 c = view(core);
     CFMatt m;
     int count = 0;
@@ -245,12 +241,8 @@ namespace {
 // order: the result must not depend on the number of threads.
 TEST(Laplacian, IdenticalWithOneOrTwoThreads) {
     const int w = 37, h = 29;
-    std::mt19937 rng(11);
-    std::uniform_int_distribution<int> byte(0, 255);
-    PaddedPlane planes[3] = {PaddedPlane(w, h), PaddedPlane(w, h), PaddedPlane(w, h)};
-    for (auto& p : planes)
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) p.at(x, y) = static_cast<unsigned char>(byte(rng));
+    qxtest::RandomPlanes random(w, h, 11);
+    PaddedPlane* planes = random.planes;
     PaddedPlane core(w, h, 4, 0);
     for (int x = 0; x < w; ++x) core.at(x, 5) = 255;
     unsigned char* ptrs[3] = {planes[0].data(), planes[1].data(), planes[2].data()};

@@ -92,8 +92,12 @@ struct Job {
         for (int y = 0; y < comp.height; ++y)
             for (int x = 0; x < comp.width; ++x) {
                 const int r = mask.at(x, y), t = comp.trimap.at(x, y);
-                if (r == 0) ASSERT_EQ(t, 0) << x << "," << y;
-                if (r == 255) ASSERT_EQ(t, 255) << x << "," << y;
+                if (r == 0) {
+                    ASSERT_EQ(t, 0) << x << "," << y;
+                }
+                if (r == 255) {
+                    ASSERT_EQ(t, 255) << x << "," << y;
+                }
             }
     }
 };

@@ -32,6 +32,23 @@ struct PaddedPlane {
     }
 };
 
+// Three planes of uniformly random bytes.
+struct RandomPlanes {
+    PaddedPlane planes[3];
+    unsigned char* ptrs[3];
+    RandomPlanes(int w, int h, unsigned seed) {
+        std::mt19937 rng(seed);
+        std::uniform_int_distribution<int> byte(0, 255);
+        for (int c = 0; c < 3; ++c) {
+            planes[c] = PaddedPlane(w, h);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) planes[c].at(x, y) = static_cast<unsigned char>(byte(rng));
+            ptrs[c] = planes[c].data();
+        }
+    }
+    int step() const { return planes[0].step; }
+};
+
 // A composite I = a F + (1 - a) B over three planes, with a soft disc as alpha: 1 inside
 // radius r0, 0 outside r1, linear in between. F and B are constant colours plus an optional
 // small texture of the background, so that the colour-line model holds in every window.
