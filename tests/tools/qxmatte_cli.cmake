@@ -1,0 +1,81 @@
+# End-to-end checks of the qxmatte command line: bad input gives a one-line message naming the
+# file, a non-zero exit and no output file; good input writes the alpha and the cut-out.
+# Run as: cmake -DQXMATTE=<path> -DWORK=<dir> -P qxmatte_cli.cmake
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK})
+
+# Plain-text PNM images that OpenCV reads: a w x h grey plane of one value, and a colour one.
+function(write_pgm path w h value)
+  set(body "P2\n${w} ${h}\n255\n")
+  math(EXPR n "${w} * ${h}")
+  string(REPEAT "${value} " ${n} pixels)
+  file(WRITE ${path} "${body}${pixels}\n")
+endfunction()
+function(write_ppm path w h)
+  set(body "P3\n${w} ${h}\n255\n")
+  math(EXPR n "${w} * ${h}")
+  string(REPEAT "200 40 90 " ${n} pixels)
+  file(WRITE ${path} "${body}${pixels}\n")
+endfunction()
+
+function(expect_failure what pattern)
+  execute_process(COMMAND ${QXMATTE} ${ARGN} -q RESULT_VARIABLE rc ERROR_VARIABLE err
+                  OUTPUT_VARIABLE out)
+  if(rc EQUAL 0)
+    message(FATAL_ERROR "${what}: exit 0, expected a failure")
+  endif()
+  if(NOT err MATCHES "${pattern}")
+    message(FATAL_ERROR "${what}: message '${err}' does not match '${pattern}'")
+  endif()
+  string(REGEX MATCHALL "\n" lines "${err}")
+  list(LENGTH lines nlines)
+  if(NOT nlines EQUAL 1)
+    message(FATAL_ERROR "${what}: expected one line, got '${err}'")
+  endif()
+  if(EXISTS ${WORK}/out.png)
+    message(FATAL_ERROR "${what}: left an output file behind")
+  endif()
+  file(GLOB leftovers ${WORK}/.qxmatte-*)
+  if(leftovers)
+    message(FATAL_ERROR "${what}: left a temporary file behind: ${leftovers}")
+  endif()
+endfunction()
+
+write_ppm(${WORK}/image.ppm 40 30)
+write_pgm(${WORK}/small.pgm 20 30 128)
+write_pgm(${WORK}/decided.pgm 40 30 255)
+write_pgm(${WORK}/undecided.pgm 40 30 128)
+file(WRITE ${WORK}/broken.png "this is not an image\n")
+
+expect_failure("missing image" "missing\\.png: no such file"
+               trimap ${WORK}/missing.png ${WORK}/decided.pgm -o ${WORK}/out.png)
+expect_failure("unreadable tri-map" "broken\\.png: not a readable image"
+               trimap ${WORK}/image.ppm ${WORK}/broken.png -o ${WORK}/out.png)
+expect_failure("sizes differ" "small\\.pgm: tri-map is 20x30, image is 40x30"
+               trimap ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
+expect_failure("nothing undecided" "decided\\.pgm: the tri-map has no undecided pixel"
+               trimap ${WORK}/image.ppm ${WORK}/decided.pgm -o ${WORK}/out.png)
+expect_failure("unwritable output" "nowhere/out\\.png: cannot write"
+               trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/nowhere/out.png)
+
+# Good input: the demo's scene through the trimap command.
+execute_process(COMMAND ${QXMATTE} demo -o ${WORK}/demo -q RESULT_VARIABLE rc OUTPUT_VARIABLE out)
+if(NOT rc EQUAL 0 OR NOT out MATCHES "SAD [0-9.]+ \\(thousands\\), MSE [0-9.]+")
+  message(FATAL_ERROR "demo failed: ${rc} ${out}")
+endif()
+string(REGEX MATCH "SAD ([0-9.]+)" _ "${out}")
+if(CMAKE_MATCH_1 GREATER 8.0)
+  message(FATAL_ERROR "demo accuracy out of range: SAD ${CMAKE_MATCH_1}")
+endif()
+execute_process(COMMAND ${QXMATTE} trimap ${WORK}/demo/image.png ${WORK}/demo/trimap.png
+                        -o ${WORK}/alpha.png --cutout ${WORK}/cutout.png -q
+                RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/alpha.png OR NOT EXISTS ${WORK}/cutout.png)
+  message(FATAL_ERROR "trimap on the demo scene failed: ${rc} ${err}")
+endif()
+file(SHA256 ${WORK}/alpha.png got)
+file(SHA256 ${WORK}/demo/alpha.png want)
+if(NOT got STREQUAL want)
+  message(FATAL_ERROR "the trimap command and the demo disagree on the same scene")
+endif()
+message(STATUS "qxmatte command line ok")
