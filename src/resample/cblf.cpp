@@ -58,25 +58,30 @@ int CBLFRGB(int width, int height, unsigned char* const* planes, int planeStep, 
     }
 
     // Scratch of each thread of the window loop, made here so that no allocation (and no
-    // throw) happens inside the parallel region.
+    // throw) happens inside the parallel region: a distance plane, one weight plane for each
+    // offset of a window row, and a float plane.
     const int rows = 2 * radius + 1;
     const int threads = std::max(1, std::min(omp_get_max_threads(), rows));
-    std::vector<GIMG<unsigned char>*> diffs(threads), weights(threads);
+    std::vector<GIMG<unsigned char>*> diffs(threads), weights(static_cast<size_t>(threads) * rows);
     std::vector<GIMG<float>*> weightFloats(threads);
     for (int t = 0; t < threads; ++t) {
         diffs[t] = bytes.add(cw, ch);
-        weights[t] = bytes.add(cw, ch);
+        for (int k = 0; k < rows; ++k) weights[static_cast<size_t>(t) * rows + k] = bytes.add(cw, ch);
         weightFloats[t] = floats.add(cw, ch);
     }
 
-#pragma omp parallel for schedule(static) num_threads(threads)
+    // Window rows compute their weights in parallel and add them to the shared sums one row
+    // after the other, in row order: the sums are formed in the same order whatever the number
+    // of threads, so the result does not depend on the scheduling.
+#pragma omp parallel for schedule(static) ordered num_threads(threads)
     for (int dy = -radius; dy <= radius; ++dy) {
         const int t = omp_get_thread_num();
         GIMG<unsigned char>& diff = *diffs[t];
-        GIMG<unsigned char>& weight = *weights[t];
+        GIMG<unsigned char>* const* rowWeights = &weights[static_cast<size_t>(t) * rows];
         GIMG<float>& weightF = *weightFloats[t];
         for (int dx = -radius; dx <= radius; ++dx) {
             if (dx == 0 && dy == 0) continue;
+            GIMG<unsigned char>& weight = *rowWeights[dx + radius];
             const float s = std::exp(-static_cast<float>(dx * dx + dy * dy) /
                                      (2.0f * sigmaSpace * sigmaSpace));
             const double fixed = s * 128.0;
@@ -94,16 +99,16 @@ int CBLFRGB(int width, int height, unsigned char* const* planes, int planeStep, 
             prim::lut_8u_C1(diff.data, diff.step, weight.data, weight.step, roi, rangeTable);
             // Range times spatial weight in 8-bit fixed point, 128 standing for 1.0.
             prim::mulC_8u_C1IS(spatial, weight.data, weight.step, roi, 7);
-
-#pragma omp critical(qx_cblf_accumulate)
-            {
-                for (int p = 0; p < planeCount; ++p)
-                    prim::addProduct_8u32f_C1I(weight.data, weight.step, planeAt(p, dx, dy),
-                                               planeStep, sums[p]->data, sums[p]->step, roi);
-                prim::convert_8u32f_C1(weight.data, weight.step, weightF.data, weightF.step, roi);
-                prim::add_32f_C1I(weightF.data, weightF.step, weightSum->data, weightSum->step,
-                                  roi);
-            }
+        }
+#pragma omp ordered
+        for (int dx = -radius; dx <= radius; ++dx) {
+            if (dx == 0 && dy == 0) continue;
+            const GIMG<unsigned char>& weight = *rowWeights[dx + radius];
+            for (int p = 0; p < planeCount; ++p)
+                prim::addProduct_8u32f_C1I(weight.data, weight.step, planeAt(p, dx, dy),
+                                           planeStep, sums[p]->data, sums[p]->step, roi);
+            prim::convert_8u32f_C1(weight.data, weight.step, weightF.data, weightF.step, roi);
+            prim::add_32f_C1I(weightF.data, weightF.step, weightSum->data, weightSum->step, roi);
         }
     }
 

@@ -25,9 +25,8 @@ namespace qx {
 // pointer is null or a step is shorter than a row. Allocation failures throw the ints of
 // image/img.h.
 //
-// The window rows run in parallel and add into shared sums inside one critical section, so the
-// order of the float additions follows the scheduling: results may differ by one level in rare
-// pixels from run to run.
+// The window rows compute their weights in parallel and add them to the shared sums in row
+// order, so the result is the same bit for bit with any number of threads.
 int CBLFRGB(int width, int height, unsigned char* const* planes, int planeStep, int planeCount,
             unsigned char* const* refPlanes, int refStep, int refCount, int radius,
             float sigmaRange, float sigmaSpace, float epsilon);

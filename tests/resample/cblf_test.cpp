@@ -1,6 +1,7 @@
 #include "resample/cblf.h"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -194,6 +195,29 @@ TEST(Cblf, MatchesPerPixelReferenceWithinOneLevel) {
             // Rounding differences are rare, not the rule.
             EXPECT_LE(off, 2 * (w - 2 * radius) * (h - 2 * radius) / 50) << "r" << radius;
         }
+    }
+}
+
+// The window rows add into the shared sums in row order: one thread and several give the same
+// bytes, run after run.
+TEST(Cblf, SameResultWithAnyNumberOfThreads) {
+    std::mt19937 rng(5);
+    const int w = 61, h = 47;
+    for (int radius = 1; radius <= 3; ++radius) {
+        BlfSetup base(w, h, 1, 3);
+        base.alpha[0].fillRandom(rng, 0, 255);
+        for (auto& r : base.refs) r.fillRandom(rng, 0, 255);
+        std::vector<Plane8> results;
+        for (int threads : {1, 2, 3, 2}) {
+            BlfSetup s = base;
+            const int saved = omp_get_max_threads();
+            omp_set_num_threads(threads);
+            EXPECT_EQ(s.run(radius, 15.0f), 1);
+            omp_set_num_threads(saved);
+            results.push_back(s.alpha[0]);
+        }
+        for (size_t k = 1; k < results.size(); ++k)
+            EXPECT_TRUE(test::samePixels(results[0], results[k])) << "radius " << radius << " run " << k;
     }
 }
 
