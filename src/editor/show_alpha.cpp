@@ -19,11 +19,16 @@ inline uint8_t addSat(uint8_t a, int b) {
     return static_cast<uint8_t>(v > 255 ? 255 : v);
 }
 
-inline uint8_t* imageRow(uint8_t* image, int step, int y) {
-    return image + static_cast<int64_t>(y) * step;
-}
-inline const uint8_t* planeRow(const uint8_t* plane, int step, int y) {
-    return plane + static_cast<int64_t>(y) * step;
+// Calls paint(pixel, code) for every 4-byte pixel with its alpha code, rows in parallel.
+template <typename Paint>
+void forEachCodedPixel(uint8_t* image, int imageStep, int width, int height,
+                       const uint8_t* alpha, int alphaStep, Paint paint) {
+#pragma omp parallel for schedule(static, 1)
+    for (int y = 0; y < height; ++y) {
+        uint8_t* p = image + static_cast<int64_t>(y) * imageStep;
+        const uint8_t* a = alpha + static_cast<int64_t>(y) * alphaStep;
+        for (int x = 0; x < width; ++x, p += 4) paint(p, a[x]);
+    }
 }
 
 // Style 1: the image dimmed to 7/8, then tinted by code: even (working values) raise byte 0,
@@ -32,41 +37,29 @@ void showCodeTint(uint8_t* image, int imageStep, int width, int height, const ui
                   int alphaStep) {
     const uint8_t sevenEighths[4] = {7, 7, 7, 7};
     prim::mulC_8u_C4IS(sevenEighths, image, imageStep, {width, height}, 3);
-#pragma omp parallel for schedule(static, 1)
-    for (int y = 0; y < height; ++y) {
-        uint8_t* p = imageRow(image, imageStep, y);
-        const uint8_t* a = planeRow(alpha, alphaStep, y);
-        for (int x = 0; x < width; ++x, p += 4) {
-            const uint8_t c = a[x];
-            if ((c & 1) == 0) {
-                p[0] = addSat(p[0], 85);
-            } else if (c == 1) {
-                p[2] = addSat(p[2], 85);
-            } else if (c == 255) {
-                p[1] = addSat(p[1], 85);
-            } else {
-                p[2] = addSat(p[2], 85);
-                p[1] = addSat(p[1], 85);
-            }
+    forEachCodedPixel(image, imageStep, width, height, alpha, alphaStep, [](uint8_t* p, uint8_t c) {
+        if ((c & 1) == 0) {
+            p[0] = addSat(p[0], 85);
+        } else if (c == 1) {
+            p[2] = addSat(p[2], 85);
+        } else if (c == 255) {
+            p[1] = addSat(p[1], 85);
+        } else {
+            p[2] = addSat(p[2], 85);
+            p[1] = addSat(p[1], 85);
         }
-    }
+    });
 }
 
 // Style 2: a flat map, opaque: 0 in byte 2, 255 in byte 1, everything between in byte 0.
 void showCodeMap(uint8_t* image, int imageStep, int width, int height, const uint8_t* alpha,
                  int alphaStep) {
-#pragma omp parallel for schedule(static, 1)
-    for (int y = 0; y < height; ++y) {
-        uint8_t* p = imageRow(image, imageStep, y);
-        const uint8_t* a = planeRow(alpha, alphaStep, y);
-        for (int x = 0; x < width; ++x, p += 4) {
-            const uint8_t c = a[x];
-            p[0] = (c != 0 && c != 255) ? 255 : 0;
-            p[1] = c == 255 ? 255 : 0;
-            p[2] = c == 0 ? 255 : 0;
-            p[3] = 255;
-        }
-    }
+    forEachCodedPixel(image, imageStep, width, height, alpha, alphaStep, [](uint8_t* p, uint8_t c) {
+        p[0] = (c != 0 && c != 255) ? 255 : 0;
+        p[1] = c == 255 ? 255 : 0;
+        p[2] = c == 0 ? 255 : 0;
+        p[3] = 255;
+    });
 }
 
 // Byte 3 of every pixel becomes 255; `work` is a scratch plane of the image's size.

@@ -94,51 +94,42 @@ int blockEnd(int blk, int n) {
     return end < n ? int(end) : n;
 }
 
-double dot(const double* u, const double* v, int n, std::vector<double>& partial) {
+// Sums term(i) over 0..n in fixed blocks, each block in order and the blocks in order, so the
+// result is the same whatever the thread count. term may also update the vectors at i.
+template <typename Term>
+double blockSum(int n, std::vector<double>& partial, Term term) {
     const int blocks = blockCount(n);
 #pragma omp parallel for schedule(static) if (n >= kParallelRows)
     for (int blk = 0; blk < blocks; ++blk) {
         const int end = blockEnd(blk, n);
         double s = 0.0;
-        for (int i = blk * kDotBlock; i < end; ++i) s += u[i] * v[i];
+        for (int i = blk * kDotBlock; i < end; ++i) s += term(i);
         partial[size_t(blk)] = s;
     }
     return sumBlocks(partial);
+}
+
+double dot(const double* u, const double* v, int n, std::vector<double>& partial) {
+    return blockSum(n, partial, [=](int i) { return u[i] * v[i]; });
 }
 
 // x += alpha*p, r -= alpha*q; returns r'r.
 double updateAndNorm(double alpha, const double* p, const double* q, double* x, double* r, int n,
                      std::vector<double>& partial) {
-    const int blocks = blockCount(n);
-#pragma omp parallel for schedule(static) if (n >= kParallelRows)
-    for (int blk = 0; blk < blocks; ++blk) {
-        const int end = blockEnd(blk, n);
-        double s = 0.0;
-        for (int i = blk * kDotBlock; i < end; ++i) {
-            x[i] += alpha * p[i];
-            r[i] -= alpha * q[i];
-            s += r[i] * r[i];
-        }
-        partial[size_t(blk)] = s;
-    }
-    return sumBlocks(partial);
+    return blockSum(n, partial, [=](int i) {
+        x[i] += alpha * p[i];
+        r[i] -= alpha * q[i];
+        return r[i] * r[i];
+    });
 }
 
 // z = r scaled by invDiag (or copied when there is none); returns r'z.
 double precondition(const double* invDiag, const double* r, double* z, int n,
                     std::vector<double>& partial) {
-    const int blocks = blockCount(n);
-#pragma omp parallel for schedule(static) if (n >= kParallelRows)
-    for (int blk = 0; blk < blocks; ++blk) {
-        const int end = blockEnd(blk, n);
-        double s = 0.0;
-        for (int i = blk * kDotBlock; i < end; ++i) {
-            z[i] = invDiag ? r[i] * invDiag[i] : r[i];
-            s += r[i] * z[i];
-        }
-        partial[size_t(blk)] = s;
-    }
-    return sumBlocks(partial);
+    return blockSum(n, partial, [=](int i) {
+        z[i] = invDiag ? r[i] * invDiag[i] : r[i];
+        return r[i] * z[i];
+    });
 }
 
 int runCg(int n, const double* a, const int* ia, const int* ja, const double* b, double* x,

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <initializer_list>
 #include <map>
 #include <random>
 #include <utility>
@@ -20,75 +21,60 @@ namespace {
 
 Plane8 view(PaddedPlane& p) { return Plane8(p.width, p.height, p.data(), p.step); }
 
+// compMap over one row of codes; the planes after the call.
+struct MapRun {
+    PaddedPlane tri, known, fg;
+    MapRun(std::initializer_list<unsigned char> codes, int fgCode, int bgCode, int applyLevels)
+        : tri(static_cast<int>(codes.size()), 1), known(tri.width, 1), fg(tri.width, 1) {
+        int x = 0;
+        for (unsigned char c : codes) tri.at(x++, 0) = c;
+        Plane8 t = view(tri), k = view(known), f = view(fg);
+        CFMatt m;
+        m.fgCode = static_cast<unsigned char>(fgCode);
+        m.bgCode = static_cast<unsigned char>(bgCode);
+        m.compMap(applyLevels, t, k, f);
+    }
+};
+
 TEST(ConstraintMap, NarrowCodesAreStretchedWithATruncatedMultiplier) {
     // fg 200, bg 50: multiplier min(16320 / 150, 255) = 108, so 200 -> 150 * 108 / 64 = 253.1
     // -> 253: such a tri-map has no definite foreground at all.
-    PaddedPlane tri(4, 1);
-    const unsigned char in[4] = {40, 50, 125, 200};
-    for (int x = 0; x < 4; ++x) tri.at(x, 0) = in[x];
-    PaddedPlane known(4, 1), fg(4, 1);
-    Plane8 t = view(tri), k = view(known), f = view(fg);
-    CFMatt m;
-    m.fgCode = 200;
-    m.bgCode = 50;
-    m.compMap(1, t, k, f);
+    MapRun r({40, 50, 125, 200}, 200, 50, 1);
     // 125 -> 75 * 108 = 8100 / 64 = 126.5625 -> 127
-    EXPECT_EQ(tri.at(0, 0), 0);
-    EXPECT_EQ(tri.at(1, 0), 0);
-    EXPECT_EQ(tri.at(2, 0), 127);
-    EXPECT_EQ(tri.at(3, 0), 253);
-    EXPECT_EQ(known.at(0, 0), 255);
-    EXPECT_EQ(known.at(1, 0), 255);
-    EXPECT_EQ(known.at(2, 0), 0);
-    EXPECT_EQ(known.at(3, 0), 0);
-    EXPECT_EQ(fg.at(3, 0), 0);
-    EXPECT_TRUE(tri.padsIntact() && known.padsIntact() && fg.padsIntact());
+    EXPECT_EQ(r.tri.at(0, 0), 0);
+    EXPECT_EQ(r.tri.at(1, 0), 0);
+    EXPECT_EQ(r.tri.at(2, 0), 127);
+    EXPECT_EQ(r.tri.at(3, 0), 253);
+    EXPECT_EQ(r.known.at(0, 0), 255);
+    EXPECT_EQ(r.known.at(1, 0), 255);
+    EXPECT_EQ(r.known.at(2, 0), 0);
+    EXPECT_EQ(r.known.at(3, 0), 0);
+    EXPECT_EQ(r.fg.at(3, 0), 0);
+    EXPECT_TRUE(r.tri.padsIntact() && r.known.padsIntact() && r.fg.padsIntact());
 }
 
 TEST(ConstraintMap, DividingRangesReach255AndFullRangeIsUntouched) {
-    PaddedPlane tri(3, 1);
-    tri.at(0, 0) = 10;
-    tri.at(1, 0) = 200;
-    tri.at(2, 0) = 100;
-    PaddedPlane known(3, 1), fg(3, 1);
-    Plane8 t = view(tri), k = view(known), f = view(fg);
-    CFMatt m;
-    m.fgCode = 200;
-    m.bgCode = 10;  // range 190: 16320 / 190 = 85, 190 * 85 / 64 = 252.3: not 255
-    m.compMap(1, t, k, f);
-    EXPECT_EQ(tri.at(1, 0), 252);
+    // range 190: 16320 / 190 = 85, 190 * 85 / 64 = 252.3: not 255
+    MapRun narrow({10, 200, 100}, 200, 10, 1);
+    EXPECT_EQ(narrow.tri.at(1, 0), 252);
 
-    PaddedPlane tri2(3, 1);
-    tri2.at(0, 0) = 0;
-    tri2.at(1, 0) = 255;
-    tri2.at(2, 0) = 77;
-    Plane8 t2 = view(tri2);
-    CFMatt natural;  // codes 255 / 0: the plane is read as it stands
-    natural.compMap(1, t2, k, f);
-    EXPECT_EQ(tri2.at(2, 0), 77);
-    EXPECT_EQ(known.at(0, 0), 255);
-    EXPECT_EQ(known.at(1, 0), 255);
-    EXPECT_EQ(known.at(2, 0), 0);
-    EXPECT_EQ(fg.at(1, 0), 255);
-    EXPECT_EQ(fg.at(0, 0), 0);
+    MapRun natural({0, 255, 77}, 255, 0, 1);  // codes 255 / 0: the plane is read as it stands
+    EXPECT_EQ(natural.tri.at(2, 0), 77);
+    EXPECT_EQ(natural.known.at(0, 0), 255);
+    EXPECT_EQ(natural.known.at(1, 0), 255);
+    EXPECT_EQ(natural.known.at(2, 0), 0);
+    EXPECT_EQ(natural.fg.at(1, 0), 255);
+    EXPECT_EQ(natural.fg.at(0, 0), 0);
 }
 
 TEST(ConstraintMap, WithoutLevelsTheCodesAreThresholds) {
-    PaddedPlane tri(4, 1);
-    const unsigned char in[4] = {50, 51, 199, 200};
-    for (int x = 0; x < 4; ++x) tri.at(x, 0) = in[x];
-    PaddedPlane known(4, 1), fg(4, 1);
-    Plane8 t = view(tri), k = view(known), f = view(fg);
-    CFMatt m;
-    m.fgCode = 200;
-    m.bgCode = 50;
-    m.compMap(0, t, k, f);
-    EXPECT_EQ(tri.at(0, 0), 50);  // unchanged
-    EXPECT_EQ(known.at(0, 0), 255);
-    EXPECT_EQ(known.at(1, 0), 0);
-    EXPECT_EQ(known.at(2, 0), 0);
-    EXPECT_EQ(known.at(3, 0), 255);
-    EXPECT_EQ(fg.at(3, 0), 255);
+    MapRun r({50, 51, 199, 200}, 200, 50, 0);
+    EXPECT_EQ(r.tri.at(0, 0), 50);  // unchanged
+    EXPECT_EQ(r.known.at(0, 0), 255);
+    EXPECT_EQ(r.known.at(1, 0), 0);
+    EXPECT_EQ(r.known.at(2, 0), 0);
+    EXPECT_EQ(r.known.at(3, 0), 255);
+    EXPECT_EQ(r.fg.at(3, 0), 255);
 }
 
 TEST(ErodeMap, SingleHoleOpensItsBlockAndEdgesDoNotErode) {
