@@ -4,7 +4,8 @@ cmake_policy(SET CMP0057 NEW)  # if(... IN_LIST ...)
 set(expected
   qxSetupLib setDebugTrace qxMaskBBox qxMaskAlpha
   qxDrawLine8u qxFloodFillAlpha qxShowImageAlpha qxScaleAlpha qxShowKeepBlend
-  qxColorRangeSelect qxDesaturation qxfilterIm8u qxRGB2YCbCrAutoLevel qxPreviewAutoLevel)
+  qxColorRangeSelect qxDesaturation qxfilterIm8u qxRGB2YCbCrAutoLevel qxPreviewAutoLevel
+  qxKeepCutToAlpha qxRecoverForeground qxRecoverForegroundCell)
 execute_process(COMMAND nm -D --defined-only ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIB}")

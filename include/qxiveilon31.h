@@ -183,6 +183,24 @@ QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width, 
 QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, int fgCode,
                        int bgCode, int levelHigh, int levelLow);
 
+/* ---- Keep-cut matting --------------------------------------------------------------------- */
+
+/* Alpha from keep and cut strokes, in place on the region of request->alphaPlane (stroke
+ * coding above). hiRes 1: the KD-tree engine at full resolution; any other value: at half
+ * resolution with one guided doubling. Returns 1 done; -1 out of memory, or a tile too large
+ * for one solve (add strokes); -5 too few strokes (no keep, no cut, or fewer than 3 undecided
+ * pixels); an image failure code as thrown; -1000 any other failure. The paint flags are back in
+ * the plane however the call ends. */
+QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes);
+
+/* ---- Foreground colour recovery ----------------------------------------------------------- */
+
+/* The foreground's own colour at partly transparent pixels, written over dstImage. Returns 0. */
+QX_API int64_t qxRecoverForeground(KeepCutRequest* request, int blendEdges);
+
+/* Foreground recovery in small cells, as qxKeepCutToAlpha runs it. Returns 1. */
+QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t reserved);
+
 /* ---- Brushes and tools -------------------------------------------------------------------- */
 
 /* Draws one brush segment (cv::line thickness 2*radius+1, 8-connected) into the code plane.

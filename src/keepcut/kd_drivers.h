@@ -1,0 +1,16 @@
+// The two KD-tree drivers of a keep-cut call: strokes in the request's alpha plane to alpha, at
+// full resolution or at half resolution with one guided doubling.
+#pragma once
+
+#include "qxiveilon31.h"
+
+namespace qx {
+
+// Both work in place on the region of request->alphaPlane and write dstImage only at full
+// strokes (1 and 255). They return nothing: a failure is thrown, -5 for too few strokes (paint
+// flags restored), -1 for a leaf over 2,000,000 unknown pixels, the image codes and
+// std::bad_alloc for memory. The caller checks the request and catches.
+void computeAlphaKDTreeHiRes(KeepCutRequest* request);
+void computeAlphaKDTreePyramid(KeepCutRequest* request);
+
+}  // namespace qx
