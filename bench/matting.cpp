@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "frame/memory.h"
+#include "solver/direct_solver.h"
 #include "workflow.h"
 
 namespace fs = std::filesystem;
@@ -26,6 +28,7 @@ struct Row {
     std::string name;
     int width = 0, height = 0, unknown = 0;
     double seconds = 0, sad = 0, mse = 0, peakMB = 0, estimateMB = 0;
+    qx::detail::DirectSolveTotals solver;  // the direct solves of the job
     bool accuracy = false;
 };
 std::vector<Row> rows;
@@ -59,16 +62,20 @@ Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap
     malloc_trim(0);
     const double before = statusMB("VmRSS:");
     resetPeak();
+    qx::detail::resetDirectSolveTotals();
     const auto t0 = std::chrono::steady_clock::now();
     const qxmatte::MatteResult m = qxmatte::matteWithTrimap(image, trimap, {});
     r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     r.peakMB = statusMB("VmHWM:") - before;
+    r.solver = qx::detail::directSolveTotals();
     r.unknown = m.unknownPixels;
     r.estimateMB = (1920.0 * m.unknownPixels + 12.0 * m.boxWidth * m.boxHeight) / (1024.0 * 1024.0);
     if (!m.ok) {
         std::fprintf(stderr, "%s: %s\n", name.c_str(), m.error.c_str());
         return r;
     }
+    if (const char* dir = std::getenv("QX_BENCH_SAVE_DIR"))  // results kept for comparisons
+        cv::imwrite((fs::path(dir) / (name + ".png")).string(), m.alpha);
     if (truth) {
         const qxmatte::Accuracy a = qxmatte::measureAccuracy(m.alpha, *truth, trimap);
         r.sad = a.sad;
@@ -124,29 +131,38 @@ void BM_Large(benchmark::State& state, std::string name, fs::path dir, double me
 
 void printReport() {
     if (rows.empty()) return;
-    std::printf("\n%-22s %11s %8s %8s %8s %8s %9s %10s\n", "case", "size", "unknown", "time s",
-                "SAD", "MSE", "peak MB", "budget MB");
-    double total = 0, sad = 0, mse = 0;
+    std::printf("\n%-22s %11s %8s %8s %8s %8s %9s %10s | %8s %8s %8s %9s %5s\n", "case", "size",
+                "unknown", "time s", "SAD", "MSE", "peak MB", "budget MB", "analyse", "factor",
+                "solve", "solver MB", "fback");
+    double total = 0, sad = 0, mse = 0, analyse = 0, factor = 0, solve = 0;
     int n = 0;
     for (const Row& r : rows) {
-        char size[32];
+        char size[32], sadText[16] = "-", mseText[16] = "-";
         std::snprintf(size, sizeof size, "%dx%d", r.width, r.height);
-        if (r.accuracy)
-            std::printf("%-22s %11s %8d %8.2f %8.2f %8.2f %9.0f %10.0f\n", r.name.c_str(), size,
-                        r.unknown, r.seconds, r.sad, r.mse, r.peakMB, r.estimateMB);
-        else
-            std::printf("%-22s %11s %8d %8.2f %8s %8s %9.0f %10.0f\n", r.name.c_str(), size,
-                        r.unknown, r.seconds, "-", "-", r.peakMB, r.estimateMB);
+        if (r.accuracy) {
+            std::snprintf(sadText, sizeof sadText, "%.2f", r.sad);
+            std::snprintf(mseText, sizeof mseText, "%.2f", r.mse);
+        }
+        std::printf("%-22s %11s %8d %8.2f %8s %8s %9.0f %10.0f | %8.3f %8.3f %8.3f %9.0f %5d\n",
+                    r.name.c_str(), size, r.unknown, r.seconds, sadText, mseText, r.peakMB,
+                    r.estimateMB, r.solver.analysisSeconds, r.solver.factorSeconds,
+                    r.solver.solveSeconds, double(r.solver.peakBytes) / (1024.0 * 1024.0),
+                    r.solver.fallbacks);
         if (r.accuracy) {
             total += r.seconds;
             sad += r.sad;
             mse += r.mse;
+            analyse += r.solver.analysisSeconds;
+            factor += r.solver.factorSeconds;
+            solve += r.solver.solveSeconds;
             ++n;
         }
     }
     if (n)
-        std::printf("%-22s %11s %8s %8.2f %8.2f %8.2f   (total time, mean SAD, mean MSE over %d images)\n",
-                    "benchmark images", "", "", total, sad / n, mse / n, n);
+        std::printf("%-22s %11s %8s %8.2f %8.2f %8.2f %9s %10s | %8.3f %8.3f %8.3f   (totals, "
+                    "means over %d images)\n",
+                    "benchmark images", "", "", total, sad / n, mse / n, "", "", analyse, factor,
+                    solve, n);
 }
 
 }  // namespace

@@ -6,22 +6,20 @@
 #include <cmath>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include <cholmod.h>
-#include <omp.h>
+#include <dlfcn.h>
 
 #include "frame/progress.h"
+#include "solver/direct_backends.h"
 #include "solver/sparse.h"
 
 namespace qx {
 namespace detail {
 namespace {
-
-constexpr int kAnalysisFailed = 121;
-constexpr int kFactorisationFailed = 122;
-constexpr int kSolveFailed = 123;
 
 // Diagonal shifts tried after a failed factorisation, relative to the largest entry. The first
 // one is far above the rounding noise of a factorisation in double (about 1e-16 of the largest
@@ -32,31 +30,6 @@ constexpr int kSolveFailed = 123;
 constexpr double kFirstShift = 1e-8;
 constexpr double kLastShift = 1e-4;
 constexpr double kShiftGrowth = 100.0;
-constexpr int kRefinementSteps = 2;
-
-// The supernodal factorisation hands its dense blocks to the BLAS. With an OpenMP BLAS (OpenBLAS
-// built for OpenMP takes its thread count from omp_get_max_threads at each call) most of those
-// blocks are too small to share, and on a 2-core machine with other load the factorisation of a
-// 100k-200k matting grid ran 6-8 times slower with 2 threads than with 1. The driver therefore
-// runs the BLAS on one thread for the length of a solve and puts the caller's setting back.
-class BlasThreads {
-public:
-    explicit BlasThreads(int threads) : saved_(omp_get_max_threads()) {
-        if (threads > 0) omp_set_num_threads(threads);
-    }
-    ~BlasThreads() { omp_set_num_threads(saved_); }
-    BlasThreads(const BlasThreads&) = delete;
-    BlasThreads& operator=(const BlasThreads&) = delete;
-
-private:
-    int saved_;
-};
-
-// Thrown inside the driver when CHOLMOD ran out of memory; the entry decides between the memory
-// path and the phase's integer.
-struct OutOfMemory {
-    int phase;
-};
 
 // Everything one solve holds, released in the destructor, so that every way out of the driver
 // (return, thrown int) frees the factor and the workspace.
@@ -103,6 +76,8 @@ int cholmodOrdering(Ordering o) {
     case Ordering::Amd: return CHOLMOD_AMD;
     case Ordering::Metis: return CHOLMOD_METIS;
     case Ordering::Nesdis: return CHOLMOD_NESDIS;
+    case Ordering::Scotch:
+    case Ordering::Pord: return CHOLMOD_AMD;
     }
     return CHOLMOD_AMD;
 }
@@ -221,7 +196,7 @@ double residual(Session& s, const cholmod_dense* X, cholmod_dense* R) {
 }
 
 // After a shifted factorisation: X += A_shifted \ (B - A*X) while that lowers the residual.
-int refine(Session& s) {
+int refine(Session& s, int steps) {
     struct Blocks {
         Session& s;
         cholmod_dense* R = nullptr;
@@ -235,7 +210,7 @@ int refine(Session& s) {
     w.R = allocate(s, n, nrhs, n);
     int kept = 0;
     double norm = residual(s, s.X, w.R);
-    for (int step = 0; step < kRefinementSteps && norm > 0.0; ++step) {
+    for (int step = 0; step < steps && norm > 0.0; ++step) {
         solveInto(s, w.R, &w.D);
         double* d = static_cast<double*>(w.D->x);
         const double* x = static_cast<const double*>(s.X->x);
@@ -253,9 +228,12 @@ double secondsSince(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, const int* ja,
-          float* b, float* x, int nrhs, DirectSolveStats* stats) {
-    BlasThreads threads(o.blasThreads);
+}  // namespace
+
+Outcome cholmodSolve(const DirectSolveOptions& o, int n, const float* a, const int* ia,
+                     const int* ja, const float* b, float* out, int nrhs, DirectSolveStats& st,
+                     PhaseKicks& kicks) {
+    DirectSolveStats* stats = &st;
     Session s;
     if (!s.started) throw OutOfMemory{kAnalysisFailed};
     s.c.print = 0;  // the library prints nothing
@@ -280,7 +258,7 @@ int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, con
         stats->factorFlops = s.c.fl;
         stats->analysisSeconds = secondsSince(t0);
     }
-    if (o.kickAfterAnalysis) progressKick();
+    kicks.reached(1);
 
     // Phase 2: numeric factorisation, shifted if a pivot isn't positive.
     t0 = std::chrono::steady_clock::now();
@@ -305,7 +283,7 @@ int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, con
         if (!ok) throw kFactorisationFailed;
     }
     if (stats) stats->factorSeconds = secondsSince(t0);
-    progressKick();
+    kicks.reached(2);
     t0 = std::chrono::steady_clock::now();
 
     // Phase 3: solve.
@@ -315,14 +293,25 @@ int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, con
     const size_t values = size_t(n) * size_t(nrhs);
     for (size_t i = 0; i < values; ++i) bx[i] = double(b[i]);
     solveInto(s, s.B, &s.X);
-    const int refined = shift > 0.0 ? refine(s) : 0;
+    const int refined = shift > 0.0 ? refine(s, o.refinementSteps) : 0;
     const double* xx = static_cast<const double*>(s.X->x);
     // A solution that isn't finite, or doesn't fit a float, is a failed solve.
     for (size_t i = 0; i < values; ++i)
         if (!(std::fabs(xx[i]) <= double(FLT_MAX))) throw kSolveFailed;
-    float* out = o.solutionInB ? b : x;
     for (size_t i = 0; i < values; ++i) out[i] = float(xx[i]);
-    progressKick();
+    {
+        // The same measure of accuracy as the single-precision path reports.
+        s.freeDense(&s.Y);
+        s.freeDense(&s.E);
+        std::vector<double> r(values);
+        const double norm = symmetricResidual(n, a, ia, ja, bx, xx, r.data(), nrhs);
+        double xMax = 0.0, bMax = 0.0;
+        for (size_t i = 0; i < values; ++i)
+            xMax = std::max(xMax, std::fabs(xx[i])), bMax = std::max(bMax, std::fabs(bx[i]));
+        const double scale = largest * xMax + bMax;
+        st.backwardError = scale > 0.0 ? norm / scale : 0.0;
+    }
+    kicks.reached(3);
 
     if (stats) {
         stats->shift = shift;
@@ -330,28 +319,150 @@ int solve(const DirectSolveOptions& o, int n, const float* a, const int* ia, con
         stats->ldlFallback = ldl;
         stats->peakBytes = s.c.memory_usage;
         stats->solveSeconds = secondsSince(t0);
+        stats->backend = Backend::Cholmod;
     }
     // Phase 4: release, by the session's destructor.
+    return Outcome::Solved;
+}
+
+namespace {
+
+DirectSolveTotals totals;
+
+int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* ia,
+                const int* ja, float* b, float* x, int nrhs, DirectSolveStats& stats) {
+    std::optional<SingleThreadedBlas> blas;
+    if (o.singleThreadedBlas) blas.emplace();
+    PhaseKicks kicks(o.kickAfterAnalysis);
+    // The solution goes to a separate array first when it replaces b: a backend reads b to the end.
+    std::vector<float> solution;
+    float* out = x;
+    if (o.solutionInB) {
+        try {
+            solution.resize(size_t(n) * size_t(nrhs));
+        } catch (const std::bad_alloc&) {
+            throw OutOfMemory{kAnalysisFailed};
+        }
+        out = solution.data();
+    }
+    Outcome done = Outcome::GiveBack;
+    if (o.backend == Backend::Mumps) {
+        done = mumpsSolve(o, n, a, ia, ja, b, out, nrhs, stats, kicks);
+        if (done == Outcome::GiveBack && !o.fallback) throw kFactorisationFailed;
+        stats.fellBack = done == Outcome::GiveBack;
+    }
+    if (done == Outcome::GiveBack) {
+        const double analysed = stats.analysisSeconds, factored = stats.factorSeconds;
+        cholmodSolve(o, n, a, ia, ja, b, out, nrhs, stats, kicks);
+        stats.analysisSeconds += analysed;
+        stats.factorSeconds += factored;
+    }
+    if (o.solutionInB) std::copy(solution.begin(), solution.end(), b);
     return 1;
 }
 
 }  // namespace
+
+void PhaseKicks::reached(int phase) {
+    for (; done_ < phase; ++done_)
+        if (done_ > 0 || afterAnalysis_) progressKick();
+}
+
+// OpenBLAS's thread count is set through its own entry points, looked up at run time so that the
+// library works the same with a BLAS that has none.
+namespace {
+using SetThreads = void (*)(int);
+using GetThreads = int (*)();
+struct OpenBlasThreads {
+    SetThreads set = reinterpret_cast<SetThreads>(dlsym(RTLD_DEFAULT, "openblas_set_num_threads"));
+    GetThreads get = reinterpret_cast<GetThreads>(dlsym(RTLD_DEFAULT, "openblas_get_num_threads"));
+};
+const OpenBlasThreads& openBlas() {
+    static const OpenBlasThreads entries;
+    return entries;
+}
+}  // namespace
+
+SingleThreadedBlas::SingleThreadedBlas() {
+    const OpenBlasThreads& e = openBlas();
+    if (!e.set || !e.get) return;
+    saved_ = e.get();
+    if (saved_ != 1) e.set(1);
+}
+
+SingleThreadedBlas::~SingleThreadedBlas() {
+    const OpenBlasThreads& e = openBlas();
+    if (e.set && saved_ > 1) e.set(saved_);
+}
+
+double symmetricResidual(int n, const float* a, const int* ia, const int* ja, const double* b,
+                         const double* x, double* r, int nrhs) {
+    double largest = 0.0;
+    for (int c = 0; c < nrhs; ++c) {
+        const size_t off = size_t(c) * size_t(n);
+        const double* xc = x + off;
+        double* rc = r + off;
+        std::copy(b + off, b + off + size_t(n), rc);
+        for (int k = 0; k < n; ++k) {
+            double sum = 0.0;
+            const double xk = xc[k];
+            for (int q = ia[k] - 1; q < ia[k + 1] - 1; ++q) {
+                const int j = ja[q] - 1;
+                if (j < k) continue;
+                const double v = double(a[q]);
+                sum += v * xc[j];
+                if (j != k) rc[j] -= v * xk;
+            }
+            rc[k] -= sum;
+        }
+        for (int k = 0; k < n; ++k) largest = std::max(largest, std::fabs(rc[k]));
+    }
+    return largest;
+}
+
+double largestEntry(int n, const float* a, const int* ia, const int* ja) {
+    double largest = 0.0;
+    for (int k = 0; k < n; ++k)
+        for (int q = ia[k] - 1; q < ia[k + 1] - 1; ++q) {
+            if (ja[q] - 1 < k) continue;
+            if (!std::isfinite(a[q])) throw kAnalysisFailed;
+            largest = std::max(largest, double(std::fabs(a[q])));
+        }
+    return largest;
+}
+
+DirectSolveTotals directSolveTotals() { return totals; }
+void resetDirectSolveTotals() { totals = DirectSolveTotals{}; }
 
 int directSolve(const DirectSolveOptions& options, int n, const float* a, const int* ia,
                 const int* ja, float* b, float* x, int nrhs, int mtype, DirectSolveStats* stats) {
     if (a == nullptr || b == nullptr || nrhs < 1 || (mtype != 2 && mtype != -2) ||
         (!options.solutionInB && x == nullptr) || csrUpperEntries(n, ia, ja) < 0)
         throw kAnalysisFailed;
+    DirectSolveStats local;
+    DirectSolveStats& st = stats ? *stats : local;
+    st = DirectSolveStats{};
+    int result = 0;
     try {
-        return solve(options, n, a, ia, ja, b, x, nrhs, stats);
+        result = runBackends(options, n, a, ia, ja, b, x, nrhs, st);
     } catch (const OutOfMemory& oom) {
-        if (options.memoryPath) return 0;
-        throw oom.phase;
+        if (!options.memoryPath) throw oom.phase;
+        result = 0;
     } catch (const std::bad_alloc&) {
-        // Only the sorting of a malformed column allocates outside CHOLMOD, during analysis.
-        if (options.memoryPath) return 0;
-        throw kAnalysisFailed;
+        // Only the sorting of a malformed column allocates outside the solvers, during analysis.
+        if (!options.memoryPath) throw kAnalysisFailed;
+        result = 0;
     }
+    if (result == 1) {
+        ++totals.solves;
+        totals.fallbacks += st.fellBack;
+        totals.analysisSeconds += st.analysisSeconds;
+        totals.factorSeconds += st.factorSeconds;
+        totals.solveSeconds += st.solveSeconds;
+        totals.factorFlops += st.factorFlops;
+        totals.peakBytes = std::max(totals.peakBytes, st.peakBytes);
+    }
+    return result;
 }
 
 }  // namespace detail
@@ -380,6 +491,7 @@ int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float*
                      int nrhs, int mtype) {
     detail::DirectSolveOptions o;
     o.ordering = detail::Ordering::Nesdis;
+    o.refinementSteps = 5;
     o.compactSupernodes = true;
     return detail::directSolve(o, n, a, ia, ja, b, x, nrhs, mtype, nullptr);
 }

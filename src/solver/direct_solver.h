@@ -1,6 +1,5 @@
-// The direct sparse solver: Cholesky factorisation (CHOLMOD, supernodal) of one symmetric system
-// per call, in the four phases analysis, numeric factorisation, solve and release, with a
-// progress kick after each of the first three.
+// The direct sparse solver: one symmetric system per call, in the four phases analysis, numeric
+// factorisation, solve and release, with a progress kick after each of the first three.
 //
 // All forms take the same arguments:
 //   n        order of the system
@@ -13,16 +12,26 @@
 //            refused like a malformed matrix
 //
 // Failures are thrown as plain ints: 121 analysis (including malformed arguments), 122 numeric
-// factorisation, 123 solve. The matting forms return 0 instead of throwing when memory ran out
-// (or the factor would overflow 32-bit indices), after releasing everything they held.
+// factorisation, 123 solve. The matting forms return 0 instead of throwing when memory ran out,
+// after releasing everything they held.
 //
-// Matting systems are positive semi-definite: a pixel that belongs to no window has a zero row,
-// and an undecided region that touches no constraint has the constant vector in its null space.
-// When the factorisation meets a pivot that isn't positive, it is repeated on A + s*I with a tiny
-// shift s, growing by 100 from 1e-8 to 1e-4 of the largest entry, and the solution is then
-// improved by up to two steps of iterative refinement against the unshifted A (kept only while
-// they lower the residual). A system that no shift makes positive definite is genuinely
-// indefinite; it is factorised once more as LDL' without supernodes before 122 is thrown.
+// The factorisation is MUMPS's multifrontal LDL' in single precision (sequential, no pivoting),
+// followed by up to two steps of iterative refinement in double against the caller's own values:
+// each step solves for the residual b - A*x, computed in double, and is kept only while it lowers
+// that residual. Matting systems are positive semi-definite: a pixel that belongs to no window has
+// a zero row, and an undecided region that touches no constraint has the constant vector in its
+// null space. Pivots that vanish to rounding are detected as null pivots and their unknowns fixed;
+// such unknowns have a zero right-hand side in a matting system, so they come out 0. A system that
+// the single-precision factor can't solve to a small backward error (a singular factor, a solution
+// that isn't finite, refinement that doesn't converge) is solved again by the double-precision
+// path: CHOLMOD's Cholesky factorisation of A + s*I with a tiny shift s where a pivot isn't
+// positive (growing by 100 from 1e-8 to 1e-4 of the largest entry), refined the same way, and as
+// LDL' without supernodes for a genuinely indefinite system.
+//
+// MUMPS's memory errors take the memory path, after one retry of the factorisation with a larger
+// workspace when the one estimated by the analysis was too small. The BLAS runs on the calling
+// thread during the solve (no worker threads wake or spin) and its thread count is put back
+// afterwards; OpenMP settings and the environment aren't touched.
 #pragma once
 
 #include <cstddef>
@@ -51,32 +60,55 @@ int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float*
 
 namespace detail {
 
-enum class Ordering { Amd, Metis, Nesdis };
+enum class Backend { Mumps, Cholmod };
+enum class Ordering { Amd, Metis, Nesdis, Scotch, Pord };
 
 struct DirectSolveOptions {
-    // On matting-like grids (5 x 5 coupling, 100k and 300k unknowns) AMD orders in 0.06 s and
-    // 0.2 s, METIS and CHOLMOD's nested dissection in 0.9 s and 3.2-3.4 s, for a factor at most 6%
-    // smaller and 7-17% fewer flops: the whole solve is 1.4-1.6 times faster with AMD.
+    Backend backend = Backend::Mumps;
+    // Measured on matting-like grids (5 x 5 coupling): AMD orders a 100k system in 0.06 s and a
+    // 300k one in 0.2 s; the nested dissections (METIS, CHOLMOD's NESDIS, SCOTCH) save 7-18% of the
+    // flops but take several times as long to order, so AMD gives the fastest whole solve there.
+    // Nesdis means SCOTCH for MUMPS; Scotch and Pord are MUMPS's own and mean AMD for CHOLMOD.
     Ordering ordering = Ordering::Amd;
-    bool supernodal = true;
-    bool compactSupernodes = false;  // no relaxed amalgamation: smaller factor, slower
+    int refinementSteps = 2;         // at most this many refinement steps
+    bool fallback = true;            // MUMPS's numerical failures go to the CHOLMOD path
+    bool supernodal = true;          // CHOLMOD only
+    bool compactSupernodes = false;  // CHOLMOD only: no relaxed amalgamation, smaller factor
     bool memoryPath = true;          // return 0 on out-of-memory instead of throwing
     bool kickAfterAnalysis = true;
     bool solutionInB = true;         // false: write x, leave b
-    int blasThreads = 1;             // OpenMP threads for the BLAS during the solve; 0: as set
+    bool singleThreadedBlas = true;  // the BLAS on the calling thread during the solve
+    int workspacePercent = 0;        // MUMPS ICNTL(14); 0: MUMPS's own default
+    int maxWorkMB = 0;               // MUMPS ICNTL(23), the cap on its working memory; 0: none
 };
 
 struct DirectSolveStats {
-    double shift = 0.0;           // absolute diagonal shift of the factorisation, 0 if none
+    Backend backend = Backend::Mumps;  // the backend whose solution came back
+    bool fellBack = false;        // MUMPS gave the system back to CHOLMOD
+    int nullPivots = 0;           // null pivots MUMPS detected
+    int workspaceRetries = 0;     // factorisations repeated on a larger workspace
+    double shift = 0.0;           // CHOLMOD: absolute diagonal shift of the factorisation
     int refinementSteps = 0;      // refinement steps kept
-    bool ldlFallback = false;     // factorised as LDL' after the shifts failed
+    double backwardError = 0.0;   // max|b - A*x| / (max|A| * max|x| + max|b|) at the end
+    bool ldlFallback = false;     // CHOLMOD: factorised as LDL' after the shifts failed
     double factorEntries = 0.0;   // entries of the factor
-    double factorFlops = 0.0;     // flops of the factorisation as analysed
+    double factorFlops = 0.0;     // flops of the factorisation
     size_t peakBytes = 0;         // peak memory of the solver
     double analysisSeconds = 0.0; // wall time of each phase
     double factorSeconds = 0.0;
-    double solveSeconds = 0.0;
+    double solveSeconds = 0.0;    // solve and refinement
 };
+
+// Totals over every solve since the last reset, for the benchmarks: where a job's time goes.
+struct DirectSolveTotals {
+    int solves = 0;
+    int fallbacks = 0;
+    double analysisSeconds = 0.0, factorSeconds = 0.0, solveSeconds = 0.0;
+    double factorFlops = 0.0;
+    size_t peakBytes = 0;  // the largest of the solves
+};
+DirectSolveTotals directSolveTotals();
+void resetDirectSolveTotals();
 
 // The driver behind all forms; stats may be null.
 int directSolve(const DirectSolveOptions& options, int n, const float* a, const int* ia,

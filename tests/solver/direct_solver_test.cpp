@@ -4,10 +4,12 @@
 #include <omp.h>
 
 #include <SuiteSparse_config.h>
+#include <dlfcn.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <set>
+#include <tuple>
 
 #include "solver/solver_test_util.h"
 
@@ -15,6 +17,34 @@ namespace {
 
 using qxtest::Csr;
 using Form = int (*)(int, const float*, const int*, const int*, float*, float*, int, int);
+using qx::detail::Backend;
+using qx::detail::DirectSolveOptions;
+using qx::detail::DirectSolveStats;
+
+DirectSolveOptions withBackend(Backend b) {
+    DirectSolveOptions o;
+    o.backend = b;
+    return o;
+}
+
+// The options of the plain form: the memory path closed, the solution in x, two kicks.
+DirectSolveOptions plain(DirectSolveOptions o) {
+    o.memoryPath = false;
+    o.kickAfterAnalysis = false;
+    o.solutionInB = false;
+    return o;
+}
+
+// directSolve's result, or the int it threw (then -1000 - int, to tell them apart).
+int outcome(const DirectSolveOptions& o, const Csr<float>& m, std::vector<float>& b, float* x,
+            DirectSolveStats* stats = nullptr) {
+    try {
+        return qx::detail::directSolve(o, m.n, m.a.data(), m.ia.data(), m.ja.data(), b.data(), x,
+                                       1, -2, stats);
+    } catch (int e) {
+        return -1000 - e;
+    }
+}
 
 int thrown(Form f, const Csr<float>& m, std::vector<float> b, float* x, int nrhs = 1,
            int mtype = -2) {
@@ -120,32 +150,127 @@ TEST(DirectSolver, SolvesSemiDefiniteMattingSystems) {
             heldDense[size_t(i * g + j)] = double(float(dense[size_t(i * n + j)]));
     const auto ref = qxtest::denseSolve(heldDense, {rhs.begin(), rhs.begin() + g}, g);
 
-    qx::detail::DirectSolveStats stats;
-    std::vector<float> b(rhs.begin(), rhs.end());
-    ASSERT_EQ(qx::detail::directSolve({}, n, m.a.data(), m.ia.data(), m.ja.data(), b.data(),
-                                      nullptr, 1, -2, &stats), 1);
-    EXPECT_GT(stats.shift, 0.0);
-    for (int i = 0; i < g; ++i) EXPECT_NEAR(b[size_t(i)], ref[size_t(i)], 1e-5);
-    for (int i = g; i < n; ++i) EXPECT_NEAR(b[size_t(i)], 0.0, 1e-3);
+    for (Backend backend : {Backend::Mumps, Backend::Cholmod}) {
+        SCOPED_TRACE(backend == Backend::Mumps ? "MUMPS" : "CHOLMOD");
+        DirectSolveStats stats;
+        std::vector<float> b(rhs.begin(), rhs.end());
+        ASSERT_EQ(qx::detail::directSolve(withBackend(backend), n, m.a.data(), m.ia.data(),
+                                          m.ja.data(), b.data(), nullptr, 1, -2, &stats), 1);
+        EXPECT_EQ(stats.backend, backend);
+        if (backend == Backend::Mumps) {
+            EXPECT_GE(stats.nullPivots, 1);  // the zero row at least
+            EXPECT_EQ(stats.shift, 0.0);
+        } else {
+            EXPECT_GT(stats.shift, 0.0);
+        }
+        EXPECT_LT(stats.backwardError, 1e-12);
+        for (int i = 0; i < g; ++i) EXPECT_NEAR(b[size_t(i)], ref[size_t(i)], 1e-5);
+        for (int i = g; i < n; ++i) EXPECT_NEAR(b[size_t(i)], 0.0, 1e-3);
 
-    // The held grid alone is definite: no shift, and the same answer.
-    const auto held = qxtest::fromDense<float>(heldDense, g);
-    std::vector<float> b2(rhs.begin(), rhs.begin() + g);
-    ASSERT_EQ(qx::detail::directSolve({}, g, held.a.data(), held.ia.data(), held.ja.data(),
-                                      b2.data(), nullptr, 1, -2, &stats), 1);
-    EXPECT_EQ(stats.shift, 0.0);
-    for (int i = 0; i < g; ++i) EXPECT_NEAR(b2[size_t(i)], b[size_t(i)], 1e-5);
+        // The held grid alone is definite: no null pivot or shift, and the same answer.
+        const auto held = qxtest::fromDense<float>(heldDense, g);
+        std::vector<float> b2(rhs.begin(), rhs.begin() + g);
+        ASSERT_EQ(qx::detail::directSolve(withBackend(backend), g, held.a.data(), held.ia.data(),
+                                          held.ja.data(), b2.data(), nullptr, 1, -2, &stats), 1);
+        EXPECT_EQ(stats.shift, 0.0);
+        EXPECT_EQ(stats.nullPivots, 0);
+        for (int i = 0; i < g; ++i) EXPECT_NEAR(b2[size_t(i)], b[size_t(i)], 1e-5);
+    }
 }
 
-TEST(DirectSolver, IndefiniteSystemsGoToLdl) {
-    const auto m = qxtest::fromDense<float>({1, 2, 2, 1}, 2);
-    qx::detail::DirectSolveStats stats;
-    std::vector<float> b{3, 3};
-    ASSERT_EQ(qx::detail::directSolve({}, 2, m.a.data(), m.ia.data(), m.ja.data(), b.data(),
-                                      nullptr, 1, -2, &stats), 1);
-    EXPECT_TRUE(stats.ldlFallback);
-    EXPECT_NEAR(b[0], 1.0f, 1e-6);
-    EXPECT_NEAR(b[1], 1.0f, 1e-6);
+// The in-line solve of foreground recovery: the plain form on a semi-definite system in which
+// some rows are a lone explicit 0.0 on the diagonal. x receives the solution, b stays as it was.
+// Rows: 0-2 a chain [[2,-1,0],[-1,2,-1],[0,-1,2]] with right-hand side (1,0,1) -> (1,1,1); rows 3
+// and 5 empty; row 4 alone with 4 x = 2.
+TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
+    Csr<float> m;
+    m.add(0, 2), m.add(1, -1), m.endRow();
+    m.add(1, 2), m.add(2, -1), m.endRow();
+    m.add(2, 2), m.endRow();
+    m.add(3, 0.0), m.endRow();
+    m.add(4, 4), m.endRow();
+    m.add(5, 0.0), m.endRow();
+    const std::vector<float> rhs{1, 0, 1, 0, 2, 0};
+    std::vector<float> b = rhs, x(6, 777.0f);
+    qxtest::KickCounter counter;
+    ASSERT_EQ(qx::pardisoSolverICPlain(6, m.a.data(), m.ia.data(), m.ja.data(), b.data(),
+                                       x.data(), 1, -2), 1);
+    EXPECT_EQ(b, rhs);
+    EXPECT_EQ(x, (std::vector<float>{1, 1, 1, 0, 0.5f, 0}));
+    EXPECT_EQ(counter.kicks, 2);
+}
+
+// [[1,2],[2,1]] is indefinite but factors without pivoting (pivots 1 and -3); [[0,1],[1,0]] needs
+// a 2 x 2 pivot. MUMPS solves both (with the fallback off, so that it can't pass them on);
+// CHOLMOD gets there by LDL' after the shifts fail.
+TEST(DirectSolver, IndefiniteSystems) {
+    DirectSolveOptions mumps;
+    mumps.fallback = false;
+    DirectSolveStats stats;
+    for (const auto& [matrix, rhs, solution] :
+         {std::tuple{std::vector<double>{1, 2, 2, 1}, std::vector<float>{3, 3},
+                     std::vector<float>{1, 1}},
+          std::tuple{std::vector<double>{0, 1, 1, 0}, std::vector<float>{2, 3},
+                     std::vector<float>{3, 2}}})
+        for (Backend backend : {Backend::Mumps, Backend::Cholmod}) {
+            const auto m = qxtest::fromDense<float>(matrix, 2);
+            mumps.backend = backend;
+            std::vector<float> b = rhs;
+            ASSERT_EQ(outcome(mumps, m, b, nullptr, &stats), 1);
+            EXPECT_EQ(stats.backend, backend);
+            EXPECT_EQ(stats.ldlFallback, backend == Backend::Cholmod);
+            EXPECT_NEAR(b[0], solution[0], 1e-5);
+            EXPECT_NEAR(b[1], solution[1], 1e-5);
+        }
+}
+
+// A matting-like grid (5 x 5 coupling, weight 255 at both sides) solved in single precision: the
+// factor alone leaves a backward error of float's order, refinement in double takes it to double's
+// order, and the result matches the double-precision backend. Without refinement the single
+// precision solution isn't accepted and the system goes to the double-precision path.
+TEST(DirectSolver, RefinementBringsSinglePrecisionToDoubleAccuracy) {
+    const int side = 40, n = side * side;
+    Csr<float> m;
+    std::vector<float> rhs(size_t(n), 0.0f);
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> w(0.05f, 1.0f);
+    std::vector<double> diag(static_cast<size_t>(n), 0.0);
+    std::vector<std::vector<std::pair<int, float>>> upper(static_cast<size_t>(n));
+    for (int p = 0; p < n; ++p)
+        for (int dy = 0; dy <= 2; ++dy)
+            for (int dx = -2; dx <= 2; ++dx) {
+                const int x = p % side + dx, y = p / side + dy, q = y * side + x;
+                if ((dy == 0 && dx <= 0) || x < 0 || x >= side || y >= side) continue;
+                const float v = w(rng);
+                upper[size_t(p)].push_back({q, -v});
+                diag[size_t(p)] += v, diag[size_t(q)] += v;
+            }
+    for (int p = 0; p < n; ++p) {
+        const bool known = p % side == 0 || p % side == side - 1;
+        m.add(p, diag[size_t(p)] + (known ? 255.0 : 0.0));
+        for (const auto& [q, v] : upper[size_t(p)]) m.add(q, v);
+        m.endRow();
+        if (p % side == side - 1) rhs[size_t(p)] = 255.0f;
+    }
+    DirectSolveStats single, twice;
+    std::vector<float> b1 = rhs, b2 = rhs;
+    ASSERT_EQ(outcome({}, m, b1, nullptr, &single), 1);
+    ASSERT_EQ(outcome(withBackend(Backend::Cholmod), m, b2, nullptr, &twice), 1);
+    EXPECT_EQ(single.backend, Backend::Mumps);
+    EXPECT_GE(single.refinementSteps, 1);
+    EXPECT_LT(single.backwardError, 1e-13);
+    for (int i = 0; i < n; ++i) EXPECT_NEAR(b1[size_t(i)], b2[size_t(i)], 1e-6) << i;
+    // Alpha rises from 0 at the left to 1 at the right.
+    EXPECT_LT(b1[size_t(side / 2 * side + 1)], 0.1f);
+    EXPECT_GT(b1[size_t(side / 2 * side + side - 2)], 0.9f);
+
+    DirectSolveOptions unrefined;
+    unrefined.refinementSteps = 0;
+    std::vector<float> b3 = rhs;
+    ASSERT_EQ(outcome(unrefined, m, b3, nullptr, &single), 1);
+    EXPECT_TRUE(single.fellBack);
+    unrefined.fallback = false;
+    EXPECT_EQ(outcome(unrefined, m, b3, nullptr), -1000 - 122);
 }
 
 TEST(DirectSolver, MalformedArgumentsAreAnalysisErrors) {
@@ -179,38 +304,102 @@ void* fakeRealloc(void* p, size_t s) {
 }
 void fakeFree(void* p) { live.erase(p), std::free(p); }
 
-TEST(DirectSolver, RunningOutOfMemoryReleasesEverythingInAnyPhase) {
+TEST(DirectSolver, CholmodRunningOutOfMemoryReleasesEverythingInAnyPhase) {
     const auto saved = SuiteSparse_config;
     SuiteSparse_config.malloc_func = fakeMalloc, SuiteSparse_config.calloc_func = fakeCalloc;
     SuiteSparse_config.realloc_func = fakeRealloc, SuiteSparse_config.free_func = fakeFree;
     const int n = 40;
     const auto m = qxtest::fromDense<float>(qxtest::randomSpd(n, 3), n);
     const std::vector<float> rhs(size_t(n), 1.0f);
+    const DirectSolveOptions matting = withBackend(Backend::Cholmod);
     std::vector<float> b = rhs, x(static_cast<size_t>(n));
     allocations = 0, failAt = -1;
-    ASSERT_EQ(qx::pardisoSolverIC(n, m.a.data(), m.ia.data(), m.ja.data(), b.data(), nullptr, 1,
-                                  -2), 1);
+    ASSERT_EQ(outcome(matting, m, b, nullptr), 1);
     const long total = allocations;
     std::set<int> kicksSeen, thrownSeen;
-    const int threads = omp_get_max_threads();  // the driver narrows the BLAS and must restore it
     for (failAt = 0; failAt < total; ++failAt) {
         qxtest::KickCounter counter;
         b = rhs, allocations = 0;
-        const int result = qx::pardisoSolverIC(n, m.a.data(), m.ia.data(), m.ja.data(), b.data(),
-                                               nullptr, 1, -2);
+        const int result = outcome(matting, m, b, nullptr);
         EXPECT_TRUE(live.empty()) << failAt;
+        EXPECT_GE(result, 0);
         if (result == 0) {
             EXPECT_EQ(b, rhs);
             kicksSeen.insert(counter.kicks);
         }
         allocations = 0;
-        thrownSeen.insert(thrown(qx::pardisoSolverICPlain, m, rhs, x.data()));
+        b = rhs;
+        const int r = outcome(plain(matting), m, b, x.data());
+        thrownSeen.insert(r < 0 ? -1000 - r : 0);
         EXPECT_TRUE(live.empty()) << failAt;
-        EXPECT_EQ(omp_get_max_threads(), threads);
     }
     SuiteSparse_config = saved;
     EXPECT_EQ(kicksSeen, (std::set<int>{0, 1, 2}));
     EXPECT_EQ(thrownSeen, (std::set<int>{0, 121, 122, 123}));
+}
+
+// MUMPS's memory errors: a cap on its working memory far below what the factor needs fails the
+// factorisation; the matting forms return 0 (after the analysis's kick, nothing written), the
+// plain form throws 122. A generous cap changes nothing.
+TEST(DirectSolver, MumpsMemoryErrorsTakeTheMemoryPath) {
+    const int side = 60, n = side * side;
+    Csr<float> m;
+    for (int p = 0; p < n; ++p) {
+        m.add(p, 4.5);
+        if (p % side + 1 < side) m.add(p + 1, -1);
+        if (p + side < n) m.add(p + side, -1);
+        m.endRow();
+    }
+    const std::vector<float> rhs(size_t(n), 1.0f);
+    DirectSolveOptions capped;
+    capped.maxWorkMB = 1;
+    std::vector<float> b = rhs, x(size_t(n), 0.0f);
+    {
+        qxtest::KickCounter counter;
+        EXPECT_EQ(outcome(capped, m, b, nullptr), 0);
+        EXPECT_EQ(b, rhs);
+        EXPECT_EQ(counter.kicks, 1);
+    }
+    EXPECT_EQ(outcome(plain(capped), m, b, x.data()), -1000 - 122);
+    EXPECT_EQ(x, std::vector<float>(size_t(n), 0.0f));
+    capped.maxWorkMB = 1000;
+    DirectSolveStats stats;
+    EXPECT_EQ(outcome(capped, m, b, nullptr, &stats), 1);
+    EXPECT_EQ(stats.backend, Backend::Mumps);
+    EXPECT_GT(b[size_t(n / 2)], 0.5f);
+}
+
+// During the solve the BLAS runs on the calling thread alone (seen from the progress callback,
+// which is called between the phases); afterwards its thread count and OpenMP's are as before.
+TEST(DirectSolver, BlasThreadsAreNarrowedForTheSolveAndPutBack) {
+    using Set = void (*)(int);
+    using Get = int (*)();
+    const auto set = reinterpret_cast<Set>(dlsym(RTLD_DEFAULT, "openblas_set_num_threads"));
+    const auto get = reinterpret_cast<Get>(dlsym(RTLD_DEFAULT, "openblas_get_num_threads"));
+    if (!set || !get) GTEST_SKIP() << "the BLAS isn't OpenBLAS";
+    const int before = get();
+    set(2);
+    const int threads = omp_get_max_threads();
+    struct Seen {
+        Get get;
+        std::set<int> counts;
+        static int proc(int, int, void* p) {
+            auto* s = static_cast<Seen*>(p);
+            s->counts.insert(s->get());
+            return 1;
+        }
+    } seen{get, {}};
+    qx::setProgProc(&Seen::proc, &seen, 1 << 30, 1);
+    const auto m = qxtest::fromDense<float>(qxtest::randomSpd(30, 4), 30);
+    for (Backend backend : {Backend::Mumps, Backend::Cholmod}) {
+        std::vector<float> b(30, 1.0f);
+        EXPECT_EQ(outcome(withBackend(backend), m, b, nullptr), 1);
+        EXPECT_EQ(get(), 2);
+        EXPECT_EQ(omp_get_max_threads(), threads);
+    }
+    qx::setProgProc(nullptr, nullptr, 0, 0);
+    EXPECT_EQ(seen.counts, std::set<int>{1});
+    set(before);
 }
 
 }  // namespace
