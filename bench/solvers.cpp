@@ -2,8 +2,9 @@
 // a 5 x 5 neighbourhood (the reach of 3 x 3 windows), a weighted graph Laplacian over it, and a
 // constraint of weight 255 on two columns at each side (background left, foreground right).
 //
-//   bench_solvers --benchmark_filter=Ordering   fill-reducing orderings compared
-//   bench_solvers --benchmark_filter=Direct     direct solve at three sizes
+//   bench_solvers --benchmark_filter=Ordering   fill-reducing orderings compared (MUMPS)
+//   bench_solvers --benchmark_filter=Direct     direct solve at three sizes, both backends
+//   bench_solvers --benchmark_filter=Large      1 MP: AMD against the nested dissections
 //   bench_solvers --benchmark_filter=Cg         the two-stage Jacobi CG of the matting path
 #include <benchmark/benchmark.h>
 
@@ -77,60 +78,89 @@ const System& cached(int side) {
     return cache.back().second;
 }
 
-void runDirect(benchmark::State& state, const qx::detail::DirectSolveOptions& o) {
+using qx::detail::Backend;
+using qx::detail::DirectSolveOptions;
+using qx::detail::Ordering;
+
+// Solver phases in seconds, the factor's size and speed, the solver's peak memory.
+void runDirect(benchmark::State& state, const DirectSolveOptions& o) {
     const System& s = cached(int(state.range(0)));
     qx::detail::DirectSolveStats stats;
     std::vector<float> b;
+    double analyse = 0, factor = 0, solve = 0;
     for (auto _ : state) {
         b = s.b;
         qx::detail::directSolve(o, s.n, s.a.data(), s.ia.data(), s.ja.data(), b.data(), nullptr, 1,
                                 -2, &stats);
         benchmark::DoNotOptimize(b.data());
+        analyse += stats.analysisSeconds, factor += stats.factorSeconds;
+        solve += stats.solveSeconds;
     }
+    const double runs = double(state.iterations());
     state.counters["n"] = s.n;
     state.counters["factorMEntries"] = stats.factorEntries / 1e6;
     state.counters["GFlop"] = stats.factorFlops / 1e9;
+    state.counters["GFlop/s"] = stats.factorFlops / 1e9 / (factor / runs);
     state.counters["peakMB"] = double(stats.peakBytes) / 1e6;
-    state.counters["analyse_s"] = stats.analysisSeconds;
-    state.counters["factor_s"] = stats.factorSeconds;
-    state.counters["solve_s"] = stats.solveSeconds;
+    state.counters["analyse_s"] = analyse / runs;
+    state.counters["factor_s"] = factor / runs;
+    state.counters["solve_s"] = solve / runs;
+    state.counters["refine"] = stats.refinementSteps;
+    state.counters["fellBack"] = stats.fellBack;
+}
+
+const char* orderingName(int o) {
+    static const char* names[] = {"AMD", "METIS", "NESDIS", "SCOTCH", "PORD", "AMF"};
+    return names[o];
 }
 
 void BM_Ordering(benchmark::State& state) {
-    qx::detail::DirectSolveOptions o;
-    o.ordering = static_cast<qx::detail::Ordering>(state.range(1));
+    DirectSolveOptions o;
+    o.ordering = static_cast<Ordering>(state.range(1));
     runDirect(state, o);
-    state.SetLabel(state.range(1) == 0 ? "AMD" : state.range(1) == 1 ? "METIS" : "NESDIS");
+    state.SetLabel(orderingName(int(state.range(1))));
 }
 BENCHMARK(BM_Ordering)
-    ->ArgsProduct({{316, 548}, {0, 1, 2}})
+    ->ArgsProduct({{316, 548}, {0, 3, 4, 5}})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
+
+// MUMPS in single precision against CHOLMOD in double, both with the BLAS on one thread.
+void BM_Direct(benchmark::State& state) {
+    DirectSolveOptions o;
+    o.backend = state.range(1) == 0 ? Backend::Mumps : Backend::Cholmod;
+    runDirect(state, o);
+    state.SetLabel(state.range(1) == 0 ? "MUMPS" : "CHOLMOD");
+}
+BENCHMARK(BM_Direct)
+    ->ArgsProduct({{224, 316, 448}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
+
+// The BLAS with its own worker threads (which spin between calls) against the calling thread alone.
+void BM_DirectBlasThreads(benchmark::State& state) {
+    DirectSolveOptions o;
+    o.singleThreadedBlas = state.range(1) == 0;
+    runDirect(state, o);
+    state.SetLabel(state.range(1) == 0 ? "one thread" : "BLAS threads");
+}
+BENCHMARK(BM_DirectBlasThreads)
+    ->ArgsProduct({{316, 448}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
+
+// A million unknowns, towards the size of keep-cut tiles and reduced 12-24 MP runs: does a nested
+// dissection pay here?
+void BM_Large(benchmark::State& state) {
+    DirectSolveOptions o;
+    o.ordering = static_cast<Ordering>(state.range(1));
+    runDirect(state, o);
+    state.SetLabel(orderingName(int(state.range(1))));
+}
+BENCHMARK(BM_Large)
+    ->ArgsProduct({{1000}, {0, 3, 4, 5}})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
-
-void BM_Direct(benchmark::State& state) { runDirect(state, qx::detail::DirectSolveOptions{}); }
-BENCHMARK(BM_Direct)->Arg(224)->Arg(316)->Arg(448)->Unit(benchmark::kMillisecond)->Iterations(2);
-
-void BM_DirectCompact(benchmark::State& state) {
-    qx::detail::DirectSolveOptions o;
-    o.ordering = qx::detail::Ordering::Nesdis;
-    o.compactSupernodes = true;
-    runDirect(state, o);
-}
-BENCHMARK(BM_DirectCompact)->Arg(316)->Unit(benchmark::kMillisecond)->Iterations(2);
-
-void BM_DirectBlasThreads(benchmark::State& state) {
-    qx::detail::DirectSolveOptions o;
-    o.singleThreadedBlas = false;  // the BLAS with its own threads
-    runDirect(state, o);
-}
-BENCHMARK(BM_DirectBlasThreads)->Arg(316)->Unit(benchmark::kMillisecond)->Iterations(2);
-
-void BM_DirectSimplicial(benchmark::State& state) {
-    qx::detail::DirectSolveOptions o;
-    o.supernodal = false;
-    runDirect(state, o);
-}
-BENCHMARK(BM_DirectSimplicial)->Arg(316)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 // The iterative path of the matting code: Jacobi CG to 1e-3, then on to 1e-5, at most
 // min(n, 500) iterations each.

@@ -77,7 +77,8 @@ int cholmodOrdering(Ordering o) {
     case Ordering::Metis: return CHOLMOD_METIS;
     case Ordering::Nesdis: return CHOLMOD_NESDIS;
     case Ordering::Scotch:
-    case Ordering::Pord: return CHOLMOD_AMD;
+    case Ordering::Pord:
+    case Ordering::Amf: return CHOLMOD_AMD;
     }
     return CHOLMOD_AMD;
 }

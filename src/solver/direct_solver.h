@@ -61,14 +61,15 @@ int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float*
 namespace detail {
 
 enum class Backend { Mumps, Cholmod };
-enum class Ordering { Amd, Metis, Nesdis, Scotch, Pord };
+enum class Ordering { Amd, Metis, Nesdis, Scotch, Pord, Amf };
 
 struct DirectSolveOptions {
     Backend backend = Backend::Mumps;
     // Measured on matting-like grids (5 x 5 coupling): AMD orders a 100k system in 0.06 s and a
     // 300k one in 0.2 s; the nested dissections (METIS, CHOLMOD's NESDIS, SCOTCH) save 7-18% of the
     // flops but take several times as long to order, so AMD gives the fastest whole solve there.
-    // Nesdis means SCOTCH for MUMPS; Scotch and Pord are MUMPS's own and mean AMD for CHOLMOD.
+    // Nesdis means SCOTCH for MUMPS; Scotch, Pord and Amf (approximate minimum fill) are MUMPS's
+    // own and mean AMD for CHOLMOD.
     Ordering ordering = Ordering::Amd;
     int refinementSteps = 2;         // at most this many refinement steps
     bool fallback = true;            // MUMPS's numerical failures go to the CHOLMOD path

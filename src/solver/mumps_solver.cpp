@@ -80,6 +80,7 @@ int mumpsOrdering(Ordering o) {
     case Ordering::Nesdis:
     case Ordering::Scotch: return 3;
     case Ordering::Pord: return 4;
+    case Ordering::Amf: return 2;
     }
     return 0;
 }
