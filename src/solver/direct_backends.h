@@ -32,16 +32,19 @@ private:
     int done_ = 0;
 };
 
-// The BLAS (OpenBLAS) runs on the calling thread alone for the life of this object: its own worker
-// threads are not woken, so none of them spins between the many small calls of a factorisation.
-// The library's thread count is read at construction and put back at destruction; nothing else of
-// the process (environment, OpenMP settings) is touched.
-class SingleThreadedBlas {
+// For the life of this object no other thread works or spins for the solve. The idle OpenMP
+// workers that the caller's last parallel region left spinning (for some milliseconds by default,
+// for ever under OMP_WAIT_POLICY=active) are released with omp_pause_resource_all, and the next
+// parallel region starts them again; OpenMP's settings (ICVs) are not changed. The BLAS (OpenBLAS)
+// runs on the calling thread alone, so its own worker threads aren't woken and don't spin between
+// the many small calls of a factorisation; its thread count is read at construction and put back
+// at destruction. The environment isn't touched.
+class QuietThreads {
 public:
-    SingleThreadedBlas();
-    ~SingleThreadedBlas();
-    SingleThreadedBlas(const SingleThreadedBlas&) = delete;
-    SingleThreadedBlas& operator=(const SingleThreadedBlas&) = delete;
+    QuietThreads();
+    ~QuietThreads();
+    QuietThreads(const QuietThreads&) = delete;
+    QuietThreads& operator=(const QuietThreads&) = delete;
 
 private:
     int saved_ = 0;

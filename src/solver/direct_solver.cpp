@@ -12,6 +12,7 @@
 
 #include <cholmod.h>
 #include <dlfcn.h>
+#include <omp.h>
 
 #include "frame/progress.h"
 #include "solver/direct_backends.h"
@@ -332,8 +333,8 @@ DirectSolveTotals totals;
 
 int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* ia,
                 const int* ja, float* b, float* x, int nrhs, DirectSolveStats& stats) {
-    std::optional<SingleThreadedBlas> blas;
-    if (o.singleThreadedBlas) blas.emplace();
+    std::optional<QuietThreads> quiet;
+    if (o.quietThreads) quiet.emplace();
     PhaseKicks kicks(o.kickAfterAnalysis);
     // The solution goes to a separate array first when it replaces b: a backend reads b to the end.
     std::vector<float> solution;
@@ -384,14 +385,17 @@ const OpenBlasThreads& openBlas() {
 }
 }  // namespace
 
-SingleThreadedBlas::SingleThreadedBlas() {
+QuietThreads::QuietThreads() {
+    // Only the calling thread's own pool is released; inside a parallel region there is none to
+    // release (and the call would be refused).
+    if (!omp_in_parallel()) omp_pause_resource_all(omp_pause_soft);
     const OpenBlasThreads& e = openBlas();
     if (!e.set || !e.get) return;
     saved_ = e.get();
     if (saved_ != 1) e.set(1);
 }
 
-SingleThreadedBlas::~SingleThreadedBlas() {
+QuietThreads::~QuietThreads() {
     const OpenBlasThreads& e = openBlas();
     if (e.set && saved_ > 1) e.set(saved_);
 }

@@ -29,9 +29,10 @@
 // LDL' without supernodes for a genuinely indefinite system.
 //
 // MUMPS's memory errors take the memory path, after one retry of the factorisation with a larger
-// workspace when the one estimated by the analysis was too small. The BLAS runs on the calling
-// thread during the solve (no worker threads wake or spin) and its thread count is put back
-// afterwards; OpenMP settings and the environment aren't touched.
+// workspace when the one estimated by the analysis was too small. The solve runs on the calling
+// thread alone: idle OpenMP workers are released for its length (not left spinning) and the BLAS
+// runs single-threaded, its thread count put back afterwards; OpenMP settings and the environment
+// aren't touched. (CHOLMOD, on the fallback path, may still open OpenMP regions of its own.)
 #pragma once
 
 #include <cstddef>
@@ -78,7 +79,7 @@ struct DirectSolveOptions {
     bool memoryPath = true;          // return 0 on out-of-memory instead of throwing
     bool kickAfterAnalysis = true;
     bool solutionInB = true;         // false: write x, leave b
-    bool singleThreadedBlas = true;  // the BLAS on the calling thread during the solve
+    bool quietThreads = true;        // no OpenMP worker or BLAS thread runs during the solve
     int workspacePercent = 0;        // MUMPS ICNTL(14); 0: MUMPS's own default
     int maxWorkMB = 0;               // MUMPS ICNTL(23), the cap on its working memory; 0: none
 };
