@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <utility>
@@ -329,6 +330,8 @@ Outcome cholmodSolve(const DirectSolveOptions& o, int n, const float* a, const i
 
 namespace {
 
+// Jobs don't overlap, but the totals are only for benchmarks and must never be a data race.
+std::mutex totalsLock;
 DirectSolveTotals totals;
 
 int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* ia,
@@ -436,8 +439,14 @@ double largestEntry(int n, const float* a, const int* ia, const int* ja) {
     return largest;
 }
 
-DirectSolveTotals directSolveTotals() { return totals; }
-void resetDirectSolveTotals() { totals = DirectSolveTotals{}; }
+DirectSolveTotals directSolveTotals() {
+    std::lock_guard<std::mutex> lock(totalsLock);
+    return totals;
+}
+void resetDirectSolveTotals() {
+    std::lock_guard<std::mutex> lock(totalsLock);
+    totals = DirectSolveTotals{};
+}
 
 int directSolve(const DirectSolveOptions& options, int n, const float* a, const int* ia,
                 const int* ja, float* b, float* x, int nrhs, int mtype, DirectSolveStats* stats) {
@@ -459,6 +468,7 @@ int directSolve(const DirectSolveOptions& options, int n, const float* a, const 
         result = 0;
     }
     if (result == 1) {
+        std::lock_guard<std::mutex> lock(totalsLock);
         ++totals.solves;
         totals.fallbacks += st.fellBack;
         totals.analysisSeconds += st.analysisSeconds;

@@ -15,18 +15,19 @@
 // factorisation, 123 solve. The matting forms return 0 instead of throwing when memory ran out,
 // after releasing everything they held.
 //
-// The factorisation is MUMPS's multifrontal LDL' in single precision (sequential, no pivoting),
-// followed by up to two steps of iterative refinement in double against the caller's own values:
-// each step solves for the residual b - A*x, computed in double, and is kept only while it lowers
-// that residual. Matting systems are positive semi-definite: a pixel that belongs to no window has
-// a zero row, and an undecided region that touches no constraint has the constant vector in its
-// null space. Pivots that vanish to rounding are detected as null pivots and their unknowns fixed;
-// such unknowns have a zero right-hand side in a matting system, so they come out 0. A system that
-// the single-precision factor can't solve to a small backward error (a singular factor, a solution
-// that isn't finite, refinement that doesn't converge) is solved again by the double-precision
-// path: CHOLMOD's Cholesky factorisation of A + s*I with a tiny shift s where a pivot isn't
-// positive (growing by 100 from 1e-8 to 1e-4 of the largest entry), refined the same way, and as
-// LDL' without supernodes for a genuinely indefinite system.
+// The factorisation is MUMPS's multifrontal LDL' in single precision (sequential, threshold
+// pivoting that matting systems never need), followed by iterative refinement in double against the
+// caller's own values: each step solves for the residual b - A*x, computed in double, and is kept
+// only while it lowers that residual; refinement stops at a backward error of 1e-11 (one step on
+// matting systems) or after two steps (five for the OOC form). Matting systems are positive
+// semi-definite: a pixel that belongs to no window has a zero row, and an undecided region that
+// touches no constraint has the constant vector in its null space. Pivots that vanish to rounding
+// are detected as null pivots and their unknowns fixed; such unknowns have a zero right-hand side
+// in a matting system, so they come out 0. A system that the single-precision factor can't solve to
+// a small backward error (a singular factor, a solution that isn't finite, refinement that doesn't
+// converge) is solved again by the double-precision path: CHOLMOD's Cholesky factorisation of A+s*I
+// with a tiny shift s where a pivot isn't positive (growing by 100 from 1e-8 to 1e-4 of the largest
+// entry), refined the same way, and as LDL' without supernodes for a genuinely indefinite system.
 //
 // MUMPS's memory errors take the memory path, after one retry of the factorisation with a larger
 // workspace when the one estimated by the analysis was too small. The solve runs on the calling
@@ -54,8 +55,9 @@ int pardisoSolverICPlain(int n, const float* a, const int* ia, const int* ja, fl
                          int nrhs, int mtype);
 
 // The form for systems near the memory limit. Same contract as the matting form. The factor stays
-// in core; what changes is that the ordering is always nested dissection and supernodes aren't
-// padded with explicit zeros, which gives the smallest factor at some cost in speed.
+// in core; what changes is that the ordering is nested dissection (SCOTCH; CHOLMOD's NESDIS with
+// unpadded supernodes on the fallback path), which gives a smaller factor for a much longer
+// analysis, and refinement may take up to five steps.
 int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
                      int nrhs, int mtype);
 
