@@ -18,7 +18,7 @@
 // The factorisation is MUMPS's multifrontal LDL' in single precision (sequential, threshold
 // pivoting that matting systems never need), followed by iterative refinement in double against the
 // caller's own values: each step solves for the residual b - A*x, computed in double, and is kept
-// only while it lowers that residual; refinement stops at a backward error of 1e-11 (one step on
+// only while it lowers that residual; refinement stops at a backward error of 1e-13 (two steps on
 // matting systems) or after two steps (five for the OOC form). Matting systems are positive
 // semi-definite: a pixel that belongs to no window has a zero row, and an undecided region that
 // touches no constraint has the constant vector in its null space. Pivots that vanish to rounding
