@@ -21,13 +21,15 @@
 // only while it lowers that residual; refinement stops at a backward error of 1e-13 (two steps on
 // matting systems) or after two steps (five for the OOC form). Matting systems are positive
 // semi-definite: a pixel that belongs to no window has a zero row, and an undecided region that
-// touches no constraint has the constant vector in its null space. Pivots that vanish to rounding
-// are detected as null pivots and their unknowns fixed; such unknowns have a zero right-hand side
-// in a matting system, so they come out 0. A system that the single-precision factor can't solve to
-// a small backward error (a singular factor, a solution that isn't finite, refinement that doesn't
-// converge) is solved again by the double-precision path: CHOLMOD's Cholesky factorisation of A+s*I
-// with a tiny shift s where a pivot isn't positive (growing by 100 from 1e-8 to 1e-4 of the largest
-// entry), refined the same way, and as LDL' without supernodes for a genuinely indefinite system.
+// touches no constraint has the constant vector in its null space. A pivot that is exactly zero (a
+// zero row, or exact cancellation) is a null pivot and its unknown is fixed at 0; pivots that
+// cancel only to rounding stay, and as such unknowns have a zero right-hand side in a matting
+// system, they come out 0 as well. A small pivot that is real (a region held by weak couplings) is
+// kept. A system that the single-precision factor can't solve to a small backward error (a singular
+// factor, a solution that isn't finite, refinement that doesn't converge) is solved again by the
+// double-precision path: CHOLMOD's Cholesky factorisation of A+s*I with a tiny shift s where a
+// pivot isn't positive (growing by 100 from 1e-8 to 1e-4 of the largest entry), refined the same
+// way, and as LDL' without supernodes for a genuinely indefinite system.
 //
 // MUMPS's memory errors take the memory path, after one retry of the factorisation with a larger
 // workspace when the one estimated by the analysis was too small. The solve runs on the calling

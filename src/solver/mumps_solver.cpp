@@ -168,11 +168,14 @@ Outcome mumpsSolve(const DirectSolveOptions& o, int n, const float* a, const int
     if (o.workspacePercent > 0) id.ICNTL(14) = o.workspacePercent;
     if (o.maxWorkMB > 0) id.ICNTL(23) = o.maxWorkMB;
     id.CNTL(1) = 0.01f;  // MUMPS's default pivot threshold
-    // Null pivots: at or below 1e-5 of float's epsilon relative to the largest entry (MUMPS's
-    // default threshold) a pivot is a zero; its unknown is fixed (row set to zero, pivot to one).
-    // Pivots of a free region that cancel only to float precision stay above it; they are
-    // harmless where the right-hand side is zero, and refinement or the fallback catches the rest.
-    id.CNTL(3) = 0.0f;
+    // Null pivots: only a pivot that is zero (or below 1e-30 of the largest entry, that is,
+    // underflow) counts as one, and its unknown is fixed (row set to zero, pivot to one). MUMPS's
+    // default threshold, 1e-5 of float's epsilon relative to the largest entry, also caught a real
+    // pivot of a region held by weak couplings in a 1.2M system, and refinement couldn't repair
+    // the fixed unknown. Pivots of a free region that cancel only to float precision stay: they
+    // are harmless where the right-hand side is zero, and refinement or the fallback catches the
+    // rest.
+    id.CNTL(3) = 1e-30f;
     id.CNTL(5) = 0.0f;
     id.n = n;
     id.nnz = int64_t(irn.size());

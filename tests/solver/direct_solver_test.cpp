@@ -180,6 +180,19 @@ TEST(DirectSolver, SolvesSemiDefiniteMattingSystems) {
     }
 }
 
+// A pivot that is small but real is not a null pivot: diag(255, 1e-10) x = (255, 1e-10) has the
+// solution (1, 1). (Fixing the second unknown at 0 would leave a residual of only 1e-10.)
+TEST(DirectSolver, SmallPivotsAreNotNullPivots) {
+    const auto m = qxtest::fromDense<float>({255, 0, 0, 1e-10}, 2);
+    DirectSolveStats stats;
+    std::vector<float> b{255, 1e-10f};
+    ASSERT_EQ(outcome({}, m, b, nullptr, &stats), 1);
+    EXPECT_EQ(stats.backend, Backend::Mumps);
+    EXPECT_EQ(stats.nullPivots, 0);
+    EXPECT_NEAR(b[0], 1.0f, 1e-6);
+    EXPECT_NEAR(b[1], 1.0f, 1e-5);
+}
+
 // The in-line solve of foreground recovery: the plain form on a semi-definite system in which
 // some rows are a lone explicit 0.0 on the diagonal. x receives the solution, b stays as it was.
 // Rows: 0-2 a chain [[2,-1,0],[-1,2,-1],[0,-1,2]] with right-hand side (1,0,1) -> (1,1,1); rows 3
