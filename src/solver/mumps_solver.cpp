@@ -207,12 +207,13 @@ Outcome mumpsSolve(const DirectSolveOptions& o, int n, const float* a, const int
     // Phase 3: solve and refinement in double.
     t0 = std::chrono::steady_clock::now();
     std::vector<float> rhs;
-    std::vector<double> xd, bd, r;
+    std::vector<double> xd, bd, r, previous;
     try {
         rhs.assign(b, b + values);
         bd.assign(b, b + values);
         xd.resize(values);
         r.resize(values);
+        if (o.refinementSteps > 0) previous.resize(values);
     } catch (const std::bad_alloc&) {
         throw OutOfMemory{kSolveFailed};
     }
@@ -240,15 +241,14 @@ Outcome mumpsSolve(const DirectSolveOptions& o, int n, const float* a, const int
     };
     double norm = symmetricResidual(n, a, ia, ja, bd.data(), xd.data(), r.data(), nrhs);
     double omega = std::isfinite(norm) ? backward(norm) : HUGE_VAL;
-    int kept_steps = 0;
-    std::vector<double> previous;
+    int keptSteps = 0;
     for (int step = 0; step < o.refinementSteps && std::isfinite(omega) && omega > kSettled;
          ++step) {
         // The residual scaled to order 1 so that it neither underflows nor loses digits in float.
         const double s = 1.0 / norm;
         for (size_t i = 0; i < values; ++i) rhs[i] = float(r[i] * s);
         solveFloat();
-        previous = xd;
+        std::copy(xd.begin(), xd.end(), previous.begin());
         for (size_t i = 0; i < values; ++i) xd[i] += double(rhs[i]) * norm;
         const double next = symmetricResidual(n, a, ia, ja, bd.data(), xd.data(), r.data(), nrhs);
         if (!(next < norm)) {
@@ -257,12 +257,12 @@ Outcome mumpsSolve(const DirectSolveOptions& o, int n, const float* a, const int
         }
         norm = next;
         omega = backward(norm);
-        ++kept_steps;
+        ++keptSteps;
     }
     stats.peakBytes = size_t(std::max(id.INFOG(22), 0)) * 1000000u +
                       (irn.size() + jcn.size() + kept.size() + values) * 4 + values * 32;
     m.end();  // the factor goes before anything else is allocated
-    stats.refinementSteps = kept_steps;
+    stats.refinementSteps = keptSteps;
     stats.backwardError = omega;
     bool finite = true;
     for (size_t i = 0; i < values && finite; ++i) finite = std::fabs(xd[i]) <= double(FLT_MAX);
