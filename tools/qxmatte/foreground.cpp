@@ -3,7 +3,7 @@
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
-#include "qxiveilon31.h"
+#include "keepcut.h"
 
 namespace qxmatte {
 
@@ -18,17 +18,7 @@ cv::Mat recoverForeground(const cv::Mat& image, const cv::Mat& alpha) {
     cv::Mat dst = src.clone();  // rows the recovery leaves alone keep the image's colours
     cv::Mat plainAlpha = alpha.clone();
     cv::Mat aux(alpha.size(), CV_8UC1, cv::Scalar(0));
-    KeepCutRequest req{};
-    req.srcImage = src.data;
-    req.srcStep = static_cast<int32_t>(src.step);
-    req.alphaPlane = plainAlpha.data;
-    req.alphaStep = static_cast<int32_t>(plainAlpha.step);
-    req.dstImage = dst.data;
-    req.dstStep = static_cast<int32_t>(dst.step);
-    req.auxPlane = aux.data;
-    req.auxStep = static_cast<int32_t>(aux.step);
-    req.fullWidth = req.roiWidth = image.cols;
-    req.fullHeight = req.roiHeight = image.rows;
+    KeepCutRequest req = wholeImageRequest(src, plainAlpha, dst, aux);
     qxRecoverForeground(&req, 0);
     cv::Mat out;
     cv::cvtColor(dst, out, cv::COLOR_BGRA2BGR);

@@ -19,6 +19,21 @@ cv::Mat encodeStrokes(const cv::Mat& strokes) {
     return coded;
 }
 
+KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux) {
+    KeepCutRequest req{};
+    req.srcImage = src.data;
+    req.srcStep = static_cast<int32_t>(src.step);
+    req.alphaPlane = alpha.data;
+    req.alphaStep = static_cast<int32_t>(alpha.step);
+    req.dstImage = dst.data;
+    req.dstStep = static_cast<int32_t>(dst.step);
+    req.auxPlane = aux.data;
+    req.auxStep = static_cast<int32_t>(aux.step);
+    req.fullWidth = req.roiWidth = alpha.cols;
+    req.fullHeight = req.roiHeight = alpha.rows;
+    return req;
+}
+
 KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
                                const KeepCutOptions& opt) {
     KeepCutResult r;
@@ -27,17 +42,7 @@ KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
     cv::Mat plane = encodeStrokes(strokes);
     cv::Mat aux = plane.clone();  // the host's record of its strokes
 
-    KeepCutRequest req{};
-    req.srcImage = src.data;
-    req.srcStep = static_cast<int32_t>(src.step);
-    req.alphaPlane = plane.data;
-    req.alphaStep = static_cast<int32_t>(plane.step);
-    req.dstImage = dst.data;
-    req.dstStep = static_cast<int32_t>(dst.step);
-    req.auxPlane = aux.data;
-    req.auxStep = static_cast<int32_t>(aux.step);
-    req.fullWidth = req.roiWidth = image.cols;
-    req.fullHeight = req.roiHeight = image.rows;
+    KeepCutRequest req = wholeImageRequest(src, plane, dst, aux);
     req.recoverFlag = opt.recover ? 1 : 0;
     if (opt.progress) {
         req.progProc = drawProgress;

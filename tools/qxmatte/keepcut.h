@@ -6,6 +6,8 @@
 #include <opencv2/core.hpp>
 #include <string>
 
+#include "qxiveilon31.h"
+
 namespace qxmatte {
 
 // Stroke images: 255 keep (definite foreground), 0 cut (definite background), any other value
@@ -30,6 +32,10 @@ struct KeepCutResult {
 // image: 8-bit BGR; strokes: 8-bit grey, same size.
 KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
                                const KeepCutOptions& opt);
+
+// A request over the whole of the given images: src and dst 4 bytes a pixel, alpha and aux one
+// byte, all of one size and held by the caller.
+KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux);
 
 // The stroke coding of the library's alpha plane for a stroke image: keep 255, cut 1,
 // unpainted 128 (even: to be computed).
