@@ -94,6 +94,26 @@ std::string readImageAndPlane(const std::string& imagePath, const std::string& p
     return {};
 }
 
+// Checks before any work that each named output can be written: a known image format and an
+// existing folder. An empty string when they can.
+std::string checkOutputs(const std::vector<std::string>& paths) {
+    for (const auto& path : paths) {
+        if (path.empty()) continue;
+        bool known = false;
+        try {
+            known = cv::haveImageWriter(path);
+        } catch (const cv::Exception&) {
+            known = false;
+        }
+        if (!known) return path + ": cannot write the image (unknown extension)";
+        const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+        std::error_code ec;
+        if (!parent.empty() && !std::filesystem::is_directory(parent, ec))
+            return path + ": cannot write the image (no folder " + parent.string() + ")";
+    }
+    return {};
+}
+
 // Writes every named image or none: on a failure the files written so far are removed.
 std::string writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
     std::string err;
@@ -146,8 +166,10 @@ int runTrimap(int argc, char** argv, bool showProgress) {
         return 2;
     }
     if (opt.bgCode >= opt.fgCode) return fail("--bg-code must be below --fg-code");
+    std::string err = checkOutputs({output, cutout});
+    if (!err.empty()) return fail(err);
     cv::Mat image, trimap;
-    std::string err = readImageAndPlane(positional[0], positional[1], "tri-map", &image, &trimap);
+    err = readImageAndPlane(positional[0], positional[1], "tri-map", &image, &trimap);
     if (!err.empty()) return fail(err);
     opt.progress = showProgress;
     const qxmatte::MatteResult r = qxmatte::matteWithTrimap(image, trimap, opt);
@@ -178,8 +200,10 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
         usage(stderr);
         return 2;
     }
+    std::string err = checkOutputs({output, foreground, cutout});
+    if (!err.empty()) return fail(err);
     cv::Mat image, strokes;
-    std::string err = readImageAndPlane(positional[0], positional[1], "stroke image", &image,
+    err = readImageAndPlane(positional[0], positional[1], "stroke image", &image,
                                         &strokes);
     if (!err.empty()) return fail(err);
     opt.progress = showProgress;
@@ -208,8 +232,10 @@ int runForeground(int argc, char** argv) {
         usage(stderr);
         return 2;
     }
+    std::string err = checkOutputs({output, cutout});
+    if (!err.empty()) return fail(err);
     cv::Mat image, alpha;
-    std::string err = readImageAndPlane(positional[0], positional[1], "alpha", &image, &alpha);
+    err = readImageAndPlane(positional[0], positional[1], "alpha", &image, &alpha);
     if (!err.empty()) return fail(err);
     const cv::Mat fg = qxmatte::recoverForeground(image, alpha);
     cv::Mat cut;
