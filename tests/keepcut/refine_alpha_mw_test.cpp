@@ -210,3 +210,29 @@ TEST(RefineAlphaMW, NineWindowsSharpenACoarseAlphaToTheCompositesOwn) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(RefineAlphaMW, MarginsHoldTheAlphaAroundTheWindow) {
+    // 150 x 20 of one colour, side 100: two windows of 82, at 0 (right margin 78..81) and at 68
+    // (left margin 68..71). Only columns 0..2 are known (250); the rest starts at 10. In the
+    // first window the right margin holds 10, so alpha falls from 250 towards 10 across it; the
+    // second window has no constraint but its left margin, so it takes that margin's level.
+    Budget budget(19400);
+    PaddedPlane flat(150, 20, 4, 90);
+    RefineJob job(&flat, &flat, &flat, 150, 20);
+    job.known = PaddedPlane(150, 20, 3, 0);
+    job.alpha = PaddedPlane(150, 20, 5, 10);
+    for (int y = 0; y < 20; ++y)
+        for (int x = 0; x < 3; ++x) job.known.at(x, y) = 255, job.alpha.at(x, y) = 250;
+    job.run();
+    const int mid = job.alpha.at(40, 10), join = job.alpha.at(70, 10), far = job.alpha.at(140, 10);
+    EXPECT_GT(mid, 40);
+    EXPECT_LT(mid, 220);
+    EXPECT_LT(join, mid);
+    EXPECT_NEAR(far, join, 6);
+    for (int y = 0; y < 20; ++y)
+        for (int x = 0; x < 3; ++x) ASSERT_EQ(job.alpha.at(x, y), 250);
+}
+
+}  // namespace
