@@ -37,20 +37,9 @@ TEST(MapAlphaPlan, RatioOfNeedToBudgetPicksTheLevels) {
 }
 
 // qxMapAlphaProc over host buffers.
-struct MapJob {
-    PaddedPlane* planes[3];
-    PaddedPlane known, alpha;
-    MapJob(PaddedPlane* p0, PaddedPlane* p1, PaddedPlane* p2, int w, int h)
-        : planes{p0, p1, p2}, known(w, h, 3), alpha(w, h, 5) {}
-    int run() {
-        const int w = alpha.width, h = alpha.height;
-        qx::GIMG<unsigned char> p0(w, h, planes[0]->data(), planes[0]->step),
-            p1(w, h, planes[1]->data(), planes[1]->step),
-            p2(w, h, planes[2]->data(), planes[2]->step), k(w, h, known.data(), known.step),
-            a(w, h, alpha.data(), alpha.step);
-        qx::GIMG<unsigned char>* list[3] = {&p0, &p1, &p2};
-        return qx::qxMapAlphaProc(list, &k, &a);
-    }
+struct MapJob : qxtest::WindowImages {
+    using WindowImages::WindowImages;
+    int run() { return apply(qx::qxMapAlphaProc); }
 };
 
 TEST(MapAlphaProc, NothingToSolveAtTheCoarsestLevel) {

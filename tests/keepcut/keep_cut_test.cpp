@@ -41,17 +41,7 @@ int progressTotalAfter(int fullW, int fullH, int roiW, int roiH, int regionMode,
                        int* status) {
     PaddedPlane src(4 * fullW, fullH, 4, 90), alpha(fullW, fullH, 3, 255),
         aux(fullW, fullH, 2, 1), dst(4 * fullW, fullH, 4, 0);
-    KeepCutRequest req{};
-    req.srcImage = src.data();
-    req.srcStep = src.step;
-    req.alphaPlane = alpha.data();
-    req.alphaStep = alpha.step;
-    req.dstImage = dst.data();
-    req.dstStep = dst.step;
-    req.auxPlane = aux.data();
-    req.auxStep = aux.step;
-    req.fullWidth = fullW;
-    req.fullHeight = fullH;
+    KeepCutRequest req = qxtest::requestOver(src, alpha, aux, dst);
     req.roiX = fullW - roiW;
     req.roiY = fullH - roiH;
     req.roiWidth = roiW;

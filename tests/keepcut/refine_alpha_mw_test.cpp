@@ -11,6 +11,7 @@
 #include "frame/progress.h"
 #include "keepcut/refine_alpha_mw.h"
 #include "matting/matting_fixtures.h"
+#include "stroke_scene.h"
 
 using qxtest::Budget;
 using qxtest::Composite;
@@ -131,23 +132,14 @@ int countKicks(int, int, void*) {
     return 1;
 }
 
-// Planes, known map and alpha as images over host buffers.
-struct RefineJob {
-    PaddedPlane* planes[3];
-    PaddedPlane known, alpha;
-    RefineJob(PaddedPlane* p0, PaddedPlane* p1, PaddedPlane* p2, int w, int h)
-        : planes{p0, p1, p2}, known(w, h, 3), alpha(w, h, 5) {}
+// refineAlphaMW over host buffers, counting progress kicks.
+struct RefineJob : qxtest::WindowImages {
+    using WindowImages::WindowImages;
     void run() {
-        const int w = alpha.width, h = alpha.height;
-        qx::GIMG<unsigned char> p0(w, h, planes[0]->data(), planes[0]->step),
-            p1(w, h, planes[1]->data(), planes[1]->step),
-            p2(w, h, planes[2]->data(), planes[2]->step), k(w, h, known.data(), known.step),
-            a(w, h, alpha.data(), alpha.step);
-        qx::GIMG<unsigned char>* list[3] = {&p0, &p1, &p2};
         kicks = 0;
         int counter = 0;
         qx::setProgProc(countKicks, &counter, 1000000, 1);
-        EXPECT_EQ(qx::refineAlphaMW(list, &k, &a), 0);
+        EXPECT_EQ(apply(qx::refineAlphaMW), 0);
         qx::setProgProc(nullptr, nullptr, 0, 0);
     }
 };

@@ -11,6 +11,43 @@
 
 namespace qxtest {
 
+// A whole-image request over the given buffers (source and result four bytes a pixel).
+inline KeepCutRequest requestOver(PaddedPlane& src, PaddedPlane& alpha, PaddedPlane& aux,
+                                  PaddedPlane& dst) {
+    KeepCutRequest req{};
+    req.srcImage = src.data();
+    req.srcStep = src.step;
+    req.alphaPlane = alpha.data();
+    req.alphaStep = alpha.step;
+    req.dstImage = dst.data();
+    req.dstStep = dst.step;
+    req.auxPlane = aux.data();
+    req.auxStep = aux.step;
+    req.fullWidth = req.roiWidth = alpha.width;
+    req.fullHeight = req.roiHeight = alpha.height;
+    return req;
+}
+
+// Three colour planes, a known map and an alpha plane of one size, handed to an internal
+// operation as images over the host buffers.
+struct WindowImages {
+    PaddedPlane* planes[3];
+    PaddedPlane known, alpha;
+    WindowImages(PaddedPlane* p0, PaddedPlane* p1, PaddedPlane* p2, int w, int h)
+        : planes{p0, p1, p2}, known(w, h, 3), alpha(w, h, 5) {}
+    // Calls op(planes, known, alpha) with GIMG views and returns its result.
+    template <typename Op>
+    int apply(Op&& op) {
+        const int w = alpha.width, h = alpha.height;
+        qx::GIMG<unsigned char> p0(w, h, planes[0]->data(), planes[0]->step),
+            p1(w, h, planes[1]->data(), planes[1]->step),
+            p2(w, h, planes[2]->data(), planes[2]->step), k(w, h, known.data(), known.step),
+            a(w, h, alpha.data(), alpha.step);
+        qx::GIMG<unsigned char>* list[3] = {&p0, &p1, &p2};
+        return op(list, &k, &a);
+    }
+};
+
 struct StrokeScene {
     Composite comp;
     PaddedPlane src;    // 4 bytes a pixel
@@ -35,18 +72,7 @@ struct StrokeScene {
                 alpha.at(x, y) = t == 255 ? 255 : t == 0 ? 1 : bandValue;
             }
         syncAux();
-        req.srcImage = src.data();
-        req.srcStep = src.step;
-        req.alphaPlane = alpha.data();
-        req.alphaStep = alpha.step;
-        req.dstImage = dst.data();
-        req.dstStep = dst.step;
-        req.auxPlane = aux.data();
-        req.auxStep = aux.step;
-        req.fullWidth = w;
-        req.fullHeight = h;
-        req.roiWidth = w;
-        req.roiHeight = h;
+        req = requestOver(src, alpha, aux, dst);
     }
 
     // The host's record: bit 0 of every alpha byte.
