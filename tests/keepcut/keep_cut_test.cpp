@@ -36,7 +36,8 @@ TEST(KeepCutEngineChoice, SmallRefinementsTakeTheWindowedEngine) {
 }
 
 // A plane of only keep strokes: whichever engine runs has nothing to solve. The engine shows in
-// the progress total: the windowed engine sets 10,000, the tree drivers something else.
+// the progress total: the windowed engine sets 10,000, the tree drivers 20,000 (a whole-image
+// call then stops at the stroke check with -5).
 int progressTotalAfter(int fullW, int fullH, int roiW, int roiH, int regionMode, int hiRes,
                        int* status) {
     PaddedPlane src(4 * fullW, fullH, 4, 90), alpha(fullW, fullH, 3, 255),
@@ -61,9 +62,95 @@ TEST(KeepCutEntry, EngineChoiceSeenThroughTheCall) {
     int status = 0;
     EXPECT_EQ(progressTotalAfter(969, 970, 967, 968, 1, 1, &status), 10000);
     EXPECT_EQ(status, 1);
-    EXPECT_NE(progressTotalAfter(970, 970, 968, 968, 1, 1, &status), 10000);
-    EXPECT_NE(progressTotalAfter(10, 10, 10, 10, 0, 1, &status), 10000);
-    EXPECT_NE(progressTotalAfter(12, 10, 4, 5, 0, 2, &status), 10000);
+    EXPECT_EQ(progressTotalAfter(970, 970, 968, 968, 1, 1, &status), 20000);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(progressTotalAfter(10, 10, 10, 10, 0, 1, &status), 20000);
+    EXPECT_EQ(status, -5);
+}
+
+// A whole-image job of 64 x 60: cut strokes everywhere but a 20 x 20 square of unpainted
+// pixels, with one keep pixel at (31, 29) in it. At half size the pyramid driver samples even
+// rows and columns only, so it sees no keep stroke.
+struct LoneKeep {
+    StrokeScene scene{64, 60, 1.0, 2.0, 0};
+    LoneKeep() {
+        for (int y = 0; y < 60; ++y)
+            for (int x = 0; x < 64; ++x)
+                scene.alpha.at(x, y) = x >= 22 && x < 42 && y >= 20 && y < 40 ? 0 : 1;
+        scene.alpha.at(31, 29) = 255;
+        scene.syncAux();
+    }
+};
+
+TEST(KeepCutEntry, HiResOneIsTheFullResolutionTreeAnyOtherValueThePyramid) {
+    for (int hiRes : {1, 2, 0, -1}) {
+        LoneKeep job;
+        const PaddedPlane before = job.scene.alpha;
+        const int status = qxKeepCutToAlpha(&job.scene.req, hiRes);
+        if (hiRes == 1) {
+            EXPECT_EQ(status, 1);
+            EXPECT_EQ(job.scene.alpha.at(31, 29), 255);
+            EXPECT_GT(job.scene.alpha.at(31, 30), 0);  // the keep pixel pulls its neighbours up
+        } else {
+            EXPECT_EQ(status, -5) << hiRes;
+            EXPECT_EQ(job.scene.alpha.bytes, before.bytes) << hiRes;
+        }
+    }
+}
+
+TEST(KeepCutEntry, TooFewStrokesGiveMinusFiveWithTheFlagsIntact) {
+    for (int hiRes : {1, 2}) {
+        // Keep strokes and a band, but no cut stroke.
+        StrokeScene scene(50, 40, 10.0, 15.0, 2);
+        for (auto& v : scene.alpha.bytes)
+            if (v == 1) v = 0;
+        scene.syncAux();
+        const PaddedPlane before = scene.alpha, dst = scene.dst;
+        EXPECT_EQ(qxKeepCutToAlpha(&scene.req, hiRes), -5);
+        EXPECT_EQ(scene.alpha.bytes, before.bytes);
+        EXPECT_EQ(scene.dst.bytes, dst.bytes);
+    }
+}
+
+TEST(KeepCutEntry, WholeImageJobsThroughBothTrees) {
+    for (int hiRes : {1, 2}) {
+        StrokeScene scene(96, 80, 20.0, 30.0, 2);
+        const PaddedPlane before = scene.alpha;
+        ASSERT_EQ(qxKeepCutToAlpha(&scene.req, hiRes), 1);
+        EXPECT_EQ(qx::progressState().total, 20000);
+        for (int y = 0; y < 80; ++y)
+            for (int x = 0; x < 96; ++x) {
+                const unsigned char in = before.at(x, y);
+                if (in & 1) {
+                    ASSERT_EQ(scene.alpha.at(x, y), in);
+                    for (int c = 0; c < 4; ++c)
+                        ASSERT_EQ(scene.dst.at(4 * x + c, y), scene.src.at(4 * x + c, y));
+                } else {
+                    ASSERT_EQ(scene.alpha.at(x, y) & 1, 0);
+                    for (int c = 0; c < 4; ++c) ASSERT_EQ(scene.dst.at(4 * x + c, y), 0);
+                }
+            }
+        EXPECT_LT(scene.meanError(0, 0, 96, 80), hiRes == 1 ? 0.01 : 0.06) << hiRes;
+        EXPECT_TRUE(scene.alpha.padsIntact());
+        EXPECT_TRUE(scene.dst.padsIntact());
+    }
+}
+
+TEST(KeepCutEntry, LeafTooLargeGivesMinusOneWithTheFlagsIntact) {
+    // Keep in column 0, cut in the last column, 2001 x 1000 unpainted between: one leaf of
+    // 2,001,000 unknown pixels, more than one solve may take.
+    const int w = 2003, h = 1000;
+    PaddedPlane src(4 * w, h, 4, 60), alpha(w, h, 3, 100), aux(w, h, 2, 0), dst(4 * w, h, 4, 0);
+    for (int y = 0; y < h; ++y) {
+        alpha.at(0, y) = 255;
+        alpha.at(w - 1, y) = 1;
+        aux.at(0, y) = aux.at(w - 1, y) = 1;
+    }
+    alpha.at(500, 500) = 102;  // bit 1 set: normalising makes it 103
+    KeepCutRequest req = qxtest::requestOver(src, alpha, aux, dst);
+    const PaddedPlane before = alpha;
+    EXPECT_EQ(qxKeepCutToAlpha(&req, 1), -1);
+    EXPECT_EQ(alpha.bytes, before.bytes);
 }
 
 TEST(KeepCutEntry, RefusesBadRequestsWithoutWriting) {
