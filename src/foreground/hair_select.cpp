@@ -98,7 +98,8 @@ void hairSelect(const KeepCutRequest& r, int x1, int y1, int x2, int y2, int rad
     const int64_t W = w;
     static const int kOffsets[7][2] = {{-1, -1}, {0, -1}, {1, -1}, {-1, 0},
                                        {0, 0},   {-2, 1}, {-1, 1}};
-#pragma omp parallel for schedule(static)
+    // A brush-sized box is not worth waking the thread team for.
+#pragma omp parallel for schedule(static) if (W * h > 16384)
     for (int y = 1; y < h - 1; ++y) {
         const uint8_t* s = stroke.ptr<uint8_t>(y);
         uint8_t* out = plane + static_cast<int64_t>(y) * r.alphaStep;
