@@ -59,8 +59,7 @@ struct Pair {
     int32_t fx, fy, bx, by;
 };
 
-// Sum of |I(q) - centre|^2 over the window of offsets [lo, hi) around (x, y), the low ends
-// clipped at 0, the high ends at hiX / hiY (exclusive).
+// Sum of |I(q) - centre|^2 over columns x0..x1-1 and rows y0..y1-1.
 float windowSpread(const IMG<float, 3>& image, const float* centre, int x0, int x1, int y0,
                    int y1) {
     float s = 0.0f;
@@ -76,37 +75,27 @@ float FBSeperationSharedSample::Eps(const IMG<float, 3>& gx, const IMG<float, 3>
     const float ddx = static_cast<float>(sx - px), ddy = static_cast<float>(sy - py);
     const float len = std::sqrt(ddx * ddx + ddy * ddy);
     const float dx = ddx / len, dy = ddy / len;
-    float sum = 0.0f;
     // Steps of two pixels along the major axis while the minor coordinate grows by one slope
-    // unit a step: the path covers half the way across on the minor axis.
-    if (std::fabs(dx) > std::fabs(dy)) {
-        const int step = dx > 0 ? 2 : -2;
-        const float inc = dy / std::fabs(dx), ratio = dy / dx;
-        float y = static_cast<float>(py);
-        for (int x = px; step > 0 ? x < sx : x > sx; x += step, y += inc) {
-            const int row = static_cast<int>(y + 0.5f);
-            const float *gxp = gx.ptr(x, row), *gyp = gy.ptr(x, row);
-            float c2 = 0.0f;
-            for (int c = 0; c < 3; ++c) {
-                const float v = gyp[c] * ratio + gxp[c];
-                c2 += v * v;
-            }
-            sum += c2 * dx;
+    // unit a step: the path covers half the way across on the minor axis. c is the colour's
+    // change along the path, per channel: the major axis' difference plus the minor one's
+    // times the slope, and |c|^2 is weighted by the signed major component of d.
+    const bool alongX = std::fabs(dx) > std::fabs(dy);
+    const float dMajor = alongX ? dx : dy, dMinor = alongX ? dy : dx;
+    const int pMajor = alongX ? px : py, sMajor = alongX ? sx : sy;
+    const int step = dMajor > 0 ? 2 : -2;
+    const float inc = dMinor / std::fabs(dMajor), ratio = dMinor / dMajor;
+    float minor = static_cast<float>(alongX ? py : px);
+    float sum = 0.0f;
+    for (int m = pMajor; step > 0 ? m < sMajor : m > sMajor; m += step, minor += inc) {
+        const int n = static_cast<int>(minor + 0.5f);
+        const float* along = alongX ? gx.ptr(m, n) : gy.ptr(n, m);
+        const float* across = alongX ? gy.ptr(m, n) : gx.ptr(n, m);
+        float c2 = 0.0f;
+        for (int c = 0; c < 3; ++c) {
+            const float v = across[c] * ratio + along[c];
+            c2 += v * v;
         }
-    } else {
-        const int step = dy > 0 ? 2 : -2;
-        const float inc = dx / std::fabs(dy), ratio = dx / dy;
-        float x = static_cast<float>(px);
-        for (int y = py; step > 0 ? y < sy : y > sy; y += step, x += inc) {
-            const int col = static_cast<int>(x + 0.5f);
-            const float *gxp = gx.ptr(col, y), *gyp = gy.ptr(col, y);
-            float c2 = 0.0f;
-            for (int c = 0; c < 3; ++c) {
-                const float v = gxp[c] * ratio + gyp[c];
-                c2 += v * v;
-            }
-            sum += c2 * dy;
-        }
+        sum += c2 * dMajor;
     }
     return sum * sum;
 }

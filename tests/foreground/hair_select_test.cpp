@@ -74,7 +74,9 @@ void setMap(Scene& s, int x0, int y0, const std::vector<std::vector<int>>& map) 
         }
 }
 
-Scene mapScene() {
+// A 12 x 12 scene at 100 with `map` at (3,3), after the stroke (5,5)-(5,5) of radius 2: its box
+// is 3..7 square and the dot at box (2,2) covers the box's interior.
+Scene strokeOverMap(const std::vector<std::vector<int>>& map) {
     Scene s(12, 12);
     s.fore[0] = 255;
     s.fore[1] = s.fore[2] = 0;
@@ -84,22 +86,21 @@ Scene mapScene() {
             s.px(x, y)[2] = 100;
             s.a(x, y) = 100;
         }
+    setMap(s, 3, 3, map);
+    EXPECT_EQ(qxHairSelect(&s.req, 5, 5, 5, 5, 2), 1);
     return s;
 }
 
 TEST(HairSelect, SevenPixelNeighbourhood) {
-    // Stroke (5,5)-(5,5), radius 2: box 3..7 square, the dot at box (2,2) covers its interior.
     // Box coordinates below; (2,2) has 200 to its right and 0 below and below right, none of
     // which it reads, and 150 at its (-2, 1).
     {
-        Scene s = mapScene();
-        setMap(s, 3, 3,
+        Scene s = strokeOverMap(
                {{100, 100, 100, 100, 100},
                 {100, 100, 100, 100, 100},
                 {100, 100, 100, 200, 100},
                 {150, 100, 0, 0, 100},
                 {100, 100, 100, 100, 100}});
-        EXPECT_EQ(qxHairSelect(&s.req, 5, 5, 5, 5, 2), 1);
         EXPECT_EQ(s.a(5, 5), 101);  // least of its seven
         EXPECT_EQ(s.a(6, 5), 201);  // (3,2): greatest of its seven
         EXPECT_EQ(s.a(6, 6), 1);    // (3,3): 0 is the least
@@ -110,14 +111,12 @@ TEST(HairSelect, SevenPixelNeighbourhood) {
     }
     {
         // 90 at (1,1) and 150 at (-2,1) around the 100 of (2,2): not an extreme, not written.
-        Scene s = mapScene();
-        setMap(s, 3, 3,
+        Scene s = strokeOverMap(
                {{100, 100, 100, 100, 100},
                 {100, 90, 100, 100, 100},
                 {100, 100, 100, 100, 100},
                 {150, 100, 100, 100, 100},
                 {100, 100, 100, 100, 100}});
-        qxHairSelect(&s.req, 5, 5, 5, 5, 2);
         EXPECT_EQ(s.a(5, 5), 100);
         EXPECT_EQ(s.a(4, 4), 91);  // (1,1) is the least of its own seven
     }
@@ -125,14 +124,12 @@ TEST(HairSelect, SevenPixelNeighbourhood) {
         // At box column 1 the (-2, 1) neighbour is read from the copy's previous byte: the
         // last pixel of the same row, (4,2). With 30 there and 160 at (0,1), the 100 at (1,2)
         // is no extreme.
-        Scene s = mapScene();
-        setMap(s, 3, 3,
+        Scene s = strokeOverMap(
                {{100, 100, 100, 100, 100},
                 {160, 100, 100, 100, 100},
                 {100, 100, 100, 100, 30},
                 {100, 100, 100, 100, 100},
                 {100, 100, 100, 100, 100}});
-        qxHairSelect(&s.req, 5, 5, 5, 5, 2);
         EXPECT_EQ(s.a(4, 5), 100);
         EXPECT_EQ(s.a(5, 5), 101);
     }
