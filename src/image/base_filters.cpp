@@ -169,17 +169,7 @@ int FilterGauss5f_inPlace(IMG<float, 3>** images, int count, const float taps[5]
 
 namespace {
 
-// Copies the outer `margin` rows and columns of src into dst (top, bottom, left, right).
-void copyFrame16s(const IMG<short, 1>& s, IMG<short, 1>& d, int margin) {
-    const int w = d.width, h = d.height;
-    const int rows = std::min(margin, h), cols = std::min(margin, w);
-    prim::copy_16s_C1(s.data, s.step, d.data, d.step, {w, rows});
-    prim::copy_16s_C1(s.ptr(0, h - rows), s.step, d.ptr(0, h - rows), d.step, {w, rows});
-    prim::copy_16s_C1(s.data, s.step, d.data, d.step, {cols, h});
-    prim::copy_16s_C1(s.ptr(w - cols, 0), s.step, d.ptr(w - cols, 0), d.step, {cols, h});
-}
-
-void median16s(const IMG<short, 1>& a, IMG<short, 1>& b, int radius) {
+void median16s(IMG<short, 1>& a, IMG<short, 1>& b, int radius) {
     const int margin = std::min(radius, 5);
     const int w = a.width - 2 * margin, h = a.height - 2 * margin;
     if (w > 0 && h > 0) {
@@ -191,7 +181,7 @@ void median16s(const IMG<short, 1>& a, IMG<short, 1>& b, int radius) {
             prim::medianSquare_16s_C1(s, a.step, d, b.step, {w, h},
                                       {2 * margin + 1, 2 * margin + 1}, {margin, margin});
     }
-    copyFrame16s(a, b, margin);
+    imageCopyBorder(a, b, margin, margin);  // top, bottom, left, right bands unfiltered
 }
 
 }  // namespace
