@@ -117,9 +117,13 @@ void FBSeperationSharedSample::sampleGathering(const IMG<float, 3>& image,
         lines.searchLine(unknown[i].x, unknown[i].y, static_cast<int>(i), known, knownStep, alpha,
                          alphaStep, image, samples);
 
-    // 2. Every pair of a pixel with samples of both kinds, backgrounds outside.
+    // 2. Every pair of a pixel with samples of both kinds, backgrounds outside. From here on
+    // each pixel reads only what earlier stages finished and writes only its own entries, so
+    // the loops over the list run in parallel with the same results; only the ray walk above
+    // depends on the order.
     std::vector<Pair> pairs;
     allocate(pairs, 16 * count, Pair{});
+#pragma omp parallel for schedule(dynamic, 256)
     for (int64_t i = 0; i < count; ++i) {
         const int nf = samples.fgCount[i], nb = samples.bgCount[i];
         if (nf == 0 || nb == 0) continue;
@@ -164,6 +168,7 @@ void FBSeperationSharedSample::sampleGathering(const IMG<float, 3>& image,
     // 4. and 5. The foreground probability from the path energies, then the pair of least
     // g = N^3 A^2 Df Db^4 (strictly less: the first of equals wins; pair 0 when none is below
     // the float maximum).
+#pragma omp parallel for schedule(dynamic, 256)
     for (int64_t i = 0; i < count; ++i) {
         const int nf = samples.fgCount[i], nb = samples.bgCount[i];
         if (nf == 0 || nb == 0) continue;
@@ -218,6 +223,7 @@ void FBSeperationSharedSample::sampleRefining(const IMG<float, 3>& image,
     allocate(means, count, Mean{});
 
     // 1. and 2. The three best-fitting chosen pairs of the 15 x 15 window, their mean.
+#pragma omp parallel for schedule(dynamic, 256)
     for (int64_t i = 0; i < count; ++i) {
         const int px = unknown[i].x, py = unknown[i].y;
         const float* I = image.ptr(px, py);
@@ -263,6 +269,7 @@ void FBSeperationSharedSample::sampleRefining(const IMG<float, 3>& image,
 
     // 3. The pixel keeps its own colour where the mean lies within the spread, and the
     // separation's alpha follows from the two colours.
+#pragma omp parallel for schedule(dynamic, 256)
     for (int64_t i = 0; i < count; ++i) {
         const int px = unknown[i].x, py = unknown[i].y;
         const float* I = image.ptr(px, py);
