@@ -203,6 +203,21 @@ QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t reserved
 
 /* ---- Brushes and tools -------------------------------------------------------------------- */
 
+/* Hair brush over the stroke (x1,y1)-(x2,y2) with the given radius. Reads request->srcImage
+ * (4 bytes a pixel, bytes 0..2 colour), alphaPlane, fullWidth, fullHeight, and the foreground
+ * and background colours foreColor and backColor (3 bytes each, reverse pixel order: byte 0 goes
+ * with pixel byte 2). In the stroke's box (the ends' bounding box grown by radius, clipped to
+ * the image), alpha is the pixel colour's position between the two colours, clamped to 0..1;
+ * under the brush dot drawn at the box's upper left corner (2*radius+1 wide), a pixel whose new
+ * alpha is the least or greatest of its neighbours (-1,-1) (0,-1) (1,-1) (-1,0) (0,0) (-2,1)
+ * (-1,1) is written into alphaPlane with bit 0 set (a painted constraint). Nothing else is
+ * written; a box under 3 rows or columns writes nothing.
+ * Returns 1 in every case. Nothing is done for an end outside the image (negative coordinates
+ * included), a NULL request, image, alpha plane or colour, fullWidth or fullHeight < 1, a step
+ * smaller than a row, or a radius over 16383. */
+QX_API int64_t qxHairSelect(KeepCutRequest* request, int x1, int y1, int x2, int y2,
+                            unsigned radius);
+
 /* Draws one brush segment (cv::line thickness 2*radius+1, 8-connected) into the code plane.
  * mode 0 writes 1, 1 writes 255, 2 writes 126, 3 writes (value & 254) + 1, others 0.
  * step 0 means width. Returns 1; refusal (NULL mask, width or height < 1, radius negative or
