@@ -13,4 +13,8 @@ namespace qx {
 void computeAlphaKDTreeHiRes(KeepCutRequest* request);
 void computeAlphaKDTreePyramid(KeepCutRequest* request);
 
+// Leaves of the tree that the last driver run on this thread built (0 before one got that far):
+// a figure for benchmarks and reports.
+int lastKDTreeLeafCount();
+
 }  // namespace qx
