@@ -21,6 +21,7 @@
 
 #include "demo_scene.h"
 #include "keepcut/kd_drivers.h"
+#include "peak_memory.h"
 
 namespace {
 
@@ -31,20 +32,8 @@ struct Row {
 };
 std::vector<Row> rows;
 
-void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
-double statusMB(const char* key) {
-    std::ifstream in("/proc/self/status");
-    std::string k, rest;
-    long kb = 0;
-    while (in >> k) {
-        if (k == key) {
-            in >> kb;
-            return kb / 1024.0;
-        }
-        std::getline(in, rest);
-    }
-    return 0;
-}
+using qxbench::resetPeak;
+using qxbench::statusMB;
 
 // The scene as a host holds it: BGRA pixels, and the stroke-coded alpha plane.
 struct Job {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "frame/memory.h"
+#include "peak_memory.h"
 #include "workflow.h"
 
 namespace fs = std::filesystem;
@@ -30,24 +31,8 @@ struct Row {
 };
 std::vector<Row> rows;
 
-// Peak resident memory since the last reset, in MB; the reset makes each case its own.
-void resetPeak() {
-    std::ofstream("/proc/self/clear_refs") << "5";
-}
-double statusMB(const char* key) {
-    std::ifstream in("/proc/self/status");
-    std::string k;
-    long kb = 0;
-    std::string unit;
-    while (in >> k) {
-        if (k == key) {
-            in >> kb;
-            return kb / 1024.0;
-        }
-        std::getline(in, unit);
-    }
-    return 0;
-}
+using qxbench::resetPeak;
+using qxbench::statusMB;
 
 Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap,
             const cv::Mat* truth) {
