@@ -1,5 +1,6 @@
-// The KD-tree drivers at scale, on the synthetic scene of the demo (a soft subject with strands,
-// known alpha):
+// The KD-tree drivers called directly (bench_keepcut runs the whole entry), with the figure only
+// they give, the tree's leaf count, on the synthetic scene of the demo (a soft subject with
+// strands, known alpha):
 //  - edge band: every pixel painted keep or cut except a band about 16 pixels wide along the
 //    subject's edge and its strands, as a host's edge tool leaves it;
 //  - scribbles: a few keep and cut lines, the rest unpainted (the tree may refuse with -1).
@@ -7,19 +8,18 @@
 // unpainted pixels against the known alpha. Sizes in megapixels come from QX_KD_MEGAPIXELS
 // (default "1,6"; "6,12,24" for the scale table).
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <opencv2/imgproc.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "demo_scene.h"
+#include "keepcut.h"
 #include "keepcut/kd_drivers.h"
 #include "peak_memory.h"
 
@@ -31,9 +31,6 @@ struct Row {
     double seconds = 0, sad = 0, peakMB = 0;
 };
 std::vector<Row> rows;
-
-using qxbench::resetPeak;
-using qxbench::statusMB;
 
 // The scene as a host holds it: BGRA pixels, and the stroke-coded alpha plane.
 struct Job {
@@ -47,28 +44,8 @@ Job makeJob(double megapixels, bool scribbles) {
     Job job;
     cv::cvtColor(scene.image, job.bgra, cv::COLOR_BGR2BGRA);
     job.truth = scene.truth;
-    job.strokes = cv::Mat(h, w, CV_8UC1, cv::Scalar(0));
-    if (!scribbles) {
-        cv::Mat partial = (scene.truth > 0) & (scene.truth < 255), band;
-        cv::dilate(partial, band, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(17, 17)));
-        for (int y = 0; y < h; ++y) {
-            const uchar* t = scene.truth.ptr<uchar>(y);
-            const uchar* b = band.ptr<uchar>(y);
-            uchar* s = job.strokes.ptr<uchar>(y);
-            for (int x = 0; x < w; ++x) s[x] = b[x] ? 0 : (t[x] == 255 ? 255 : 1);
-        }
-    } else {
-        // Two keep lines inside the subject, a cut line round the border and two across the
-        // background, each 2 * (h / 400) + 1 pixels wide.
-        const int r = std::max(1, h / 400);
-        const cv::Point c(w / 2, h * 11 / 20);
-        cv::line(job.strokes, c - cv::Point(w / 12, 0), c + cv::Point(w / 12, 0), 255, 2 * r + 1);
-        cv::line(job.strokes, c - cv::Point(0, h / 8), c + cv::Point(0, h / 8), 255, 2 * r + 1);
-        cv::rectangle(job.strokes, cv::Point(r, r), cv::Point(w - 1 - r, h - 1 - r), 1, 2 * r + 1);
-        cv::line(job.strokes, cv::Point(w / 20, h / 10), cv::Point(w / 5, h * 9 / 10), 1, 2 * r + 1);
-        cv::line(job.strokes, cv::Point(w * 19 / 20, h / 10), cv::Point(w * 4 / 5, h * 9 / 10), 1,
-                 2 * r + 1);
-    }
+    job.strokes = qxmatte::encodeStrokes(scribbles ? qxmatte::scribbleStrokes(scene.truth)
+                                                   : qxmatte::edgeBandStrokes(scene.truth));
     return job;
 }
 
@@ -79,21 +56,11 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
     r.height = job.bgra.rows;
     cv::Mat alpha = job.strokes.clone();
     cv::Mat dst(job.bgra.size(), CV_8UC4, cv::Scalar(0, 0, 0, 0));
-    KeepCutRequest req{};
-    req.srcImage = job.bgra.data;
-    req.srcStep = static_cast<int32_t>(job.bgra.step);
-    req.alphaPlane = alpha.data;
-    req.alphaStep = static_cast<int32_t>(alpha.step);
-    req.dstImage = dst.data;
-    req.dstStep = static_cast<int32_t>(dst.step);
-    req.auxPlane = job.strokes.data;
-    req.auxStep = static_cast<int32_t>(job.strokes.step);
-    req.fullWidth = req.roiWidth = r.width;
-    req.fullHeight = req.roiHeight = r.height;
+    cv::Mat src = job.bgra, aux = job.strokes.clone();
+    KeepCutRequest req = qxmatte::wholeImageRequest(src, alpha, dst, aux);
 
-    malloc_trim(0);
-    const double before = statusMB("VmRSS:");
-    resetPeak();
+    qxmatte::resetPeakResident();
+    const double before = qxmatte::residentMB();
     const auto t0 = std::chrono::steady_clock::now();
     try {
         if (hiRes) qx::computeAlphaKDTreeHiRes(&req);
@@ -103,7 +70,7 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
         r.status = e;
     }
     r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    r.peakMB = statusMB("VmHWM:") - before;
+    r.peakMB = qxmatte::peakResidentMB() - before;
     r.leaves = qx::lastKDTreeLeafCount();
     if (r.status != 1) return r;
     double sad = 0;
