@@ -156,6 +156,8 @@ void reopenPixels(const KeepCutRequest* r, GIMG<Byte>& knownMap) {
     }
 }
 
+thread_local int lastLeafCount = 0;
+
 // Cuts and solves the tree over the given images; progressScale is the share of the progress
 // scale (of 20000) that the walk takes.
 void solveTree(Byte* knownMap, int knownStep, Byte* const* planes, int planeStep, Byte* alpha,
@@ -165,6 +167,7 @@ void solveTree(Byte* knownMap, int knownStep, Byte* const* planes, int planeStep
     KDTree tree(knownMap, knownStep, planes, planeStep, alpha, alphaStep, colour, colourStep,
                 width, height, &matt);
     tree.constructTree(tree.root);
+    lastLeafCount = tree.leafCount;
     tree.checkMemoryUsage(tree.root);
     setProgRange(20000, progressScale / (tree.leafCount * 9));
     tree.traverseTree(tree.root, 1);
@@ -173,7 +176,10 @@ void solveTree(Byte* knownMap, int knownStep, Byte* const* planes, int planeStep
 
 }  // namespace
 
+int lastKDTreeLeafCount() { return lastLeafCount; }
+
 void computeAlphaKDTreeHiRes(KeepCutRequest* request) {
+    lastLeafCount = 0;
     setProgProc(request->progProc, request->progParam, 20000, 10);
     DriverImages im(request);
 
@@ -192,6 +198,7 @@ void computeAlphaKDTreeHiRes(KeepCutRequest* request) {
 
 void computeAlphaKDTreePyramid(KeepCutRequest* request) {
     // Halving needs two pixels each way; a thinner region is refused before anything changes.
+    lastLeafCount = 0;
     if (request->roiWidth < 2 || request->roiHeight < 2) throw -1;
     setProgProc(request->progProc, request->progParam, 20000, 10);
     DriverImages im(request);

@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <memory>
 
+#include <omp.h>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
 #include "frame/progress.h"
 #include "keepcut/solve_alpha_window.h"
 #include "resample/mask_pyr.h"
@@ -18,6 +23,27 @@ constexpr int64_t kParallelArea = int64_t(1) << 18;
 int64_t boxArea(const KDNode* n) {
     return static_cast<int64_t>(n->x1 - n->x0 + 1) * (n->y1 - n->y0 + 1);
 }
+
+// Tiles from this many pixels up are solved with all threads.
+constexpr int64_t kParallelTileArea = int64_t(1) << 18;
+
+// Runs the scope on one OpenMP thread when `size` is below `limit`, and puts the caller's
+// thread count back at the end.
+class SerialBelow {
+public:
+    SerialBelow(int64_t size, int64_t limit) : saved_(omp_get_max_threads()), active_(size < limit) {
+        if (active_) omp_set_num_threads(1);
+    }
+    ~SerialBelow() {
+        if (active_) omp_set_num_threads(saved_);
+    }
+    SerialBelow(const SerialBelow&) = delete;
+    SerialBelow& operator=(const SerialBelow&) = delete;
+
+private:
+    int saved_;
+    bool active_;
+};
 
 // Square of a 32-bit difference as a 32-bit product: past 46340 it wraps, as the integer
 // arithmetic it stands for does.
@@ -246,6 +272,9 @@ int compAlphaKDTree(GIMG<unsigned char>** planeViews, GIMG<unsigned char>* known
     }
     if (static_cast<int64_t>(w) * h - painted < 3) return -5;
 
+    // The solve's parallel loops only pay off on large tiles; a small one runs on the calling
+    // thread alone (the solve's result doesn't depend on the number of threads).
+    SerialBelow serial(static_cast<int64_t>(w) * h, kParallelTileArea);
     CMaskPyr pyramid;
     pyramid.build(planeViews, knownView, alphaView, 0);
     {

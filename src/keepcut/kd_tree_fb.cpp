@@ -35,6 +35,8 @@ void KDTree::traverseTreeFBRecovery(KDNode* node, int pass) {
     GIMG<unsigned char> p2(gw, gh, back(node->plane[2], planeStep, 1), planeStep);
     GIMG<unsigned char> knownView(gw, gh, back(node->known, knownStep, 1), knownStep);
     GIMG<unsigned char> alphaView(gw, gh, back(node->alpha, alphaStep, 1), alphaStep);
+    for (GIMG<unsigned char>* v : {&p0, &p1, &p2, &knownView, &alphaView})
+        if (!v->wrapped) Set(0, *v);
 
     IMG<unsigned char, 4> source(gw, gh);
     const GIMG<unsigned char>* channels[4] = {&p0, &p1, &p2, &knownView};

@@ -3,9 +3,11 @@
 // the half-size level of the pyramid driver.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "kd_fixtures.h"
+#include "frame/progress.h"
 #include "keepcut/kd_drivers.h"
 
 namespace {
@@ -295,6 +297,40 @@ TEST(KDDrivers, PyramidRefusesRegionsThinnerThanTwoPixels) {
     KeepCutRequest r = s.request();
     EXPECT_EQ(run(Driver::Pyramid, r), -1);
     EXPECT_EQ(s.alpha, alpha0);
+}
+
+}  // namespace
+
+namespace {
+
+struct ProgressLog {
+    int calls = 0, maxCurrent = 0;
+    bool totalAlways20000 = true;
+};
+int logProgress(int current, int total, void* p) {
+    auto* log = static_cast<ProgressLog*>(p);
+    ++log->calls;
+    log->maxCurrent = std::max(log->maxCurrent, current);
+    log->totalAlways20000 = log->totalAlways20000 && total == 20000;
+    return 1;
+}
+
+TEST(KDDrivers, ProgressRunsOnTheHostsCallbackBelowItsTotal) {
+    for (Driver d : {Driver::HiRes, Driver::Pyramid}) {
+        Scene s = discScene();
+        ProgressLog log;
+        KeepCutRequest r = s.request();
+        r.progProc = logProgress;
+        r.progParam = &log;
+        const int status = run(d, r);
+        qx::setProgProc(nullptr, nullptr, 0, 0);  // the callback's data goes out of scope
+        ASSERT_EQ(status, 0);
+        // Two kicks a leaf from the walk and more from each solve.
+        EXPECT_GE(log.calls, 2 * qx::lastKDTreeLeafCount());
+        EXPECT_GT(log.maxCurrent, 0);
+        EXPECT_LT(log.maxCurrent, 20000);
+        EXPECT_TRUE(log.totalAlways20000);
+    }
 }
 
 }  // namespace
