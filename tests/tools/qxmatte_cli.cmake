@@ -70,6 +70,24 @@ expect_failure("keep-cut cut-out folder missing" "nowhere/cut\\.png: cannot writ
 expect_failure("foreground sizes differ" "small\\.pgm: alpha is 20x30, image is 40x30"
                foreground ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
 
+expect_failure("bad vector stroke" "--keep takes X0,Y0,X1,Y1,R"
+               keepcut ${WORK}/image.ppm -o ${WORK}/out.png --keep 1,2,3)
+expect_failure("unknown foreground method" "--method takes least-squares or sampling"
+               foreground ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png --method x)
+
+# Vector strokes alone: a keep stroke in the middle, cut strokes along two sides.
+execute_process(COMMAND ${QXMATTE} keepcut ${WORK}/image.ppm -o ${WORK}/vec.png -q
+                        --keep 15,12,25,18,2 --cut 0,0,39,0,1 --cut 0,29,39,29,1
+                RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/vec.png)
+  message(FATAL_ERROR "keepcut with vector strokes failed: ${rc} ${err}")
+endif()
+execute_process(COMMAND ${QXMATTE} foreground ${WORK}/image.ppm ${WORK}/undecided.pgm
+                        -o ${WORK}/fgs.png --method sampling RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/fgs.png)
+  message(FATAL_ERROR "foreground --method sampling failed: ${rc} ${err}")
+endif()
+
 # A flat alpha of one colour: the recovered foreground is the image's colour.
 execute_process(COMMAND ${QXMATTE} foreground ${WORK}/image.ppm ${WORK}/undecided.pgm
                         -o ${WORK}/fg.png RESULT_VARIABLE rc ERROR_VARIABLE err)

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 
+#include "foreground/shared_sample.h"
 #include "keepcut.h"
 
 namespace qxmatte {
@@ -13,7 +14,26 @@ cv::Mat toFourBytes(const cv::Mat& bgr) {
     return out;
 }
 
-cv::Mat recoverForeground(const cv::Mat& image, const cv::Mat& alpha) {
+namespace {
+
+// Sampling is not part of the C interface: the tool links the library's image toolbox for it.
+cv::Mat recoverBySampling(const cv::Mat& image, const cv::Mat& alpha) {
+    cv::Mat out(image.size(), CV_8UC3);
+    try {
+        if (qx::recoverForegroundBySampling(image.data, static_cast<int>(image.step), 3,
+                                            image.cols, image.rows, alpha.data,
+                                            static_cast<int>(alpha.step), out.data,
+                                            static_cast<int>(out.step)) == 1)
+            return out;
+    } catch (...) {
+    }
+    return {};
+}
+
+}  // namespace
+
+cv::Mat recoverForeground(const cv::Mat& image, const cv::Mat& alpha, ForegroundMethod method) {
+    if (method == ForegroundMethod::Sampling) return recoverBySampling(image, alpha);
     cv::Mat src = toFourBytes(image);
     cv::Mat dst = src.clone();  // rows the recovery leaves alone keep the image's colours
     cv::Mat plainAlpha = alpha.clone();

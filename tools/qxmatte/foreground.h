@@ -5,9 +5,17 @@
 
 namespace qxmatte {
 
+enum class ForegroundMethod {
+    LeastSquares,  // the library's recovery (qxRecoverForeground): smooth, solved in cells
+    Sampling,      // shared-sample separation: the best pair of nearby foreground and
+                   // background samples for each partial pixel
+};
+
 // The subject's own colours (8-bit BGR) under an alpha from any source: where alpha is partial
-// the background's share is taken out; elsewhere the image's colours stand.
-cv::Mat recoverForeground(const cv::Mat& image, const cv::Mat& alpha);
+// the background's share is taken out; elsewhere the image's colours stand. Empty when the
+// method refused the image.
+cv::Mat recoverForeground(const cv::Mat& image, const cv::Mat& alpha,
+                          ForegroundMethod method = ForegroundMethod::LeastSquares);
 
 // Foreground error against a known foreground: over the pixels with 0 < truthAlpha < 255, the
 // sum of alpha * (|dB| + |dG| + |dR|) on the 0..1 scale, in thousands.

@@ -1,6 +1,10 @@
 #include "keepcut.h"
 
+#include <climits>
+#include <cstdlib>
 #include <opencv2/imgproc.hpp>
+
+#include "image/base_tools.h"
 
 #include "foreground.h"
 #include "progress_bar.h"
@@ -17,6 +21,30 @@ cv::Mat encodeStrokes(const cv::Mat& strokes) {
             c[x] = s[x] == kKeepStroke ? 255 : s[x] == kCutStroke ? 1 : 128;
     }
     return coded;
+}
+
+bool parseVectorStroke(const std::string& text, bool keep, VectorStroke* out) {
+    long v[5];
+    const char* p = text.c_str();
+    for (int i = 0; i < 5; ++i) {
+        char* end = nullptr;
+        v[i] = std::strtol(p, &end, 10);
+        if (end == p || v[i] < INT_MIN || v[i] > INT_MAX) return false;
+        if (i < 4 && *end != ',') return false;
+        if (i == 4 && *end != '\0') return false;
+        p = end + 1;
+    }
+    if (v[4] < 0) return false;
+    *out = {int(v[0]), int(v[1]), int(v[2]), int(v[3]), int(v[4]), keep};
+    return true;
+}
+
+void paintStrokes(cv::Mat& strokes, const std::vector<VectorStroke>& list) {
+    // The library's clipped rasteriser: any coordinates are safe, only what touches the image
+    // is drawn.
+    for (const VectorStroke& s : list)
+        qx::drawLineW(strokes.data, static_cast<int>(strokes.step), strokes.cols, strokes.rows,
+                      s.x0, s.y0, s.x1, s.y1, s.radius, s.keep ? kKeepStroke : kCutStroke);
 }
 
 KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux) {

@@ -5,6 +5,7 @@
 
 #include <opencv2/core.hpp>
 #include <string>
+#include <vector>
 
 #include "qxiveilon31.h"
 
@@ -32,6 +33,16 @@ struct KeepCutResult {
 // image: 8-bit BGR; strokes: 8-bit grey, same size.
 KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
                                const KeepCutOptions& opt);
+
+// A straight brush stroke from (x0, y0) to (x1, y1), 2 * radius + 1 pixels wide.
+struct VectorStroke {
+    int x0 = 0, y0 = 0, x1 = 0, y1 = 0, radius = 0;
+    bool keep = true;
+};
+// Parses "X0,Y0,X1,Y1,R"; false when the text is not five integers with R >= 0.
+bool parseVectorStroke(const std::string& text, bool keep, VectorStroke* out);
+// Paints the strokes into a stroke image (255 keep, 0 cut), clipped to it.
+void paintStrokes(cv::Mat& strokes, const std::vector<VectorStroke>& list);
 
 // A request over the whole of the given images: src and dst 4 bytes a pixel, alpha and aux one
 // byte, all of one size and held by the caller.

@@ -2,9 +2,10 @@
 //
 //   qxmatte trimap IMAGE TRIMAP -o ALPHA.png [--fg-code N] [--bg-code N] [--levels HIGH LOW]
 //                  [--cutout OUT.png] [-q]
-//   qxmatte keepcut IMAGE STROKES -o ALPHA.png [--pyramid] [--foreground FG.png]
-//                   [--cutout OUT.png] [-q]
-//   qxmatte foreground IMAGE ALPHA -o FG.png [--cutout OUT.png]
+//   qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R] [--cut ...]
+//                   [--pyramid] [--foreground FG.png] [--cutout OUT.png] [-q]
+//   qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]
+//                      [--cutout OUT.png]
 //   qxmatte demo [-o DIR] [--megapixels N] [-q]
 #include <unistd.h>
 
@@ -32,9 +33,11 @@ void usage(FILE* out) {
                  "usage:\n"
                  "  qxmatte trimap IMAGE TRIMAP -o ALPHA.png [--fg-code N] [--bg-code N]\n"
                  "                 [--levels HIGH LOW] [--cutout OUT.png] [-q]\n"
-                 "  qxmatte keepcut IMAGE STROKES -o ALPHA.png [--pyramid] [--foreground FG.png]\n"
+                 "  qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R]...\n"
+                 "                  [--cut X0,Y0,X1,Y1,R]... [--pyramid] [--foreground FG.png]\n"
                  "                  [--cutout OUT.png] [-q]\n"
-                 "  qxmatte foreground IMAGE ALPHA -o FG.png [--cutout OUT.png]\n"
+                 "  qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]\n"
+                 "                     [--cutout OUT.png]\n"
                  "  qxmatte demo [-o DIR] [--megapixels N] [-q]\n"
                  "\n"
                  "trimap:     alpha from a colour image and a tri-map (codes <= bg-code\n"
@@ -42,10 +45,14 @@ void usage(FILE* out) {
                  "            and 255). --cutout writes the subject's recovered colours + alpha.\n"
                  "keepcut:    alpha from keep and cut strokes. STROKES is a grey image of the\n"
                  "            image's size: 255 keep (subject), 0 cut (background), any other\n"
-                 "            value unpainted. --pyramid solves at half size and doubles back.\n"
+                 "            value unpainted. --keep/--cut paint straight strokes of radius R\n"
+                 "            (repeatable; STROKES may then be left out).\n"
+                 "            --pyramid solves at half size and doubles back.\n"
                  "            --foreground writes the recovered colours, --cutout the RGBA\n"
                  "            cut-out with them.\n"
-                 "foreground: the subject's true colours under an alpha from any source.\n"
+                 "foreground: the subject's true colours under an alpha from any source;\n"
+                 "            --method sampling picks nearby sample pairs instead of the\n"
+                 "            default least-squares solve.\n"
                  "demo:       a synthetic scene with a known alpha and foreground, through the\n"
                  "            tri-map and the keep-cut workflows; writes the images to DIR\n"
                  "            (default qxmatte-demo) and prints accuracy, time and memory.\n"
@@ -183,33 +190,55 @@ int runTrimap(int argc, char** argv, bool showProgress) {
 
 int runKeepCut(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
+    std::vector<qxmatte::VectorStroke> vectors;
     std::string output, foreground, cutout;
     qxmatte::KeepCutOptions opt;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
-        if (a == "-o" && more) output = argv[++i];
-        else if (a == "--foreground" && more) foreground = argv[++i];
-        else if (a == "--cutout" && more) cutout = argv[++i];
-        else if (a == "--pyramid") opt.hiRes = false;
-        else if (a == "-q") showProgress = false;
-        else if (!a.empty() && a[0] == '-') return fail("unknown or incomplete option " + a);
-        else positional.push_back(a);
+        if (a == "-o" && more) {
+            output = argv[++i];
+        } else if (a == "--foreground" && more) {
+            foreground = argv[++i];
+        } else if (a == "--cutout" && more) {
+            cutout = argv[++i];
+        } else if ((a == "--keep" || a == "--cut") && more) {
+            qxmatte::VectorStroke v;
+            if (!qxmatte::parseVectorStroke(argv[++i], a == "--keep", &v))
+                return fail(a + " takes X0,Y0,X1,Y1,R (integers, R at least 0)");
+            vectors.push_back(v);
+        } else if (a == "--pyramid") {
+            opt.hiRes = false;
+        } else if (a == "-q") {
+            showProgress = false;
+        } else if (!a.empty() && a[0] == '-') {
+            return fail("unknown or incomplete option " + a);
+        } else {
+            positional.push_back(a);
+        }
     }
-    if (positional.size() != 2 || output.empty()) {
+    // The stroke image may be left out when the strokes come as vectors.
+    if (positional.empty() || positional.size() > 2 || output.empty() ||
+        (positional.size() == 1 && vectors.empty())) {
         usage(stderr);
         return 2;
     }
     std::string err = checkOutputs({output, foreground, cutout});
     if (!err.empty()) return fail(err);
     cv::Mat image, strokes;
-    err = readImageAndPlane(positional[0], positional[1], "stroke image", &image,
-                                        &strokes);
+    const std::string& strokeSource = positional.size() == 2 ? positional[1] : positional[0];
+    if (positional.size() == 2) {
+        err = readImageAndPlane(positional[0], positional[1], "stroke image", &image, &strokes);
+    } else {
+        err = readImage(positional[0], cv::IMREAD_COLOR, &image);
+        strokes = cv::Mat(image.size(), CV_8UC1, cv::Scalar(128));
+    }
     if (!err.empty()) return fail(err);
+    qxmatte::paintStrokes(strokes, vectors);
     opt.progress = showProgress;
     opt.recover = !foreground.empty() || !cutout.empty();
     const qxmatte::KeepCutResult r = qxmatte::matteWithStrokes(image, strokes, opt);
-    if (!r.ok) return fail(positional[1] + ": " + r.error);
+    if (!r.ok) return fail(strokeSource + ": " + r.error);
     cv::Mat cut;
     if (!cutout.empty()) cut = qxmatte::makeCutout(r.foreground, r.alpha);
     err = writeAll({{output, r.alpha}, {foreground, r.foreground}, {cutout, cut}});
@@ -219,10 +248,17 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
 int runForeground(int argc, char** argv) {
     std::vector<std::string> positional;
     std::string output, cutout;
+    auto method = qxmatte::ForegroundMethod::LeastSquares;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
         if (a == "-o" && more) output = argv[++i];
+        else if (a == "--method" && more) {
+            const std::string m = argv[++i];
+            if (m == "sampling") method = qxmatte::ForegroundMethod::Sampling;
+            else if (m == "least-squares") method = qxmatte::ForegroundMethod::LeastSquares;
+            else return fail("--method takes least-squares or sampling");
+        }
         else if (a == "--cutout" && more) cutout = argv[++i];
         else if (a == "-q") continue;
         else if (!a.empty() && a[0] == '-') return fail("unknown or incomplete option " + a);
@@ -237,7 +273,9 @@ int runForeground(int argc, char** argv) {
     cv::Mat image, alpha;
     err = readImageAndPlane(positional[0], positional[1], "alpha", &image, &alpha);
     if (!err.empty()) return fail(err);
-    const cv::Mat fg = qxmatte::recoverForeground(image, alpha);
+    const cv::Mat fg = qxmatte::recoverForeground(image, alpha, method);
+    if (fg.empty()) return fail(positional[0] + ": the sampling method refused the image (a side "
+                                "over 32767 pixels?)");
     cv::Mat cut;
     if (!cutout.empty()) cut = qxmatte::makeCutout(fg, alpha);
     err = writeAll({{output, fg}, {cutout, cut}});
