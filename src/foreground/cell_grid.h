@@ -43,7 +43,8 @@ struct CellPos {
 // Visits the cells row by row. After each cell: stop when it was in the last column of the last
 // row; otherwise step right by stepX (or go to the next row's start, stepY down, after the last
 // column), and snap to the far edge (qw - cellW, qh - cellH) when what is left is not more than
-// a cell. An image one cell wide visits each row's cell twice, once as the last of its row.
+// a cell. In an image one cell wide the first cell is visited twice (the second time as the
+// last of its row); each later row starts as its own last column and is visited once.
 void walkCells(const CellGrid& grid, int qw, int qh,
                const std::function<void(const CellPos&)>& visit);
 
