@@ -10,14 +10,17 @@
 //   - frame: the error inside the region less its 3-pixel frame (the frame keeps I);
 //   - scale: the true F taken down by 0.25 and back (cubic), the kept-source rule applied: the
 //     best any quarter-scale result can do, without and with the detail term;
-//   - solve: the least-squares solve on the whole image at full resolution (one cell), and at
-//     half resolution, the error of the solve itself.
+//   - solve: the least-squares solve on the whole image as one cell at 1/4 (what the entry
+//     solves, without the detail term and the frame), and with QX_FG_BREAKDOWN set also at 1/2
+//     and at full resolution: the error of the solve itself.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -43,7 +46,7 @@ struct Row {
     std::string name;
     double naive = 0;
     double t[3] = {0, 0, 0}, e[3] = {0, 0, 0};
-    double inner = 0, scaleOnly = 0, scaleDetail = 0, solveFull = 0, solveHalf = 0;
+    double inner = 0, scaleOnly = 0, scaleDetail = 0, solveFull = 0, solveHalf = 0, solveQuarter = 0;
 };
 std::vector<Row> rows;
 std::vector<std::string> names;
@@ -171,9 +174,10 @@ void BM_Scene(benchmark::State& state, size_t k) {
             const int64_t st = m == 0 ? qxRecoverForeground(&req, 0)
                                       : qxRecoverForegroundCell(&req, req.regionMode != 0);
             r.t[m] = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-            if (st != (m == 0 ? 0 : 1)) std::fprintf(stderr, "%s: status %lld\n", r.name.c_str(), (long long)st);
+            if (st != (m == 0 ? 0 : 1))
+                std::fprintf(stderr, "%s: status %lld\n", r.name.c_str(), (long long)st);
             r.e[m] = fgError(s, dst);
-            if (m == 0) r.inner = fgError(s, dst, 3) ;
+            if (m == 0) r.inner = fgError(s, dst, 3);
         }
         // The quarter-scale ceiling: the true foreground down by 4 and back.
         cv::Mat f4, small, est;
@@ -185,6 +189,7 @@ void BM_Scene(benchmark::State& state, size_t k) {
         r.scaleOnly = fgError(s, est);
         detailAndKeep(s, est2, true);
         r.scaleDetail = fgError(s, est2);
+        r.solveQuarter = solveOnly(s, 0.25);
         if (state.range(0)) {
             r.solveHalf = solveOnly(s, 0.5);
             r.solveFull = solveOnly(s, 1.0);
@@ -205,20 +210,27 @@ void printReport() {
         for (int m = 0; m < 3; ++m) sum.t[m] += r.t[m], sum.e[m] += r.e[m];
         sum.inner += r.inner, sum.scaleOnly += r.scaleOnly, sum.scaleDetail += r.scaleDetail;
         sum.solveFull += r.solveFull, sum.solveHalf += r.solveHalf;
+        sum.solveQuarter += r.solveQuarter;
     }
     const double n = rows.empty() ? 1 : double(rows.size());
     std::printf("%-6s %8.2f %7.3f / %6.2f %7.3f / %6.2f %7.3f / %6.2f  (total time, mean error)\n",
                 "total", sum.naive / n, sum.t[0], sum.e[0] / n, sum.t[1], sum.e[1] / n, sum.t[2],
                 sum.e[2] / n);
     std::printf("\nWhere qxRecoverForeground's error comes from\n");
-    std::printf("%-6s %8s %8s %10s %10s %10s %10s\n", "image", "all", "inner", "F@1/4",
-                "F@1/4+det", "solve@1/2", "solve@1");
+    std::printf("%-6s %8s %8s %10s %10s %10s %10s %10s\n", "image", "all", "inner", "F@1/4",
+                "F@1/4+det", "solve@1/4", "solve@1/2", "solve@1");
     for (const Row& r : rows)
-        std::printf("%-6s %8.2f %8.2f %10.2f %10.2f %10.2f %10.2f\n", r.name.c_str(), r.e[0],
-                    r.inner, r.scaleOnly, r.scaleDetail, r.solveHalf, r.solveFull);
-    std::printf("%-6s %8.2f %8.2f %10.2f %10.2f %10.2f %10.2f  (mean)\n", "mean", sum.e[0] / n,
-                sum.inner / n, sum.scaleOnly / n, sum.scaleDetail / n, sum.solveHalf / n,
-                sum.solveFull / n);
+        std::printf("%-6s %8.2f %8.2f %10.2f %10.2f %10.2f %10.2f %10.2f\n", r.name.c_str(),
+                    r.e[0], r.inner, r.scaleOnly, r.scaleDetail, r.solveQuarter, r.solveHalf,
+                    r.solveFull);
+    std::printf("%-6s %8.2f %8.2f %10.2f %10.2f %10.2f %10.2f %10.2f  (mean)\n", "mean",
+                sum.e[0] / n, sum.inner / n, sum.scaleOnly / n, sum.scaleDetail / n,
+                sum.solveQuarter / n, sum.solveHalf / n, sum.solveFull / n);
+    std::printf("all: qxRecoverForeground; inner: the same less its 3-pixel frame; F@1/4: the true F\n"
+                "down by 4 and back (cubic), kept-source rule: the ceiling of any quarter-scale\n"
+                "result; +det: with the detail term; solve@s: the least-squares solve on the whole\n"
+                "image at scale s (one cell), cubic back up, kept-source rule, no detail term\n"
+                "(set QX_FG_BREAKDOWN for s = 1/2 and 1).\n");
 }
 
 }  // namespace
@@ -232,7 +244,7 @@ int main(int argc, char** argv) {
     for (const auto& e : fs::directory_iterator(dir / "input"))
         if (e.path().extension() == ".png") names.push_back(e.path().filename().string());
     std::sort(names.begin(), names.end());
-    // Argument 1: also the full- and half-resolution solves of the breakdown (slow).
+    // QX_FG_BREAKDOWN: also the full- and half-resolution solves of the breakdown (slow).
     const bool breakdown = std::getenv("QX_FG_BREAKDOWN") != nullptr;
     for (size_t k = 0; k < names.size(); ++k)
         benchmark::RegisterBenchmark(("foreground/" + names[k]).c_str(), BM_Scene, k)
