@@ -137,7 +137,10 @@ void detailAndKeep(const Scene& s, cv::Mat& est, bool detail) {
 double solveOnly(const Scene& s, double factor) {
     cv::Mat img = s.composite, a = s.alpha;
     if (factor != 1.0) {
-        cv::resize(s.composite, img, cv::Size(), factor, factor, cv::INTER_CUBIC);
+        // Sizes as the entry takes them (truncated); both images resized by size, so that
+        // colours and alpha stay registered.
+        const cv::Size reduced(int(s.alpha.cols * factor), int(s.alpha.rows * factor));
+        cv::resize(s.composite, img, reduced, 0, 0, cv::INTER_CUBIC);
         cv::resize(s.alpha, a, img.size(), 0, 0, cv::INTER_CUBIC);
     }
     std::vector<cv::Mat> ch;
