@@ -121,8 +121,8 @@ SparseCsr upperTriangle(const SparseCsr& s) {
     return u;
 }
 
-// The in-line solve. A failed phase prints its message on standard output and is passed on as
-// the solver's code for the caller's status.
+}  // namespace
+
 void solveInLine(const SparseCsr& u, float* b, float* x) {
     try {
         pardisoSolverICPlain(u.rows, u.a.data(), u.ia.data(), u.ja.data(), b, x, 1, -2);
@@ -138,8 +138,6 @@ void solveInLine(const SparseCsr& u, float* b, float* x) {
         throw;
     }
 }
-
-}  // namespace
 
 int solveForegroundBackground(void* /*unused*/, IMG<unsigned char, 1>* const planes[3],
                               int wantBackground, const IMG<unsigned char, 1>& alpha) {

@@ -1,6 +1,7 @@
 // The least-squares separation of one block of pixels into foreground and background colours.
 #pragma once
 
+#include "foreground/sparse_csr.h"
 #include "image/img.h"
 
 namespace qx {
@@ -24,5 +25,12 @@ namespace qx {
 // ...) with that code on standard output.
 int solveForegroundBackground(void* unused, IMG<unsigned char, 1>* const planes[3],
                               int wantBackground, const IMG<unsigned char, 1>& alpha);
+
+// The in-line solve of the normal equations: the upper triangle `u` (one-based, diagonal first)
+// with the right side b, solution into x (b is left alone). A failed phase prints its message
+// with the solver's code on standard output ("\nERROR during symbolic factorization: %d" for
+// 121, "\nERROR during numerical factorization: %d" for 122, "\nERROR during solution: %d"
+// for 123) and throws that code on.
+void solveInLine(const SparseCsr& u, float* b, float* x);
 
 }  // namespace qx

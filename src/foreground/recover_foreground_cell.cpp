@@ -31,6 +31,6 @@ qx::RecoveryParams cellParams(const KeepCutRequest& r) {
 }  // namespace
 
 extern "C" QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t /*reserved*/) {
-    if (!qx::validRecoveryRequest(request, false)) return qx::kRecoveryRefused;
+    if (request == nullptr) return qx::kRecoveryRefused;  // the rest is checked by the guard
     return qx::recoverForegroundGuarded(request, false, cellParams(*request), 1);
 }

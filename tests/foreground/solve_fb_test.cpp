@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <string>
 #include <vector>
 
 #include "foreground/fb_solve.h"
@@ -96,6 +98,38 @@ TEST(SolveForegroundBackground, BlockWithoutInteriorIsLeftAlone) {
     const Planes before(s);
     EXPECT_EQ(solve(p, s.alpha, 0), 0);
     for (int c = 0; c < 3; ++c) EXPECT_EQ(p.data[c], before.data[c]);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(InLineSolve, SolvesAndReportsAFailedPhaseOnStandardOutput) {
+    // [4 1; 1 3] x = [1; 2]: x = (1/11, 7/11).
+    qx::SparseCsr u;
+    u.rows = u.cols = 2;
+    u.ia = {1, 3, 4};
+    u.ja = {1, 2, 2};
+    u.a = {4, 1, 3};
+    float b[2] = {1, 2}, x[2] = {0, 0};
+    qx::solveInLine(u, b, x);
+    EXPECT_NEAR(x[0], 1.0 / 11, 1e-6);
+    EXPECT_NEAR(x[1], 7.0 / 11, 1e-6);
+    EXPECT_EQ(b[0], 1.0f);  // the right side is left alone
+
+    // A value that isn't finite fails the analysis: the message goes to standard output and
+    // the code is passed on.
+    u.a[1] = std::numeric_limits<float>::quiet_NaN();
+    testing::internal::CaptureStdout();
+    int thrown = 0;
+    try {
+        qx::solveInLine(u, b, x);
+    } catch (int e) {
+        thrown = e;
+    }
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(thrown, 121);
+    EXPECT_EQ(out, "\nERROR during symbolic factorization: 121");
 }
 
 }  // namespace
