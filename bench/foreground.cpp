@@ -10,6 +10,7 @@
 //   - frame: the error inside the region less its 3-pixel frame (the frame keeps I);
 //   - scale: the true F taken down by 0.25 and back (cubic), the kept-source rule applied: the
 //     best any quarter-scale result can do, without and with the detail term;
+//   - window: what the cell-wise entry's window leaves with a perfect recovery;
 //   - solve: the least-squares solve on the whole image as one cell at 1/4 (what the entry
 //     solves, without the detail term and the frame), and with QX_FG_BREAKDOWN set also at 1/2
 //     and at full resolution: the error of the solve itself.
@@ -28,6 +29,7 @@
 #include <vector>
 
 #include "foreground/fb_solve.h"
+#include "foreground/recovery.h"
 #include "image/img.h"
 #include "qxiveilon31.h"
 
@@ -47,6 +49,7 @@ struct Row {
     double naive = 0;
     double t[3] = {0, 0, 0}, e[3] = {0, 0, 0};
     double inner = 0, scaleOnly = 0, scaleDetail = 0, solveFull = 0, solveHalf = 0, solveQuarter = 0;
+    double windowFloor = 0;
 };
 std::vector<Row> rows;
 std::vector<std::string> names;
@@ -163,6 +166,25 @@ double solveOnly(const Scene& s, double factor) {
     return fgError(s, est);
 }
 
+// What the cell-wise entry's window leaves even with a perfect recovery: the true foreground laid
+// over the composite through the window, trunc(F * r + (1 - r) * I).
+double windowFloor(const Scene& s) {
+    const int w = s.alpha.cols, h = s.alpha.rows;
+    const std::vector<float> r = qx::featherWindow(w, h);
+    cv::Mat est = s.composite.clone();
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const float rv = r[size_t(y) * w + x];
+            const cv::Vec3b f = s.fg.at<cv::Vec3b>(y, x);
+            uchar* p = est.ptr<uchar>(y) + 4 * x;
+            for (int c = 0; c < 3; ++c) {
+                const float v = float(f[c]) * rv + (1.0f - rv) * float(p[c]);
+                p[c] = v <= 0.0f ? 0 : (v >= 255.0f ? 255 : uchar(int(v)));
+            }
+        }
+    return fgError(s, est);
+}
+
 void BM_Scene(benchmark::State& state, size_t k) {
     for (auto _ : state) {
         const Scene s = makeScene(k);
@@ -193,6 +215,7 @@ void BM_Scene(benchmark::State& state, size_t k) {
         detailAndKeep(s, est2, true);
         r.scaleDetail = fgError(s, est2);
         r.solveQuarter = solveOnly(s, 0.25);
+        r.windowFloor = windowFloor(s);
         if (state.range(0)) {
             r.solveHalf = solveOnly(s, 0.5);
             r.solveFull = solveOnly(s, 1.0);
@@ -214,11 +237,15 @@ void printReport() {
         sum.inner += r.inner, sum.scaleOnly += r.scaleOnly, sum.scaleDetail += r.scaleDetail;
         sum.solveFull += r.solveFull, sum.solveHalf += r.solveHalf;
         sum.solveQuarter += r.solveQuarter;
+        sum.windowFloor += r.windowFloor;
     }
     const double n = rows.empty() ? 1 : double(rows.size());
     std::printf("%-6s %8.2f %7.3f / %6.2f %7.3f / %6.2f %7.3f / %6.2f  (total time, mean error)\n",
                 "total", sum.naive / n, sum.t[0], sum.e[0] / n, sum.t[1], sum.e[1] / n, sum.t[2],
                 sum.e[2] / n);
+    std::printf("\nThe cell-wise entry's window with a perfect recovery (dstImage = composite):\n");
+    for (const Row& r : rows) std::printf("%-6s %8.2f\n", r.name.c_str(), r.windowFloor);
+    std::printf("%-6s %8.2f  (mean)\n", "mean", sum.windowFloor / n);
     std::printf("\nWhere qxRecoverForeground's error comes from\n");
     std::printf("%-6s %8s %8s %10s %10s %10s %10s %10s\n", "image", "all", "inner", "F@1/4",
                 "F@1/4+det", "solve@1/4", "solve@1/2", "solve@1");
