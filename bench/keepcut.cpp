@@ -5,23 +5,15 @@
 // background, the rest unpainted), through both KD-tree engines, and the same images through
 // tri-map matting in the same run: time, SAD and MSE over the tri-map's undecided pixels.
 //
-// Scale: the synthetic scene of the demo at 6, 12 and 24 megapixels, painted as a host's
-// edge-band tool leaves it, through both engines: time, peak resident memory, the library's
-// budget, SAD against the known alpha. Then sparse scribbles at 1 and 6 megapixels, which may
-// leave an area too large for one solve (status -1).
-//
-//   bench_keepcut [--accuracy-only | --scale-only] [--max-mp N]
+// The scale table (the synthetic scene at 6 to 24 megapixels, leaf counts) is bench_kdtree's.
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
 #include <string>
 #include <vector>
 
-#include "demo_scene.h"
-#include "frame/memory.h"
 #include "keepcut.h"
 #include "peak_memory.h"
 #include "workflow.h"
@@ -117,60 +109,13 @@ void accuracyReport(const fs::path& dir) {
     std::printf("   (total time, mean SAD, mean MSE)\n");
 }
 
-void scaleReport(double maxMegapixels) {
-    std::printf("\nKeep-cut at scale: the synthetic scene (budget %.0f MB)\n",
-                qx::usableMemInMB() / 1000.0);
-    std::printf("%-10s %-9s %-8s %8s %10s %8s %8s %7s\n", "strokes", "size", "engine", "time s",
-                "peak MB", "SAD", "MSE", "status");
-    struct Case {
-        const char* strokes;
-        double mp;
-    };
-    const Case cases[] = {{"edge band", 6}, {"edge band", 12}, {"edge band", 24},
-                          {"scribbles", 1}, {"scribbles", 6}};
-    for (const Case& c : cases) {
-        if (c.mp > maxMegapixels) continue;
-        const int width = static_cast<int>(std::lround(std::sqrt(c.mp * 1e6 * 4 / 3)));
-        const int height = width * 3 / 4;
-        cv::Mat strokes;
-        cv::Mat image, truth;
-        {
-            qxmatte::DemoScene scene = qxmatte::makeDemoScene(width, height);
-            image = scene.image;
-            truth = scene.truth;
-            strokes = std::strcmp(c.strokes, "edge band") == 0
-                          ? qxmatte::edgeBandStrokes(truth)
-                          : qxmatte::scribbleStrokes(truth);
-        }
-        for (bool hiRes : {true, false}) {
-            const Run r = runKeepCut(image, strokes, hiRes, truth, strokes);
-            char size[32];
-            std::snprintf(size, sizeof size, "%dx%d", width, height);
-            std::printf("%-10s %-9s %-8s %8.2f %10.0f %8.2f %8.2f %7d\n", c.strokes, size,
-                        hiRes ? "hi-res" : "pyramid", r.seconds, r.peakMB, r.sad, r.mse,
-                        r.status);
-            std::fflush(stdout);
-        }
-    }
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    bool accuracy = true, scale = true;
-    double maxMegapixels = 24;
-    for (int i = 1; i < argc; ++i) {
-        if (!std::strcmp(argv[i], "--accuracy-only")) scale = false;
-        else if (!std::strcmp(argv[i], "--scale-only")) accuracy = false;
-        else if (!std::strcmp(argv[i], "--max-mp") && i + 1 < argc) maxMegapixels = std::atof(argv[++i]);
-    }
+int main() {
     const fs::path dir = fs::path(QX_DATA_DIR) / "alphamatting";
-    if (accuracy) {
-        if (fs::exists(dir / "input"))
-            accuracyReport(dir);
-        else
-            std::printf("keep-cut accuracy: %s is absent, skipped\n", dir.c_str());
-    }
-    if (scale) scaleReport(maxMegapixels);
+    if (fs::exists(dir / "input"))
+        accuracyReport(dir);
+    else
+        std::printf("keep-cut accuracy: %s is absent, nothing to measure\n", dir.c_str());
     return 0;
 }
