@@ -186,22 +186,79 @@ QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, 
 /* ---- Keep-cut matting --------------------------------------------------------------------- */
 
 /* Alpha from keep and cut strokes, in place on the region of request->alphaPlane (stroke
- * coding above). hiRes 1: the KD-tree engine at full resolution; any other value: at half
- * resolution with one guided doubling. Returns 1 done; -1 out of memory, or a tile too large
- * for one solve (add strokes); -5 too few strokes (no keep, no cut, or fewer than 3 undecided
- * pixels); an image failure code as thrown; -1000 any other failure. The paint flags are back in
- * the plane however the call ends. */
+ * coding above; all planes are addressed at (roiX, roiY) with their own steps).
+ * Engines: a region refinement (regionMode != 0) whose roiWidth * roiHeight, taken as a 32-bit
+ * int, is below 937,024 takes the windowed engine: the region plus a fixed frame of regionMode
+ * pixels (with no room for a frame, the bounding box of the pixels that are neither 255 nor 1)
+ * is solved in one window, or on a pyramid with a grid of overlapping windows when memory is
+ * short. Every other call takes the KD-tree engine, which cuts the job into tiles solved one
+ * after the other: hiRes 1 at full resolution, any other value at half resolution with one
+ * guided doubling (a 1-pixel stroke on an odd row or column may then go unseen).
+ * On output painted bytes come back unchanged and computed bytes are even. dstImage receives
+ * the source pixel (4 bytes) at 255 and 1 strokes (KD-tree engine; NULL: not written). In a
+ * KD-tree refinement a frame of about 2n+2 pixels (full resolution) or n+1 half-size pixels
+ * (pyramid) stays fixed, n = regionMode, and an auxPlane byte of 126 reopens its pixel (full
+ * resolution only). recoverFlag: qxRecoverForegroundCell runs after the alpha, before the merge.
+ * A refinement is then merged with the earlier alpha at unpainted pixels: mergeMode 0 keeps the
+ * lower, 1 the higher value; other modes merge nothing.
+ * Returns 1 done (also when the windowed engine found too few strokes: it restores the flags and
+ * leaves the plane as it was); -1 out of memory, or one tile would hold more than 2,000,000
+ * unpainted pixels (add strokes), or a pyramid region under 2 pixels wide or high; -5 too few
+ * strokes for the KD-tree (no keep, no cut, or fewer than 3 unpainted pixels; nothing solved,
+ * the plane as given); an image failure code as thrown (102 no memory, 112/113 no memory for an
+ * image over 5000 wide/high, 103 guard row overwritten, 121..123/125/130 solver); -1000 any
+ * other failure. The paint flags are back in the plane however the call ends.
+ * Refusal (NULL request, srcImage, alphaPlane or auxPlane; NULL dstImage when a KD-tree runs or
+ * recoverFlag is set; an image or region size below 1; a region outside the image; a step
+ * smaller than a row): returns -1000 and writes nothing. */
 QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes);
 
 /* ---- Foreground colour recovery ----------------------------------------------------------- */
 
-/* The foreground's own colour at partly transparent pixels, written over dstImage. Returns 0. */
+/* The foreground's own colour at partly transparent pixels of the region, written over bytes
+ * 0..2 of dstImage for the region less a frame of 3 pixels (byte 3 and the frame stay).
+ * alphaPlane is a plain alpha (0 transparent .. 255 opaque); auxPlane must be readable but
+ * doesn't change the result. Solved at a quarter of the region's size in cells sized from the
+ * memory budget; alpha >= 251 or <= 4 keeps the source colour. blendEdges (low byte) nonzero:
+ * the result is feathered into dstImage's present colours over 64 pixels along the region's
+ * edges. Progress goes to the callback already installed (total 20000).
+ * Returns 0 done; -879/-878/-877 the direct solver failed in analysis/factorisation/solve (the
+ * message "\nERROR during ...: %d" with that code is printed on standard output); -898 out of
+ * memory for an image (-888/-887 over 5000 wide/high), -897 guard row overwritten, -870 array
+ * allocation, -989 a cell too large for one system (only when the memory status can't be read);
+ * -1000 any other failure. dstImage is written only when the call returns 0.
+ * Refusal (NULL request, srcImage, alphaPlane, dstImage or auxPlane; full size or region below
+ * 1; region outside the full image; a step smaller than a row of the full width): returns -2
+ * and writes nothing. */
 QX_API int64_t qxRecoverForeground(KeepCutRequest* request, int blendEdges);
 
-/* Foreground recovery in small cells, as qxKeepCutToAlpha runs it. Returns 1. */
+/* Foreground recovery as qxKeepCutToAlpha runs it: cells of at most 100 pixels solved where an
+ * even (computed) alpha byte lies in 6..249; scale 0.18 when regionMode is 0, else by the full
+ * image: <= 200,000 pixels 1.0, < 4,000,000 0.33, otherwise 0.2. Alpha >= 252 or <= 4 keeps the
+ * source. The result is laid over dstImage through a smooth window (weight 1 in the centre, 0
+ * at the region's edges), for the region less a frame of 1 (regionMode 0) or 3 pixels: put the
+ * colours that are to show through there first. Installs request->progProc/progParam (total
+ * 20000). auxPlane is not read (may be NULL).
+ * Returns 1 done; failures as qxRecoverForeground. Refusal as qxRecoverForeground (auxPlane
+ * excepted): returns -2 and writes nothing. */
 QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t reserved);
 
 /* ---- Brushes and tools -------------------------------------------------------------------- */
+
+/* Hair brush over the stroke (x1,y1)-(x2,y2) with the given radius. Reads request->srcImage
+ * (4 bytes a pixel, bytes 0..2 colour), alphaPlane, fullWidth, fullHeight, and the foreground
+ * and background colours foreColor and backColor (3 bytes each, reverse pixel order: byte 0 goes
+ * with pixel byte 2). In the stroke's box (the ends' bounding box grown by radius, clipped to
+ * the image), alpha is the pixel colour's position between the two colours, clamped to 0..1;
+ * under the brush dot drawn at the box's upper left corner (2*radius+1 wide), a pixel whose new
+ * alpha is the least or greatest of its neighbours (-1,-1) (0,-1) (1,-1) (-1,0) (0,0) (-2,1)
+ * (-1,1) is written into alphaPlane with bit 0 set (a painted constraint). Nothing else is
+ * written; a box under 3 rows or columns writes nothing.
+ * Returns 1 in every case. Nothing is done for an end outside the image (negative coordinates
+ * included), a NULL request, image, alpha plane or colour, fullWidth or fullHeight < 1, a step
+ * smaller than a row, or a radius over 16383. */
+QX_API int64_t qxHairSelect(KeepCutRequest* request, int x1, int y1, int x2, int y2,
+                            unsigned radius);
 
 /* Draws one brush segment (cv::line thickness 2*radius+1, 8-connected) into the code plane.
  * mode 0 writes 1, 1 writes 255, 2 writes 126, 3 writes (value & 254) + 1, others 0.

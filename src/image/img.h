@@ -51,6 +51,8 @@ struct GuardTraits<short> {
     static void write(void*, int) {}
     static bool intact(const void*, int) { return true; }
 };
+template <>
+struct GuardTraits<unsigned short> : GuardTraits<short> {};
 
 template <typename T, int C>
 class IMG {

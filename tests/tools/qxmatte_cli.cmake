@@ -58,6 +58,43 @@ expect_failure("nothing undecided" "decided\\.pgm: the tri-map has no undecided 
 expect_failure("unwritable output" "nowhere/out\\.png: cannot write"
                trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/nowhere/out.png)
 
+expect_failure("unknown output format" "out\\.xyz: cannot write the image \\(unknown extension\\)"
+               trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.xyz)
+expect_failure("keep-cut without strokes" "undecided\\.pgm: too few strokes"
+               keepcut ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png)
+expect_failure("keep-cut sizes differ" "small\\.pgm: stroke image is 20x30, image is 40x30"
+               keepcut ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
+expect_failure("keep-cut cut-out folder missing" "nowhere/cut\\.png: cannot write"
+               keepcut ${WORK}/image.ppm ${WORK}/decided.pgm -o ${WORK}/out.png
+               --cutout ${WORK}/nowhere/cut.png)
+expect_failure("foreground sizes differ" "small\\.pgm: alpha is 20x30, image is 40x30"
+               foreground ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
+
+expect_failure("bad vector stroke" "--keep takes X0,Y0,X1,Y1,R"
+               keepcut ${WORK}/image.ppm -o ${WORK}/out.png --keep 1,2,3)
+expect_failure("unknown foreground method" "--method takes least-squares or sampling"
+               foreground ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png --method x)
+
+# Vector strokes alone: a keep stroke in the middle, cut strokes along two sides.
+execute_process(COMMAND ${QXMATTE} keepcut ${WORK}/image.ppm -o ${WORK}/vec.png -q
+                        --keep 15,12,25,18,2 --cut 0,0,39,0,1 --cut 0,29,39,29,1
+                RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/vec.png)
+  message(FATAL_ERROR "keepcut with vector strokes failed: ${rc} ${err}")
+endif()
+execute_process(COMMAND ${QXMATTE} foreground ${WORK}/image.ppm ${WORK}/undecided.pgm
+                        -o ${WORK}/fgs.png --method sampling RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/fgs.png)
+  message(FATAL_ERROR "foreground --method sampling failed: ${rc} ${err}")
+endif()
+
+# A flat alpha of one colour: the recovered foreground is the image's colour.
+execute_process(COMMAND ${QXMATTE} foreground ${WORK}/image.ppm ${WORK}/undecided.pgm
+                        -o ${WORK}/fg.png RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/fg.png)
+  message(FATAL_ERROR "foreground on a flat image failed: ${rc} ${err}")
+endif()
+
 # Good input: the demo's scene through the trimap command.
 execute_process(COMMAND ${QXMATTE} demo -o ${WORK}/demo -q RESULT_VARIABLE rc OUTPUT_VARIABLE out)
 if(NOT rc EQUAL 0 OR NOT out MATCHES "SAD [0-9.]+ \\(thousands\\), MSE [0-9.]+")
@@ -77,5 +114,22 @@ file(SHA256 ${WORK}/alpha.png got)
 file(SHA256 ${WORK}/demo/alpha.png want)
 if(NOT got STREQUAL want)
   message(FATAL_ERROR "the trimap command and the demo disagree on the same scene")
+endif()
+if(NOT out MATCHES "keep-cut accuracy over the unpainted pixels: SAD ([0-9.]+)")
+  message(FATAL_ERROR "demo printed no keep-cut accuracy: ${out}")
+endif()
+if(CMAKE_MATCH_1 GREATER 8.0)
+  message(FATAL_ERROR "demo keep-cut accuracy out of range: SAD ${CMAKE_MATCH_1}")
+endif()
+execute_process(COMMAND ${QXMATTE} keepcut ${WORK}/demo/image.png ${WORK}/demo/strokes.png
+                        -o ${WORK}/kc_alpha.png --cutout ${WORK}/kc_cutout.png -q
+                RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/kc_cutout.png)
+  message(FATAL_ERROR "keepcut on the demo scene failed: ${rc} ${err}")
+endif()
+file(SHA256 ${WORK}/kc_alpha.png got)
+file(SHA256 ${WORK}/demo/keepcut_alpha.png want)
+if(NOT got STREQUAL want)
+  message(FATAL_ERROR "the keepcut command and the demo disagree on the same scene")
 endif()
 message(STATUS "qxmatte command line ok")

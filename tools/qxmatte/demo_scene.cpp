@@ -1,5 +1,6 @@
 #include "demo_scene.h"
 
+#include <algorithm>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 #include <random>
@@ -102,6 +103,39 @@ cv::Mat makeNewBackground(int width, int height) {
     return bg;
 }
 
+cv::Mat edgeBandStrokes(const cv::Mat& truth, int bandWidth) {
+    const cv::Mat partial = (truth > 0) & (truth < 255);
+    cv::Mat band;
+    const int k = bandWidth | 1;
+    cv::dilate(partial, band, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(k, k)));
+    cv::Mat strokes(truth.size(), CV_8UC1);
+    for (int y = 0; y < truth.rows; ++y) {
+        const uchar* t = truth.ptr<uchar>(y);
+        const uchar* u = band.ptr<uchar>(y);
+        uchar* o = strokes.ptr<uchar>(y);
+        for (int x = 0; x < truth.cols; ++x) o[x] = u[x] ? 128 : (t[x] == 255 ? 255 : 0);
+    }
+    return strokes;
+}
+
+cv::Mat scribbleStrokes(const cv::Mat& truth) {
+    const int w = truth.cols, h = truth.rows;
+    const int r = std::max(2, std::min(w, h) / 100);
+    cv::Mat strokes(truth.size(), CV_8UC1, cv::Scalar(128));
+    // The subject is an ellipse around (w/2, 11h/20) with half-axes w/5 and h/4.
+    cv::line(strokes, {w / 2 - w / 8, h * 11 / 20}, {w / 2 + w / 8, h * 11 / 20}, cv::Scalar(255),
+             2 * r + 1);
+    cv::line(strokes, {w / 2, h * 11 / 20 - h / 8}, {w / 2, h * 11 / 20 + h / 6}, cv::Scalar(255),
+             2 * r + 1);
+    cv::rectangle(strokes, {r, r}, {w - 1 - r, h - 1 - r}, cv::Scalar(0), 2 * r + 1);
+    cv::line(strokes, {w / 10, h / 3}, {w / 10, h * 5 / 6}, cv::Scalar(0), 2 * r + 1);
+    cv::line(strokes, {w * 9 / 10, h / 3}, {w * 9 / 10, h * 5 / 6}, cv::Scalar(0), 2 * r + 1);
+    // Strokes only where the truth agrees, as a careful user paints.
+    strokes.setTo(cv::Scalar(128), (strokes == 255) & (truth != 255));
+    strokes.setTo(cv::Scalar(128), (strokes == 0) & (truth != 0));
+    return strokes;
+}
+
 DemoScene makeDemoScene(int width, int height, unsigned seed) {
     std::mt19937 rng(seed);
     DemoScene scene;
@@ -110,17 +144,8 @@ DemoScene makeDemoScene(int width, int height, unsigned seed) {
     scene.image = compositeOver(scene.foreground, scene.truth, texturedBackground(width, height));
 
     // Tri-map: definite where the subject is solid or absent, with a band of undecided pixels
-    // around every partial value.
-    cv::Mat partial = (scene.truth > 0) & (scene.truth < 255);
-    cv::Mat band;
-    cv::dilate(partial, band, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(11, 11)));
-    scene.trimap = cv::Mat(height, width, CV_8UC1);
-    for (int y = 0; y < height; ++y) {
-        const uchar* t = scene.truth.ptr<uchar>(y);
-        const uchar* u = band.ptr<uchar>(y);
-        uchar* o = scene.trimap.ptr<uchar>(y);
-        for (int x = 0; x < width; ++x) o[x] = u[x] ? 128 : (t[x] == 255 ? 255 : 0);
-    }
+    // around every partial value; a stroke image of the same codes.
+    scene.trimap = edgeBandStrokes(scene.truth, 11);
     return scene;
 }
 

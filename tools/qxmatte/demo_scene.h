@@ -15,6 +15,15 @@ struct DemoScene {
 
 DemoScene makeDemoScene(int width, int height, unsigned seed = 7);
 
+// Keep/cut strokes as a host's edge-band tool leaves them: every pixel painted keep (255) where
+// the subject is solid or cut (0) where it is absent, except a band of about bandWidth pixels
+// along its edge and strands, left unpainted (128).
+cv::Mat edgeBandStrokes(const cv::Mat& truth, int bandWidth = 16);
+
+// A few hand-like scribbles: one keep stroke through the subject, cut strokes along the image's
+// border and beside the subject; the rest unpainted (128).
+cv::Mat scribbleStrokes(const cv::Mat& truth);
+
 // The subject over a new background, with the given alpha.
 cv::Mat compositeOver(const cv::Mat& foreground, const cv::Mat& alpha, const cv::Mat& background);
 cv::Mat makeNewBackground(int width, int height);

@@ -8,28 +8,10 @@
 #include <opencv2/imgcodecs.hpp>
 #include <vector>
 
+#include "progress_bar.h"
 #include "qxiveilon31.h"
 
 namespace qxmatte {
-namespace {
-
-struct ProgressBar {
-    int last = -1;
-};
-
-int drawProgress(int current, int total, void* param) {
-    auto* bar = static_cast<ProgressBar*>(param);
-    const int percent = total > 0 ? current * 100 / total : 0;
-    if (percent == bar->last) return 0;
-    bar->last = percent;
-    const int filled = percent * 30 / 100;
-    std::fprintf(stderr, "\r[%.*s%.*s] %3d%%", filled, "##############################",
-                 30 - filled, "                              ", percent);
-    std::fflush(stderr);
-    return 0;
-}
-
-}  // namespace
 
 MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const MatteOptions& opt) {
     MatteResult r;
@@ -61,14 +43,13 @@ MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const M
     req.maskStep = static_cast<int32_t>(mask.step);
     req.width = boxWidth;
     req.height = boxHeight;
-    ProgressBar bar;
     if (opt.progress) {
         req.progProc = drawProgress;
-        req.progParam = &bar;
+        req.progParam = progressBarForJob();
     }
     r.status = qxMaskAlpha(&req, 0, static_cast<float>(r.unknownPixels), opt.fgCode, opt.bgCode,
                            opt.levelHigh, opt.levelLow);
-    if (opt.progress) std::fprintf(stderr, "\r%*s\r", 40, "");
+    if (opt.progress) clearProgress();
     if (r.status != 1) {
         r.error = "matting failed with status " + std::to_string(r.status);
         return r;

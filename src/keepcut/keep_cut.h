@@ -1,0 +1,25 @@
+// The keep-cut entry's internal parts: engine choice and the restoring of the paint flags.
+#pragma once
+
+#include "qxiveilon31.h"
+
+namespace qx {
+
+enum class KeepCutEngine { Original, KDTreeHiRes, KDTreePyramid };
+
+// Region refinements (regionMode nonzero) whose signed 32-bit pixel product roiWidth * roiHeight
+// is below 937,024 take the older windowed engine; every other call a KD-tree driver, the
+// full-resolution one for hiRes 1, the half-resolution one for any other value. The product
+// wraps as a 32-bit int would: a region of 65536 x 65536 counts as 0 pixels.
+KeepCutEngine chooseKeepCutEngine(int regionMode, int roiWidth, int roiHeight, int hiRes);
+
+// alpha = (alpha & 0xFE) + (aux & 1) over the region: the paint flags back from auxPlane, bits
+// 7..1 as they stand. The request must be valid.
+void recoverBrushInfo(KeepCutRequest* request);
+
+// A request the entry can serve: non-null, both sizes of image and region at least 1, the
+// region inside the image, source, alpha and aux planes with steps of at least a row (dstImage
+// too when `needsDst`).
+bool validKeepCutRequest(const KeepCutRequest* request, bool needsDst);
+
+}  // namespace qx

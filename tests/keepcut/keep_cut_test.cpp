@@ -1,0 +1,280 @@
+// The keep-cut entry: engine choice, refusals, the merge of a refinement with the earlier alpha,
+// the region-mode statuses and failure statuses with the paint flags back in the plane.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "budget.h"
+#include "frame/progress.h"
+#include "image/primitives.h"
+#include "keepcut/keep_cut.h"
+#include "qxiveilon31.h"
+#include "stroke_scene.h"
+
+using qx::KeepCutEngine;
+using qxtest::Budget;
+using qxtest::PaddedPlane;
+using qxtest::StrokeScene;
+
+namespace {
+
+TEST(KeepCutEngineChoice, SmallRefinementsTakeTheWindowedEngine) {
+    // 967 * 968 = 936,056 is below 937,024; 968 * 968 = 937,024 is not.
+    EXPECT_EQ(qx::chooseKeepCutEngine(1, 967, 968, 1), KeepCutEngine::Original);
+    EXPECT_EQ(qx::chooseKeepCutEngine(5, 968, 967, 0), KeepCutEngine::Original);
+    EXPECT_EQ(qx::chooseKeepCutEngine(1, 968, 968, 1), KeepCutEngine::KDTreeHiRes);
+    EXPECT_EQ(qx::chooseKeepCutEngine(-3, 968, 968, 7), KeepCutEngine::KDTreePyramid);
+    // A whole-image call takes a tree, however small.
+    EXPECT_EQ(qx::chooseKeepCutEngine(0, 10, 10, 1), KeepCutEngine::KDTreeHiRes);
+    EXPECT_EQ(qx::chooseKeepCutEngine(0, 10, 10, 2), KeepCutEngine::KDTreePyramid);
+    EXPECT_EQ(qx::chooseKeepCutEngine(0, 10, 10, 0), KeepCutEngine::KDTreePyramid);
+    // The product is a 32-bit int: 46341^2 wraps negative and 65536^2 to 0, both "small".
+    EXPECT_EQ(qx::chooseKeepCutEngine(1, 46340, 46340, 1), KeepCutEngine::KDTreeHiRes);
+    EXPECT_EQ(qx::chooseKeepCutEngine(1, 46341, 46341, 1), KeepCutEngine::Original);
+    EXPECT_EQ(qx::chooseKeepCutEngine(1, 65536, 65536, 1), KeepCutEngine::Original);
+}
+
+// A plane of only keep strokes: whichever engine runs has nothing to solve. The engine shows in
+// the progress total: the windowed engine sets 10,000, the tree drivers 20,000 (a whole-image
+// call then stops at the stroke check with -5).
+int progressTotalAfter(int fullW, int fullH, int roiW, int roiH, int regionMode, int hiRes,
+                       int* status) {
+    PaddedPlane src(4 * fullW, fullH, 4, 90), alpha(fullW, fullH, 3, 255),
+        aux(fullW, fullH, 2, 1), dst(4 * fullW, fullH, 4, 0);
+    KeepCutRequest req = qxtest::requestOver(src, alpha, aux, dst);
+    req.roiX = fullW - roiW;
+    req.roiY = fullH - roiH;
+    req.roiWidth = roiW;
+    req.roiHeight = roiH;
+    req.regionMode = regionMode;
+    req.mergeMode = 0;
+    qx::setProgProc(nullptr, nullptr, 123, 1);
+    *status = qxKeepCutToAlpha(&req, hiRes);
+    // Full strokes stay full strokes, however the call ended.
+    EXPECT_TRUE(std::all_of(alpha.bytes.begin(), alpha.bytes.end(),
+                            [](unsigned char v) { return v == 255 || v == 0xEE; }));
+    return qx::progressState().total;
+}
+
+TEST(KeepCutEntry, EngineChoiceSeenThroughTheCall) {
+    Budget budget(3500000);
+    int status = 0;
+    EXPECT_EQ(progressTotalAfter(969, 970, 967, 968, 1, 1, &status), 10000);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(progressTotalAfter(970, 970, 968, 968, 1, 1, &status), 20000);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(progressTotalAfter(10, 10, 10, 10, 0, 1, &status), 20000);
+    EXPECT_EQ(status, -5);
+}
+
+// A whole-image job of 64 x 60: cut strokes everywhere but a 20 x 20 square of unpainted
+// pixels, with one keep pixel at (31, 29) in it. At half size the pyramid driver samples even
+// rows and columns only, so it sees no keep stroke.
+struct LoneKeep {
+    StrokeScene scene{64, 60, 1.0, 2.0, 0};
+    LoneKeep() {
+        for (int y = 0; y < 60; ++y)
+            for (int x = 0; x < 64; ++x)
+                scene.alpha.at(x, y) = x >= 22 && x < 42 && y >= 20 && y < 40 ? 0 : 1;
+        scene.alpha.at(31, 29) = 255;
+        scene.syncAux();
+    }
+};
+
+TEST(KeepCutEntry, HiResOneIsTheFullResolutionTreeAnyOtherValueThePyramid) {
+    for (int hiRes : {1, 2, 0, -1}) {
+        LoneKeep job;
+        const PaddedPlane before = job.scene.alpha;
+        const int status = qxKeepCutToAlpha(&job.scene.req, hiRes);
+        if (hiRes == 1) {
+            EXPECT_EQ(status, 1);
+            EXPECT_EQ(job.scene.alpha.at(31, 29), 255);
+            EXPECT_GT(job.scene.alpha.at(31, 30), 0);  // the keep pixel pulls its neighbours up
+        } else {
+            EXPECT_EQ(status, -5) << hiRes;
+            EXPECT_EQ(job.scene.alpha.bytes, before.bytes) << hiRes;
+        }
+    }
+}
+
+TEST(KeepCutEntry, TooFewStrokesGiveMinusFiveWithTheFlagsIntact) {
+    for (int hiRes : {1, 2}) {
+        // Keep strokes and a band, but no cut stroke.
+        StrokeScene scene(50, 40, 10.0, 15.0, 2);
+        for (auto& v : scene.alpha.bytes)
+            if (v == 1) v = 0;
+        scene.syncAux();
+        const PaddedPlane before = scene.alpha, dst = scene.dst;
+        EXPECT_EQ(qxKeepCutToAlpha(&scene.req, hiRes), -5);
+        EXPECT_EQ(scene.alpha.bytes, before.bytes);
+        EXPECT_EQ(scene.dst.bytes, dst.bytes);
+    }
+}
+
+TEST(KeepCutEntry, WholeImageJobsThroughBothTrees) {
+    for (int hiRes : {1, 2}) {
+        StrokeScene scene(96, 80, 20.0, 30.0, 2);
+        const PaddedPlane before = scene.alpha;
+        ASSERT_EQ(qxKeepCutToAlpha(&scene.req, hiRes), 1);
+        EXPECT_EQ(qx::progressState().total, 20000);
+        for (int y = 0; y < 80; ++y)
+            for (int x = 0; x < 96; ++x) {
+                const unsigned char in = before.at(x, y);
+                if (in & 1) {
+                    ASSERT_EQ(scene.alpha.at(x, y), in);
+                    for (int c = 0; c < 4; ++c)
+                        ASSERT_EQ(scene.dst.at(4 * x + c, y), scene.src.at(4 * x + c, y));
+                } else {
+                    ASSERT_EQ(scene.alpha.at(x, y) & 1, 0);
+                    for (int c = 0; c < 4; ++c) ASSERT_EQ(scene.dst.at(4 * x + c, y), 0);
+                }
+            }
+        EXPECT_LT(scene.meanError(0, 0, 96, 80), hiRes == 1 ? 0.01 : 0.06) << hiRes;
+        EXPECT_TRUE(scene.alpha.padsIntact());
+        EXPECT_TRUE(scene.dst.padsIntact());
+    }
+}
+
+TEST(KeepCutEntry, LeafTooLargeGivesMinusOneWithTheFlagsIntact) {
+    // Keep in column 0, cut in the last column, 2001 x 1000 unpainted between: one leaf of
+    // 2,001,000 unknown pixels, more than one solve may take.
+    const int w = 2003, h = 1000;
+    PaddedPlane src(4 * w, h, 4, 60), alpha(w, h, 3, 100), aux(w, h, 2, 0), dst(4 * w, h, 4, 0);
+    for (int y = 0; y < h; ++y) {
+        alpha.at(0, y) = 255;
+        alpha.at(w - 1, y) = 1;
+        aux.at(0, y) = aux.at(w - 1, y) = 1;
+    }
+    alpha.at(500, 500) = 102;  // bit 1 set: normalising makes it 103
+    KeepCutRequest req = qxtest::requestOver(src, alpha, aux, dst);
+    const PaddedPlane before = alpha;
+    EXPECT_EQ(qxKeepCutToAlpha(&req, 1), -1);
+    EXPECT_EQ(alpha.bytes, before.bytes);
+}
+
+TEST(KeepCutEntry, RefusesBadRequestsWithoutWriting) {
+    StrokeScene scene(30, 28, 6.0, 9.0, 1);
+    scene.setRegion(4, 4, 20, 20, 2);
+    const PaddedPlane alpha = scene.alpha, aux = scene.aux, dst = scene.dst, src = scene.src;
+    EXPECT_EQ(qxKeepCutToAlpha(nullptr, 1), -1000);
+    const std::function<void(KeepCutRequest&)> breaks[] = {
+        [](KeepCutRequest& r) { r.srcImage = nullptr; },
+        [](KeepCutRequest& r) { r.alphaPlane = nullptr; },
+        [](KeepCutRequest& r) { r.auxPlane = nullptr; },
+        [](KeepCutRequest& r) { r.recoverFlag = 1, r.dstImage = nullptr; },
+        [](KeepCutRequest& r) { r.regionMode = 0, r.dstImage = nullptr; },  // a tree writes it
+        [](KeepCutRequest& r) { r.fullWidth = 0; },
+        [](KeepCutRequest& r) { r.fullHeight = -1; },
+        [](KeepCutRequest& r) { r.roiWidth = 0; },
+        [](KeepCutRequest& r) { r.roiHeight = 0; },
+        [](KeepCutRequest& r) { r.roiX = -1; },
+        [](KeepCutRequest& r) { r.roiY = 9; },                      // 9 + 20 > 28
+        [](KeepCutRequest& r) { r.roiX = 11; },                     // 11 + 20 > 30
+        [](KeepCutRequest& r) { r.roiX = 0x7FFFFFF0; },             // no wrap-around
+        [](KeepCutRequest& r) { r.srcStep = 4 * 30 - 1; },
+        [](KeepCutRequest& r) { r.alphaStep = 29; },
+        [](KeepCutRequest& r) { r.auxStep = -31; },
+        [](KeepCutRequest& r) { r.regionMode = 0, r.dstStep = 100; },
+    };
+    for (size_t i = 0; i < std::size(breaks); ++i) {
+        KeepCutRequest r = scene.req;
+        breaks[i](r);
+        EXPECT_EQ(qxKeepCutToAlpha(&r, 1), -1000) << i;
+        ASSERT_EQ(scene.alpha.bytes, alpha.bytes) << i;
+        ASSERT_EQ(scene.aux.bytes, aux.bytes) << i;
+        ASSERT_EQ(scene.dst.bytes, dst.bytes) << i;
+        ASSERT_EQ(scene.src.bytes, src.bytes) << i;
+    }
+    // The windowed engine never writes dstImage, so without recovery it may be absent.
+    KeepCutRequest r = scene.req;
+    r.dstImage = nullptr;
+    EXPECT_EQ(qxKeepCutToAlpha(&r, 1), 1);
+}
+
+// A refinement of the region (20, 16) 50 x 44 of an 90 x 80 scene with a frame of 2: strokes
+// from the tri-map, the earlier alpha 128 on every unpainted pixel.
+struct MergeCase {
+    StrokeScene scene{90, 80, 18.0, 30.0, 2, 128};
+    explicit MergeCase(int mergeMode) {
+        scene.alpha.at(40, 20) = 129;  // a painted partial value inside the region
+        scene.syncAux();
+        scene.setRegion(20, 16, 50, 44, 2);
+        scene.req.mergeMode = mergeMode;
+    }
+};
+
+TEST(KeepCutEntry, MergeModesLowerOrRaiseOnlyUnpaintedPixels) {
+    Budget budget(3500000);
+    MergeCase none(2);  // any other mode merges nothing: the engine's own result
+    const PaddedPlane before = none.scene.alpha;
+    ASSERT_EQ(qxKeepCutToAlpha(&none.scene.req, 1), 1);
+    const PaddedPlane& engine = none.scene.alpha;
+    int raised = 0, lowered = 0;
+    for (int y = 16; y < 60; ++y)
+        for (int x = 20; x < 70; ++x) {
+            raised += engine.at(x, y) > before.at(x, y);
+            lowered += engine.at(x, y) < before.at(x, y);
+        }
+    ASSERT_GT(raised, 20);
+    ASSERT_GT(lowered, 20);
+
+    for (int mode : {0, 1}) {
+        MergeCase c(mode);
+        ASSERT_EQ(qxKeepCutToAlpha(&c.scene.req, 1), 1);
+        for (int y = 0; y < 80; ++y)
+            for (int x = 0; x < 90; ++x) {
+                const unsigned char in = before.at(x, y), e = engine.at(x, y);
+                const unsigned char expect =
+                    (in & 1) ? e : mode == 0 ? std::min(e, in) : std::max(e, in);
+                ASSERT_EQ(c.scene.alpha.at(x, y), expect) << mode << " " << x << "," << y;
+            }
+        EXPECT_EQ(c.scene.alpha.at(40, 20), 129);
+    }
+}
+
+TEST(KeepCutEntry, RegionModeStatuses) {
+    Budget budget(3500000);
+    {
+        // No cut stroke at all, in a region smaller than the image: the frame holds the
+        // earlier alpha, no stroke check is made, and the region is solved.
+        MergeCase c(2);
+        for (auto& v : c.scene.alpha.bytes)
+            if (v == 1) v = 0;
+        c.scene.syncAux();
+        const PaddedPlane before = c.scene.alpha;
+        EXPECT_EQ(qxKeepCutToAlpha(&c.scene.req, 1), 1);
+        EXPECT_NE(c.scene.alpha.bytes, before.bytes);
+    }
+    {
+        // The same strokes with a region that is the whole image: the frame clips to nothing,
+        // the bounding-box check fails, the flags are restored from the record (which also
+        // marks (3, 3) as painted), and the call still reads 1.
+        MergeCase c(2);
+        for (auto& v : c.scene.alpha.bytes)
+            if (v == 1) v = 0;
+        c.scene.syncAux();
+        c.scene.aux.at(3, 3) = 1;
+        c.scene.setRegion(0, 0, 90, 80, 2);
+        const PaddedPlane before = c.scene.alpha;
+        EXPECT_EQ(qxKeepCutToAlpha(&c.scene.req, 1), 1);
+        PaddedPlane expect = before;
+        expect.at(3, 3) |= 1;
+        EXPECT_EQ(c.scene.alpha.bytes, expect.bytes);
+    }
+}
+
+TEST(KeepCutEntry, ImageFailurePassesThroughWithFlagsRestored) {
+    Budget budget(3500000);
+    MergeCase c(2);
+    c.scene.aux.at(30, 30) = 1;  // the record has one more painted pixel than the plane
+    const PaddedPlane before = c.scene.alpha;
+    qx::prim::failNextAllocations(2);  // the first working image of the windowed engine
+    EXPECT_EQ(qxKeepCutToAlpha(&c.scene.req, 1), 102);
+    qx::prim::failNextAllocations(0);
+    PaddedPlane expect = before;
+    expect.at(30, 30) |= 1;
+    EXPECT_EQ(c.scene.alpha.bytes, expect.bytes);
+}
+
+}  // namespace

@@ -1,0 +1,20 @@
+// The progress bar the commands draw on standard error, as a library progress callback.
+#pragma once
+
+namespace qxmatte {
+
+struct ProgressBar {
+    int last = -1;
+};
+
+// The bar of this process. It outlives every job: the library keeps the last callback and its
+// parameter installed after a job, and some operations report through what stands installed.
+// Resets the bar for a new job.
+ProgressBar* progressBarForJob();
+
+// qxProgressProc: param is a ProgressBar.
+int drawProgress(int current, int total, void* param);
+// Clears the bar's line.
+void clearProgress();
+
+}  // namespace qxmatte
