@@ -45,12 +45,52 @@ int defaultBandWidth(const cv::Size& size) {
     return std::max(10, std::max(size.width, size.height) / 100);
 }
 
+namespace {
+
+// The library starts a session with a frame of sure background just inside its rectangle, a
+// few pixels of its working level wide. The command's rectangle means what it means to
+// cv::grabCut: everything outside it is background, everything inside it is for the cut to
+// decide. So the library is given the rectangle grown by a margin wider than that frame, the
+// margin fixed to background; where the image's border stops the growth, the frame falls inside
+// the user's rectangle, and its pixels are marked probable foreground, which overrides the
+// frame's start labels. When the rectangle reaches the border on all four sides there is no
+// background outside it at all, and the library's frame is left as the only background the cut
+// starts from. Painted strokes stay as they are.
+cv::Rect prepareFrame(cv::Mat& codes, const cv::Rect& rect) {
+    // The working level's longer side is at most 400 and above 200 unless no level is made,
+    // so it is reduced by at most longSide / 200.
+    const int margin = 5 * (1 + std::max(codes.cols, codes.rows) / 200);
+    const cv::Rect roi =
+        cv::Rect(rect.x - margin, rect.y - margin, rect.width + 2 * margin,
+                 rect.height + 2 * margin) &
+        cv::Rect(0, 0, codes.cols, codes.rows);
+    const bool backgroundOutside = roi.x < rect.x || roi.y < rect.y || roi.br().x > rect.br().x ||
+                                   roi.br().y > rect.br().y;
+    for (int y = roi.y; y < roi.y + roi.height; ++y) {
+        unsigned char* c = codes.ptr<unsigned char>(y);
+        for (int x = roi.x; x < roi.x + roi.width; ++x) {
+            if (c[x] == 255 || c[x] == 1) continue;  // painted
+            if (!rect.contains(cv::Point(x, y))) {
+                c[x] = 1;
+            } else {
+                const int edge = std::min({x - roi.x, roi.x + roi.width - 1 - x, y - roi.y,
+                                           roi.y + roi.height - 1 - y});
+                if (edge < margin && backgroundOutside) c[x] = 250;
+            }
+        }
+    }
+    return roi;
+}
+
+}  // namespace
+
 GrabCutResult selectWithGrabCut(const cv::Mat& image, const cv::Mat& strokes,
                                 const GrabCutOptions& opt) {
     GrabCutResult r;
     cv::Mat src = toFourBytes(image);
     cv::Mat codes = strokes.empty() ? cv::Mat(image.size(), CV_8UC1, cv::Scalar(126))
                                     : encodeStrokes(strokes);
+    const cv::Rect roi = prepareFrame(codes, opt.rect);
     cv::Mat result(image.size(), CV_8UC1, cv::Scalar(0));
 
     GrabCutRequest req{};
@@ -62,10 +102,10 @@ GrabCutResult selectWithGrabCut(const cv::Mat& image, const cv::Mat& strokes,
     req.resultStep = static_cast<int32_t>(result.step);
     req.width = image.cols;
     req.height = image.rows;
-    req.roiLeft = opt.rect.x;
-    req.roiTop = opt.rect.y;
-    req.roiWidth = opt.rect.width;
-    req.roiHeight = opt.rect.height;
+    req.roiLeft = roi.x;
+    req.roiTop = roi.y;
+    req.roiWidth = roi.width;
+    req.roiHeight = roi.height;
     if (opt.progress) {
         req.progProc = drawProgress;
         req.progParam = progressBarForJob();
