@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <opencv2/imgproc.hpp>
 #include <string>
+#include <vector>
 
 #include "grabcut_fixtures.h"
 #include "qxiveilon31.h"
@@ -192,6 +194,56 @@ TEST(GrabCutEdgeGen, VeryWideBandsCoverTheWholeRegion) {
     qxGrabCutEdgeGen(&r, 32767);
     for (int y = 0; y < 20; ++y)
         for (int x = 0; x < 30; ++x) ASSERT_EQ(p.mask.at(x, y), 126);
+}
+
+// OpenCV's own morphology on a padded copy, as the band is defined: the brush is the filled
+// circle of radius bandWidth / 2, erosion framed by 255, dilation by 0.
+cv::Mat referenceBand(const cv::Mat& result, int bandWidth) {
+    const int r = bandWidth / 2, d = 2 * r + 1;
+    cv::Mat brush(d, d, CV_8UC1, cv::Scalar(0));
+    cv::circle(brush, cv::Point(r, r), r, cv::Scalar(255), -1, cv::LINE_8, 0);
+    const cv::Mat hard = result >= 254;
+    cv::Mat e, g;
+    cv::copyMakeBorder(hard, e, r, r, r, r, cv::BORDER_CONSTANT, cv::Scalar(255));
+    cv::copyMakeBorder(hard, g, r, r, r, r, cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::erode(e, e, brush, cv::Point(r, r), 1, cv::BORDER_CONSTANT, cv::Scalar(255));
+    cv::dilate(g, g, brush, cv::Point(r, r), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+    const cv::Rect inner(r, r, result.cols, result.rows);
+    cv::Mat out(result.size(), CV_8UC1);
+    for (int y = 0; y < result.rows; ++y)
+        for (int x = 0; x < result.cols; ++x) {
+            const int ev = e(inner).at<unsigned char>(y, x), gv = g(inner).at<unsigned char>(y, x);
+            const unsigned char p = result.at<unsigned char>(y, x);
+            const int v = gv - ev == 255 ? 126 : gv & 254;
+            out.at<unsigned char>(y, x) = (p & 1) ? p : static_cast<unsigned char>(v);
+        }
+    return out;
+}
+
+TEST(GrabCutEdgeGen, AgreesWithPlainMorphologyOnRandomSelections) {
+    cv::RNG rng(11);
+    for (int trial = 0; trial < 12; ++trial) {
+        const int w = 20 + rng.uniform(0, 60), h = 15 + rng.uniform(0, 50);
+        cv::Mat result(h, w, CV_8UC1, cv::Scalar(0));
+        for (int k = 0; k < 4; ++k)
+            cv::ellipse(result, cv::Point(rng.uniform(0, w), rng.uniform(0, h)),
+                        cv::Size(rng.uniform(2, w / 2 + 3), rng.uniform(2, h / 2 + 3)),
+                        rng.uniform(0, 180), 0, 360, cv::Scalar(254), -1);
+        for (int k = 0; k < 8; ++k)  // fixed codes and near-selected values
+            result.at<unsigned char>(rng.uniform(0, h), rng.uniform(0, w)) =
+                static_cast<unsigned char>(std::vector<int>{1, 255, 101, 253, 128}[k % 5]);
+        const int band = std::vector<int>{1, 2, 3, 5, 8, 13, 21, 40}[trial % 8];
+        Planes p(w, h, 0);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) p.result.at(x, y) = result.at<unsigned char>(y, x);
+        GrabCutRequest r = p.request();
+        qxGrabCutEdgeGen(&r, band);
+        const cv::Mat want = referenceBand(result, band);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                ASSERT_EQ(p.mask.at(x, y), want.at<unsigned char>(y, x))
+                    << "trial " << trial << " band " << band << " at " << x << "," << y;
+    }
 }
 
 TEST(GrabCutEdgeGen, AfterACutTheBandStraddlesTheSubjectsEdge) {
