@@ -61,6 +61,26 @@ void cut(GrabCutRequest& request, int mode) {
                          request.resultStep, size);
 }
 
+// The codes of a finished session, in mask and (when given) result; nothing for planes that
+// fail the checks.
+void settleCodes(const GrabCutRequest& r) {
+    if (!roiInside(r) || !validCodePlane(r.mask, r.maskStep, r) ||
+        (r.result != nullptr && !validCodePlane(r.result, r.resultStep, r)))
+        return;
+    unsigned char* mask = atRoi(r.mask, r.maskStep, r, 1);
+    unsigned char* result = r.result ? atRoi(r.result, r.resultStep, r, 1) : nullptr;
+#pragma omp parallel for schedule(static)
+    for (int y = 0; y < r.roiHeight; ++y) {
+        unsigned char* m = mask + static_cast<int64_t>(y) * r.maskStep;
+        unsigned char* o = result ? result + static_cast<int64_t>(y) * r.resultStep : nullptr;
+        for (int x = 0; x < r.roiWidth; ++x) {
+            const unsigned char v = settledCode(m[x]);
+            m[x] = v;
+            if (o) o[x] = v;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace qx
 
@@ -71,11 +91,13 @@ extern "C" QX_API int qxGrabCut(GrabCutRequest* request, int mode) {
         (request->result != nullptr &&
          !qx::validCodePlane(request->result, request->resultStep, *request)))
         return 0;
-    if (request->control != nullptr &&
-        !qx::grabCutControlFits(request->control, request->roiWidth, request->roiHeight))
-        return 0;
     return qx::guardedCall(
         [&] {
+            // A control that is not one of ours, or was made for another size, is refused
+            // before anything is written.
+            if (request->control != nullptr &&
+                !qx::grabCutControlFits(request->control, request->roiWidth, request->roiHeight))
+                return 0;
             qx::cut(*request, mode);
             return 1;
         },
@@ -84,24 +106,15 @@ extern "C" QX_API int qxGrabCut(GrabCutRequest* request, int mode) {
 
 extern "C" QX_API void qxGrabCutDeleteBuf(GrabCutRequest* request) {
     if (request == nullptr) return;
-    if (request->control != nullptr) {
-        if (!qx::GrabCutDeleteBuf(static_cast<qx::GrabCutControl*>(request->control))) return;
-        request->control = nullptr;
-    }
-    const GrabCutRequest& r = *request;
-    if (!qx::roiInside(r) || !qx::validCodePlane(r.mask, r.maskStep, r) ||
-        (r.result != nullptr && !qx::validCodePlane(r.result, r.resultStep, r)))
-        return;
-    unsigned char* mask = qx::atRoi(r.mask, r.maskStep, r, 1);
-    unsigned char* result = r.result ? qx::atRoi(r.result, r.resultStep, r, 1) : nullptr;
-#pragma omp parallel for schedule(static)
-    for (int y = 0; y < r.roiHeight; ++y) {
-        unsigned char* m = mask + static_cast<int64_t>(y) * r.maskStep;
-        unsigned char* o = result ? result + static_cast<int64_t>(y) * r.resultStep : nullptr;
-        for (int x = 0; x < r.roiWidth; ++x) {
-            const unsigned char v = qx::settledCode(m[x]);
-            m[x] = v;
-            if (o) o[x] = v;
-        }
-    }
+    qx::guardedCall(
+        [&] {
+            if (request->control != nullptr) {
+                if (!qx::GrabCutDeleteBuf(static_cast<qx::GrabCutControl*>(request->control)))
+                    return 0;
+                request->control = nullptr;
+            }
+            qx::settleCodes(*request);
+            return 1;
+        },
+        [](int) { return 0; }, 0);
 }
