@@ -126,8 +126,10 @@ GrabCutResult selectWithGrabCut(const cv::Mat& image, const cv::Mat& strokes,
         req.maskStep = static_cast<int32_t>(band.step);
         qxGrabCutEdgeGen(&req, opt.band);
         r.trimap = bandToTrimap(band);
+        req.mask = codes.data;
+        req.maskStep = static_cast<int32_t>(codes.step);
     }
-    qxGrabCutDeleteBuf(&req);
+    qxGrabCutDeleteBuf(&req);  // ends the session: frees the control
     r.ok = true;
     return r;
 }
