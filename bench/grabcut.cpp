@@ -146,14 +146,33 @@ Matte runCutout(const Sample& s, const cv::Rect& rect) {
     return m;
 }
 
+// Sums over a report's images: the library's cuts over all of them, and both methods over the
+// images that cv::grabCut runs on.
+struct Totals {
+    Cut lib, bothLib, plain;
+    int all = 0, both = 0;
+    static void add(Cut& sum, const Cut& c) {
+        sum.seconds += c.seconds;
+        sum.cpu += c.cpu;
+        sum.iou += c.iou;
+    }
+    void add(const Cut& l, const Cut* p) {
+        add(lib, l);
+        ++all;
+        if (p == nullptr || p->iou < 0) return;
+        add(bothLib, l);
+        add(plain, *p);
+        ++both;
+    }
+};
+
 void accuracyReport(const std::vector<Sample>& samples) {
     std::printf("\nGrabCut accuracy: rectangle = truth's box + 5%% (wall s, processor s, IoU vs "
                 "alpha > 127; IoU -1: cv::grabCut refuses a rectangle without background)\n");
     std::printf("%-6s %-9s %26s %26s %26s\n", "image", "size", "qxGrabCut (wall cpu IoU)",
                 "cv::grabCut (wall cpu IoU)", "cutout (wall SAD MSE)");
-    Cut sumLib, sumPlain, bothLib;
+    Totals t;
     Matte sumCut;
-    int both = 0;
     for (const Sample& s : samples) {
         const cv::Rect rect = userRectangle(s.truth);
         if (std::getenv("QX_BENCH_RECTS"))
@@ -168,31 +187,20 @@ void accuracyReport(const std::vector<Sample>& samples) {
                     s.name.c_str(), size, lib.seconds, lib.cpu, lib.iou, plain.seconds, plain.cpu,
                     plain.iou, cut.seconds, cut.sad, cut.mse);
         std::fflush(stdout);
-        sumLib.seconds += lib.seconds;
-        sumLib.cpu += lib.cpu;
-        sumLib.iou += lib.iou;
+        t.add(lib, &plain);
         sumCut.seconds += cut.seconds;
         sumCut.sad += cut.sad;
         sumCut.mse += cut.mse;
-        if (plain.iou >= 0) {
-            sumPlain.seconds += plain.seconds;
-            sumPlain.cpu += plain.cpu;
-            sumPlain.iou += plain.iou;
-            bothLib.seconds += lib.seconds;
-            bothLib.cpu += lib.cpu;
-            bothLib.iou += lib.iou;
-            ++both;
-        }
     }
     const double n = static_cast<double>(samples.size());
     std::printf("%-16s %7.3f %7.3f %9.4f  %26s %8.2f %8.2f %8.2f  (all: total times, means)\n",
-                "all", sumLib.seconds, sumLib.cpu, sumLib.iou / n, "", sumCut.seconds,
+                "all", t.lib.seconds, t.lib.cpu, t.lib.iou / n, "", sumCut.seconds,
                 sumCut.sad / n, sumCut.mse / n);
-    if (both > 0)
+    if (t.both > 0)
         std::printf("%-16s %7.3f %7.3f %9.4f  %7.3f %7.3f %9.4f  (the %d images cv::grabCut "
                     "runs on)\n",
-                    "both", bothLib.seconds, bothLib.cpu, bothLib.iou / both, sumPlain.seconds,
-                    sumPlain.cpu, sumPlain.iou / both, both);
+                    "both", t.bothLib.seconds, t.bothLib.cpu, t.bothLib.iou / t.both,
+                    t.plain.seconds, t.plain.cpu, t.plain.iou / t.both, t.both);
 }
 
 Sample scaled(const Sample& s, double megapixels) {
@@ -210,8 +218,7 @@ void scaleReport(const std::vector<Sample>& samples, double maxMegapixels, int p
                 "cv::grabCut (wall cpu IoU)", "cutout (wall peak SAD)");
     for (double mp : {6.0, 24.0}) {
         if (mp > maxMegapixels) continue;
-        Cut sumLib, sumPlain, bothLib;
-        int both = 0;
+        Totals t;
         for (size_t i = 0; i < samples.size(); ++i) {
             const Sample s = scaled(samples[i], mp);
             const cv::Rect rect = userRectangle(s.truth);
@@ -229,29 +236,19 @@ void scaleReport(const std::vector<Sample>& samples, double maxMegapixels, int p
                 std::printf(" %8s %7s %8s", "-", "-", "-");
             std::printf(" %8.2f %9.0f %9.2f\n", cut.seconds, cut.peakMB, cut.sad);
             std::fflush(stdout);
-            sumLib.seconds += lib.seconds;
-            sumLib.cpu += lib.cpu;
-            sumLib.iou += lib.iou;
-            if (plainToo && plain.iou >= 0) {
-                sumPlain.seconds += plain.seconds;
-                sumPlain.cpu += plain.cpu;
-                sumPlain.iou += plain.iou;
-                bothLib.seconds += lib.seconds;
-                bothLib.cpu += lib.cpu;
-                bothLib.iou += lib.iou;
-                ++both;
-            }
+            t.add(lib, plainToo ? &plain : nullptr);
         }
-        const double n = static_cast<double>(samples.size());
-        std::printf("%.0f MP, all %zu images: qxGrabCut mean %.2f s wall, %.2f s cpu, IoU %.4f\n",
-                    mp, samples.size(), sumLib.seconds / n, sumLib.cpu / n, sumLib.iou / n);
-        if (both > 0)
+        const double n = t.all;
+        std::printf("%.0f MP, all %d images: qxGrabCut mean %.2f s wall, %.2f s cpu, IoU %.4f\n",
+                    mp, t.all, t.lib.seconds / n, t.lib.cpu / n, t.lib.iou / n);
+        if (t.both > 0)
             std::printf("%.0f MP, the %d images cv::grabCut runs on: qxGrabCut %.2f s wall, %.2f s "
                         "cpu, IoU %.4f; cv::grabCut %.2f s wall, %.2f s cpu, IoU %.4f; speed-up "
                         "%.1fx wall, %.1fx cpu\n",
-                        mp, both, bothLib.seconds / both, bothLib.cpu / both, bothLib.iou / both,
-                        sumPlain.seconds / both, sumPlain.cpu / both, sumPlain.iou / both,
-                        sumPlain.seconds / bothLib.seconds, sumPlain.cpu / bothLib.cpu);
+                        mp, t.both, t.bothLib.seconds / t.both, t.bothLib.cpu / t.both,
+                        t.bothLib.iou / t.both, t.plain.seconds / t.both, t.plain.cpu / t.both,
+                        t.plain.iou / t.both, t.plain.seconds / t.bothLib.seconds,
+                        t.plain.cpu / t.bothLib.cpu);
     }
 }
 

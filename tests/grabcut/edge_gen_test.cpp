@@ -21,16 +21,7 @@ struct Planes {
     int w, h;
     Planes(int width, int height, unsigned char resultFill)
         : mask(width, height, 1, 99), result(width, height, 1, resultFill), w(width), h(height) {}
-    GrabCutRequest request() {
-        GrabCutRequest r{};
-        r.mask = mask.data();
-        r.maskStep = mask.step();
-        r.result = result.data();
-        r.resultStep = result.step();
-        r.width = r.roiWidth = w;
-        r.height = r.roiHeight = h;
-        return r;
-    }
+    GrabCutRequest request() { return test::requestOver(nullptr, mask, &result); }
     void fill(const Rect& rc, unsigned char v) {
         for (int y = rc.y; y < rc.y + rc.h; ++y)
             for (int x = rc.x; x < rc.x + rc.w; ++x) result.at(x, y) = v;

@@ -264,12 +264,7 @@ TEST(GrabCutEntry, DeletingSettlesEveryCode) {
     // everything else loses its low bit. Worked out by hand for every value.
     HostPlane mask(16, 16, 1, 0), result(16, 16, 1, 0);
     for (int v = 0; v < 256; ++v) mask.at(v % 16, v / 16) = static_cast<unsigned char>(v);
-    GrabCutRequest r{};
-    r.mask = mask.data();
-    r.maskStep = mask.step();
-    r.result = result.data();
-    r.resultStep = result.step();
-    r.width = r.height = r.roiWidth = r.roiHeight = 16;
+    GrabCutRequest r = test::requestOver(nullptr, mask, &result);
     qxGrabCutDeleteBuf(&r);  // no control: only the codes
     for (int v = 0; v < 256; ++v) {
         int want;

@@ -43,6 +43,24 @@ private:
     std::vector<unsigned char> buf_;
 };
 
+// A request over the whole of the host's planes; image and result may be null.
+inline GrabCutRequest requestOver(HostPlane* image, HostPlane& mask, HostPlane* result) {
+    GrabCutRequest r{};
+    if (image != nullptr) {
+        r.image = image->data();
+        r.imageStep = image->step();
+    }
+    r.mask = mask.data();
+    r.maskStep = mask.step();
+    if (result != nullptr) {
+        r.result = result->data();
+        r.resultStep = result->step();
+    }
+    r.width = r.roiWidth = mask.width();
+    r.height = r.roiHeight = mask.height();
+    return r;
+}
+
 // A scene of two flat colours: `subject` inside the rectangle, `ground` elsewhere (bytes 0..2
 // of each pixel; byte 3 holds noise that must not matter).
 struct TwoColourScene {
@@ -58,18 +76,7 @@ struct TwoColourScene {
                 image.at(x, y, 3) = static_cast<unsigned char>(x * 7 + y * 13);
             }
     }
-    GrabCutRequest request() {
-        GrabCutRequest r{};
-        r.image = image.data();
-        r.imageStep = image.step();
-        r.mask = mask.data();
-        r.maskStep = mask.step();
-        r.result = result.data();
-        r.resultStep = result.step();
-        r.width = r.roiWidth = image.width();
-        r.height = r.roiHeight = image.height();
-        return r;
-    }
+    GrabCutRequest request() { return requestOver(&image, mask, &result); }
 };
 
 }  // namespace qx::test

@@ -138,6 +138,20 @@ function(pgm_pixel path x y out)
   set(${out} ${byte} PARENT_SCOPE)
 endfunction()
 
+# Checks pixels of a PGM; each probe is x:y:hex.
+function(expect_pixels what path)
+  foreach(probe ${ARGN})
+    string(REPLACE ":" ";" probe "${probe}")
+    list(GET probe 0 x)
+    list(GET probe 1 y)
+    list(GET probe 2 want)
+    pgm_pixel(${path} ${x} ${y} got)
+    if(NOT got STREQUAL want)
+      message(FATAL_ERROR "${what} at ${x},${y}: ${got}, expected ${want}")
+    endif()
+  endforeach()
+endfunction()
+
 expect_failure("grabcut rectangle outside" "--rect 0,0,121,100 is not inside the 120x100 image"
                grabcut ${WORK}/scene.ppm --rect 0,0,121,100 -o ${WORK}/out.png)
 expect_failure("grabcut rectangle text" "--rect takes X,Y,W,H"
@@ -174,16 +188,8 @@ if(NOT pixels STREQUAL "${ground_rows}${subject_rows}${ground_rows}")
   message(FATAL_ERROR "grabcut: the selection is not the subject")
 endif()
 # --band 4: a disc of radius 2, two pixels on each side of the edge.
-foreach(probe "60;50;ff" "42;50;ff" "41;50;80" "38;50;80" "37;50;00" "60;31;80" "60;28;80"
-              "60;27;00" "60;32;ff" "5;5;00")
-  list(GET probe 0 x)
-  list(GET probe 1 y)
-  list(GET probe 2 want)
-  pgm_pixel(${WORK}/tri.pgm ${x} ${y} got)
-  if(NOT got STREQUAL want)
-    message(FATAL_ERROR "grabcut tri-map at ${x},${y}: ${got}, expected ${want}")
-  endif()
-endforeach()
+expect_pixels("grabcut tri-map" ${WORK}/tri.pgm 60:50:ff 42:50:ff 41:50:80 38:50:80 37:50:00
+              60:31:80 60:28:80 60:27:00 60:32:ff 5:5:00)
 
 # A keep stroke on the background (rows 40..49, columns 20..29) is selected whatever its colour,
 # and the subject stays selected.
@@ -201,15 +207,8 @@ execute_process(COMMAND ${QXMATTE} grabcut ${WORK}/scene.ppm --rect 10,10,100,80
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "grabcut with strokes failed: ${rc} ${err}")
 endif()
-foreach(probe "20;40;ff" "29;49;ff" "60;50;ff" "79;69;ff" "15;85;00" "5;45;00")
-  list(GET probe 0 x)
-  list(GET probe 1 y)
-  list(GET probe 2 want)
-  pgm_pixel(${WORK}/sel2.pgm ${x} ${y} got)
-  if(NOT got STREQUAL want)
-    message(FATAL_ERROR "grabcut with strokes at ${x},${y}: ${got}, expected ${want}")
-  endif()
-endforeach()
+expect_pixels("grabcut with strokes" ${WORK}/sel2.pgm 20:40:ff 29:49:ff 60:50:ff 79:69:ff
+              15:85:00 5:45:00)
 
 # The whole workflow: an RGBA cut-out and its alpha, opaque on the subject, clear elsewhere.
 execute_process(COMMAND ${QXMATTE} cutout ${WORK}/scene.ppm --rect 10,10,100,80 --band 6
