@@ -47,8 +47,17 @@ int CompAlphaMapGrabCut(const unsigned char* image, int imageStep, int width, in
     const bool changed = isConstsChanged(flags, flagStep, control);
     const int64_t needed = changed ? kComponents : 1;
     if (foreground >= needed && background >= needed) {
-        cv::grabCut(img, labels, inner, *control->bgdModel, *control->fgdModel, 3,
-                    changed ? cv::GC_INIT_WITH_MASK : cv::GC_EVAL);
+        cv::RNG& rng = cv::theRNG();
+        const uint64_t callersState = rng.state;
+        rng.state = kGrabCutSeed;
+        try {
+            cv::grabCut(img, labels, inner, *control->bgdModel, *control->fgdModel, 3,
+                        changed ? cv::GC_INIT_WITH_MASK : cv::GC_EVAL);
+        } catch (...) {
+            rng.state = callersState;
+            throw;
+        }
+        rng.state = callersState;
     }
 
     for (int y = 0; y < height; ++y) {

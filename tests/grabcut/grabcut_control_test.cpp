@@ -149,11 +149,12 @@ void secondCutUsesMode(bool addStroke, int wantMode) {
         lv.flags.at<unsigned char>(2, 2) = 255;
         lv.mask.at<unsigned char>(2, 2) = 0;
     }
-    // Both runs draw k-means seeds from the same random state.
+    // The cut seeds k-means from its own fixed state and gives the caller's back.
     cv::theRNG().state = 12345;
     lv.cut(c);
+    EXPECT_EQ(cv::theRNG().state, 12345u);
     if (addStroke) labels.at<unsigned char>(2, 2) = cv::GC_BGD;
-    cv::theRNG().state = 12345;
+    cv::theRNG().state = kGrabCutSeed;
     cv::grabCut(lv.image, labels, cv::Rect(5, 5, 54, 38), bgd, fgd, 3, wantMode);
     EXPECT_TRUE(same(labels, *c->mask));
     EXPECT_TRUE(same(bgd, *c->bgdModel));

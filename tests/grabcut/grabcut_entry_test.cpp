@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <vector>
 
+#include <opencv2/core.hpp>
+
 #include "grabcut/grabcut_control.h"
 #include "grabcut/map_alpha_proc.h"
 #include "grabcut_fixtures.h"
@@ -190,6 +192,41 @@ TEST(GrabCutEntry, ASessionGoesOnFromItsModelsAndReportsOnce) {
     EXPECT_EQ(wrongPixels(s.result, {0, 0, 0, 0}, {10, 10, 1, 1}), 0);
     EXPECT_EQ(reports, 3);
     endSession(r);
+}
+
+TEST(GrabCutEntry, TheSameRequestGivesTheSameSelectionWhateverRanBefore) {
+    // Noisy colours and a stroke, so that the models are seeded by k-means.
+    TwoColourScene s(150, 150, {30, 40, 70, 60});
+    cv::RNG noise(9);
+    for (int y = 0; y < 150; ++y)
+        for (int x = 0; x < 150; ++x)
+            for (int b = 0; b < 3; ++b)
+                s.image.at(x, y, b) = cv::saturate_cast<unsigned char>(
+                    s.image.at(x, y, b) + noise.uniform(-60, 61));
+    s.mask.at(60, 70) = 255;
+    const HostPlane codes = s.mask;
+    std::vector<unsigned char> first;
+    cv::Mat firstModel;
+    for (uint64_t state : {1ull, 987654321ull}) {
+        s.mask = codes;
+        cv::theRNG().state = state;  // whatever the host's own use of OpenCV left behind
+        GrabCutRequest r = s.request();
+        ASSERT_EQ(qxGrabCut(&r, 0), 1);
+        EXPECT_EQ(cv::theRNG().state, state);
+        std::vector<unsigned char> got;
+        for (int y = 0; y < 150; ++y)
+            for (int x = 0; x < 150; ++x) got.push_back(s.result.at(x, y));
+        // The colour models too, which k-means seeds differently from different states.
+        const cv::Mat model = static_cast<GrabCutControl*>(r.control)->fgdModel->clone();
+        if (first.empty()) {
+            first = got;
+            firstModel = model;
+        } else {
+            EXPECT_EQ(got, first);
+            EXPECT_EQ(cv::norm(model, firstModel, cv::NORM_INF), 0.0);
+        }
+        endSession(r);
+    }
 }
 
 TEST(GrabCutEntry, StrokesDecideWhatColoursCannot) {
