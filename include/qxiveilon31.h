@@ -211,7 +211,11 @@ QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t reserved
  * request->control, which later calls on the same rectangle size go on from; the colour models
  * are re-learned from the strokes when the number of fixed pixels changed, else refined.
  * On return mask (and result, when not NULL) hold the selection: 0 and 254 with in-between
- * values along the edge, the fixed codes where the user put them. mode is not used.
+ * values along the edge, the fixed codes where the user put them. When the rectangle was
+ * reduced for the cut, the pixels the guided doubling does not estimate (every other pixel of
+ * its first row and column, its last one to three rows and columns) keep their own code with
+ * the low bit cleared. The same request on the same images gives the same selection. mode is
+ * not used.
  * Any size works: large rectangles are cut on a reduced copy (longer side at most 400) and the
  * selection brought back guided by the colour edges.
  * Returns 1 done; a thrown image failure as it stands (102 out of memory, 103 guard row
