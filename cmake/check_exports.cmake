@@ -5,7 +5,8 @@ set(expected
   qxSetupLib setDebugTrace qxMaskBBox qxMaskAlpha
   qxDrawLine8u qxFloodFillAlpha qxShowImageAlpha qxScaleAlpha qxShowKeepBlend
   qxColorRangeSelect qxDesaturation qxfilterIm8u qxRGB2YCbCrAutoLevel qxPreviewAutoLevel
-  qxKeepCutToAlpha qxRecoverForeground qxRecoverForegroundCell qxHairSelect)
+  qxKeepCutToAlpha qxRecoverForeground qxRecoverForegroundCell qxHairSelect
+  qxGrabCut qxGrabCutDeleteBuf qxGrabCutEdgeGen)
 execute_process(COMMAND nm -D --defined-only ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIB}")

@@ -243,6 +243,47 @@ QX_API int64_t qxRecoverForeground(KeepCutRequest* request, int blendEdges);
  * excepted): returns -2 and writes nothing. */
 QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t reserved);
 
+/* ---- GrabCut selection ------------------------------------------------------------------- */
+
+/* Interactive hard selection. Codes of request->mask: bit 0 set marks a pixel fixed by the user
+ * (1 fixed background, 255 fixed foreground), which comes back unchanged; on other pixels a
+ * code below 10 leans to background, above 245 to foreground, 126 is undecided. Only the
+ * rectangle (roiLeft, roiTop, roiWidth, roiHeight) is read or written.
+ * The first call (request->control NULL) starts a session: it stores a new control in
+ * request->control, which later calls on the same rectangle size go on from; the colour models
+ * are re-learned from the strokes when the number of fixed pixels changed, else refined.
+ * On return mask (and result, when not NULL) hold the selection: 0 and 254 with in-between
+ * values along the edge, the fixed codes where the user put them. When the rectangle was
+ * reduced for the cut, the pixels the guided doubling does not estimate (every other pixel of
+ * its first row and column, its last one to three rows and columns) keep their own code with
+ * the low bit cleared. The same request on the same images gives the same selection. mode is
+ * not used.
+ * Any size works: large rectangles are cut on a reduced copy (longer side at most 400) and the
+ * selection brought back guided by the colour edges.
+ * Returns 1 done; a thrown image failure as it stands (102 out of memory, 103 guard row
+ * overwritten, 112/113 out of memory for an image over 5000 wide/high); -1000 any other
+ * failure. On a failure mask is back as it came in and result untouched.
+ * Refusal (NULL request, image or mask; width, height, roiWidth or roiHeight < 1; the rectangle
+ * not inside the planes; a step smaller than a row; a control that is not a live one of this
+ * library or was made for another rectangle size): returns 0 and writes nothing. */
+QX_API int qxGrabCut(GrabCutRequest* request, int mode);
+
+/* Ends a session: deletes request->control (when not NULL) and sets the field to NULL, then
+ * settles the codes of the rectangle in mask and result (when not NULL): 0 and 1 become 1,
+ * 254 and 255 become 255, every other value loses its low bit.
+ * Refusal: a NULL request, or a control that is not a live one of this library: nothing
+ * deleted, nothing written. Planes that fail the checks of qxGrabCut: the control is deleted,
+ * no code is written. */
+QX_API void qxGrabCutDeleteBuf(GrabCutRequest* request);
+
+/* A tri-map from the selection in request->result, written into request->mask: result codes
+ * 254 and 255 are the subject; a band along its edge (a disc brush of radius bandWidth/2
+ * eroding and dilating it, the image's border neither eroding nor growing) becomes 126, the
+ * rest 254 (subject) or 0; a pixel whose result code is odd (fixed by the user) takes that code.
+ * Refusal (NULL request, mask or result; bandWidth negative or above 32767; the size, rectangle
+ * or step checks of qxGrabCut): writes nothing. */
+QX_API void qxGrabCutEdgeGen(GrabCutRequest* request, int bandWidth);
+
 /* ---- Brushes and tools -------------------------------------------------------------------- */
 
 /* Hair brush over the stroke (x1,y1)-(x2,y2) with the given radius. Reads request->srcImage

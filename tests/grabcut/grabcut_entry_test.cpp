@@ -1,0 +1,410 @@
+// qxGrabCut and qxGrabCutDeleteBuf through the C interface: selections on scenes whose answer
+// is known, the code handling around the cut, sessions, refusals and sizes of every range.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "grabcut/grabcut_control.h"
+#include "grabcut/map_alpha_proc.h"
+#include "grabcut_fixtures.h"
+#include "qxiveilon31.h"
+
+namespace qx {
+namespace {
+
+using test::HostPlane;
+using test::Rect;
+using test::TwoColourScene;
+
+// Pixels where (plane >= 128) disagrees with the subject rectangle, inside `inner` (a rectangle
+// of the plane that excludes the border pixels the up-sampler leaves alone), farther than
+// `margin` pixels from the subject's edge.
+long wrongPixels(HostPlane& plane, const Rect& subject, const Rect& inner, int margin = 0) {
+    const Rect grown{subject.x - margin, subject.y - margin, subject.w + 2 * margin,
+                     subject.h + 2 * margin};
+    const Rect shrunk{subject.x + margin, subject.y + margin, subject.w - 2 * margin,
+                      subject.h - 2 * margin};
+    long wrong = 0;
+    for (int y = inner.y; y < inner.y + inner.h; ++y)
+        for (int x = inner.x; x < inner.x + inner.w; ++x) {
+            if (margin > 0 && grown.contains(x, y) && !shrunk.contains(x, y)) continue;
+            wrong += (plane.at(x, y) >= 128) != subject.contains(x, y);
+        }
+    return wrong;
+}
+
+// Intersection over union of (plane >= 128) and the subject rectangle.
+double iou(HostPlane& plane, const Rect& subject) {
+    long both = 0, either = 0;
+    for (int y = 0; y < plane.height(); ++y)
+        for (int x = 0; x < plane.width(); ++x) {
+            const bool a = plane.at(x, y) >= 128, b = subject.contains(x, y);
+            both += a && b;
+            either += a || b;
+        }
+    return either ? double(both) / double(either) : 1.0;
+}
+
+void endSession(GrabCutRequest& r) {
+    qxGrabCutDeleteBuf(&r);
+    EXPECT_EQ(r.control, nullptr);
+}
+
+TEST(GrabCutEntry, TwoColoursAtFullSizeGiveTheExactSubject) {
+    // 150 x 150: no pyramid level, the cut runs on the image itself.
+    TwoColourScene s(150, 150, {40, 50, 61, 47});
+    GrabCutRequest r = s.request();
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    ASSERT_NE(r.control, nullptr);
+    for (int y = 0; y < 150; ++y)
+        for (int x = 0; x < 150; ++x) {
+            const unsigned char want = s.subject.contains(x, y) ? 254 : 0;
+            ASSERT_EQ(s.mask.at(x, y), want) << x << "," << y;
+            ASSERT_EQ(s.result.at(x, y), want) << x << "," << y;
+        }
+    EXPECT_TRUE(s.mask.padIntact());
+    EXPECT_TRUE(s.result.padIntact());
+    endSession(r);
+}
+
+TEST(GrabCutEntry, TwoColoursThroughThePyramidFollowTheColourEdge) {
+    // 700 x 500: one level; odd edges so that the subject's edge falls between coarse pixels.
+    TwoColourScene s(700, 500, {201, 143, 257, 211});
+    GrabCutRequest r = s.request();
+    ASSERT_EQ(qxGrabCut(&r, 1), 1);
+    // The cut sees smoothed colour at half size: its edge may be a coarse pixel off, which the
+    // guided doubling narrows to the two pixels next to the colour edge.
+    EXPECT_EQ(wrongPixels(s.result, s.subject, {4, 4, 692, 492}, 2), 0);
+    EXPECT_GT(iou(s.result, s.subject), 0.95);
+    // Values are 0 and 254 away from the edge: the low bit is clear everywhere.
+    for (int y = 0; y < 500; ++y)
+        for (int x = 0; x < 700; ++x) ASSERT_EQ(s.mask.at(x, y) & 1, 0);
+    endSession(r);
+}
+
+TEST(GrabCutEntry, FixedCodesComeBackAndWorkingCodesLoseTheirLowBit) {
+    // Every byte value in a 16 x 16 block inside the subject and one in the background.
+    TwoColourScene s(150, 150, {20, 20, 100, 100});
+    const int blocks[2][2] = {{50, 50}, {125, 70}};
+    for (const auto& b : blocks)
+        for (int v = 0; v < 256; ++v) s.mask.at(b[0] + v % 16, b[1] + v / 16) = v;
+    GrabCutRequest r = s.request();
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    auto* c = static_cast<GrabCutControl*>(r.control);
+    for (const auto& b : blocks)
+        for (int v = 0; v < 256; ++v) {
+            const int x = b[0] + v % 16, y = b[1] + v / 16;
+            const unsigned char got = s.mask.at(x, y);
+            if (v & 1)
+                EXPECT_EQ(got, v) << "fixed code " << v;
+            else
+                EXPECT_EQ(got & 1, 0) << "working code " << v;
+            EXPECT_EQ(s.result.at(x, y), got);
+            // Fixed codes below 10 are sure background for the cut, above 245 sure
+            // foreground; the cut never relabels a sure pixel.
+            const unsigned char label = c->mask->at<unsigned char>(y, x);
+            if ((v & 1) && v < 10) {
+                EXPECT_EQ(label, 0) << v;
+            } else if ((v & 1) && v > 245) {
+                EXPECT_EQ(label, 1) << v;
+            } else {
+                EXPECT_GE(label, 2) << v;
+            }
+        }
+    // The fixed pixels win over the colours: a fixed background code inside the subject is
+    // not selected, a fixed foreground code in the background is.
+    EXPECT_EQ(s.mask.at(50 + 1, 50), 1);
+    EXPECT_EQ(s.mask.at(125 + 15, 70 + 15), 255);
+    endSession(r);
+}
+
+TEST(GrabCutEntry, NullResultKeepsTheSelectionInTheMask) {
+    TwoColourScene s(150, 120, {30, 30, 60, 50});
+    GrabCutRequest r = s.request();
+    r.result = nullptr;
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    EXPECT_EQ(wrongPixels(s.mask, s.subject, {0, 0, 150, 120}), 0);
+    for (int y = 0; y < 120; ++y)
+        for (int x = 0; x < 150; ++x) ASSERT_EQ(s.result.at(x, y), 77);
+    endSession(r);
+}
+
+TEST(GrabCutEntry, OnlyTheRectangleIsReadAndWritten) {
+    TwoColourScene s(300, 240, {90, 80, 70, 60});
+    GrabCutRequest r = s.request();
+    r.roiLeft = 50;
+    r.roiTop = 40;
+    r.roiWidth = 160;
+    r.roiHeight = 150;
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    for (int y = 0; y < 240; ++y)
+        for (int x = 0; x < 300; ++x) {
+            const bool inside = x >= 50 && x < 210 && y >= 40 && y < 190;
+            if (!inside) {
+                ASSERT_EQ(s.mask.at(x, y), 126);
+                ASSERT_EQ(s.result.at(x, y), 77);
+            } else {
+                ASSERT_EQ(s.result.at(x, y), s.subject.contains(x, y) ? 254 : 0) << x << "," << y;
+            }
+        }
+    endSession(r);
+}
+
+int reports = 0, lastCurrent = -1, lastTotal = -1;
+int countReports(int current, int total, void*) {
+    ++reports;
+    lastCurrent = current;
+    lastTotal = total;
+    return 1;
+}
+
+TEST(GrabCutEntry, ASessionGoesOnFromItsModelsAndReportsOnce) {
+    TwoColourScene s(150, 150, {40, 40, 60, 60});
+    GrabCutRequest r = s.request();
+    int param = 0;
+    r.progProc = countReports;
+    r.progParam = &param;
+    reports = 0;
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    EXPECT_EQ(reports, 1);
+    EXPECT_EQ(lastCurrent, 0);
+    EXPECT_EQ(lastTotal, 10000);
+    void* const control = r.control;
+    auto* c = static_cast<GrabCutControl*>(control);
+    const double sum = c->constsSum;
+    EXPECT_EQ(sum, 0.0);  // no stroke yet
+    ASSERT_FALSE(c->bgdModel->empty());
+
+    // Unchanged strokes: the same control, the same fingerprint, the same selection.
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    EXPECT_EQ(r.control, control);
+    EXPECT_EQ(c->constsSum, sum);
+    EXPECT_EQ(wrongPixels(s.result, s.subject, {0, 0, 150, 150}), 0);
+
+    // A one-pixel stroke changes the fingerprint by 255.
+    s.mask.at(10, 10) = 1;
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    EXPECT_EQ(c->constsSum, 255.0);
+    EXPECT_EQ(s.mask.at(10, 10), 1);
+    EXPECT_EQ(wrongPixels(s.result, {0, 0, 0, 0}, {10, 10, 1, 1}), 0);
+    EXPECT_EQ(reports, 3);
+    endSession(r);
+}
+
+TEST(GrabCutEntry, TheSameRequestGivesTheSameSelectionWhateverRanBefore) {
+    // Noisy colours and a stroke, so that the models are seeded by k-means.
+    TwoColourScene s(150, 150, {30, 40, 70, 60});
+    cv::RNG noise(9);
+    for (int y = 0; y < 150; ++y)
+        for (int x = 0; x < 150; ++x)
+            for (int b = 0; b < 3; ++b)
+                s.image.at(x, y, b) = cv::saturate_cast<unsigned char>(
+                    s.image.at(x, y, b) + noise.uniform(-60, 61));
+    s.mask.at(60, 70) = 255;
+    const HostPlane codes = s.mask;
+    std::vector<unsigned char> first;
+    cv::Mat firstModel;
+    for (uint64_t state : {1ull, 987654321ull}) {
+        s.mask = codes;
+        cv::theRNG().state = state;  // whatever the host's own use of OpenCV left behind
+        GrabCutRequest r = s.request();
+        ASSERT_EQ(qxGrabCut(&r, 0), 1);
+        EXPECT_EQ(cv::theRNG().state, state);
+        std::vector<unsigned char> got;
+        for (int y = 0; y < 150; ++y)
+            for (int x = 0; x < 150; ++x) got.push_back(s.result.at(x, y));
+        // The colour models too, which k-means seeds differently from different states.
+        const cv::Mat model = static_cast<GrabCutControl*>(r.control)->fgdModel->clone();
+        if (first.empty()) {
+            first = got;
+            firstModel = model;
+        } else {
+            EXPECT_EQ(got, first);
+            EXPECT_EQ(cv::norm(model, firstModel, cv::NORM_INF), 0.0);
+        }
+        endSession(r);
+    }
+}
+
+TEST(GrabCutEntry, StrokesDecideWhatColoursCannot) {
+    // One colour everywhere: the selection is what the strokes say, and a fixed foreground
+    // stroke is selected even where everything else says background.
+    TwoColourScene s(120, 120, {0, 0, 0, 0});
+    for (int y = 50; y < 70; ++y)
+        for (int x = 50; x < 70; ++x) s.mask.at(x, y) = 255;
+    GrabCutRequest r = s.request();
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    for (int y = 50; y < 70; ++y)
+        for (int x = 50; x < 70; ++x) ASSERT_EQ(s.result.at(x, y), 255);
+    for (int x = 0; x < 120; ++x) EXPECT_EQ(s.result.at(x, 2), 0);  // the frame
+    endSession(r);
+}
+
+TEST(GrabCutEntry, RefusalsWriteNothing) {
+    TwoColourScene s(150, 150, {40, 40, 60, 60});
+    const HostPlane mask0 = s.mask, result0 = s.result;
+    auto unchanged = [&] { return s.mask == mask0 && s.result == result0; };
+    EXPECT_EQ(qxGrabCut(nullptr, 0), 0);
+    struct Case {
+        const char* what;
+        void (*spoil)(GrabCutRequest&);
+    };
+    const Case cases[] = {
+        {"null image", [](GrabCutRequest& r) { r.image = nullptr; }},
+        {"null mask", [](GrabCutRequest& r) { r.mask = nullptr; }},
+        {"zero width", [](GrabCutRequest& r) { r.width = 0; }},
+        {"zero rectangle", [](GrabCutRequest& r) { r.roiHeight = 0; }},
+        {"negative left", [](GrabCutRequest& r) { r.roiLeft = -1; }},
+        {"rectangle past the right", [](GrabCutRequest& r) { r.roiLeft = 1; }},
+        {"rectangle past the bottom", [](GrabCutRequest& r) { r.roiTop = 1; }},
+        {"short image step", [](GrabCutRequest& r) { r.imageStep = 4 * 150 - 1; }},
+        {"negative mask step", [](GrabCutRequest& r) { r.maskStep = -r.maskStep; }},
+        {"short result step", [](GrabCutRequest& r) { r.resultStep = 149; }},
+    };
+    for (const Case& c : cases) {
+        GrabCutRequest r = s.request();
+        c.spoil(r);
+        EXPECT_EQ(qxGrabCut(&r, 0), 0) << c.what;
+        EXPECT_EQ(r.control, nullptr) << c.what;
+        EXPECT_TRUE(unchanged()) << c.what;
+    }
+    // A control that is not one of the library's, or that was made for another size.
+    int foreign = 0;
+    GrabCutRequest r = s.request();
+    r.control = &foreign;
+    EXPECT_EQ(qxGrabCut(&r, 0), 0);
+    EXPECT_TRUE(unchanged());
+    qxGrabCutDeleteBuf(&r);  // refused too: nothing settled, the pointer left alone
+    EXPECT_EQ(r.control, &foreign);
+    EXPECT_TRUE(unchanged());
+
+    GrabCutRequest small = s.request();
+    small.roiWidth = 120;
+    ASSERT_EQ(qxGrabCut(&small, 0), 1);
+    const HostPlane mask1 = s.mask, result1 = s.result;
+    r = s.request();
+    r.control = small.control;  // 120 x 150 control, 150 x 150 request
+    EXPECT_EQ(qxGrabCut(&r, 0), 0);
+    EXPECT_TRUE(s.mask == mask1 && s.result == result1);
+    // A deleted control is no longer live.
+    void* stale = small.control;
+    endSession(small);
+    small.control = stale;
+    EXPECT_EQ(qxGrabCut(&small, 0), 0);
+}
+
+TEST(GrabCutEntry, DeletingSettlesEveryCode) {
+    // The codes after a session: 0 and 1 become fixed background, 254 and 255 fixed foreground,
+    // everything else loses its low bit. Worked out by hand for every value.
+    HostPlane mask(16, 16, 1, 0), result(16, 16, 1, 0);
+    for (int v = 0; v < 256; ++v) mask.at(v % 16, v / 16) = static_cast<unsigned char>(v);
+    GrabCutRequest r = test::requestOver(nullptr, mask, &result);
+    qxGrabCutDeleteBuf(&r);  // no control: only the codes
+    for (int v = 0; v < 256; ++v) {
+        int want;
+        if (v <= 1) want = 1;
+        else if (v >= 254) want = 255;
+        else want = v % 2 == 0 ? v : v - 1;
+        EXPECT_EQ(mask.at(v % 16, v / 16), want) << v;
+        EXPECT_EQ(result.at(v % 16, v / 16), want) << v;
+    }
+    EXPECT_EQ(mask.at(2, 0), 2);
+    EXPECT_EQ(mask.at(3, 0), 2);
+    EXPECT_EQ(mask.at(253 % 16, 253 / 16), 252);
+    EXPECT_TRUE(mask.padIntact() && result.padIntact());
+
+    // A null result: only the mask is settled. A null request: nothing happens.
+    HostPlane m2(4, 1, 1, 0);
+    m2.at(1, 0) = 3;
+    r.mask = m2.data();
+    r.maskStep = m2.step();
+    r.result = nullptr;
+    r.width = r.roiWidth = 4;
+    r.height = r.roiHeight = 1;
+    qxGrabCutDeleteBuf(&r);
+    EXPECT_EQ(m2.at(0, 0), 1);
+    EXPECT_EQ(m2.at(1, 0), 2);
+    qxGrabCutDeleteBuf(nullptr);
+}
+
+TEST(GrabCutEntry, ManySessionsLeaveNoControlBehind) {
+    TwoColourScene s(110, 104, {30, 30, 40, 40});
+    std::vector<void*> seen;
+    for (int i = 0; i < 20; ++i) {
+        GrabCutRequest r = s.request();
+        ASSERT_EQ(qxGrabCut(&r, 0), 1);
+        ASSERT_EQ(qxGrabCut(&r, 0), 1);
+        seen.push_back(r.control);
+        endSession(r);
+    }
+    for (void* p : seen) EXPECT_FALSE(isLiveGrabCutControl(p));
+}
+
+// ---- Sizes ------------------------------------------------------------------------------------
+
+TEST(GrabCutLevels, CountsAtTheBoundarySizes) {
+    const int sizes[][2] = {{100, -1}, {101, 0}, {150, 0}, {200, 0},  {201, 1},
+                            {799, 1},  {800, 2}, {1599, 2}, {1600, 3}, {3199, 3},
+                            {3200, 4}, {6399, 4}, {6400, 5}, {40000, 5}};
+    for (const auto& s : sizes) EXPECT_EQ(grabCutLevels(s[0]), s[1]) << s[0];
+}
+
+TEST(GrabCutLevels, PlansKeepThePyramidInsideItsRangeAndReduceBeyondIt) {
+    struct Want {
+        int w, h, outer, levels, ww, wh;
+    };
+    const Want wants[] = {
+        {150, 150, 0, 0, 150, 150},     // no level: full size
+        {60, 40, 0, 0, 60, 40},         // below the range: full size as well
+        {1, 1, 0, 0, 1, 1},
+        {799, 300, 0, 1, 400, 150},
+        {3199, 2000, 0, 3, 400, 250},
+        {3200, 2400, 1, 3, 200, 150},   // halved once, then the pyramid
+        {6000, 4000, 1, 3, 375, 250},
+        {12800, 20, 3, 2, 400, 1},      // too thin for the last halvings
+        {6400, 1, 0, 0, 6400, 1},       // cannot be halved at all
+    };
+    for (const Want& w : wants) {
+        const GrabCutPlan p = planGrabCut(w.w, w.h);
+        EXPECT_EQ(p.outer, w.outer) << w.w << "x" << w.h;
+        EXPECT_EQ(p.levels, w.levels) << w.w << "x" << w.h;
+        EXPECT_EQ(p.width, w.ww) << w.w << "x" << w.h;
+        EXPECT_EQ(p.height, w.wh) << w.w << "x" << w.h;
+    }
+}
+
+TEST(GrabCutSizes, SmallImagesAreCutAtFullSize) {
+    TwoColourScene s(60, 40, {20, 12, 25, 17});
+    GrabCutRequest r = s.request();
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    EXPECT_EQ(wrongPixels(s.result, s.subject, {0, 0, 60, 40}), 0);
+    endSession(r);
+
+    // Too small for the starting frame: everything is background but what the user fixed.
+    TwoColourScene t(8, 6, {2, 2, 3, 3});
+    t.mask.at(4, 3) = 255;
+    GrabCutRequest q = t.request();
+    ASSERT_EQ(qxGrabCut(&q, 0), 1);
+    for (int y = 0; y < 6; ++y)
+        for (int x = 0; x < 8; ++x) EXPECT_EQ(t.result.at(x, y), x == 4 && y == 3 ? 255 : 0);
+    endSession(q);
+}
+
+TEST(GrabCutSizes, LargeImagesAreHalvedFirstAndBroughtBack) {
+    // 3300 wide: beyond the pyramid's range, one halving, then three levels.
+    TwoColourScene s(3300, 420, {1201, 97, 1333, 251});
+    GrabCutRequest r = s.request();
+    ASSERT_EQ(qxGrabCut(&r, 0), 1);
+    const auto* c = static_cast<GrabCutControl*>(r.control);
+    EXPECT_EQ(c->width, 207);
+    EXPECT_EQ(c->height, 27);
+    EXPECT_EQ(wrongPixels(s.result, s.subject, {8, 8, 3284, 404}, 16), 0);
+    EXPECT_GT(iou(s.result, s.subject), 0.97);
+    endSession(r);
+}
+
+}  // namespace
+}  // namespace qx
