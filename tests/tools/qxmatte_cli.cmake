@@ -132,6 +132,13 @@ file(SHA256 ${WORK}/demo/keepcut_alpha.png want)
 if(NOT got STREQUAL want)
   message(FATAL_ERROR "the keepcut command and the demo disagree on the same scene")
 endif()
+# GrabCut with a vector cut stroke through the demo's background corner.
+execute_process(COMMAND ${QXMATTE} grabcut ${WORK}/demo/image.png --rect 100,50,1000,800
+                        --cut 110,60,300,60,3 -o ${WORK}/gc_vec.png -q
+                RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/gc_vec.png)
+  message(FATAL_ERROR "grabcut with a vector stroke failed: ${rc} ${err}")
+endif()
 message(STATUS "qxmatte command line ok")
 
 # ---- grabcut and cutout ----------------------------------------------------------------------

@@ -6,10 +6,10 @@
 //                   [--pyramid] [--foreground FG.png] [--cutout OUT.png] [-q]
 //   qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]
 //                      [--cutout OUT.png]
-//   qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] -o SELECTION.png [--band N]
-//                   [--trimap T.png] [-q]
-//   qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--band N] -o OUT.png
-//                  [--alpha A.png] [-q]
+//   qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep/--cut X0,Y0,X1,Y1,R]...
+//                   -o SELECTION.png [--band N] [--trimap T.png] [-q]
+//   qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--keep/--cut ...]... [--band N]
+//                  -o OUT.png [--alpha A.png] [-q]
 //   qxmatte demo [-o DIR] [--megapixels N] [-q]
 #include <unistd.h>
 
@@ -43,10 +43,10 @@ void usage(FILE* out) {
                  "                  [--cutout OUT.png] [-q]\n"
                  "  qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]\n"
                  "                     [--cutout OUT.png]\n"
-                 "  qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] -o SELECTION.png\n"
-                 "                  [--band N] [--trimap T.png] [-q]\n"
-                 "  qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--band N] -o OUT.png\n"
-                 "                 [--alpha A.png] [-q]\n"
+                 "  qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
+                 "                  -o SELECTION.png [--band N] [--trimap T.png] [-q]\n"
+                 "  qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
+                 "                 [--band N] -o OUT.png [--alpha A.png] [-q]\n"
                  "  qxmatte demo [-o DIR] [--megapixels N] [-q]\n"
                  "\n"
                  "trimap:     alpha from a colour image and a tri-map (codes <= bg-code\n"
@@ -63,8 +63,9 @@ void usage(FILE* out) {
                  "            --method sampling picks nearby sample pairs instead of the\n"
                  "            default least-squares solve.\n"
                  "grabcut:    a hard selection of the subject inside the rectangle (strokes as\n"
-                 "            in keepcut); --trimap writes a tri-map with an undecided band of\n"
-                 "            N pixels (default 1%% of the longer side, at least 10) on its edge.\n"
+                 "            in keepcut, image or vectors); --trimap writes a tri-map with an\n"
+                 "            undecided band of N pixels (default 1%% of the longer side, at\n"
+                 "            least 10) on its edge.\n"
                  "cutout:     rectangle to RGBA cut-out: GrabCut, the edge band, alpha on the\n"
                  "            band, recovered colours; --alpha also writes the alpha.\n"
                  "demo:       a synthetic scene with a known alpha and foreground, through the\n"
@@ -151,6 +152,24 @@ std::string writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) 
     return {};
 }
 
+// --keep/--cut X0,Y0,X1,Y1,R: false when the text is off.
+bool addVectorStroke(const std::string& option, const std::string& text,
+                     std::vector<qxmatte::VectorStroke>* list) {
+    qxmatte::VectorStroke v;
+    if (!qxmatte::parseVectorStroke(text, option == "--keep", &v)) return false;
+    list->push_back(v);
+    return true;
+}
+const char* const kVectorStrokeUsage = " takes X0,Y0,X1,Y1,R (integers, R at least 0)";
+
+// Paints vector strokes into the stroke image, making an unpainted one first when there is none.
+void applyVectorStrokes(const cv::Size& size, const std::vector<qxmatte::VectorStroke>& list,
+                        cv::Mat* strokes) {
+    if (list.empty()) return;
+    if (strokes->empty()) *strokes = cv::Mat(size, CV_8UC1, cv::Scalar(128));
+    qxmatte::paintStrokes(*strokes, list);
+}
+
 int runTrimap(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
     std::string output, cutout;
@@ -217,10 +236,7 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
         } else if (a == "--cutout" && more) {
             cutout = argv[++i];
         } else if ((a == "--keep" || a == "--cut") && more) {
-            qxmatte::VectorStroke v;
-            if (!qxmatte::parseVectorStroke(argv[++i], a == "--keep", &v))
-                return fail(a + " takes X0,Y0,X1,Y1,R (integers, R at least 0)");
-            vectors.push_back(v);
+            if (!addVectorStroke(a, argv[++i], &vectors)) return fail(a + kVectorStrokeUsage);
         } else if (a == "--pyramid") {
             opt.hiRes = false;
         } else if (a == "-q") {
@@ -245,10 +261,9 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
         err = readImageAndPlane(positional[0], positional[1], "stroke image", &image, &strokes);
     } else {
         err = readImage(positional[0], cv::IMREAD_COLOR, &image);
-        strokes = cv::Mat(image.size(), CV_8UC1, cv::Scalar(128));
     }
     if (!err.empty()) return fail(err);
-    qxmatte::paintStrokes(strokes, vectors);
+    applyVectorStrokes(image.size(), vectors, &strokes);
     opt.progress = showProgress;
     opt.recover = !foreground.empty() || !cutout.empty();
     const qxmatte::KeepCutResult r = qxmatte::matteWithStrokes(image, strokes, opt);
@@ -300,11 +315,15 @@ int runForeground(int argc, char** argv) {
 int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutCommand) {
     std::vector<std::string> positional;
     std::string output, strokesPath, trimapPath, alphaPath, rectText;
+    std::vector<qxmatte::VectorStroke> vectors;
     qxmatte::GrabCutOptions opt;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
         if (a == "-o" && more) output = argv[++i];
+        else if ((a == "--keep" || a == "--cut") && more) {
+            if (!addVectorStroke(a, argv[++i], &vectors)) return fail(a + kVectorStrokeUsage);
+        }
         else if (a == "--rect" && more) rectText = argv[++i];
         else if (a == "--strokes" && more) strokesPath = argv[++i];
         else if (a == "--trimap" && more && !cutoutCommand) trimapPath = argv[++i];
@@ -328,6 +347,7 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
               ? readImage(positional[0], cv::IMREAD_COLOR, &image)
               : readImageAndPlane(positional[0], strokesPath, "stroke image", &image, &strokes);
     if (!err.empty()) return fail(err);
+    applyVectorStrokes(image.size(), vectors, &strokes);
     if ((opt.rect & cv::Rect(0, 0, image.cols, image.rows)) != opt.rect)
         return fail("--rect " + rectText + " is not inside the " + std::to_string(image.cols) +
                     "x" + std::to_string(image.rows) + " image");
