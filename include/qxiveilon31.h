@@ -15,6 +15,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The version of this header. qxVersion gives the version of the library actually loaded; a
+ * plug-in built against this header needs the same major version (the shared object's soname
+ * and the symbol version QXIVEILON31_<major> change with it) and at least this minor version. */
+#define QXIVEILON31_VERSION_MAJOR 0
+#define QXIVEILON31_VERSION_MINOR 1
+#define QXIVEILON31_VERSION_PATCH 0
+
 #if defined(QX_BUILDING_LIBRARY)
 #define QX_API __attribute__((visibility("default")))
 #else
@@ -156,6 +163,10 @@ QX_LAYOUT_CHECK(gc_roiTop, offsetof(GrabCutRequest, roiTop) == 148);
 QX_API int qxSetupLib(int traceMask, const char* traceDir);
 /* As qxSetupLib, for any mask value. */
 QX_API int setDebugTrace(unsigned traceMask, const char* traceDir);
+
+/* The loaded library's version: writes major, minor and patch into the pointers that are
+ * non-null and returns major * 10000 + minor * 100 + patch. Never fails. */
+QX_API int qxVersion(int* major, int* minor, int* patch);
 
 /* ---- Tri-map matting ---------------------------------------------------------------------- */
 

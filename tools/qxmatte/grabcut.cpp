@@ -156,6 +156,7 @@ CutoutResult cutoutFromRect(const cv::Mat& image, const cv::Mat& strokes,
         const MatteResult m = matteWithTrimap(image, g.trimap, mopt);
         if (!m.ok) {
             c.error = m.error;
+            c.badInput = m.badInput;
             return c;
         }
         c.alpha = m.alpha;

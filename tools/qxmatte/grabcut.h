@@ -36,7 +36,8 @@ GrabCutResult selectWithGrabCut(const cv::Mat& image, const cv::Mat& strokes,
 
 struct CutoutResult {
     bool ok = false;
-    std::string error;     // one line, when !ok
+    std::string error;      // one line, when !ok
+    bool badInput = false;  // when !ok: the input can't be used (not a failure of a job)
     cv::Mat alpha;         // 8-bit, full image size
     cv::Mat cutout;        // 8-bit BGRA: recovered colours and alpha
     cv::Mat trimap;        // the edge-band tri-map the matting stage solved

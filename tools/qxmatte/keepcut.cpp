@@ -84,6 +84,7 @@ KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
         case -5:
             r.error = "too few strokes: paint at least one keep (255) and one cut (0) stroke, "
                       "and leave at least 3 pixels unpainted";
+            r.badInput = true;
             return r;
         case -1:
             r.error = "an area without enough strokes is too large to solve in one piece, or "

@@ -25,6 +25,7 @@ struct KeepCutOptions {
 struct KeepCutResult {
     bool ok = false;
     std::string error;      // one line, when !ok
+    bool badInput = false;  // when !ok: the strokes can't be used (not a failure of the job)
     cv::Mat alpha;          // 8-bit, full image size
     cv::Mat foreground;     // 8-bit BGR, when recovery was asked for
     int status = 0;         // qxKeepCutToAlpha's status

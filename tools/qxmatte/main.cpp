@@ -11,9 +11,15 @@
 //   qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--keep/--cut ...]... [--band N]
 //                  -o OUT.png [--alpha A.png] [-q]
 //   qxmatte demo [-o DIR] [--megapixels N] [-q]
+//   qxmatte --version | --help | COMMAND --help
+//
+// Every command checks its outputs (format, folder, permission) before any work, refuses a colour
+// image where a grey plane is needed, and writes all its outputs under temporary names that are
+// renamed only when all are written: a failure leaves no file behind. Exit codes: see kExitCodes.
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -29,55 +35,116 @@
 #include "grabcut.h"
 #include "keepcut.h"
 #include "peak_memory.h"
+#include "qxiveilon31.h"
 #include "workflow.h"
 
 namespace {
 
-void usage(FILE* out) {
-    std::fprintf(out,
-                 "usage:\n"
-                 "  qxmatte trimap IMAGE TRIMAP -o ALPHA.png [--fg-code N] [--bg-code N]\n"
-                 "                 [--levels HIGH LOW] [--cutout OUT.png] [-q]\n"
-                 "  qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R]...\n"
-                 "                  [--cut X0,Y0,X1,Y1,R]... [--pyramid] [--foreground FG.png]\n"
-                 "                  [--cutout OUT.png] [-q]\n"
-                 "  qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]\n"
-                 "                     [--cutout OUT.png]\n"
-                 "  qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
-                 "                  -o SELECTION.png [--band N] [--trimap T.png] [-q]\n"
-                 "  qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
-                 "                 [--band N] -o OUT.png [--alpha A.png] [-q]\n"
-                 "  qxmatte demo [-o DIR] [--megapixels N] [-q]\n"
-                 "\n"
-                 "trimap:     alpha from a colour image and a tri-map (codes <= bg-code\n"
-                 "            background, >= fg-code foreground, others undecided; defaults 0\n"
-                 "            and 255). --cutout writes the subject's recovered colours + alpha.\n"
-                 "keepcut:    alpha from keep and cut strokes. STROKES is a grey image of the\n"
-                 "            image's size: 255 keep (subject), 0 cut (background), any other\n"
-                 "            value unpainted. --keep/--cut paint straight strokes of radius R\n"
-                 "            (repeatable; STROKES may then be left out).\n"
-                 "            --pyramid solves at half size and doubles back.\n"
-                 "            --foreground writes the recovered colours, --cutout the RGBA\n"
-                 "            cut-out with them.\n"
-                 "foreground: the subject's true colours under an alpha from any source;\n"
-                 "            --method sampling picks nearby sample pairs instead of the\n"
-                 "            default least-squares solve.\n"
-                 "grabcut:    a hard selection of the subject inside the rectangle (strokes as\n"
-                 "            in keepcut, image or vectors); --trimap writes a tri-map with an\n"
-                 "            undecided band of N pixels (default 1%% of the longer side, at\n"
-                 "            least 10) on its edge.\n"
-                 "cutout:     rectangle to RGBA cut-out: GrabCut, the edge band, alpha on the\n"
-                 "            band, recovered colours; --alpha also writes the alpha.\n"
-                 "demo:       a synthetic scene with a known alpha and foreground, through the\n"
-                 "            tri-map and the keep-cut workflows; writes the images to DIR\n"
-                 "            (default qxmatte-demo) and prints accuracy, time and memory.\n"
-                 "            --megapixels scales the scene (default about 1).\n"
-                 "-q:         no progress bar.\n");
+// Exit codes, as --help lists them.
+enum Exit { kExitOk = 0, kExitInput = 1, kExitUsage = 2, kExitOutput = 3, kExitJob = 4 };
+const char* const kExitCodes =
+    "exit codes:\n"
+    "  0  done\n"
+    "  1  an input can't be used: missing, unreadable, of the wrong size, a colour image\n"
+    "     where a grey plane is needed, nothing to solve\n"
+    "  2  the command line is wrong\n"
+    "  3  an output can't be written: unknown format, no such folder, not writable\n"
+    "     (checked before any work)\n"
+    "  4  the library's job failed (its status is shown)\n";
+
+struct Command {
+    const char* name;
+    const char* synopsis;
+    const char* about;
+};
+const Command kCommands[] = {
+    {"trimap",
+     "qxmatte trimap IMAGE TRIMAP -o ALPHA.png [--fg-code N] [--bg-code N]\n"
+     "                 [--levels HIGH LOW] [--cutout OUT.png] [-q]",
+     "alpha from a colour image and a grey tri-map (codes <= bg-code\n"
+     "background, >= fg-code foreground, others undecided; defaults 0\n"
+     "and 255). The undecided pixels with 12 rows of margin must span at\n"
+     "least 24 rows. --cutout writes the subject's recovered colours + alpha."},
+    {"keepcut",
+     "qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R]...\n"
+     "                  [--cut X0,Y0,X1,Y1,R]... [--pyramid] [--foreground FG.png]\n"
+     "                  [--cutout OUT.png] [-q]",
+     "alpha from keep and cut strokes. STROKES is a grey image of the\n"
+     "image's size: 255 keep (subject), 0 cut (background), any other\n"
+     "value unpainted. --keep/--cut paint straight strokes of radius R\n"
+     "(repeatable; STROKES may then be left out).\n"
+     "--pyramid solves at half size and doubles back.\n"
+     "--foreground writes the recovered colours, --cutout the RGBA\n"
+     "cut-out with them."},
+    {"foreground",
+     "qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]\n"
+     "                     [--cutout OUT.png]",
+     "the subject's true colours under a grey alpha from any source;\n"
+     "--method sampling picks nearby sample pairs instead of the\n"
+     "default least-squares solve."},
+    {"grabcut",
+     "qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
+     "                  -o SELECTION.png [--band N] [--trimap T.png] [-q]",
+     "a hard selection of the subject inside the rectangle (strokes as\n"
+     "in keepcut, image or vectors); --trimap writes a tri-map with an\n"
+     "undecided band of N pixels (default 1% of the longer side, at\n"
+     "least 10) on its edge."},
+    {"cutout",
+     "qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
+     "                 [--band N] -o OUT.png [--alpha A.png] [-q]",
+     "rectangle to RGBA cut-out: GrabCut, the edge band, alpha on the\n"
+     "band, recovered colours; --alpha also writes the alpha."},
+    {"demo", "qxmatte demo [-o DIR] [--megapixels N] [-q]",
+     "a synthetic scene with a known alpha and foreground, through the\n"
+     "tri-map and the keep-cut workflows; writes the images to DIR\n"
+     "(default qxmatte-demo) and prints accuracy, time and memory.\n"
+     "--megapixels scales the scene (default about 1)."},
+};
+const char* const kCommonOptions =
+    "-q: no progress bar. Outputs with alpha (--cutout, cutout -o) need a\n"
+    "format that keeps it: PNG, TIFF or WebP.\n";
+
+const Command* findCommand(const std::string& name) {
+    for (const Command& c : kCommands)
+        if (name == c.name) return &c;
+    return nullptr;
 }
 
-int fail(const std::string& message) {
+// Prints text with every line after the first indented by `indent` spaces.
+void printIndented(FILE* out, const char* text, int indent) {
+    for (const char* p = text; *p; ++p) {
+        std::fputc(*p, out);
+        if (*p == '\n') std::fprintf(out, "%*s", indent, "");
+    }
+    std::fputc('\n', out);
+}
+
+void usage(FILE* out) {
+    std::fprintf(out, "usage:\n");
+    for (const Command& c : kCommands) std::fprintf(out, "  %s\n", c.synopsis);
+    std::fprintf(out, "  qxmatte --version\n  qxmatte COMMAND --help\n\n");
+    for (const Command& c : kCommands) {
+        std::fprintf(out, "%-12s", (std::string(c.name) + ":").c_str());
+        printIndented(out, c.about, 12);
+    }
+    std::fprintf(out, "\n%s\n%s", kCommonOptions, kExitCodes);
+}
+
+void commandHelp(const Command& c) {
+    std::printf("usage: %s\n\n", c.synopsis);
+    printIndented(stdout, c.about, 0);
+    std::printf("\n%s\n%s", kCommonOptions, kExitCodes);
+}
+
+int fail(int code, const std::string& message) {
     std::fprintf(stderr, "qxmatte: %s\n", message.c_str());
-    return 1;
+    return code;
+}
+
+// A command line that names too little: one line, and where to look.
+int usageError(const char* command, const std::string& what) {
+    return fail(kExitUsage, std::string(command) + ": " + what + " (qxmatte " + command +
+                                " --help)");
 }
 
 bool parseInt(const char* text, int lo, int hi, int* out) {
@@ -102,12 +169,32 @@ std::string readImage(const std::string& path, int flags, cv::Mat* out) {
     return {};
 }
 
+// Reads a grey plane (a tri-map, strokes, an alpha). A colour image is refused rather than
+// turned into grey by luminance, which would make its codes meaningless; one whose colour
+// channels are all equal (a grey image saved as colour) is taken as grey, any alpha channel
+// ignored. An empty string when it worked.
+std::string readPlane(const std::string& path, const char* what, cv::Mat* out) {
+    std::string err = readImage(path, cv::IMREAD_UNCHANGED, out);
+    if (!err.empty()) return err;
+    if (out->channels() == 1) return {};
+    if (out->channels() >= 3) {
+        std::vector<cv::Mat> ch;
+        cv::split(*out, ch);
+        if (cv::countNonZero(ch[0] != ch[1]) == 0 && cv::countNonZero(ch[0] != ch[2]) == 0) {
+            *out = ch[0];
+            return {};
+        }
+    }
+    out->release();
+    return path + ": " + what + " is a colour image; give a grey image (one value a pixel)";
+}
+
 // Reads a colour image and a grey plane of the same size; an empty string when it worked.
 std::string readImageAndPlane(const std::string& imagePath, const std::string& planePath,
                               const char* planeWhat, cv::Mat* image, cv::Mat* plane) {
     std::string err = readImage(imagePath, cv::IMREAD_COLOR, image);
     if (!err.empty()) return err;
-    err = readImage(planePath, cv::IMREAD_GRAYSCALE, plane);
+    err = readPlane(planePath, planeWhat, plane);
     if (!err.empty()) return err;
     if (image->size() != plane->size())
         return planePath + ": " + planeWhat + " is " + std::to_string(plane->cols) + "x" +
@@ -116,10 +203,27 @@ std::string readImageAndPlane(const std::string& imagePath, const std::string& p
     return {};
 }
 
-// Checks before any work that each named output can be written: a known image format and an
-// existing folder. An empty string when they can.
-std::string checkOutputs(const std::vector<std::string>& paths) {
-    for (const auto& path : paths) {
+// An output to check before any work: its path (empty: not asked for) and whether the image
+// written to it has an alpha channel that the format must keep.
+struct Output {
+    std::string path;
+    bool alpha = false;
+};
+
+bool keepsAlpha(const std::string& path) {
+    std::string ext = std::filesystem::path(path).extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    return ext == ".png" || ext == ".tif" || ext == ".tiff" || ext == ".webp";
+}
+
+// Checks before any work that each named output can be written: a known image format (one that
+// keeps alpha where the output has it), an existing writable folder, not a folder itself, and
+// no path named twice. An empty string when they can.
+std::string checkOutputs(const std::vector<Output>& outputs) {
+    namespace fs = std::filesystem;
+    std::vector<fs::path> seen;
+    for (const Output& o : outputs) {
+        const std::string& path = o.path;
         if (path.empty()) continue;
         bool known = false;
         try {
@@ -128,28 +232,29 @@ std::string checkOutputs(const std::vector<std::string>& paths) {
             known = false;
         }
         if (!known) return path + ": cannot write the image (unknown extension)";
-        const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+        if (o.alpha && !keepsAlpha(path))
+            return path + ": cannot write the image (the format keeps no alpha; use PNG, TIFF or "
+                          "WebP)";
         std::error_code ec;
-        if (!parent.empty() && !std::filesystem::is_directory(parent, ec))
+        const fs::path parent = fs::path(path).parent_path();
+        if (!parent.empty() && !fs::is_directory(parent, ec))
             return path + ": cannot write the image (no folder " + parent.string() + ")";
+        if (fs::is_directory(path, ec)) return path + ": cannot write the image (it is a folder)";
+        const std::string folder = parent.empty() ? "." : parent.string();
+        if (access(folder.c_str(), W_OK | X_OK) != 0)
+            return path + ": cannot write the image (folder " + folder + " is not writable)";
+        const fs::path canonical = fs::weakly_canonical(path, ec);
+        if (std::find(seen.begin(), seen.end(), canonical) != seen.end())
+            return path + ": named for two outputs";
+        seen.push_back(canonical);
     }
     return {};
 }
 
-// Writes every named image or none: on a failure the files written so far are removed.
-std::string writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
-    std::string err;
-    std::vector<std::string> done;
-    for (const auto& [path, mat] : files) {
-        if (path.empty()) continue;
-        if (!qxmatte::writeImageAtomically(path, mat, &err)) {
-            std::error_code ec;
-            for (const auto& d : done) std::filesystem::remove(d, ec);
-            return err;
-        }
-        done.push_back(path);
-    }
-    return {};
+// Writes every named image or none (see writeImagesAtomically); the exit status.
+int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
+    const std::string err = qxmatte::writeImagesAtomically(files);
+    return err.empty() ? kExitOk : fail(kExitOutput, err);
 }
 
 // --keep/--cut X0,Y0,X1,Y1,R: false when the text is off.
@@ -170,55 +275,56 @@ void applyVectorStrokes(const cv::Size& size, const std::vector<qxmatte::VectorS
     qxmatte::paintStrokes(*strokes, list);
 }
 
+// The exit status of a failed job: the input's fault, or the library's.
+int jobFailure(const std::string& source, const std::string& error, bool badInput) {
+    return fail(badInput ? kExitInput : kExitJob, source + ": " + error);
+}
+
 int runTrimap(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
     std::string output, cutout;
     qxmatte::MatteOptions opt;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
-        auto need = [&](int n) {
-            if (i + n >= argc) return false;
-            return true;
-        };
+        auto need = [&](int n) { return i + n < argc; };
         if (a == "-o" && need(1)) {
             output = argv[++i];
         } else if (a == "--cutout" && need(1)) {
             cutout = argv[++i];
         } else if (a == "--fg-code" && need(1)) {
-            if (!parseInt(argv[++i], 1, 255, &opt.fgCode)) return fail("--fg-code takes 1 to 255");
+            if (!parseInt(argv[++i], 1, 255, &opt.fgCode))
+                return fail(kExitUsage, "--fg-code takes 1 to 255");
         } else if (a == "--bg-code" && need(1)) {
-            if (!parseInt(argv[++i], 0, 254, &opt.bgCode)) return fail("--bg-code takes 0 to 254");
+            if (!parseInt(argv[++i], 0, 254, &opt.bgCode))
+                return fail(kExitUsage, "--bg-code takes 0 to 254");
         } else if (a == "--levels" && need(2)) {
             if (!parseInt(argv[i + 1], 0, 255, &opt.levelHigh) ||
                 !parseInt(argv[i + 2], 0, 255, &opt.levelLow))
-                return fail("--levels takes HIGH LOW, each 0 to 255");
+                return fail(kExitUsage, "--levels takes HIGH LOW, each 0 to 255");
             i += 2;
         } else if (a == "-q") {
             showProgress = false;
         } else if (!a.empty() && a[0] == '-') {
-            return fail("unknown or incomplete option " + a);
+            return fail(kExitUsage, "unknown or incomplete option " + a);
         } else {
             positional.push_back(a);
         }
     }
-    if (positional.size() != 2 || output.empty()) {
-        usage(stderr);
-        return 2;
-    }
-    if (opt.bgCode >= opt.fgCode) return fail("--bg-code must be below --fg-code");
-    std::string err = checkOutputs({output, cutout});
-    if (!err.empty()) return fail(err);
+    if (positional.size() != 2 || output.empty())
+        return usageError("trimap", "needs IMAGE, TRIMAP and -o ALPHA");
+    if (opt.bgCode >= opt.fgCode) return fail(kExitUsage, "--bg-code must be below --fg-code");
+    std::string err = checkOutputs({{output}, {cutout, true}});
+    if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, trimap;
     err = readImageAndPlane(positional[0], positional[1], "tri-map", &image, &trimap);
-    if (!err.empty()) return fail(err);
+    if (!err.empty()) return fail(kExitInput, err);
     opt.progress = showProgress;
     const qxmatte::MatteResult r = qxmatte::matteWithTrimap(image, trimap, opt);
-    if (!r.ok) return fail(positional[1] + ": " + r.error);
+    if (!r.ok) return jobFailure(positional[1], r.error, r.badInput);
     cv::Mat cut;
     if (!cutout.empty())
         cut = qxmatte::makeCutout(qxmatte::recoverForeground(image, r.alpha), r.alpha);
-    err = writeAll({{output, r.alpha}, {cutout, cut}});
-    return err.empty() ? 0 : fail(err);
+    return writeAll({{output, r.alpha}, {cutout, cut}});
 }
 
 int runKeepCut(int argc, char** argv, bool showProgress) {
@@ -236,25 +342,24 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
         } else if (a == "--cutout" && more) {
             cutout = argv[++i];
         } else if ((a == "--keep" || a == "--cut") && more) {
-            if (!addVectorStroke(a, argv[++i], &vectors)) return fail(a + kVectorStrokeUsage);
+            if (!addVectorStroke(a, argv[++i], &vectors))
+                return fail(kExitUsage, a + kVectorStrokeUsage);
         } else if (a == "--pyramid") {
             opt.hiRes = false;
         } else if (a == "-q") {
             showProgress = false;
         } else if (!a.empty() && a[0] == '-') {
-            return fail("unknown or incomplete option " + a);
+            return fail(kExitUsage, "unknown or incomplete option " + a);
         } else {
             positional.push_back(a);
         }
     }
     // The stroke image may be left out when the strokes come as vectors.
     if (positional.empty() || positional.size() > 2 || output.empty() ||
-        (positional.size() == 1 && vectors.empty())) {
-        usage(stderr);
-        return 2;
-    }
-    std::string err = checkOutputs({output, foreground, cutout});
-    if (!err.empty()) return fail(err);
+        (positional.size() == 1 && vectors.empty()))
+        return usageError("keepcut", "needs IMAGE, STROKES or --keep/--cut, and -o ALPHA");
+    std::string err = checkOutputs({{output}, {foreground}, {cutout, true}});
+    if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, strokes;
     const std::string& strokeSource = positional.size() == 2 ? positional[1] : positional[0];
     if (positional.size() == 2) {
@@ -262,16 +367,15 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
     } else {
         err = readImage(positional[0], cv::IMREAD_COLOR, &image);
     }
-    if (!err.empty()) return fail(err);
+    if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
     opt.progress = showProgress;
     opt.recover = !foreground.empty() || !cutout.empty();
     const qxmatte::KeepCutResult r = qxmatte::matteWithStrokes(image, strokes, opt);
-    if (!r.ok) return fail(strokeSource + ": " + r.error);
+    if (!r.ok) return jobFailure(strokeSource, r.error, r.badInput);
     cv::Mat cut;
     if (!cutout.empty()) cut = qxmatte::makeCutout(r.foreground, r.alpha);
-    err = writeAll({{output, r.alpha}, {foreground, r.foreground}, {cutout, cut}});
-    return err.empty() ? 0 : fail(err);
+    return writeAll({{output, r.alpha}, {foreground, r.foreground}, {cutout, cut}});
 }
 
 int runForeground(int argc, char** argv) {
@@ -281,38 +385,42 @@ int runForeground(int argc, char** argv) {
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
-        if (a == "-o" && more) output = argv[++i];
-        else if (a == "--method" && more) {
+        if (a == "-o" && more) {
+            output = argv[++i];
+        } else if (a == "--method" && more) {
             const std::string m = argv[++i];
             if (m == "sampling") method = qxmatte::ForegroundMethod::Sampling;
             else if (m == "least-squares") method = qxmatte::ForegroundMethod::LeastSquares;
-            else return fail("--method takes least-squares or sampling");
+            else return fail(kExitUsage, "--method takes least-squares or sampling");
+        } else if (a == "--cutout" && more) {
+            cutout = argv[++i];
+        } else if (a == "-q") {
+            continue;
+        } else if (!a.empty() && a[0] == '-') {
+            return fail(kExitUsage, "unknown or incomplete option " + a);
+        } else {
+            positional.push_back(a);
         }
-        else if (a == "--cutout" && more) cutout = argv[++i];
-        else if (a == "-q") continue;
-        else if (!a.empty() && a[0] == '-') return fail("unknown or incomplete option " + a);
-        else positional.push_back(a);
     }
-    if (positional.size() != 2 || output.empty()) {
-        usage(stderr);
-        return 2;
-    }
-    std::string err = checkOutputs({output, cutout});
-    if (!err.empty()) return fail(err);
+    if (positional.size() != 2 || output.empty())
+        return usageError("foreground", "needs IMAGE, ALPHA and -o FG");
+    std::string err = checkOutputs({{output}, {cutout, true}});
+    if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, alpha;
     err = readImageAndPlane(positional[0], positional[1], "alpha", &image, &alpha);
-    if (!err.empty()) return fail(err);
+    if (!err.empty()) return fail(kExitInput, err);
     const cv::Mat fg = qxmatte::recoverForeground(image, alpha, method);
-    if (fg.empty()) return fail(positional[0] + ": the sampling method refused the image (a side "
-                                "over 32767 pixels?)");
+    if (fg.empty())
+        return fail(kExitInput, positional[0] + ": the sampling method refused the image (a side "
+                                                "over 32767 pixels?)");
     cv::Mat cut;
     if (!cutout.empty()) cut = qxmatte::makeCutout(fg, alpha);
-    err = writeAll({{output, fg}, {cutout, cut}});
-    return err.empty() ? 0 : fail(err);
+    return writeAll({{output, fg}, {cutout, cut}});
 }
 
 // grabcut and cutout: one parser, the workflows in grabcut.h.
 int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutCommand) {
+    const char* const command = cutoutCommand ? "cutout" : "grabcut";
     std::vector<std::string> positional;
     std::string output, strokesPath, trimapPath, alphaPath, rectText;
     std::vector<qxmatte::VectorStroke> vectors;
@@ -320,55 +428,91 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
-        if (a == "-o" && more) output = argv[++i];
-        else if ((a == "--keep" || a == "--cut") && more) {
-            if (!addVectorStroke(a, argv[++i], &vectors)) return fail(a + kVectorStrokeUsage);
+        if (a == "-o" && more) {
+            output = argv[++i];
+        } else if ((a == "--keep" || a == "--cut") && more) {
+            if (!addVectorStroke(a, argv[++i], &vectors))
+                return fail(kExitUsage, a + kVectorStrokeUsage);
+        } else if (a == "--rect" && more) {
+            rectText = argv[++i];
+        } else if (a == "--strokes" && more) {
+            strokesPath = argv[++i];
+        } else if (a == "--trimap" && more && !cutoutCommand) {
+            trimapPath = argv[++i];
+        } else if (a == "--alpha" && more && cutoutCommand) {
+            alphaPath = argv[++i];
+        } else if (a == "--band" && more) {
+            if (!parseInt(argv[++i], 1, 32767, &opt.band))
+                return fail(kExitUsage, "--band takes 1 to 32767");
+        } else if (a == "-q") {
+            showProgress = false;
+        } else if (!a.empty() && a[0] == '-') {
+            return fail(kExitUsage, "unknown or incomplete option " + a);
+        } else {
+            positional.push_back(a);
         }
-        else if (a == "--rect" && more) rectText = argv[++i];
-        else if (a == "--strokes" && more) strokesPath = argv[++i];
-        else if (a == "--trimap" && more && !cutoutCommand) trimapPath = argv[++i];
-        else if (a == "--alpha" && more && cutoutCommand) alphaPath = argv[++i];
-        else if (a == "--band" && more) {
-            if (!parseInt(argv[++i], 1, 32767, &opt.band)) return fail("--band takes 1 to 32767");
-        } else if (a == "-q") showProgress = false;
-        else if (!a.empty() && a[0] == '-') return fail("unknown or incomplete option " + a);
-        else positional.push_back(a);
     }
-    if (positional.size() != 1 || output.empty() || rectText.empty()) {
-        usage(stderr);
-        return 2;
-    }
+    if (positional.size() != 1 || output.empty() || rectText.empty())
+        return usageError(command, "needs IMAGE, --rect X,Y,W,H and -o OUTPUT");
     if (!qxmatte::parseRect(rectText, &opt.rect))
-        return fail("--rect takes X,Y,W,H with W and H at least 1");
-    std::string err = checkOutputs({output, trimapPath, alphaPath});
-    if (!err.empty()) return fail(err);
+        return fail(kExitUsage, "--rect takes X,Y,W,H with W and H at least 1");
+    std::string err = checkOutputs({{output, cutoutCommand}, {trimapPath}, {alphaPath}});
+    if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, strokes;
     err = strokesPath.empty()
               ? readImage(positional[0], cv::IMREAD_COLOR, &image)
               : readImageAndPlane(positional[0], strokesPath, "stroke image", &image, &strokes);
-    if (!err.empty()) return fail(err);
+    if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
     if ((opt.rect & cv::Rect(0, 0, image.cols, image.rows)) != opt.rect)
-        return fail("--rect " + rectText + " is not inside the " + std::to_string(image.cols) +
-                    "x" + std::to_string(image.rows) + " image");
+        return fail(kExitUsage, "--rect " + rectText + " is not inside the " +
+                                    std::to_string(image.cols) + "x" +
+                                    std::to_string(image.rows) + " image");
     opt.progress = showProgress;
     if (cutoutCommand) {
         const qxmatte::CutoutResult c = qxmatte::cutoutFromRect(image, strokes, opt);
-        if (!c.ok) return fail(positional[0] + ": " + c.error);
-        err = writeAll({{output, c.cutout}, {alphaPath, c.alpha}});
-    } else {
-        if (!trimapPath.empty() && opt.band == 0) opt.band = qxmatte::defaultBandWidth(image.size());
-        if (trimapPath.empty()) opt.band = 0;
-        const qxmatte::GrabCutResult g = qxmatte::selectWithGrabCut(image, strokes, opt);
-        if (!g.ok) return fail(positional[0] + ": " + g.error);
-        err = writeAll({{output, g.selection}, {trimapPath, g.trimap}});
+        if (!c.ok) return jobFailure(positional[0], c.error, c.badInput);
+        return writeAll({{output, c.cutout}, {alphaPath, c.alpha}});
     }
-    return err.empty() ? 0 : fail(err);
+    if (!trimapPath.empty() && opt.band == 0) opt.band = qxmatte::defaultBandWidth(image.size());
+    if (trimapPath.empty()) opt.band = 0;
+    const qxmatte::GrabCutResult g = qxmatte::selectWithGrabCut(image, strokes, opt);
+    if (!g.ok) return jobFailure(positional[0], g.error, false);
+    return writeAll({{output, g.selection}, {trimapPath, g.trimap}});
 }
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
+
+// The demo's folder, checked (and made, if need be) before any work; when the demo fails, a
+// folder it made is taken away again (it is still empty then: outputs are written all or none).
+class DemoFolder {
+public:
+    explicit DemoFolder(std::string dir) : dir_(std::move(dir)) {}
+    ~DemoFolder() {
+        std::error_code ec;
+        if (made_ && !kept_) std::filesystem::remove(dir_, ec);  // only ever removes it empty
+    }
+    std::string prepare() {
+        namespace fs = std::filesystem;
+        std::error_code ec;
+        if (!fs::exists(dir_, ec)) {
+            fs::create_directories(dir_, ec);
+            if (ec) return dir_ + ": cannot create the folder (" + ec.message() + ")";
+            made_ = true;
+        }
+        if (!fs::is_directory(dir_, ec)) return dir_ + ": cannot write the images (not a folder)";
+        if (access(dir_.c_str(), W_OK | X_OK) != 0)
+            return dir_ + ": cannot write the images (the folder is not writable)";
+        return {};
+    }
+    void keep() { kept_ = true; }
+
+private:
+    std::string dir_;
+    bool made_ = false, kept_ = false;
+};
 
 int runDemo(int argc, char** argv, bool showProgress) {
     std::string dir = "qxmatte-demo";
@@ -381,17 +525,16 @@ int runDemo(int argc, char** argv, bool showProgress) {
             char* end = nullptr;
             megapixels = std::strtod(argv[++i], &end);
             if (*end || !(megapixels >= 0.01 && megapixels <= 100.0))
-                return fail("--megapixels takes 0.01 to 100");
+                return fail(kExitUsage, "--megapixels takes 0.01 to 100");
         } else if (a == "-q") {
             showProgress = false;
         } else {
-            return fail("unknown or incomplete option " + a);
+            return fail(kExitUsage, "unknown or incomplete option " + a);
         }
     }
-    std::error_code ec;
-    std::filesystem::create_directories(dir, ec);
-    if (ec) return fail(dir + ": cannot create the folder (" + ec.message() + ")");
-
+    DemoFolder folder(dir);
+    std::string err = folder.prepare();
+    if (!err.empty()) return fail(kExitOutput, err);
     // 4:3, 1200 x 900 at the default size.
     const int width = std::max(40, static_cast<int>(std::lround(std::sqrt(megapixels * 1e6 * 4 / 3))));
     const int height = width * 3 / 4;
@@ -406,7 +549,7 @@ int runDemo(int argc, char** argv, bool showProgress) {
     auto start = std::chrono::steady_clock::now();
     const qxmatte::MatteResult r = qxmatte::matteWithTrimap(scene.image, scene.trimap, opt);
     double seconds = secondsSince(start);
-    if (!r.ok) return fail("demo: " + r.error);
+    if (!r.ok) return jobFailure("demo", r.error, false);
     const qxmatte::Accuracy acc = qxmatte::measureAccuracy(r.alpha, scene.truth, scene.trimap);
     std::printf("tri-map:  box %dx%d at (%d,%d), %d undecided pixels, solved in %.2f s, "
                 "peak %.0f MB\n",
@@ -424,7 +567,7 @@ int runDemo(int argc, char** argv, bool showProgress) {
     start = std::chrono::steady_clock::now();
     const qxmatte::KeepCutResult k = qxmatte::matteWithStrokes(scene.image, strokes, kopt);
     seconds = secondsSince(start);
-    if (!k.ok) return fail("demo: keep-cut: " + k.error);
+    if (!k.ok) return jobFailure("demo: keep-cut", k.error, false);
     const double peak = qxmatte::peakResidentMB();
     const qxmatte::Accuracy kacc = qxmatte::measureAccuracy(k.alpha, scene.truth, strokes);
     const double fgError = qxmatte::foregroundError(k.foreground, scene.foreground, scene.truth);
@@ -447,7 +590,7 @@ int runDemo(int argc, char** argv, bool showProgress) {
         qxmatte::compositeOver(scene.foreground, r.alpha, qxmatte::makeNewBackground(width, height));
     const cv::Mat recomposite =
         qxmatte::compositeOver(k.foreground, k.alpha, qxmatte::makeNewBackground(width, height));
-    const std::string err = writeAll({{dir + "/image.png", scene.image},
+    const int written = writeAll({{dir + "/image.png", scene.image},
                                       {dir + "/trimap.png", scene.trimap},
                                       {dir + "/alpha.png", r.alpha},
                                       {dir + "/truth.png", scene.truth},
@@ -456,7 +599,8 @@ int runDemo(int argc, char** argv, bool showProgress) {
                                       {dir + "/keepcut_alpha.png", k.alpha},
                                       {dir + "/keepcut_foreground.png", k.foreground},
                                       {dir + "/keepcut_composite.png", recomposite}});
-    if (!err.empty()) return fail(err);
+    if (written != kExitOk) return written;
+    folder.keep();
     std::printf("wrote %s/{image,trimap,alpha,truth,composite,strokes,keepcut_alpha,"
                 "keepcut_foreground,keepcut_composite}.png\n",
                 dir.c_str());
@@ -468,20 +612,33 @@ int runDemo(int argc, char** argv, bool showProgress) {
 int main(int argc, char** argv) {
     if (argc < 2) {
         usage(stderr);
-        return 2;
+        return kExitUsage;
     }
     const std::string command = argv[1];
+    if (command == "-h" || command == "--help") {
+        usage(stdout);
+        return kExitOk;
+    }
+    if (command == "--version") {
+        int major = 0, minor = 0, patch = 0;
+        qxVersion(&major, &minor, &patch);
+        std::printf("qxmatte %d.%d.%d, qxiveilon31 library %d.%d.%d\n", QXIVEILON31_VERSION_MAJOR,
+                    QXIVEILON31_VERSION_MINOR, QXIVEILON31_VERSION_PATCH, major, minor, patch);
+        return kExitOk;
+    }
+    const Command* known = findCommand(command);
+    if (!known) return fail(kExitUsage, "unknown command " + command + " (qxmatte --help)");
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            commandHelp(*known);
+            return kExitOk;
+        }
+    }
     const bool tty = isatty(STDERR_FILENO) != 0;
     if (command == "trimap") return runTrimap(argc - 2, argv + 2, tty);
     if (command == "keepcut") return runKeepCut(argc - 2, argv + 2, tty);
     if (command == "foreground") return runForeground(argc - 2, argv + 2);
-    if (command == "demo") return runDemo(argc - 2, argv + 2, tty);
     if (command == "grabcut") return runGrabCutCommand(argc - 2, argv + 2, tty, false);
     if (command == "cutout") return runGrabCutCommand(argc - 2, argv + 2, tty, true);
-    if (command == "-h" || command == "--help") {
-        usage(stdout);
-        return 0;
-    }
-    usage(stderr);
-    return 2;
+    return runDemo(argc - 2, argv + 2, tty);
 }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -20,7 +21,8 @@ MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const M
     qxMaskBBox(0, trimap.data, static_cast<int>(trimap.step), width, height, &left, &boxWidth, &top,
                &boxHeight, &fgCount, &bgCount, 0, opt.fgCode, opt.bgCode);
     if (boxWidth <= 0 || boxHeight <= 0) {
-        r.error = "the tri-map has no undecided pixel";
+        r.error = emptyBoxReason(trimap, opt.fgCode, opt.bgCode);
+        r.badInput = true;
         return r;
     }
     r.boxLeft = left;
@@ -97,30 +99,84 @@ cv::Mat makeCutout(const cv::Mat& image, const cv::Mat& alpha) {
     return out;
 }
 
-bool writeImageAtomically(const std::string& path, const cv::Mat& image, std::string* error) {
+std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode) {
+    // The box rule: rows from the first to the last with an undecided pixel, 12 more on each
+    // side, clipped to the image; under 24 rows is no box.
+    constexpr int kMargin = 12, kLeastRows = 24;
+    int first = -1, last = -1;
+    for (int y = 0; y < trimap.rows; ++y) {
+        const unsigned char* t = trimap.ptr<unsigned char>(y);
+        for (int x = 0; x < trimap.cols; ++x) {
+            if (t[x] > bgCode && t[x] < fgCode) {
+                if (first < 0) first = y;
+                last = y;
+                break;
+            }
+        }
+    }
+    if (first < 0) return "the tri-map has no undecided pixel";
+    if (trimap.rows < kLeastRows)
+        return "too few rows for the tri-map job: the image is " + std::to_string(trimap.rows) +
+               " rows high, the job needs at least " + std::to_string(kLeastRows);
+    const int top = std::max(0, first - kMargin);
+    const int bottom = std::min(trimap.rows - 1, last + kMargin);
+    const std::string rows = first == last ? "row " + std::to_string(first)
+                                           : "rows " + std::to_string(first) + " to " +
+                                                 std::to_string(last);
+    return "too few undecided rows for the tri-map job: the undecided pixels lie on " + rows +
+           ", " + std::to_string(bottom - top + 1) + " rows with 12 rows of margin, the job " +
+           "needs at least " + std::to_string(kLeastRows) + " (widen the undecided band)";
+}
+
+namespace {
+
+std::filesystem::path temporaryName(const std::filesystem::path& target) {
+    return target.parent_path() /
+           (".qxmatte-" + std::to_string(getpid()) + "-" + target.filename().string());
+}
+
+}  // namespace
+
+std::string writeImagesAtomically(const std::vector<std::pair<std::string, cv::Mat>>& files) {
     namespace fs = std::filesystem;
-    const fs::path target(path);
-    const fs::path temp = target.parent_path() /
-                          (".qxmatte-" + std::to_string(getpid()) + "-" + target.filename().string());
-    bool written = false;
-    try {
-        written = cv::imwrite(temp.string(), image);
-    } catch (const cv::Exception& e) {
-        written = false;
-    }
+    std::vector<std::pair<fs::path, fs::path>> written;  // temporary name, final name
     std::error_code ec;
-    if (!written) {
-        fs::remove(temp, ec);
-        *error = path + ": cannot write the image (unknown extension or unwritable folder)";
-        return false;
+    auto removeTemporaries = [&](size_t from) {
+        for (size_t i = from; i < written.size(); ++i) fs::remove(written[i].first, ec);
+    };
+    for (const auto& [path, image] : files) {
+        if (path.empty()) continue;
+        const fs::path target(path);
+        const fs::path temp = temporaryName(target);
+        bool ok = false;
+        try {
+            ok = cv::imwrite(temp.string(), image);
+        } catch (const cv::Exception&) {
+            ok = false;
+        }
+        if (!ok) {
+            fs::remove(temp, ec);
+            removeTemporaries(0);
+            return path + ": cannot write the image (unknown extension or unwritable folder)";
+        }
+        written.emplace_back(temp, target);
     }
-    fs::rename(temp, target, ec);
-    if (ec) {
-        fs::remove(temp, ec);
-        *error = path + ": cannot write the image (" + ec.message() + ")";
-        return false;
+    for (size_t i = 0; i < written.size(); ++i) {
+        fs::rename(written[i].first, written[i].second, ec);
+        if (ec) {
+            const std::string reason = ec.message();
+            removeTemporaries(i);
+            // The ones already renamed go too: all or nothing.
+            for (size_t k = 0; k < i; ++k) fs::remove(written[k].second, ec);
+            return written[i].second.string() + ": cannot write the image (" + reason + ")";
+        }
     }
-    return true;
+    return {};
+}
+
+bool writeImageAtomically(const std::string& path, const cv::Mat& image, std::string* error) {
+    *error = writeImagesAtomically({{path, image}});
+    return error->empty();
 }
 
 }  // namespace qxmatte

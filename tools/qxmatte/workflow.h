@@ -4,6 +4,8 @@
 
 #include <opencv2/core.hpp>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qxmatte {
 
@@ -17,7 +19,8 @@ struct MatteOptions {
 
 struct MatteResult {
     bool ok = false;
-    std::string error;  // one line, when !ok
+    std::string error;      // one line, when !ok
+    bool badInput = false;  // when !ok: the tri-map can't be used (not a failure of the job)
     cv::Mat alpha;      // 8-bit, full image size
     int boxLeft = 0, boxTop = 0, boxWidth = 0, boxHeight = 0;
     int unknownPixels = 0;
@@ -25,6 +28,8 @@ struct MatteResult {
 };
 
 // image: 8-bit, 3 channels; trimap: 8-bit, 1 channel, same size.
+// The job needs a box of at least 24 rows around the undecided pixels (12 rows of margin on each
+// side, clipped to the image); a tri-map without one is refused with a message saying why.
 MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const MatteOptions& opt);
 
 // SAD (in thousands) and MSE (times 1000) over the pixels the tri-map marks undecided
@@ -40,7 +45,16 @@ Accuracy measureAccuracy(const cv::Mat& alpha, const cv::Mat& truth, const cv::M
 // Colour image with alpha as a 4-channel BGRA cut-out.
 cv::Mat makeCutout(const cv::Mat& image, const cv::Mat& alpha);
 
-// Writes through a temporary file and a rename, so that a failed write leaves no partial file.
+// Why qxMaskBBox gave no box for this tri-map: no undecided pixel (a value strictly between
+// bgCode and fgCode), or too few rows for the job. One line.
+std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode);
+
+// Writes every named image or none: each goes to a temporary name in its own folder first, and
+// only when all are written are they renamed to their names. Entries with an empty path are
+// skipped. An empty string when it worked, otherwise the reason (nothing is left behind).
+std::string writeImagesAtomically(const std::vector<std::pair<std::string, cv::Mat>>& files);
+
+// One image through a temporary file and a rename, so that a failed write leaves no partial file.
 bool writeImageAtomically(const std::string& path, const cv::Mat& image, std::string* error);
 
 }  // namespace qxmatte
