@@ -18,11 +18,15 @@ function(write_ppm path w h)
   file(WRITE ${path} "${body}${pixels}\n")
 endfunction()
 
-function(expect_failure what pattern)
+# Exit codes as `qxmatte --help` lists them.
+set(INPUT 1)
+set(USAGE 2)
+set(OUTPUT 3)
+function(expect_failure what code pattern)
   execute_process(COMMAND ${QXMATTE} ${ARGN} -q RESULT_VARIABLE rc ERROR_VARIABLE err
                   OUTPUT_VARIABLE out)
-  if(rc EQUAL 0)
-    message(FATAL_ERROR "${what}: exit 0, expected a failure")
+  if(NOT rc EQUAL ${code})
+    message(FATAL_ERROR "${what}: exit ${rc}, expected ${code} ('${err}')")
   endif()
   if(NOT err MATCHES "${pattern}")
     message(FATAL_ERROR "${what}: message '${err}' does not match '${pattern}'")
@@ -47,33 +51,123 @@ write_pgm(${WORK}/decided.pgm 40 30 255)
 write_pgm(${WORK}/undecided.pgm 40 30 128)
 file(WRITE ${WORK}/broken.png "this is not an image\n")
 
-expect_failure("missing image" "missing\\.png: no such file"
+expect_failure("missing image" ${INPUT} "missing\\.png: no such file"
                trimap ${WORK}/missing.png ${WORK}/decided.pgm -o ${WORK}/out.png)
-expect_failure("unreadable tri-map" "broken\\.png: not a readable image"
+expect_failure("unreadable tri-map" ${INPUT} "broken\\.png: not a readable image"
                trimap ${WORK}/image.ppm ${WORK}/broken.png -o ${WORK}/out.png)
-expect_failure("sizes differ" "small\\.pgm: tri-map is 20x30, image is 40x30"
+expect_failure("sizes differ" ${INPUT} "small\\.pgm: tri-map is 20x30, image is 40x30"
                trimap ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
-expect_failure("nothing undecided" "decided\\.pgm: the tri-map has no undecided pixel"
+expect_failure("nothing undecided" ${INPUT} "decided\\.pgm: the tri-map has no undecided pixel"
                trimap ${WORK}/image.ppm ${WORK}/decided.pgm -o ${WORK}/out.png)
-expect_failure("unwritable output" "nowhere/out\\.png: cannot write"
+expect_failure("unwritable output" ${OUTPUT} "nowhere/out\\.png: cannot write"
                trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/nowhere/out.png)
 
-expect_failure("unknown output format" "out\\.xyz: cannot write the image \\(unknown extension\\)"
+expect_failure("unknown output format" ${OUTPUT} "out\\.xyz: cannot write the image \\(unknown extension\\)"
                trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.xyz)
-expect_failure("keep-cut without strokes" "undecided\\.pgm: too few strokes"
+expect_failure("keep-cut without strokes" ${INPUT} "undecided\\.pgm: too few strokes"
                keepcut ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png)
-expect_failure("keep-cut sizes differ" "small\\.pgm: stroke image is 20x30, image is 40x30"
+expect_failure("keep-cut sizes differ" ${INPUT} "small\\.pgm: stroke image is 20x30, image is 40x30"
                keepcut ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
-expect_failure("keep-cut cut-out folder missing" "nowhere/cut\\.png: cannot write"
+expect_failure("keep-cut cut-out folder missing" ${OUTPUT} "nowhere/cut\\.png: cannot write"
                keepcut ${WORK}/image.ppm ${WORK}/decided.pgm -o ${WORK}/out.png
                --cutout ${WORK}/nowhere/cut.png)
-expect_failure("foreground sizes differ" "small\\.pgm: alpha is 20x30, image is 40x30"
+expect_failure("foreground sizes differ" ${INPUT} "small\\.pgm: alpha is 20x30, image is 40x30"
                foreground ${WORK}/image.ppm ${WORK}/small.pgm -o ${WORK}/out.png)
 
-expect_failure("bad vector stroke" "--keep takes X0,Y0,X1,Y1,R"
+expect_failure("bad vector stroke" ${USAGE} "--keep takes X0,Y0,X1,Y1,R"
                keepcut ${WORK}/image.ppm -o ${WORK}/out.png --keep 1,2,3)
-expect_failure("unknown foreground method" "--method takes least-squares or sampling"
+expect_failure("unknown foreground method" ${USAGE} "--method takes least-squares or sampling"
                foreground ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png --method x)
+
+# A w x h tri-map, undecided (128) on rows first..last, background elsewhere.
+function(write_band_pgm path w h first last)
+  string(REPEAT "0 " ${w} ground)
+  string(REPEAT "128 " ${w} band)
+  set(rows "")
+  math(EXPR end "${h} - 1")
+  foreach(y RANGE ${end})
+    if(y GREATER_EQUAL first AND y LESS_EQUAL last)
+      string(APPEND rows "${band}\n")
+    else()
+      string(APPEND rows "${ground}\n")
+    endif()
+  endforeach()
+  file(WRITE ${path} "P2\n${w} ${h}\n255\n${rows}")
+endfunction()
+
+# The mask box needs 24 rows: the undecided pixels and 12 rows either side, clipped to the
+# image. One undecided row at the top of a 30-row image makes rows 0 to 12, too few; two rows
+# in the middle (14, 15) make rows 2 to 27, enough.
+write_band_pgm(${WORK}/top_row.pgm 40 30 0 0)
+write_band_pgm(${WORK}/middle_rows.pgm 40 30 14 15)
+expect_failure("too few undecided rows" ${INPUT}
+               "top_row\\.pgm: too few undecided rows for the tri-map job: the undecided pixels lie on row 0, 13 rows with 12 rows of margin, the job needs at least 24"
+               trimap ${WORK}/image.ppm ${WORK}/top_row.pgm -o ${WORK}/out.png)
+execute_process(COMMAND ${QXMATTE} trimap ${WORK}/image.ppm ${WORK}/middle_rows.pgm
+                        -o ${WORK}/middle_alpha.png -q RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/middle_alpha.png)
+  message(FATAL_ERROR "trimap with 26 rows of box failed: ${rc} ${err}")
+endif()
+write_ppm(${WORK}/short.ppm 40 20)
+write_pgm(${WORK}/short.pgm 40 20 128)
+expect_failure("image too short" ${INPUT}
+               "short\\.pgm: too few rows for the tri-map job: the image is 20 rows high, the job needs at least 24"
+               trimap ${WORK}/short.ppm ${WORK}/short.pgm -o ${WORK}/out.png)
+
+# A colour image where a grey plane is needed is refused, not turned into grey; a grey image
+# saved as colour (equal channels) is taken as it is.
+expect_failure("colour tri-map" ${INPUT} "image\\.ppm: tri-map is a colour image"
+               trimap ${WORK}/image.ppm ${WORK}/image.ppm -o ${WORK}/out.png)
+expect_failure("colour strokes" ${INPUT} "image\\.ppm: stroke image is a colour image"
+               keepcut ${WORK}/image.ppm ${WORK}/image.ppm -o ${WORK}/out.png)
+expect_failure("colour alpha" ${INPUT} "image\\.ppm: alpha is a colour image"
+               foreground ${WORK}/image.ppm ${WORK}/image.ppm -o ${WORK}/out.png)
+string(REPEAT "128 128 128 " 1200 grey_pixels)
+file(WRITE ${WORK}/grey_as_colour.ppm "P3\n40 30\n255\n${grey_pixels}\n")
+execute_process(COMMAND ${QXMATTE} foreground ${WORK}/image.ppm ${WORK}/grey_as_colour.ppm
+                        -o ${WORK}/fg_grey.png RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT EXISTS ${WORK}/fg_grey.png)
+  message(FATAL_ERROR "foreground with a grey alpha saved as colour failed: ${rc} ${err}")
+endif()
+
+# Outputs are checked before any work, all of them: a second output that can't be written
+# leaves no first one behind.
+expect_failure("cut-out without alpha" ${OUTPUT}
+               "cut\\.jpg: cannot write the image \\(the format keeps no alpha; use PNG, TIFF or WebP\\)"
+               trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png
+               --cutout ${WORK}/cut.jpg)
+expect_failure("one path for two outputs" ${OUTPUT} "out\\.png: named for two outputs"
+               trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png
+               --cutout ${WORK}/./out.png)
+file(MAKE_DIRECTORY ${WORK}/folder.png)
+expect_failure("output is a folder" ${OUTPUT} "folder\\.png: cannot write the image \\(it is a folder\\)"
+               foreground ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png
+               --cutout ${WORK}/folder.png)
+file(MAKE_DIRECTORY ${WORK}/blocked_demo/composite.png)
+expect_failure("demo output blocked" ${OUTPUT} "composite\\.png: cannot write the image \\(it is a folder\\)"
+               demo -o ${WORK}/blocked_demo)
+file(GLOB demo_left ${WORK}/blocked_demo/*)
+if(NOT demo_left STREQUAL "${WORK}/blocked_demo/composite.png")
+  message(FATAL_ERROR "the refused demo left files: ${demo_left}")
+endif()
+
+# Usage: one line that points to the command's help, exit 2; the help itself on standard output.
+expect_failure("no output named" ${USAGE} "trimap: needs IMAGE, TRIMAP and -o ALPHA \\(qxmatte trimap --help\\)"
+               trimap ${WORK}/image.ppm ${WORK}/undecided.pgm)
+expect_failure("unknown command" ${USAGE} "unknown command matte \\(qxmatte --help\\)"
+               matte ${WORK}/image.ppm)
+foreach(command trimap keepcut foreground grabcut cutout demo)
+  execute_process(COMMAND ${QXMATTE} ${command} --help RESULT_VARIABLE rc OUTPUT_VARIABLE out
+                  ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0 OR NOT out MATCHES "^usage: qxmatte ${command} "
+     OR NOT out MATCHES "exit codes:.*\n  3  an output can't be written" OR err)
+    message(FATAL_ERROR "qxmatte ${command} --help: ${rc} '${out}' '${err}'")
+  endif()
+endforeach()
+execute_process(COMMAND ${QXMATTE} --version RESULT_VARIABLE rc OUTPUT_VARIABLE out)
+if(NOT rc EQUAL 0 OR NOT out STREQUAL "qxmatte ${VERSION}, qxiveilon31 library ${VERSION}\n")
+  message(FATAL_ERROR "qxmatte --version: ${rc} '${out}'")
+endif()
 
 # Vector strokes alone: a keep stroke in the middle, cut strokes along two sides.
 execute_process(COMMAND ${QXMATTE} keepcut ${WORK}/image.ppm -o ${WORK}/vec.png -q
@@ -177,19 +271,19 @@ function(expect_pixels what path)
   endforeach()
 endfunction()
 
-expect_failure("grabcut rectangle outside" "--rect 0,0,121,100 is not inside the 120x100 image"
+expect_failure("grabcut rectangle outside" ${USAGE} "--rect 0,0,121,100 is not inside the 120x100 image"
                grabcut ${WORK}/scene.ppm --rect 0,0,121,100 -o ${WORK}/out.png)
-expect_failure("grabcut rectangle text" "--rect takes X,Y,W,H"
+expect_failure("grabcut rectangle text" ${USAGE} "--rect takes X,Y,W,H"
                grabcut ${WORK}/scene.ppm --rect 5,5,0,9 -o ${WORK}/out.png)
-expect_failure("grabcut strokes size" "small\\.pgm: stroke image is 20x30, image is 120x100"
+expect_failure("grabcut strokes size" ${INPUT} "small\\.pgm: stroke image is 20x30, image is 120x100"
                grabcut ${WORK}/scene.ppm --rect 0,0,120,100 --strokes ${WORK}/small.pgm
                -o ${WORK}/out.png)
-expect_failure("grabcut tri-map folder" "nowhere/t\\.png: cannot write"
+expect_failure("grabcut tri-map folder" ${OUTPUT} "nowhere/t\\.png: cannot write"
                grabcut ${WORK}/scene.ppm --rect 0,0,120,100 -o ${WORK}/out.png
                --trimap ${WORK}/nowhere/t.png)
-expect_failure("cutout missing image" "missing\\.png: no such file"
+expect_failure("cutout missing image" ${INPUT} "missing\\.png: no such file"
                cutout ${WORK}/missing.png --rect 0,0,10,10 -o ${WORK}/out.png)
-expect_failure("cutout band" "--band takes 1 to 32767"
+expect_failure("cutout band" ${USAGE} "--band takes 1 to 32767"
                cutout ${WORK}/scene.ppm --rect 0,0,10,10 --band 0 -o ${WORK}/out.png)
 
 # The selection of a two-colour scene is the subject exactly; the tri-map has its band on the
@@ -254,3 +348,21 @@ foreach(probe "60;50;1" "40;30;1" "79;69;1" "39;50;0" "60;70;0" "5;5;0" "115;95;
   endif()
 endforeach()
 message(STATUS "qxmatte grabcut and cutout ok")
+
+# A cut-out whose matting stage can't run (a 20-row image: the mask box needs 24) fails after
+# GrabCut, naming the cause, and leaves neither the cut-out nor the alpha behind.
+string(REPEAT "20 200 60 " 120 short_ground)
+string(REPEAT "20 200 60 " 40 short_side)
+string(REPEAT "220 40 170 " 40 short_middle)
+string(REPEAT "${short_ground}\n" 5 short_ground_rows)
+string(REPEAT "${short_side}${short_middle}${short_side}\n" 10 short_subject_rows)
+file(WRITE ${WORK}/short_scene.ppm
+     "P3\n120 20\n255\n${short_ground_rows}${short_subject_rows}${short_ground_rows}")
+expect_failure("cut-out of a short image" ${INPUT}
+               "short_scene\\.ppm: too few rows for the tri-map job: the image is 20 rows high"
+               cutout ${WORK}/short_scene.ppm --rect 10,1,100,18 -o ${WORK}/out.png
+               --alpha ${WORK}/short_alpha.png)
+if(EXISTS ${WORK}/short_alpha.png)
+  message(FATAL_ERROR "the failed cut-out left its alpha behind")
+endif()
+message(STATUS "qxmatte failures ok")

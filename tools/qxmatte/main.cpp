@@ -534,6 +534,11 @@ int runDemo(int argc, char** argv, bool showProgress) {
     }
     DemoFolder folder(dir);
     std::string err = folder.prepare();
+    const char* const names[] = {"image", "trimap", "alpha", "truth", "composite", "strokes",
+                                 "keepcut_alpha", "keepcut_foreground", "keepcut_composite"};
+    std::vector<Output> outputs;
+    for (const char* name : names) outputs.push_back({dir + "/" + name + ".png"});
+    if (err.empty()) err = checkOutputs(outputs);
     if (!err.empty()) return fail(kExitOutput, err);
     // 4:3, 1200 x 900 at the default size.
     const int width = std::max(40, static_cast<int>(std::lround(std::sqrt(megapixels * 1e6 * 4 / 3))));
@@ -590,15 +595,11 @@ int runDemo(int argc, char** argv, bool showProgress) {
         qxmatte::compositeOver(scene.foreground, r.alpha, qxmatte::makeNewBackground(width, height));
     const cv::Mat recomposite =
         qxmatte::compositeOver(k.foreground, k.alpha, qxmatte::makeNewBackground(width, height));
-    const int written = writeAll({{dir + "/image.png", scene.image},
-                                      {dir + "/trimap.png", scene.trimap},
-                                      {dir + "/alpha.png", r.alpha},
-                                      {dir + "/truth.png", scene.truth},
-                                      {dir + "/composite.png", composite},
-                                      {dir + "/strokes.png", strokes},
-                                      {dir + "/keepcut_alpha.png", k.alpha},
-                                      {dir + "/keepcut_foreground.png", k.foreground},
-                                      {dir + "/keepcut_composite.png", recomposite}});
+    const cv::Mat images[] = {scene.image, scene.trimap, r.alpha, scene.truth, composite,
+                              strokes, k.alpha, k.foreground, recomposite};  // as in names
+    std::vector<std::pair<std::string, cv::Mat>> files;
+    for (size_t i = 0; i < outputs.size(); ++i) files.emplace_back(outputs[i].path, images[i]);
+    const int written = writeAll(files);
     if (written != kExitOk) return written;
     folder.keep();
     std::printf("wrote %s/{image,trimap,alpha,truth,composite,strokes,keepcut_alpha,"
