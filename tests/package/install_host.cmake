@@ -3,7 +3,7 @@
 # twice: with pkg-config and with find_package(qxiveilon31).
 # Run as: cmake -DBUILD=<build dir> -DWORK=<scratch dir> -DHOST=<tests/package/host>
 #               -DCC=<C compiler> -DVERSION=<x.y.z> -DNODE=<version node> -DLIBDIR=<lib dir>
-#               -DGENERATOR=<generator> -P install_host.cmake
+#               -DGENERATOR=<generator> [-DHOST_FLAGS=<C and link flags>] -P install_host.cmake
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 
@@ -45,7 +45,8 @@ endif()
 run("pkg-config --cflags --libs" ${CMAKE_COMMAND} -E ${pc} --cflags --libs qxiveilon31)
 string(STRIP "${out}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
-run("pkg-config host build" ${CC} -std=c99 -pedantic -Wall -Werror
+separate_arguments(host_flags UNIX_COMMAND "${HOST_FLAGS}")
+run("pkg-config host build" ${CC} ${host_flags} -std=c99 -pedantic -Wall -Werror
     "-DQX_EXPECTED_VERSION=\"${VERSION}\"" ${HOST}/host.c ${flags} -o ${WORK}/host_pc)
 run("pkg-config host run" ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBDIR}
     ${WORK}/host_pc)
@@ -59,7 +60,7 @@ endif()
 # find_package, with the moved tree on the prefix path.
 run("find_package host configure" ${CMAKE_COMMAND} -S ${HOST} -B ${WORK}/host_build
     -G ${GENERATOR} -DCMAKE_C_COMPILER=${CC} -DCMAKE_PREFIX_PATH=${prefix}
-    -DQX_EXPECTED=${VERSION} -DCMAKE_BUILD_TYPE=Release)
+    -DQX_EXPECTED=${VERSION} -DCMAKE_BUILD_TYPE=Release "-DCMAKE_C_FLAGS=${HOST_FLAGS}")
 run("find_package host build" ${CMAKE_COMMAND} --build ${WORK}/host_build)
 run("find_package host run" ${WORK}/host_build/host)
 message(STATUS "find_package host: ${out}")
