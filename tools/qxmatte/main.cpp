@@ -165,7 +165,10 @@ std::string readImage(const std::string& path, int flags, cv::Mat* out) {
         out->release();
     }
     if (out->empty()) return path + ": not a readable image (PNG, JPEG or TIFF)";
-    if (out->depth() != CV_8U) out->convertTo(*out, CV_8U, 1.0 / 257.0);
+    // 16-bit to 8 by 65535 -> 255; floating-point images are on the 0..1 scale.
+    const int depth = out->depth();
+    if (depth == CV_32F || depth == CV_64F) out->convertTo(*out, CV_8U, 255.0);
+    else if (depth != CV_8U) out->convertTo(*out, CV_8U, 1.0 / 257.0);
     return {};
 }
 
@@ -174,7 +177,9 @@ std::string readImage(const std::string& path, int flags, cv::Mat* out) {
 // channels are all equal (a grey image saved as colour) is taken as grey, any alpha channel
 // ignored. An empty string when it worked.
 std::string readPlane(const std::string& path, const char* what, cv::Mat* out) {
-    std::string err = readImage(path, cv::IMREAD_UNCHANGED, out);
+    // Any colour and depth as stored (and turned upright by its orientation tag, as the image
+    // is), so that a colour file is seen as colour.
+    std::string err = readImage(path, cv::IMREAD_ANYCOLOR | cv::IMREAD_ANYDEPTH, out);
     if (!err.empty()) return err;
     if (out->channels() == 1) return {};
     if (out->channels() >= 3) {
