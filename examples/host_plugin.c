@@ -26,6 +26,7 @@ typedef int (*QxDrawLine8uFn)(unsigned char*, int, int, int, int, int, int, int,
                               unsigned char, unsigned char);
 typedef int (*QxFloodFillAlphaFn)(unsigned char*, int, int, int, int, int, int64_t, int64_t,
                                   unsigned char, int64_t, int*);
+typedef int (*QxVersionFn)(int*, int*, int*);
 typedef int (*QxShowImageAlphaFn)(unsigned char*, int, int, int, const unsigned char*, int,
                                   unsigned char, unsigned char, int, const unsigned char*);
 
@@ -37,6 +38,7 @@ QX_SAME_SIGNATURE(qxMaskBBox, QxMaskBBoxFn);
 QX_SAME_SIGNATURE(qxDrawLine8u, QxDrawLine8uFn);
 QX_SAME_SIGNATURE(qxFloodFillAlpha, QxFloodFillAlphaFn);
 QX_SAME_SIGNATURE(qxShowImageAlpha, QxShowImageAlphaFn);
+QX_SAME_SIGNATURE(qxVersion, QxVersionFn);
 
 enum { W = 64, H = 48, PAD = 8, PAD_BYTE = 0xA7 };
 
@@ -92,6 +94,8 @@ int main(int argc, char** argv) {
     QxDrawLine8uFn drawLine;
     QxFloodFillAlphaFn floodFill;
     QxShowImageAlphaFn showAlpha;
+    QxVersionFn version;
+    int major = 0, minor = 0, patch = 0;
     Buffer image = {0, 0, 0}, trimap = {0, 0, 0}, codes = {0, 0, 0};
     int ok = 1;
     int x, y, left = 0, width = 0, top = 0, height = 0, fgCount = 0, bgCount = 0;
@@ -108,11 +112,20 @@ int main(int argc, char** argv) {
     }
     if (!resolve(lib, "qxMaskBBox", &maskBBox) || !resolve(lib, "qxDrawLine8u", &drawLine) ||
         !resolve(lib, "qxFloodFillAlpha", &floodFill) ||
-        !resolve(lib, "qxShowImageAlpha", &showAlpha)) {
+        !resolve(lib, "qxShowImageAlpha", &showAlpha) || !resolve(lib, "qxVersion", &version)) {
         dlclose(lib);
         return 1;
     }
-    printf("loaded %s\n", path);
+    /* The plug-in was built against this header: it needs the same major version and at least
+     * the header's minor one (entries are only ever added within a major version). */
+    version(&major, &minor, &patch);
+    printf("loaded %s, version %d.%d.%d\n", path, major, minor, patch);
+    if (major != QXIVEILON31_VERSION_MAJOR || minor < QXIVEILON31_VERSION_MINOR) {
+        fprintf(stderr, "built for qxiveilon31 %d.%d, loaded %d.%d\n", QXIVEILON31_VERSION_MAJOR,
+                QXIVEILON31_VERSION_MINOR, major, minor);
+        dlclose(lib);
+        return 1;
+    }
 
     if (!makeBuffer(&image, 4, 0) || !makeBuffer(&trimap, 1, 0) || !makeBuffer(&codes, 1, 126)) {
         fprintf(stderr, "out of memory\n");
