@@ -280,6 +280,19 @@ void applyVectorStrokes(const cv::Size& size, const std::vector<qxmatte::VectorS
     qxmatte::paintStrokes(*strokes, list);
 }
 
+// The arguments every command takes alike: -q, the positional names, and a refusal of any other
+// option. kExitOk when taken, otherwise the exit status.
+int otherArgument(const std::string& a, bool* showProgress, std::vector<std::string>* positional) {
+    if (a == "-q") {
+        *showProgress = false;
+    } else if (!a.empty() && a[0] == '-') {
+        return fail(kExitUsage, "unknown or incomplete option " + a);
+    } else {
+        positional->push_back(a);
+    }
+    return kExitOk;
+}
+
 // The exit status of a failed job: the input's fault, or the library's.
 int jobFailure(const std::string& source, const std::string& error, bool badInput) {
     return fail(badInput ? kExitInput : kExitJob, source + ": " + error);
@@ -307,12 +320,8 @@ int runTrimap(int argc, char** argv, bool showProgress) {
                 !parseInt(argv[i + 2], 0, 255, &opt.levelLow))
                 return fail(kExitUsage, "--levels takes HIGH LOW, each 0 to 255");
             i += 2;
-        } else if (a == "-q") {
-            showProgress = false;
-        } else if (!a.empty() && a[0] == '-') {
-            return fail(kExitUsage, "unknown or incomplete option " + a);
-        } else {
-            positional.push_back(a);
+        } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
+            return rc;
         }
     }
     if (positional.size() != 2 || output.empty())
@@ -351,12 +360,8 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
                 return fail(kExitUsage, a + kVectorStrokeUsage);
         } else if (a == "--pyramid") {
             opt.hiRes = false;
-        } else if (a == "-q") {
-            showProgress = false;
-        } else if (!a.empty() && a[0] == '-') {
-            return fail(kExitUsage, "unknown or incomplete option " + a);
-        } else {
-            positional.push_back(a);
+        } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
+            return rc;
         }
     }
     // The stroke image may be left out when the strokes come as vectors.
@@ -384,6 +389,7 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
 }
 
 int runForeground(int argc, char** argv) {
+    bool showProgress = false;  // no progress to show; -q is taken all the same
     std::vector<std::string> positional;
     std::string output, cutout;
     auto method = qxmatte::ForegroundMethod::LeastSquares;
@@ -399,12 +405,8 @@ int runForeground(int argc, char** argv) {
             else return fail(kExitUsage, "--method takes least-squares or sampling");
         } else if (a == "--cutout" && more) {
             cutout = argv[++i];
-        } else if (a == "-q") {
-            continue;
-        } else if (!a.empty() && a[0] == '-') {
-            return fail(kExitUsage, "unknown or incomplete option " + a);
-        } else {
-            positional.push_back(a);
+        } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
+            return rc;
         }
     }
     if (positional.size() != 2 || output.empty())
@@ -449,12 +451,8 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
         } else if (a == "--band" && more) {
             if (!parseInt(argv[++i], 1, 32767, &opt.band))
                 return fail(kExitUsage, "--band takes 1 to 32767");
-        } else if (a == "-q") {
-            showProgress = false;
-        } else if (!a.empty() && a[0] == '-') {
-            return fail(kExitUsage, "unknown or incomplete option " + a);
-        } else {
-            positional.push_back(a);
+        } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
+            return rc;
         }
     }
     if (positional.size() != 1 || output.empty() || rectText.empty())
