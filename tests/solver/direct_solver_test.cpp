@@ -221,6 +221,73 @@ TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
     EXPECT_EQ(counter.kicks, 2);
 }
 
+// The in-line form takes several right-hand sides in one factorisation, and each comes out
+// bit for bit as when it is solved alone, also on the shift-and-refine path, where each column is
+// refined on its own terms. The first matrix has two zero rows (an exactly zero pivot, so the
+// factorisation is shifted by 1e-8 of the largest entry, 1e4, which the chain's smallest eigenvalue
+// 0.59 feels at 2e-4); its third right side asks for something on a zero row, which no solution
+// gives, so that its refinement stalls at once while the others' goes on. The second is a
+// least-squares normal matrix like foreground recovery's: weakly coupled unknowns and an exactly
+// singular 2 x 2 block [[1,2],[2,4]] left alone.
+TEST(DirectSolver, InLineFormSolvesEachRightSideAsIfAlone) {
+    Csr<float> zeroRows;
+    zeroRows.add(0, 2), zeroRows.add(1, -1), zeroRows.endRow();
+    zeroRows.add(1, 2), zeroRows.add(2, -1), zeroRows.endRow();
+    zeroRows.add(2, 2), zeroRows.endRow();
+    zeroRows.add(3, 0.0), zeroRows.endRow();
+    zeroRows.add(4, 1e4), zeroRows.endRow();
+    zeroRows.add(5, 0.0), zeroRows.endRow();
+    const std::vector<float> zeroRowsRhs{1, 0, 1, 0, 2e4f, 0,  -3, 2, 0.5f, 0, 1e4f, 0,
+                                         1, 0, 1, 5, 2, 0};
+
+    std::vector<double> dense(size_t(8 * 8), 0.0);
+    auto at = [&](int i, int j) -> double& { return dense[size_t(i * 8 + j)]; };
+    const double weights[5] = {1e4, 2e-6, 3e-3, 1e-5, 0.25};
+    for (int i = 0; i < 5; ++i) {  // a chain of weak couplings held at its first unknown
+        at(i, i) += weights[i] + 1e-4;
+        if (i + 1 < 5) {
+            const double c = 1e-3 * (i + 1);
+            at(i, i) += c, at(i + 1, i + 1) += c, at(i, i + 1) -= c, at(i + 1, i) -= c;
+        }
+    }
+    at(5, 5) = 1, at(5, 6) = at(6, 5) = 2, at(6, 6) = 4;  // rank 1
+    at(7, 7) = 0.5;
+    const auto chain = qxtest::fromDense<float>(dense, 8);
+    std::vector<float> chainRhs;
+    for (float scale : {1.0f, 255.0f, -7.5f})
+        for (float v : {1e4f, 0.0f, 1e-3f, 0.5f, 0.0f, 1.0f, 2.0f, 1.0f})
+            chainRhs.push_back(scale * v);
+
+    for (const auto& [m, rhs] : {std::pair{zeroRows, zeroRowsRhs}, std::pair{chain, chainRhs}}) {
+        const int n = m.n;
+        std::vector<float> b = rhs, x(rhs.size(), 777.0f);
+        qxtest::KickCounter counter;
+        ASSERT_EQ(qx::pardisoSolverInLine(n, m.a.data(), m.ia.data(), m.ja.data(), b.data(),
+                                          x.data(), 3, -2), 1);
+        EXPECT_EQ(counter.kicks, 2);
+        EXPECT_EQ(b, rhs);
+        for (int c = 0; c < 3; ++c) {
+            std::vector<float> bc(rhs.begin() + c * n, rhs.begin() + (c + 1) * n);
+            std::vector<float> xc(size_t(n), 777.0f);
+            ASSERT_EQ(qx::pardisoSolverInLine(n, m.a.data(), m.ia.data(), m.ja.data(), bc.data(),
+                                              xc.data(), 1, -2), 1);
+            EXPECT_EQ(xc, std::vector<float>(x.begin() + c * n, x.begin() + (c + 1) * n)) << c;
+        }
+    }
+    // The consistent columns are solved: the chain of the first matrix, its lone 1e4 x = 2e4.
+    std::vector<float> b = zeroRowsRhs, x(b.size());
+    qx::pardisoSolverInLine(6, zeroRows.a.data(), zeroRows.ia.data(), zeroRows.ja.data(),
+                            b.data(), x.data(), 3, -2);
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(x[size_t(i)], 1.0f, 1e-5);
+    EXPECT_NEAR(x[4], 2.0f, 1e-6);
+    // Column 2: the chain's inverse is [[3,2,1],[2,4,2],[1,2,3]] / 4, so (-3, 2, 0.5) gives
+    // (-1.125, 0.75, 0.625).
+    EXPECT_NEAR(x[6], -1.125f, 1e-5);
+    EXPECT_NEAR(x[7], 0.75f, 1e-5);
+    EXPECT_NEAR(x[8], 0.625f, 1e-5);
+    EXPECT_NEAR(x[10], 1.0f, 1e-6);
+}
+
 // [[1,2],[2,1]] is indefinite but factors without pivoting (pivots 1 and -3); [[0,1],[1,0]] needs
 // a 2 x 2 pivot. MUMPS solves both (with the fallback off, so that it can't pass them on);
 // CHOLMOD gets there by LDL' after the shifts fail.
