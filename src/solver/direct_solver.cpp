@@ -459,6 +459,16 @@ double largestEntry(int n, const float* a, const int* ia, const int* ja) {
     return largest;
 }
 
+DirectSolveOptions inLineOptions() {
+    DirectSolveOptions o;
+    o.backend = Backend::Cholmod;
+    o.supernodal = false;  // simplicial, which factorises LDL' (CHOLMOD's final_ll stays 0)
+    o.memoryPath = false;
+    o.kickAfterAnalysis = false;
+    o.solutionInB = false;
+    return o;
+}
+
 DirectSolveTotals directSolveTotals() {
     std::lock_guard<std::mutex> lock(totalsLock);
     return totals;
@@ -524,13 +534,7 @@ int pardisoSolverICPlain(int n, const float* a, const int* ia, const int* ja, fl
 
 int pardisoSolverInLine(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
                         int nrhs, int mtype) {
-    detail::DirectSolveOptions o;
-    o.backend = detail::Backend::Cholmod;
-    o.supernodal = false;
-    o.memoryPath = false;
-    o.kickAfterAnalysis = false;
-    o.solutionInB = false;
-    return detail::directSolve(o, n, a, ia, ja, b, x, nrhs, mtype, nullptr);
+    return detail::directSolve(detail::inLineOptions(), n, a, ia, ja, b, x, nrhs, mtype, nullptr);
 }
 
 int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float* b, float* x,

@@ -288,6 +288,44 @@ TEST(DirectSolver, InLineFormSolvesEachRightSideAsIfAlone) {
     EXPECT_NEAR(x[10], 1.0f, 1e-6);
 }
 
+// The 2x2 block [[a*a, a*(1-a)], [a*(1-a), (1-a)*(1-a)]] of a pixel that only the compositing
+// equation reaches is singular, but with its entries rounded to float its determinant in double
+// is a tiny number of either sign. Where it is negative LL' must shift (the supernodal default
+// does); the in-line form's LDL' takes the pivot as it is, without a shift, and the coupled
+// unknowns beside the block are solved exactly.
+TEST(DirectSolver, InLineFormTakesRoundingSingularBlocksWithoutAShift) {
+    float a = 0, aa = 0, ab = 0, bb = 0;
+    for (int k = 77; k < 179; ++k) {  // alpha bytes of 0.3..0.7
+        a = float(k) * (1.0f / 255.0f);
+        const float b = 1.0f - a;
+        aa = a * a, ab = a * b, bb = b * b;
+        if (double(aa) * bb - double(ab) * ab < 0.0) break;
+    }
+    ASSERT_LT(double(aa) * bb - double(ab) * ab, 0.0);
+    // Unknowns 0, 1: [[3,-1],[-1,3]] with right side (2, 4) -> (1.25, 1.75); 2, 3: the block.
+    Csr<float> m;
+    m.add(0, 3), m.add(1, -1), m.endRow();
+    m.add(1, 3), m.endRow();
+    m.add(2, aa), m.add(3, ab), m.endRow();
+    m.add(3, bb), m.endRow();
+    const std::vector<float> rhs{2, 4, a * 100.0f, (1.0f - a) * 100.0f};
+
+    DirectSolveStats stats;
+    std::vector<float> b = rhs, x(4, 777.0f);
+    ASSERT_EQ(qx::detail::directSolve(qx::detail::inLineOptions(), 4, m.a.data(), m.ia.data(),
+                                      m.ja.data(), b.data(), x.data(), 1, -2, &stats), 1);
+    EXPECT_EQ(stats.backend, Backend::Cholmod);
+    EXPECT_EQ(stats.shift, 0.0);
+    EXPECT_FALSE(stats.ldlFallback);
+    EXPECT_NEAR(x[0], 1.25f, 1e-6);
+    EXPECT_NEAR(x[1], 1.75f, 1e-6);
+    EXPECT_TRUE(std::isfinite(x[2]) && std::isfinite(x[3]));
+
+    std::vector<float> b2 = rhs;  // LL' shifts for the same block
+    ASSERT_EQ(outcome(withBackend(Backend::Cholmod), m, b2, nullptr, &stats), 1);
+    EXPECT_GT(stats.shift, 0.0);
+}
+
 // [[1,2],[2,1]] is indefinite but factors without pivoting (pivots 1 and -3); [[0,1],[1,0]] needs
 // a 2 x 2 pivot. MUMPS solves both (with the fallback off, so that it can't pass them on);
 // CHOLMOD gets there by LDL' after the shifts fail.
