@@ -251,7 +251,8 @@ void printReport() {
     std::printf("%-6s %8.2f %7.3f / %6.2f %7.3f / %6.2f %7.3f / %6.2f  (total time, mean error)\n",
                 "total", sum.naive / n, sum.t[0], sum.e[0] / n, sum.t[1], sum.e[1] / n, sum.t[2],
                 sum.e[2] / n);
-    std::printf("\nDirect solves inside qxRecoverForeground: count (fallbacks), seconds by phase\n");
+    std::printf("\nDirect solves inside qxRecoverForeground: count (fallbacks), seconds by "
+                "phase\n");
     std::printf("%-6s %8s %9s %9s %9s %9s %7s\n", "image", "solves", "analysis", "factor",
                 "solve", "all", "share");
     qx::detail::DirectSolveTotals all;
