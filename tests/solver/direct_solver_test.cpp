@@ -199,18 +199,24 @@ TEST(DirectSolver, SmallPivotsAreNotNullPivots) {
     EXPECT_NEAR(b[1], 1.0f, 1e-5);
 }
 
-// The in-line solve of foreground recovery: the plain form on a semi-definite system in which
-// some rows are a lone explicit 0.0 on the diagonal. x receives the solution, b stays as it was.
-// Rows: 0-2 a chain [[2,-1,0],[-1,2,-1],[0,-1,2]] with right-hand side (1,0,1) -> (1,1,1); rows 3
-// and 5 empty; row 4 alone with 4 x = 2.
-TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
+// Rows 0-2 the chain [[2,-1,0],[-1,2,-1],[0,-1,2]], rows 3 and 5 a lone explicit 0.0 on the
+// diagonal, row 4 alone with the given value.
+Csr<float> chainAndZeroRows(double lone) {
     Csr<float> m;
     m.add(0, 2), m.add(1, -1), m.endRow();
     m.add(1, 2), m.add(2, -1), m.endRow();
     m.add(2, 2), m.endRow();
     m.add(3, 0.0), m.endRow();
-    m.add(4, 4), m.endRow();
+    m.add(4, lone), m.endRow();
     m.add(5, 0.0), m.endRow();
+    return m;
+}
+
+// The plain form on a semi-definite system in which some rows are a lone explicit 0.0 on the
+// diagonal. x receives the solution, b stays as it was. The chain's right-hand side (1,0,1) gives
+// (1,1,1); row 4 alone with 4 x = 2.
+TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
+    const Csr<float> m = chainAndZeroRows(4);
     const std::vector<float> rhs{1, 0, 1, 0, 2, 0};
     std::vector<float> b = rhs, x(6, 777.0f);
     qxtest::KickCounter counter;
@@ -230,13 +236,7 @@ TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
 // least-squares normal matrix like foreground recovery's: weakly coupled unknowns and an exactly
 // singular 2 x 2 block [[1,2],[2,4]] left alone.
 TEST(DirectSolver, InLineFormSolvesEachRightSideAsIfAlone) {
-    Csr<float> zeroRows;
-    zeroRows.add(0, 2), zeroRows.add(1, -1), zeroRows.endRow();
-    zeroRows.add(1, 2), zeroRows.add(2, -1), zeroRows.endRow();
-    zeroRows.add(2, 2), zeroRows.endRow();
-    zeroRows.add(3, 0.0), zeroRows.endRow();
-    zeroRows.add(4, 1e4), zeroRows.endRow();
-    zeroRows.add(5, 0.0), zeroRows.endRow();
+    const Csr<float> zeroRows = chainAndZeroRows(1e4);
     const std::vector<float> zeroRowsRhs{1, 0, 1, 0, 2e4f, 0,  -3, 2, 0.5f, 0, 1e4f, 0,
                                          1, 0, 1, 5, 2, 0};
 
