@@ -6,7 +6,9 @@
 //
 // Runs: qxRecoverForeground (no edge blend), qxRecoverForegroundCell with regionMode 0 and with
 // regionMode 1, and the naive F' = I. dstImage starts as the composite, as a host showing the
-// image would have it. Then a breakdown of where the error of qxRecoverForeground comes from:
+// image would have it. The direct solves inside qxRecoverForeground are counted and timed by
+// phase (the solver's totals). Then a breakdown of where the error of qxRecoverForeground comes
+// from:
 //   - frame: the error inside the region less its 3-pixel frame (the frame keeps I);
 //   - scale: the true F taken down by 0.25 and back (cubic), the kept-source rule applied: the
 //     best any quarter-scale result can do, without and with the detail term;
@@ -31,6 +33,7 @@
 #include "foreground/fb_solve.h"
 #include "foreground/recovery.h"
 #include "image/img.h"
+#include "solver/direct_solver.h"
 #include "qxiveilon31.h"
 
 namespace fs = std::filesystem;
@@ -50,6 +53,7 @@ struct Row {
     double t[3] = {0, 0, 0}, e[3] = {0, 0, 0};
     double inner = 0, scaleOnly = 0, scaleDetail = 0, solveFull = 0, solveHalf = 0, solveQuarter = 0;
     double windowFloor = 0;
+    qx::detail::DirectSolveTotals solver;  // the direct solves inside qxRecoverForeground
 };
 std::vector<Row> rows;
 std::vector<std::string> names;
@@ -195,6 +199,7 @@ void BM_Scene(benchmark::State& state, size_t k) {
             cv::Mat dst = s.composite.clone(), alpha = s.alpha.clone();
             KeepCutRequest req = requestFor(s, dst, alpha);
             req.regionMode = m == 2 ? 1 : 0;
+            qx::detail::resetDirectSolveTotals();
             const auto t0 = std::chrono::steady_clock::now();
             const int64_t st = m == 0 ? qxRecoverForeground(&req, 0)
                                       : qxRecoverForegroundCell(&req, req.regionMode != 0);
@@ -202,7 +207,10 @@ void BM_Scene(benchmark::State& state, size_t k) {
             if (st != (m == 0 ? 0 : 1))
                 std::fprintf(stderr, "%s: status %lld\n", r.name.c_str(), (long long)st);
             r.e[m] = fgError(s, dst);
-            if (m == 0) r.inner = fgError(s, dst, 3);
+            if (m == 0) {
+                r.solver = qx::detail::directSolveTotals();
+                r.inner = fgError(s, dst, 3);
+            }
         }
         // The quarter-scale ceiling: the true foreground down by 4 and back.
         cv::Mat f4, small, est;
@@ -243,6 +251,27 @@ void printReport() {
     std::printf("%-6s %8.2f %7.3f / %6.2f %7.3f / %6.2f %7.3f / %6.2f  (total time, mean error)\n",
                 "total", sum.naive / n, sum.t[0], sum.e[0] / n, sum.t[1], sum.e[1] / n, sum.t[2],
                 sum.e[2] / n);
+    std::printf("\nDirect solves inside qxRecoverForeground: count (fallbacks), seconds by "
+                "phase\n");
+    std::printf("%-6s %8s %9s %9s %9s %9s %7s\n", "image", "solves", "analysis", "factor",
+                "solve", "all", "share");
+    qx::detail::DirectSolveTotals all;
+    for (const Row& r : rows) {
+        const auto& v = r.solver;
+        const double t = v.analysisSeconds + v.factorSeconds + v.solveSeconds;
+        std::printf("%-6s %4d (%d) %9.3f %9.3f %9.3f %9.3f %6.0f%%\n", r.name.c_str(), v.solves,
+                    v.fallbacks, v.analysisSeconds, v.factorSeconds, v.solveSeconds, t,
+                    r.t[0] > 0 ? 100.0 * t / r.t[0] : 0.0);
+        all.solves += v.solves, all.fallbacks += v.fallbacks;
+        all.analysisSeconds += v.analysisSeconds, all.factorSeconds += v.factorSeconds;
+        all.solveSeconds += v.solveSeconds;
+    }
+    {
+        const double t = all.analysisSeconds + all.factorSeconds + all.solveSeconds;
+        std::printf("%-6s %4d (%d) %9.3f %9.3f %9.3f %9.3f %6.0f%%\n", "total", all.solves,
+                    all.fallbacks, all.analysisSeconds, all.factorSeconds, all.solveSeconds, t,
+                    sum.t[0] > 0 ? 100.0 * t / sum.t[0] : 0.0);
+    }
     std::printf("\nThe cell-wise entry's window with a perfect recovery (dstImage = composite):\n");
     for (const Row& r : rows) std::printf("%-6s %8.2f\n", r.name.c_str(), r.windowFloor);
     std::printf("%-6s %8.2f  (mean)\n", "mean", sum.windowFloor / n);

@@ -123,9 +123,9 @@ SparseCsr upperTriangle(const SparseCsr& s) {
 
 }  // namespace
 
-void solveInLine(const SparseCsr& u, float* b, float* x) {
+void solveInLine(const SparseCsr& u, float* b, float* x, int nrhs) {
     try {
-        pardisoSolverICPlain(u.rows, u.a.data(), u.ia.data(), u.ja.data(), b, x, 1, -2);
+        pardisoSolverInLine(u.rows, u.a.data(), u.ia.data(), u.ja.data(), b, x, nrhs, -2);
     } catch (int e) {
         const char* message = e == 121   ? "\nERROR during symbolic factorization: %d"
                               : e == 122 ? "\nERROR during numerical factorization: %d"
@@ -214,8 +214,8 @@ int solveForegroundBackground(void* /*unused*/, IMG<unsigned char, 1>* const pla
     wFG = SparseCsr();
     wBG = SparseCsr();
 
-    // The matrix is the same for the three planes: its transpose, normal matrix and triangle
-    // are formed once; each plane then gets its own right side and its own factorisation.
+    // The matrix is the same for the three planes: its transpose, normal matrix, triangle and
+    // factorisation are made once.
     SparseCsr at;
     if (transposeSparse(sys, at) != 0) throw 11;
     SparseCsr ata;
@@ -223,7 +223,10 @@ int solveForegroundBackground(void* /*unused*/, IMG<unsigned char, 1>* const pla
     const SparseCsr upper = upperTriangle(ata);
     ata = SparseCsr();
 
-    std::vector<float> rhs(size_t(11) * n), atb(size_t(2) * n), x(size_t(2) * n);
+    // The three right sides are solved together; the progress still ticks as for three solves
+    // (the solver's own two ticks come with the first plane).
+    const size_t m = size_t(2) * n;
+    std::vector<float> rhs(size_t(11) * n), atb(3 * m), x(3 * m);
     for (int c = 0; c < 3; ++c) {
         IMG<unsigned char, 1>& plane = *planes[c];
         std::fill(rhs.begin(), rhs.end(), 0.0f);
@@ -239,11 +242,18 @@ int solveForegroundBackground(void* /*unused*/, IMG<unsigned char, 1>* const pla
             }
         }
         progressKick();
-        multiplySparseVector(at, rhs.data(), atb.data());
+        multiplySparseVector(at, rhs.data(), atb.data() + size_t(c) * m);
         progressKick();
         progressKick();  // the triangle (formed once above)
-        solveInLine(upper, atb.data(), x.data());
-        const float* result = x.data() + (wantBackground ? n : 0);
+    }
+    solveInLine(upper, atb.data(), x.data(), 3);
+    for (int c = 0; c < 3; ++c) {
+        if (c > 0) {
+            progressKick();  // this plane's factorisation and solve, done with the first
+            progressKick();
+        }
+        IMG<unsigned char, 1>& plane = *planes[c];
+        const float* result = x.data() + size_t(c) * m + (wantBackground ? n : 0);
         for (int y = 1; y < h - 1; ++y) {
             unsigned char* row = plane.row(y);
             for (int xx = 1; xx < w - 1; ++xx) {

@@ -27,10 +27,11 @@ int solveForegroundBackground(void* unused, IMG<unsigned char, 1>* const planes[
                               int wantBackground, const IMG<unsigned char, 1>& alpha);
 
 // The in-line solve of the normal equations: the upper triangle `u` (one-based, diagonal first)
-// with the right side b, solution into x (b is left alone). A failed phase prints its message
-// with the solver's code on standard output ("\nERROR during symbolic factorization: %d" for
-// 121, "\nERROR during numerical factorization: %d" for 122, "\nERROR during solution: %d"
-// for 123) and throws that code on.
-void solveInLine(const SparseCsr& u, float* b, float* x);
+// with nrhs right sides of u.rows values each, one after the other in b, solutions into x in the
+// same layout (b is left alone); each solution is the same as when its right side is solved
+// alone. A failed phase prints its message with the solver's code on standard output
+// ("\nERROR during symbolic factorization: %d" for 121, "\nERROR during numerical
+// factorization: %d" for 122, "\nERROR during solution: %d" for 123) and throws that code on.
+void solveInLine(const SparseCsr& u, float* b, float* x, int nrhs = 1);
 
 }  // namespace qx

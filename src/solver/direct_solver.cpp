@@ -186,19 +186,24 @@ void solveInto(Session& s, cholmod_dense* R, cholmod_dense** X) {
         s.fail(kSolveFailed);
 }
 
-// Squared norm of R = B - A*X, left in R.
-double residual(Session& s, const cholmod_dense* X, cholmod_dense* R) {
+// R = B - A*X, left in R; the squared norm of each column goes to norms.
+void residual(Session& s, const cholmod_dense* X, cholmod_dense* R, std::vector<double>& norms) {
     std::memcpy(R->x, s.B->x, sizeof(double) * R->nrow * R->ncol);
     double minusOne[2] = {-1.0, 0.0}, one[2] = {1.0, 0.0};
     if (!cholmod_sdmult(s.A, 0, minusOne, one, const_cast<cholmod_dense*>(X), R, &s.c))
         s.fail(kSolveFailed);
     const double* r = static_cast<const double*>(R->x);
-    double sum = 0.0;
-    for (size_t i = 0; i < R->nrow * R->ncol; ++i) sum += r[i] * r[i];
-    return sum;
+    for (size_t j = 0; j < R->ncol; ++j) {
+        double sum = 0.0;
+        for (size_t i = 0; i < R->nrow; ++i) sum += r[j * R->nrow + i] * r[j * R->nrow + i];
+        norms[j] = sum;
+    }
 }
 
-// After a shifted factorisation: X += A_shifted \ (B - A*X) while that lowers the residual.
+// After a shifted factorisation: X += A_shifted \ (B - A*X) while that lowers the residual. Each
+// right-hand side is refined on its own terms (a column stops at the first step that doesn't
+// lower its own residual), so that a column comes out the same whether it is solved alone or
+// with others. Returns the most steps a column kept.
 int refine(Session& s, int steps) {
     struct Blocks {
         Session& s;
@@ -211,20 +216,35 @@ int refine(Session& s, int steps) {
     } w{s};
     const size_t n = s.B->nrow, nrhs = s.B->ncol;
     w.R = allocate(s, n, nrhs, n);
-    int kept = 0;
-    double norm = residual(s, s.X, w.R);
-    for (int step = 0; step < steps && norm > 0.0; ++step) {
+    std::vector<double> norm(nrhs), next(nrhs);
+    std::vector<char> active(nrhs);
+    std::vector<int> kept(nrhs, 0);
+    residual(s, s.X, w.R, norm);
+    for (size_t j = 0; j < nrhs; ++j) active[j] = norm[j] > 0.0;
+    for (int step = 0; step < steps; ++step) {
+        if (std::none_of(active.begin(), active.end(), [](char a) { return a != 0; })) break;
+        double* r = static_cast<double*>(w.R->x);
+        for (size_t j = 0; j < nrhs; ++j)  // a settled column's correction is not wanted
+            if (!active[j]) std::fill(r + j * n, r + (j + 1) * n, 0.0);
         solveInto(s, w.R, &w.D);
         double* d = static_cast<double*>(w.D->x);
-        const double* x = static_cast<const double*>(s.X->x);
+        double* x = static_cast<double*>(s.X->x);
         for (size_t i = 0; i < n * nrhs; ++i) d[i] += x[i];
-        const double next = residual(s, w.D, w.R);
-        if (!(next < norm)) break;
-        std::swap(s.X, w.D);
-        norm = next;
-        ++kept;
+        residual(s, w.D, w.R, next);
+        for (size_t j = 0; j < nrhs; ++j) {
+            if (!active[j]) continue;
+            if (!(next[j] < norm[j])) {
+                active[j] = 0;
+                continue;
+            }
+            std::copy(d + j * n, d + (j + 1) * n, x + j * n);
+            norm[j] = next[j];
+            ++kept[j];
+            active[j] = norm[j] > 0.0;
+        }
+        // R now holds the residual of every kept column; the others are settled.
     }
-    return kept;
+    return *std::max_element(kept.begin(), kept.end());
 }
 
 double secondsSince(std::chrono::steady_clock::time_point t0) {
@@ -439,6 +459,16 @@ double largestEntry(int n, const float* a, const int* ia, const int* ja) {
     return largest;
 }
 
+DirectSolveOptions inLineOptions() {
+    DirectSolveOptions o;
+    o.backend = Backend::Cholmod;
+    o.supernodal = false;  // simplicial, which factorises LDL' (CHOLMOD's final_ll stays 0)
+    o.memoryPath = false;
+    o.kickAfterAnalysis = false;
+    o.solutionInB = false;
+    return o;
+}
+
 DirectSolveTotals directSolveTotals() {
     std::lock_guard<std::mutex> lock(totalsLock);
     return totals;
@@ -500,6 +530,11 @@ int pardisoSolverICPlain(int n, const float* a, const int* ia, const int* ja, fl
     o.kickAfterAnalysis = false;
     o.solutionInB = false;
     return detail::directSolve(o, n, a, ia, ja, b, x, nrhs, mtype, nullptr);
+}
+
+int pardisoSolverInLine(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
+                        int nrhs, int mtype) {
+    return detail::directSolve(detail::inLineOptions(), n, a, ia, ja, b, x, nrhs, mtype, nullptr);
 }
 
 int pardisoSolverOOC(int n, const float* a, const int* ia, const int* ja, float* b, float* x,

@@ -56,6 +56,24 @@ int pardisoSolver(int n, const float* a, const int* ia, const int* ja, float* b,
 int pardisoSolverICPlain(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
                          int nrhs, int mtype);
 
+// In-line form of foreground recovery, for its normal equations: the plain form's contract (the
+// solution in x, every failure thrown, two kicks) on CHOLMOD's simplicial LDL' in double instead
+// of MUMPS. Those systems are nearly diagonal: a 2x2 block per pixel, coupled to the neighbours
+// only in the thin band where alpha changes; 50,000 to 70,000 unknowns, a factor of 1e5 to 3e7
+// flops. A multifrontal or supernodal code spends its time there on tens of thousands of tiny
+// fronts: MUMPS took 0.1-0.2 s a solve, mostly set-up, supernodal CHOLMOD 0.1-0.15 s, the
+// simplicial factorisation 0.01-0.08 s for three right sides. The blocks of pixels that no
+// gradient reaches (a cell's left column, where alpha is between 0.3 and 0.7) are singular up to
+// the rounding of their float entries: in float MUMPS finds them exactly singular, fixes them as
+// null pivots, and then can't refine the rest to the double system, so the system went to the
+// shifted CHOLMOD path; LL' in double sees half of them as tiny negative pivots and shifts. LDL'
+// takes those pivots as they are: their unknowns (never read) come out large, everything coupled
+// is solved to double accuracy. An exactly zero pivot still takes the shift-and-refine path, each
+// right-hand side refined on its own terms. Columns come out the same as when each is solved by
+// itself.
+int pardisoSolverInLine(int n, const float* a, const int* ia, const int* ja, float* b, float* x,
+                        int nrhs, int mtype);
+
 // The form for systems near the memory limit. Same contract as the matting form. The factor stays
 // in core; what changes is that the ordering is nested dissection (SCOTCH; CHOLMOD's NESDIS with
 // unpadded supernodes on the fallback path), which gives a smaller factor for a much longer
@@ -115,6 +133,9 @@ struct DirectSolveTotals {
 };
 DirectSolveTotals directSolveTotals();
 void resetDirectSolveTotals();
+
+// The options of pardisoSolverInLine.
+DirectSolveOptions inLineOptions();
 
 // The driver behind all forms; stats may be null.
 int directSolve(const DirectSolveOptions& options, int n, const float* a, const int* ia,

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "foreground/fb_solve.h"
+#include "frame/progress.h"
 #include "recovery_scene.h"
 
 namespace {
@@ -90,6 +91,31 @@ TEST(SolveForegroundBackground, DecidedPixelsKeepTheirColour) {
             for (int c = 0; c < 3; ++c) EXPECT_NEAR(p.data[c][i], before.data[c][i], 1) << i;
         }
     }
+}
+
+// The three planes share one factorisation, but progress ticks as for three solves: four ticks
+// while the system is built, five a plane (its right side, its products, the triangle, the
+// factorisation, the solve) and one at the end.
+TEST(SolveForegroundBackground, TicksTwentyTimes) {
+    static int kicks;
+    kicks = 0;
+    qx::setProgProc([](int, int, void*) { return ++kicks, 1; }, &kicks, 1 << 30, 1);
+    fgtest::Scene s = fgtest::discScene(20, 18, 6.0, 5.0);
+    Planes p(s);
+    EXPECT_EQ(solve(p, s.alpha, 0), 0);
+    qx::setProgProc(nullptr, nullptr, 0, 0);
+    EXPECT_EQ(kicks, 20);
+}
+
+// A plane's result doesn't depend on the planes solved with it: the planes rotated give the
+// results rotated.
+TEST(SolveForegroundBackground, EachPlaneComesOutAsIfSolvedAlone) {
+    fgtest::Scene s = fgtest::discScene(36, 30, 9.0, 10.0);
+    Planes p(s), rotated(s);
+    for (int c = 0; c < 3; ++c) rotated.data[c] = p.data[(c + 1) % 3];
+    ASSERT_EQ(solve(p, s.alpha, 0), 0);
+    ASSERT_EQ(solve(rotated, s.alpha, 0), 0);
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(rotated.data[c], p.data[(c + 1) % 3]) << c;
 }
 
 TEST(SolveForegroundBackground, BlockWithoutInteriorIsLeftAlone) {

@@ -199,18 +199,24 @@ TEST(DirectSolver, SmallPivotsAreNotNullPivots) {
     EXPECT_NEAR(b[1], 1.0f, 1e-5);
 }
 
-// The in-line solve of foreground recovery: the plain form on a semi-definite system in which
-// some rows are a lone explicit 0.0 on the diagonal. x receives the solution, b stays as it was.
-// Rows: 0-2 a chain [[2,-1,0],[-1,2,-1],[0,-1,2]] with right-hand side (1,0,1) -> (1,1,1); rows 3
-// and 5 empty; row 4 alone with 4 x = 2.
-TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
+// Rows 0-2 the chain [[2,-1,0],[-1,2,-1],[0,-1,2]], rows 3 and 5 a lone explicit 0.0 on the
+// diagonal, row 4 alone with the given value.
+Csr<float> chainAndZeroRows(double lone) {
     Csr<float> m;
     m.add(0, 2), m.add(1, -1), m.endRow();
     m.add(1, 2), m.add(2, -1), m.endRow();
     m.add(2, 2), m.endRow();
     m.add(3, 0.0), m.endRow();
-    m.add(4, 4), m.endRow();
+    m.add(4, lone), m.endRow();
     m.add(5, 0.0), m.endRow();
+    return m;
+}
+
+// The plain form on a semi-definite system in which some rows are a lone explicit 0.0 on the
+// diagonal. x receives the solution, b stays as it was. The chain's right-hand side (1,0,1) gives
+// (1,1,1); row 4 alone with 4 x = 2.
+TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
+    const Csr<float> m = chainAndZeroRows(4);
     const std::vector<float> rhs{1, 0, 1, 0, 2, 0};
     std::vector<float> b = rhs, x(6, 777.0f);
     qxtest::KickCounter counter;
@@ -219,6 +225,105 @@ TEST(DirectSolver, PlainFormSolvesAroundZeroRows) {
     EXPECT_EQ(b, rhs);
     EXPECT_EQ(x, (std::vector<float>{1, 1, 1, 0, 0.5f, 0}));
     EXPECT_EQ(counter.kicks, 2);
+}
+
+// The in-line form takes several right-hand sides in one factorisation, and each comes out
+// bit for bit as when it is solved alone, also on the shift-and-refine path, where each column is
+// refined on its own terms. The first matrix has two zero rows (an exactly zero pivot, so the
+// factorisation is shifted by 1e-8 of the largest entry, 1e4, which the chain's smallest eigenvalue
+// 0.59 feels at 2e-4); its third right side asks for something on a zero row, which no solution
+// gives, so that its refinement stalls at once while the others' goes on. The second is a
+// least-squares normal matrix like foreground recovery's: weakly coupled unknowns and an exactly
+// singular 2 x 2 block [[1,2],[2,4]] left alone.
+TEST(DirectSolver, InLineFormSolvesEachRightSideAsIfAlone) {
+    const Csr<float> zeroRows = chainAndZeroRows(1e4);
+    const std::vector<float> zeroRowsRhs{1, 0, 1, 0, 2e4f, 0,  -3, 2, 0.5f, 0, 1e4f, 0,
+                                         1, 0, 1, 5, 2, 0};
+
+    std::vector<double> dense(size_t(8 * 8), 0.0);
+    auto at = [&](int i, int j) -> double& { return dense[size_t(i * 8 + j)]; };
+    const double weights[5] = {1e4, 2e-6, 3e-3, 1e-5, 0.25};
+    for (int i = 0; i < 5; ++i) {  // a chain of weak couplings held at its first unknown
+        at(i, i) += weights[i] + 1e-4;
+        if (i + 1 < 5) {
+            const double c = 1e-3 * (i + 1);
+            at(i, i) += c, at(i + 1, i + 1) += c, at(i, i + 1) -= c, at(i + 1, i) -= c;
+        }
+    }
+    at(5, 5) = 1, at(5, 6) = at(6, 5) = 2, at(6, 6) = 4;  // rank 1
+    at(7, 7) = 0.5;
+    const auto chain = qxtest::fromDense<float>(dense, 8);
+    std::vector<float> chainRhs;
+    for (float scale : {1.0f, 255.0f, -7.5f})
+        for (float v : {1e4f, 0.0f, 1e-3f, 0.5f, 0.0f, 1.0f, 2.0f, 1.0f})
+            chainRhs.push_back(scale * v);
+
+    for (const auto& [m, rhs] : {std::pair{zeroRows, zeroRowsRhs}, std::pair{chain, chainRhs}}) {
+        const int n = m.n;
+        std::vector<float> b = rhs, x(rhs.size(), 777.0f);
+        qxtest::KickCounter counter;
+        ASSERT_EQ(qx::pardisoSolverInLine(n, m.a.data(), m.ia.data(), m.ja.data(), b.data(),
+                                          x.data(), 3, -2), 1);
+        EXPECT_EQ(counter.kicks, 2);
+        EXPECT_EQ(b, rhs);
+        for (int c = 0; c < 3; ++c) {
+            std::vector<float> bc(rhs.begin() + c * n, rhs.begin() + (c + 1) * n);
+            std::vector<float> xc(size_t(n), 777.0f);
+            ASSERT_EQ(qx::pardisoSolverInLine(n, m.a.data(), m.ia.data(), m.ja.data(), bc.data(),
+                                              xc.data(), 1, -2), 1);
+            EXPECT_EQ(xc, std::vector<float>(x.begin() + c * n, x.begin() + (c + 1) * n)) << c;
+        }
+    }
+    // The consistent columns are solved: the chain of the first matrix, its lone 1e4 x = 2e4.
+    std::vector<float> b = zeroRowsRhs, x(b.size());
+    qx::pardisoSolverInLine(6, zeroRows.a.data(), zeroRows.ia.data(), zeroRows.ja.data(),
+                            b.data(), x.data(), 3, -2);
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(x[size_t(i)], 1.0f, 1e-5);
+    EXPECT_NEAR(x[4], 2.0f, 1e-6);
+    // Column 2: the chain's inverse is [[3,2,1],[2,4,2],[1,2,3]] / 4, so (-3, 2, 0.5) gives
+    // (-1.125, 0.75, 0.625).
+    EXPECT_NEAR(x[6], -1.125f, 1e-5);
+    EXPECT_NEAR(x[7], 0.75f, 1e-5);
+    EXPECT_NEAR(x[8], 0.625f, 1e-5);
+    EXPECT_NEAR(x[10], 1.0f, 1e-6);
+}
+
+// The 2x2 block [[a*a, a*(1-a)], [a*(1-a), (1-a)*(1-a)]] of a pixel that only the compositing
+// equation reaches is singular, but with its entries rounded to float its determinant in double
+// is a tiny number of either sign. Where it is negative LL' must shift (the supernodal default
+// does); the in-line form's LDL' takes the pivot as it is, without a shift, and the coupled
+// unknowns beside the block are solved exactly.
+TEST(DirectSolver, InLineFormTakesRoundingSingularBlocksWithoutAShift) {
+    float a = 0, aa = 0, ab = 0, bb = 0;
+    for (int k = 77; k < 179; ++k) {  // alpha bytes of 0.3..0.7
+        a = float(k) * (1.0f / 255.0f);
+        const float b = 1.0f - a;
+        aa = a * a, ab = a * b, bb = b * b;
+        if (double(aa) * bb - double(ab) * ab < 0.0) break;
+    }
+    ASSERT_LT(double(aa) * bb - double(ab) * ab, 0.0);
+    // Unknowns 0, 1: [[3,-1],[-1,3]] with right side (2, 4) -> (1.25, 1.75); 2, 3: the block.
+    Csr<float> m;
+    m.add(0, 3), m.add(1, -1), m.endRow();
+    m.add(1, 3), m.endRow();
+    m.add(2, aa), m.add(3, ab), m.endRow();
+    m.add(3, bb), m.endRow();
+    const std::vector<float> rhs{2, 4, a * 100.0f, (1.0f - a) * 100.0f};
+
+    DirectSolveStats stats;
+    std::vector<float> b = rhs, x(4, 777.0f);
+    ASSERT_EQ(qx::detail::directSolve(qx::detail::inLineOptions(), 4, m.a.data(), m.ia.data(),
+                                      m.ja.data(), b.data(), x.data(), 1, -2, &stats), 1);
+    EXPECT_EQ(stats.backend, Backend::Cholmod);
+    EXPECT_EQ(stats.shift, 0.0);
+    EXPECT_FALSE(stats.ldlFallback);
+    EXPECT_NEAR(x[0], 1.25f, 1e-6);
+    EXPECT_NEAR(x[1], 1.75f, 1e-6);
+    EXPECT_TRUE(std::isfinite(x[2]) && std::isfinite(x[3]));
+
+    std::vector<float> b2 = rhs;  // LL' shifts for the same block
+    ASSERT_EQ(outcome(withBackend(Backend::Cholmod), m, b2, nullptr, &stats), 1);
+    EXPECT_GT(stats.shift, 0.0);
 }
 
 // [[1,2],[2,1]] is indefinite but factors without pivoting (pivots 1 and -3); [[0,1],[1,0]] needs
