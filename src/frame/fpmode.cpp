@@ -13,8 +13,10 @@ constexpr unsigned kDaz = 0x0040;     // MXCSR denormals-are-zero
 constexpr unsigned kUnderflowMask = 0x0800;
 
 thread_local int depth = 0;
-// Worker threads' saved modes, indexed by OpenMP thread number, for the outermost guard.
-std::vector<unsigned> workerSaved;
+// Worker threads' saved modes, indexed by OpenMP thread number, for the outermost guard of the
+// calling thread. Per host thread: each host thread that opens a parallel region gets its own
+// team of workers, and two host threads in exports at once must not share the record.
+thread_local std::vector<unsigned> workerSaved;
 
 unsigned withFlush(unsigned csr) { return csr | kFtz | kDaz | kUnderflowMask; }
 
