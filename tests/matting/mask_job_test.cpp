@@ -2,6 +2,9 @@
 // alpha, the hard-value rule, the final levels, progress and refusals.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cmath>
+
 #include <vector>
 
 #include "frame/memory.h"
@@ -39,6 +42,23 @@ TEST(MaskRun, ScaleOfTwoIsHalfAndAboveIsFree) {
     const auto third = qx::chooseMaskRun(100, 100, 0.0f, 120000.0 / 9.0);
     EXPECT_EQ(third.width, 33);
     EXPECT_EQ(third.height, 33);
+}
+
+TEST(MaskRun, NonFiniteAndNegativeCountsHaveADefinedRun) {
+    const double big = 3.5e9;
+    const auto nan = qx::chooseMaskRun(1000, 800, std::nanf(""), big);
+    const auto all = qx::chooseMaskRun(1000, 800, 800000.0f, big);  // every pixel undecided
+    EXPECT_EQ(nan.kind, all.kind);
+    EXPECT_EQ(nan.width, all.width);
+    EXPECT_EQ(nan.height, all.height);
+    // An estimate below 0 counts as 0: scale 0, direct.
+    const auto negative = qx::chooseMaskRun(100, 100, -1e30f, big);
+    EXPECT_EQ(negative.kind, RunKind::Direct);
+    EXPECT_EQ(negative.scale, 0.0);
+    // Infinity: a run of no pixels, which qxMaskAlpha refuses.
+    const auto inf = qx::chooseMaskRun(100, 100, INFINITY, big);
+    EXPECT_EQ(inf.kind, RunKind::Free);
+    EXPECT_EQ(inf.width, 0);
 }
 
 TEST(FinalLevels, RangesAndCaps) {
@@ -87,6 +107,9 @@ struct Job {
     int run(int hi = 255, int lo = 0) {
         return qxMaskAlpha(&req, 0, static_cast<float>(comp.unknownCount()), 255, 0, hi, lo);
     }
+    int runWithCount(float unknownPixels) {
+        return qxMaskAlpha(&req, 0, unknownPixels, 255, 0, 255, 0);
+    }
     // Only pixels given as exactly 0 or 255 may come out as 0 or 255.
     void expectHardValueRule() const {
         for (int y = 0; y < comp.height; ++y)
@@ -101,6 +124,24 @@ struct Job {
             }
     }
 };
+
+TEST(FinalLevels, LevelsAtTheIntLimitsDoNotOverflow) {
+    PaddedPlane p(4, 1);
+    const unsigned char in[4] = {0, 10, 42, 200};
+    auto run = [&](int hi, int lo) {
+        for (int x = 0; x < 4; ++x) p.at(x, 0) = in[x];
+        qx::Plane8 v(4, 1, p.data(), p.step);
+        qx::applyFinalLevels(v, hi, lo);
+    };
+    run(1 << 30, INT_MIN);  // a range far above 255: untouched
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
+    run(INT_MAX, INT_MIN);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
+    // A negative range counts as 1; the low byte of levelLow (INT_MAX: 255) is subtracted.
+    run(INT_MIN, INT_MAX);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), 0);
+    EXPECT_TRUE(p.padsIntact());
+}
 
 class MaskAlpha : public ::testing::Test {
 protected:
@@ -117,6 +158,16 @@ TEST_F(MaskAlpha, DirectRunRecoversAKnownAlpha) {
     // Twelve kicks of 10 on a total of 130: 130 itself is never reported.
     const std::vector<int> want = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120};
     EXPECT_EQ(job.progress, want);
+}
+
+TEST_F(MaskAlpha, NaNCountRunsAndInfiniteCountIsRefused) {
+    Job job(160, 120, 25, 40, 4);
+    const auto before = job.mask.bytes;
+    EXPECT_EQ(job.runWithCount(INFINITY), -1000);
+    EXPECT_EQ(job.mask.bytes, before);
+    EXPECT_EQ(job.runWithCount(std::nanf("")), 1);
+    EXPECT_LT(job.comp.meanError(job.mask), 0.015);
+    job.expectHardValueRule();
 }
 
 TEST_F(MaskAlpha, HalfSizeRunOnALargeImage) {
