@@ -3,8 +3,16 @@
  *
  * All pixel buffers belong to the caller. Planes are given as a pointer to the first byte and a
  * row step in bytes; the library never writes the pad bytes beyond a row's width. Calls run on
- * the caller's thread and fan out into parallel loops inside. The progress state is global:
- * jobs must not overlap.
+ * the caller's thread and fan out into parallel loops inside.
+ *
+ * Threads: the brushes and tools (qxDrawLine8u, qxFloodFillAlpha, qxColorRangeSelect,
+ * qxDesaturation, qxfilterIm8u), qxMaskBBox and the display functions (qxShowImageAlpha,
+ * qxScaleAlpha, qxShowKeepBlend, qxRGB2YCbCrAutoLevel, qxPreviewAutoLevel) may be called from
+ * several host threads at once on different buffers. The jobs that report progress (qxMaskAlpha,
+ * qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell, qxGrabCut, qxGrabCutEdgeGen,
+ * qxHairSelect) share the one progress state: run them one at a time. A GrabCut control belongs
+ * to one document and takes no lock. Each call puts the calling thread's floating-point mode
+ * back as it found it.
  *
  * Valid C99 and C++. Records are little-endian with 8-byte pointers; their layouts are fixed and
  * checked at compile time below.

@@ -27,13 +27,16 @@ FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
         // The team's worker threads are the library's hands for this call: switch them too.
         // This runs before the calling thread changes mode, because threads that the runtime
         // creates here inherit the caller's mode, and that is the mode to restore.
-        workerSaved.assign(static_cast<size_t>(omp_get_max_threads()), 0);
+        // The workers reach this thread's record through a pointer: inside the region the
+        // name workerSaved would mean each worker's own, empty, record.
+        std::vector<unsigned>* const saved = &workerSaved;
+        saved->assign(static_cast<size_t>(omp_get_max_threads()), 0);
 #pragma omp parallel
         {
             const int t = omp_get_thread_num();
-            if (t > 0 && t < static_cast<int>(workerSaved.size())) {
-                workerSaved[t] = _mm_getcsr();
-                _mm_setcsr(withFlush(workerSaved[t]));
+            if (t > 0 && t < static_cast<int>(saved->size())) {
+                (*saved)[t] = _mm_getcsr();
+                _mm_setcsr(withFlush((*saved)[t]));
             }
         }
     }
@@ -42,10 +45,11 @@ FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
 
 FpModeGuard::~FpModeGuard() {
     if (outer_ && !omp_in_parallel() && !workerSaved.empty()) {
+        const std::vector<unsigned>* const saved = &workerSaved;
 #pragma omp parallel
         {
             const int t = omp_get_thread_num();
-            if (t > 0 && t < static_cast<int>(workerSaved.size())) _mm_setcsr(workerSaved[t]);
+            if (t > 0 && t < static_cast<int>(saved->size())) _mm_setcsr((*saved)[t]);
         }
     }
     --depth;
