@@ -3,8 +3,6 @@
 #include <omp.h>
 #include <xmmintrin.h>
 
-#include <vector>
-
 namespace qx {
 namespace {
 
@@ -13,10 +11,11 @@ constexpr unsigned kDaz = 0x0040;     // MXCSR denormals-are-zero
 constexpr unsigned kUnderflowMask = 0x0800;
 
 thread_local int depth = 0;
-// Worker threads' saved modes, indexed by OpenMP thread number, for the outermost guard of the
-// calling thread. Per host thread: each host thread that opens a parallel region gets its own
-// team of workers, and two host threads in exports at once must not share the record.
-thread_local std::vector<unsigned> workerSaved;
+// A worker thread's own mode as the outermost guard of its host thread found it. Each host
+// thread that opens a parallel region gets its own team of workers, so this record is never
+// shared between two host threads' calls: nothing here needs a lock.
+thread_local unsigned workerSaved = 0;
+thread_local bool workerSwitched = false;
 
 unsigned withFlush(unsigned csr) { return csr | kFtz | kDaz | kUnderflowMask; }
 
@@ -27,16 +26,12 @@ FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
         // The team's worker threads are the library's hands for this call: switch them too.
         // This runs before the calling thread changes mode, because threads that the runtime
         // creates here inherit the caller's mode, and that is the mode to restore.
-        // The workers reach this thread's record through a pointer: inside the region the
-        // name workerSaved would mean each worker's own, empty, record.
-        std::vector<unsigned>* const saved = &workerSaved;
-        saved->assign(static_cast<size_t>(omp_get_max_threads()), 0);
 #pragma omp parallel
         {
-            const int t = omp_get_thread_num();
-            if (t > 0 && t < static_cast<int>(saved->size())) {
-                (*saved)[t] = _mm_getcsr();
-                _mm_setcsr(withFlush((*saved)[t]));
+            if (omp_get_thread_num() > 0) {
+                workerSaved = _mm_getcsr();
+                workerSwitched = true;
+                _mm_setcsr(withFlush(workerSaved));
             }
         }
     }
@@ -44,12 +39,13 @@ FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
 }
 
 FpModeGuard::~FpModeGuard() {
-    if (outer_ && !omp_in_parallel() && !workerSaved.empty()) {
-        const std::vector<unsigned>* const saved = &workerSaved;
+    if (outer_ && !omp_in_parallel()) {
 #pragma omp parallel
         {
-            const int t = omp_get_thread_num();
-            if (t > 0 && t < static_cast<int>(saved->size())) _mm_setcsr((*saved)[t]);
+            if (omp_get_thread_num() > 0 && workerSwitched) {
+                _mm_setcsr(workerSaved);
+                workerSwitched = false;
+            }
         }
     }
     --depth;
