@@ -39,7 +39,9 @@ bool drawBrushSegment(cv::Mat& plane, cv::Point p0, cv::Point p1, int radius, in
     const double x0 = p0.x, y0 = p0.y, dx = double(p1.x) - x0, dy = double(p1.y) - y0;
     double t0 = 0.0, t1 = 1.0;
     // The box's far side stays inside an int even for planes near the int limit.
-    const auto far = [margin](int extent) { return std::min(extent - 1 + margin, double(INT_MAX)); };
+    const auto far = [margin](int extent) {
+        return std::min(extent - 1 + margin, double(INT_MAX));
+    };
     if (!clipAxis(x0, dx, -margin, far(plane.cols), t0, t1) ||
         !clipAxis(y0, dy, -margin, far(plane.rows), t0, t1))
         return false;
