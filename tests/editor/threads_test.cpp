@@ -1,6 +1,7 @@
-// The editor tools, the mask box and the display functions called from several host threads at
-// once: each thread's results must be those of the same calls made one at a time, and each
-// thread's floating-point mode must come back as it was.
+// The editor tools (brushes, fills, filters, the hair brush and the tri-map band), the mask box
+// and the display functions called from several host threads at once: each thread's results
+// must be those of the same calls made one at a time, and each thread's floating-point mode
+// must come back as it was.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -52,6 +53,33 @@ std::vector<uint8_t> round(unsigned seed) {
     keep(qxDesaturation(image.data(), image.step, w, h, alpha.data(), alpha.step, 0.7f), image);
     PaddedPlane smooth = alpha;
     keep(qxfilterIm8u(smooth.data(), smooth.step, w, h, int(rng() % 2)), smooth);
+
+    // Hair brush over the image between two colours, and the tri-map band of a selection.
+    KeepCutRequest hair{};
+    hair.srcImage = image.data();
+    hair.srcStep = image.step;
+    hair.alphaPlane = alpha.data();
+    hair.alphaStep = alpha.step;
+    hair.fullWidth = w;
+    hair.fullHeight = h;
+    uint8_t fore[3] = {250, 240, 230}, back[3] = {5, 10, 15};
+    hair.foreColor = fore;
+    hair.backColor = back;
+    PaddedPlane hairAlpha = alpha;
+    hair.alphaPlane = hairAlpha.data();
+    keep(int(qxHairSelect(&hair, 10, 12, w - 12, h - 10, 3 + rng() % 4)), hairAlpha);
+    PaddedPlane selection(w, h, 1, 0, 3), trimap(w, h, 1, 99, 1);
+    for (int y = h / 4; y < h * 3 / 4; ++y)
+        for (int x = w / 5 + int(rng() % 3); x < w * 4 / 5; ++x) selection.at(x, y) = 254;
+    GrabCutRequest band{};
+    band.mask = trimap.data();
+    band.maskStep = trimap.step;
+    band.result = selection.data();
+    band.resultStep = selection.step;
+    band.width = band.roiWidth = w;
+    band.height = band.roiHeight = h;
+    qxGrabCutEdgeGen(&band, 4 + int(rng() % 5));
+    keep(1, trimap);
 
     // Mask box of the code plane.
     int box[6];
