@@ -3,8 +3,16 @@
  *
  * All pixel buffers belong to the caller. Planes are given as a pointer to the first byte and a
  * row step in bytes; the library never writes the pad bytes beyond a row's width. Calls run on
- * the caller's thread and fan out into parallel loops inside. The progress state is global:
- * jobs must not overlap.
+ * the caller's thread and fan out into parallel loops inside.
+ *
+ * Threads: the brushes and tools (qxDrawLine8u, qxFloodFillAlpha, qxColorRangeSelect,
+ * qxDesaturation, qxfilterIm8u), qxMaskBBox and the display functions (qxShowImageAlpha,
+ * qxScaleAlpha, qxShowKeepBlend, qxRGB2YCbCrAutoLevel, qxPreviewAutoLevel) may be called from
+ * several host threads at once on different buffers. The jobs that report progress (qxMaskAlpha,
+ * qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell, qxGrabCut, qxGrabCutEdgeGen,
+ * qxHairSelect) share the one progress state: run them one at a time. A GrabCut control belongs
+ * to one document and takes no lock. Each call puts the calling thread's floating-point mode
+ * back as it found it.
  *
  * Valid C99 and C++. Records are little-endian with 8-byte pointers; their layouts are fixed and
  * checked at compile time below.
@@ -184,7 +192,10 @@ QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width, 
 
 /* Closed-form alpha from a tri-map, in place on request->mask. unknownPixels: the caller's
  * count of undecided pixels (budget estimate). Codes <= bgCode are background, >= fgCode
- * foreground. The final levels stretch [levelLow, levelHigh] to [0, 255].
+ * foreground. The final levels stretch [levelLow, levelHigh] to [0, 255] (the range is formed
+ * without overflow: 255 or more leaves the alpha, 0 or less counts as 1). A NaN unknownPixels
+ * is taken as every pixel undecided, a count whose estimate falls below 0 as 0; a count so
+ * large that the reduced run would have no pixel (infinity) is refused (-1000, nothing written).
  * Returns 1 on success; e - 1000 for an internal failure e (-898 out of memory for an image,
  * -897 guard row overwritten, -888/-887 out of memory for an image over 5000 wide/high,
  * -1001 system too large, -879..-877 solver phase, -875 solver out of memory, -870 array
@@ -314,6 +325,9 @@ QX_API int64_t qxHairSelect(KeepCutRequest* request, int x1, int y1, int x2, int
 
 /* Draws one brush segment (cv::line thickness 2*radius+1, 8-connected) into the code plane.
  * mode 0 writes 1, 1 writes 255, 2 writes 126, 3 writes (value & 254) + 1, others 0.
+ * Any int coordinates work: an end more than 2^20 pixels beyond the plane is moved along the
+ * segment to just outside the brush's reach before drawing (same line; the stroke's edge may
+ * then fall one pixel otherwise than cv::line would place it).
  * step 0 means width. Returns 1; refusal (NULL mask, width or height < 1, radius negative or
  * over 16383, step negative or 0 < step < width): returns 0 and writes nothing. */
 QX_API int qxDrawLine8u(unsigned char* mask, int step, int width, int height, int x0, int y0,
@@ -356,7 +370,7 @@ QX_API void qxShowKeepBlend(unsigned char* image, int imageStep, int width, int 
 
 /* Brush that writes code 255 (foreground != 0) or 1 into unfixed mask pixels under the stroke
  * whose colour lies within tolerance of colour (3 bytes, reverse pixel order): squared distance
- * strictly below tolerance*tolerance, a 32-bit unsigned product.
+ * strictly below tolerance*tolerance, a 32-bit unsigned product. Far stroke ends as qxDrawLine8u.
  * Returns 1; refusal (NULL request, image, mask or colour, width or height < 1, steps smaller
  * than a row, radius negative or over 16383): returns 0 and writes nothing. */
 QX_API int qxColorRangeSelect(GrabCutRequest* request, int x0, int y0, int x1, int y1,

@@ -3,8 +3,6 @@
 #include <omp.h>
 #include <xmmintrin.h>
 
-#include <vector>
-
 namespace qx {
 namespace {
 
@@ -13,8 +11,11 @@ constexpr unsigned kDaz = 0x0040;     // MXCSR denormals-are-zero
 constexpr unsigned kUnderflowMask = 0x0800;
 
 thread_local int depth = 0;
-// Worker threads' saved modes, indexed by OpenMP thread number, for the outermost guard.
-std::vector<unsigned> workerSaved;
+// A worker thread's own mode as the outermost guard of its host thread found it. Each host
+// thread that opens a parallel region gets its own team of workers, so this record is never
+// shared between two host threads' calls: nothing here needs a lock.
+thread_local unsigned workerSaved = 0;
+thread_local bool workerSwitched = false;
 
 unsigned withFlush(unsigned csr) { return csr | kFtz | kDaz | kUnderflowMask; }
 
@@ -25,13 +26,12 @@ FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
         // The team's worker threads are the library's hands for this call: switch them too.
         // This runs before the calling thread changes mode, because threads that the runtime
         // creates here inherit the caller's mode, and that is the mode to restore.
-        workerSaved.assign(static_cast<size_t>(omp_get_max_threads()), 0);
 #pragma omp parallel
         {
-            const int t = omp_get_thread_num();
-            if (t > 0 && t < static_cast<int>(workerSaved.size())) {
-                workerSaved[t] = _mm_getcsr();
-                _mm_setcsr(withFlush(workerSaved[t]));
+            if (omp_get_thread_num() > 0) {
+                workerSaved = _mm_getcsr();
+                workerSwitched = true;
+                _mm_setcsr(withFlush(workerSaved));
             }
         }
     }
@@ -39,11 +39,13 @@ FpModeGuard::FpModeGuard() : saved_(_mm_getcsr()), outer_(depth++ == 0) {
 }
 
 FpModeGuard::~FpModeGuard() {
-    if (outer_ && !omp_in_parallel() && !workerSaved.empty()) {
+    if (outer_ && !omp_in_parallel()) {
 #pragma omp parallel
         {
-            const int t = omp_get_thread_num();
-            if (t > 0 && t < static_cast<int>(workerSaved.size())) _mm_setcsr(workerSaved[t]);
+            if (omp_get_thread_num() > 0 && workerSwitched) {
+                _mm_setcsr(workerSaved);
+                workerSwitched = false;
+            }
         }
     }
     --depth;

@@ -1,5 +1,8 @@
 #include "frame/progress.h"
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <mutex>
 
 namespace qx {
@@ -45,9 +48,12 @@ int setProgRange(int total, int step) {
 }
 
 int progressKick() {
-    if (progProc == nullptr || progParam == nullptr) return 1;
+    // The callback and its parameter are read under the lock: another thread may be installing
+    // a job's callback at the same moment.
     std::lock_guard<std::mutex> lock(progressLock());
-    int next = progCurrent + progStep;
+    if (progProc == nullptr || progParam == nullptr) return 1;
+    // 64-bit sum: a step near the int limit must not overflow on the way to the fall-back.
+    int next = static_cast<int>(std::min<int64_t>(int64_t(progCurrent) + progStep, INT_MAX));
     if (next >= progTotal) next = progTotal / 2;
     progCurrent = next;
     return progProc(next, progTotal, progParam);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 namespace qx {
 namespace {
@@ -13,10 +14,18 @@ char traceDir[512] = "/tmp/";
 char traceFile[1100] = "/tmp/qxdlltrace.txt";
 int traceCounter = 0;
 
+// The trace state is process-global; host threads may call exports (and the set-up) at once.
+// Recursive: setTrace writes its own log entries.
+std::recursive_mutex& traceLock() {
+    static std::recursive_mutex m;
+    return m;
+}
+
 // One log entry: the file is opened and closed again for every entry, so that a crash loses
 // nothing. The format takes the running number first.
 template <typename Value>
 int writeEntry(const char* format, const char* label, Value value) {
+    std::lock_guard<std::recursive_mutex> lock(traceLock());
     if ((traceMask & 1u) == 0) return 0;
     FILE* f = std::fopen(traceFile, "a");
     if (!f) return 0;
@@ -30,6 +39,7 @@ int writeEntry(const char* format, const char* label, Value value) {
 int dumpImage(const char* format, const char* magic, int samplesPerPixel, const void* pixels,
               int width, int height, int rowStep, int pixelStep, bool swap, bool eightBit,
               bool known) {
+    std::lock_guard<std::recursive_mutex> lock(traceLock());
     if ((traceMask & 2u) == 0) return 0;
     char name[1100];
     std::snprintf(name, sizeof name, format, traceDir, traceCounter);
@@ -74,6 +84,7 @@ int dumpImage(const char* format, const char* magic, int samplesPerPixel, const 
 }  // namespace
 
 int setTrace(unsigned mask, const char* dir) {
+    std::lock_guard<std::recursive_mutex> lock(traceLock());
     traceMask = mask;
     if (dir) {
         std::strncpy(traceDir, dir, sizeof traceDir - 1);
@@ -84,7 +95,10 @@ int setTrace(unsigned mask, const char* dir) {
     return traceInt("setTrace - traceMask: ", static_cast<int>(mask));
 }
 
-unsigned isTrace() { return traceMask; }
+unsigned isTrace() {
+    std::lock_guard<std::recursive_mutex> lock(traceLock());
+    return traceMask;
+}
 
 int traceMsg(const char* label, const char* text) {
     return writeEntry("<<<<%d: %s\n -- %s \n>>>>\n", label, text);
@@ -112,6 +126,9 @@ int tracePGM(const void* pixels, int width, int height, int rowStep, int pixelSt
 }
 
 const char* traceFilePath() { return traceFile; }
-int traceCounterValue() { return traceCounter; }
+int traceCounterValue() {
+    std::lock_guard<std::recursive_mutex> lock(traceLock());
+    return traceCounter;
+}
 
 }  // namespace qx

@@ -4,7 +4,9 @@
 // exactly 0 or 255 can come back as 0 or 255.
 #include "matting/mask_job.h"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -117,6 +119,7 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     Copy(*mask, savedTri);
 
     const RunChoice run = chooseMaskRun(width, height, unknownPixels, maskBudget());
+    if (run.width < 1 || run.height < 1) return -1000;  // nothing written yet
     Plane8* full[3] = {colour[0].get(), colour[1].get(), colour[2].get()};
     if (run.kind == RunKind::Direct) {
         qxMaskProc(full, *mask, 0, fgCode, bgCode, levelHigh, levelLow);
@@ -177,7 +180,12 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
     // The per-unknown product is formed in single precision.
     const double need = static_cast<double>(static_cast<float>(kBytesPerUnknown) * unknownPixels) +
                         kBytesPerPixel * (static_cast<double>(width) * static_cast<double>(height));
-    const double scale = std::sqrt(need / budget);
+    // A NaN count, or one so negative that the estimate falls below 0, would give a NaN scale
+    // and an undefined conversion of the run size. A NaN count is taken as every pixel
+    // undecided (the safe estimate); an estimate below 0 as 0.
+    if (std::isnan(unknownPixels))
+        return chooseMaskRun(width, height, static_cast<float>(double(width) * height), budget);
+    const double scale = std::sqrt(std::max(need, 0.0) / budget);
     RunChoice run{RunKind::Direct, width, height, scale};
     if (scale <= 1.0 && static_cast<double>(width) * height < kDirectPixelLimit &&
         unknownPixels < kDirectUnknownLimit)
@@ -188,6 +196,8 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
         run.height = height / 2;
     } else {
         run.kind = RunKind::Free;
+        // scale > 2 here, so both quotients lie in [0, size / 2]: the conversion is defined.
+        // A run below 1 pixel (an infinite or absurd count) is refused by the caller.
         run.width = static_cast<int>(width / scale);
         run.height = static_cast<int>(height / scale);
     }
@@ -219,9 +229,11 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
 }
 
 void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow) {
-    int range = levelHigh - levelLow;
-    if (range <= 0) range = 1;
-    if (range >= 255) return;
+    // 64-bit difference: levels near the int limits must not overflow. Any range of 255 or
+    // more leaves the mask, any empty or negative range counts as 1.
+    const int64_t wide = int64_t(levelHigh) - levelLow;
+    if (wide >= 255) return;
+    const int range = wide <= 0 ? 1 : static_cast<int>(wide);
     mask.status = prim::subC_8u_C1IS(static_cast<uint8_t>(levelLow), mask.data, mask.step,
                                      mask.size(), 0);
     const int gain = std::min(16320 / range, 255);

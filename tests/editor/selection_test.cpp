@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 
 #include "editor/padded_plane.h"
@@ -80,6 +81,39 @@ TEST(ColorRangeSelect, StrokesOutsideThePlaneSelectNothing) {
     EXPECT_EQ(qxColorRangeSelect(&s.request, 5, 2000000000, 5, 2000000000, 16383, colour, 10, 1),
               1);
     EXPECT_EQ(s.mask.buf, before);
+}
+
+TEST(ColorRangeSelect, FarStrokeEndsSelectWhatTheNearPartCovers) {
+    // An end at the int limits killed the process (the brush is drawn with cv::line). The
+    // stroke from (3, INT_MIN) to (3, 4) covers what the same stroke from just above the plane
+    // covers: columns 1..5 of rows 0..4, and the round cap reaching row 6 at column 3.
+    const uint8_t colour[3] = {30, 20, 10};
+    Selection far, near;
+    EXPECT_EQ(qxColorRangeSelect(&far.request, 3, INT_MIN, 3, 4, 2, colour, 10, 1), 1);
+    EXPECT_EQ(qxColorRangeSelect(&near.request, 3, -30, 3, 4, 2, colour, 10, 1), 1);
+    EXPECT_EQ(far.mask.buf, near.mask.buf);
+    EXPECT_TRUE(far.mask.padsIntact());
+    EXPECT_EQ(far.mask.at(1, 0), 255);
+    EXPECT_EQ(far.mask.at(5, 4), 255);
+    EXPECT_EQ(far.mask.at(3, 6), 255);
+    EXPECT_EQ(far.mask.at(3, 7), 126);
+    EXPECT_EQ(far.mask.at(6, 2), 126);
+
+    // Both ends at opposite limits, through the plane along row 5.
+    Selection across, ref;
+    EXPECT_EQ(qxColorRangeSelect(&across.request, INT_MIN, 5, INT_MAX, 5, 1, colour, 10, 1), 1);
+    EXPECT_EQ(qxColorRangeSelect(&ref.request, -20, 5, 40, 5, 1, colour, 10, 1), 1);
+    EXPECT_EQ(across.mask.buf, ref.mask.buf);
+    EXPECT_EQ(across.selected(255), 3 * 12);
+
+    for (int radius : {0, 1, 7, 16383}) {
+        Selection s;
+        EXPECT_EQ(qxColorRangeSelect(&s.request, INT_MAX, INT_MIN, INT_MIN, INT_MAX, radius,
+                                     colour, 10, 0),
+                  1);
+        EXPECT_TRUE(s.mask.padsIntact());
+        EXPECT_EQ(s.selected(1) + s.selected(126), 12 * 10);
+    }
 }
 
 TEST(ColorRangeSelect, RefusesBadArgumentsWithoutWriting) {

@@ -2,6 +2,9 @@
 // alpha, the hard-value rule, the final levels, progress and refusals.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cmath>
+
 #include <vector>
 
 #include "frame/memory.h"
@@ -41,6 +44,23 @@ TEST(MaskRun, ScaleOfTwoIsHalfAndAboveIsFree) {
     EXPECT_EQ(third.height, 33);
 }
 
+TEST(MaskRun, NonFiniteAndNegativeCountsHaveADefinedRun) {
+    const double big = 3.5e9;
+    const auto nan = qx::chooseMaskRun(1000, 800, std::nanf(""), big);
+    const auto all = qx::chooseMaskRun(1000, 800, 800000.0f, big);  // every pixel undecided
+    EXPECT_EQ(nan.kind, all.kind);
+    EXPECT_EQ(nan.width, all.width);
+    EXPECT_EQ(nan.height, all.height);
+    // An estimate below 0 counts as 0: scale 0, direct.
+    const auto negative = qx::chooseMaskRun(100, 100, -1e30f, big);
+    EXPECT_EQ(negative.kind, RunKind::Direct);
+    EXPECT_EQ(negative.scale, 0.0);
+    // Infinity: a run of no pixels, which qxMaskAlpha refuses.
+    const auto inf = qx::chooseMaskRun(100, 100, INFINITY, big);
+    EXPECT_EQ(inf.kind, RunKind::Free);
+    EXPECT_EQ(inf.width, 0);
+}
+
 TEST(FinalLevels, RangesAndCaps) {
     PaddedPlane p(4, 1);
     const unsigned char in[4] = {0, 10, 42, 200};
@@ -51,6 +71,14 @@ TEST(FinalLevels, RangesAndCaps) {
     };
     run(255, 0);  // full range: untouched
     for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
+    // Levels at the int limits: the range is not an overflowing int subtraction.
+    run(1 << 30, INT_MIN);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
+    run(INT_MAX, INT_MIN);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
+    // A negative range counts as 1; the low byte of levelLow (INT_MAX: 255) is subtracted.
+    run(INT_MIN, INT_MAX);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), 0);
     run(50, 50);  // empty range counts as 1: multiplier 255, (v - 50) * 255 / 64
     EXPECT_EQ(p.at(0, 0), 0);
     EXPECT_EQ(p.at(2, 0), 0);
@@ -87,6 +115,9 @@ struct Job {
     int run(int hi = 255, int lo = 0) {
         return qxMaskAlpha(&req, 0, static_cast<float>(comp.unknownCount()), 255, 0, hi, lo);
     }
+    int runWithCount(float unknownPixels) {
+        return qxMaskAlpha(&req, 0, unknownPixels, 255, 0, 255, 0);
+    }
     // Only pixels given as exactly 0 or 255 may come out as 0 or 255.
     void expectHardValueRule() const {
         for (int y = 0; y < comp.height; ++y)
@@ -117,6 +148,16 @@ TEST_F(MaskAlpha, DirectRunRecoversAKnownAlpha) {
     // Twelve kicks of 10 on a total of 130: 130 itself is never reported.
     const std::vector<int> want = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120};
     EXPECT_EQ(job.progress, want);
+}
+
+TEST_F(MaskAlpha, NaNCountRunsAndInfiniteCountIsRefused) {
+    Job job(160, 120, 25, 40, 4);
+    const auto before = job.mask.bytes;
+    EXPECT_EQ(job.runWithCount(INFINITY), -1000);
+    EXPECT_EQ(job.mask.bytes, before);
+    EXPECT_EQ(job.runWithCount(std::nanf("")), 1);
+    EXPECT_LT(job.comp.meanError(job.mask), 0.015);
+    job.expectHardValueRule();
 }
 
 TEST_F(MaskAlpha, HalfSizeRunOnALargeImage) {
