@@ -29,11 +29,7 @@ void showAlpha(Input& in, const PlaneShape& s) {
     const char* call = "qxShowImageAlpha";
     alpha.checkUntouched(call);
     colour.checkUntouched(call);
-    if (refuse) {
-        expect(rc == 0, "refusal not reported", call);
-        image.checkUntouched(call);
-        return;
-    }
+    if (refused(refuse, rc, 0, call, image)) return;
     expect(rc == 1, "status other than 1", call);
     if (style < 1 || style > 6) image.checkUntouched(call);
     else image.checkWritable(call);
@@ -45,17 +41,10 @@ void scale(Input& in, const PlaneShape& s) {
     const uint8_t high = in.byte(), low = in.flag() ? high : in.byte();
     const int keepFixed = in.range<int>(0, 2);
     const bool refuse = !validShape(s.width, s.height, s.step, 1) || high == low;
-    std::vector<uint8_t> before;
-    if (!refuse)
-        for (int y = 0; y < s.height; ++y)
-            for (int x = 0; x < s.width; ++x) before.push_back(alpha.at(x, y));
+    const std::vector<uint8_t> before = alpha.pixels();
     const int rc = qxScaleAlpha(alpha.data(), s.step, s.width, s.height, high, low, keepFixed);
     const char* call = "qxScaleAlpha";
-    if (refuse) {
-        expect(rc == 0, "refusal not reported", call);
-        alpha.checkUntouched(call);
-        return;
-    }
+    if (refused(refuse, rc, 0, call, alpha)) return;
     expect(rc == 1, "status other than 1", call);
     alpha.checkWritable(call);
     if (!keepFixed) return;
@@ -101,11 +90,8 @@ void ycbcr(Input& in, const PlaneShape& s) {
     const int view = in.wideInt(-1, 5), level = in.wideInt(-2, 300);
     const int rc = qxRGB2YCbCrAutoLevel(image.data(), s.step, s.width, s.height, view, level);
     const char* call = "qxRGB2YCbCrAutoLevel";
-    if (!validShape(s.width, s.height, s.step, 3) || view < 0 || view > 4) {
-        expect(rc == 0, "refusal not reported", call);
-        image.checkUntouched(call);
-        return;
-    }
+    const bool refuse = !validShape(s.width, s.height, s.step, 3) || view < 0 || view > 4;
+    if (refused(refuse, rc, 0, call, image)) return;
     expect(rc == 1, "status other than 1", call);
     image.checkWritable(call);
 }
@@ -115,17 +101,10 @@ void previewLevel(Input& in, const PlaneShape& s) {
     image.fill(in, false);
     const float level = in.wideFloat(0.0f, 300.0f);
     const bool refuse = !validShape(s.width, s.height, s.step, 3);
-    std::vector<uint8_t> before;
-    if (!refuse)
-        for (int y = 0; y < s.height; ++y)
-            for (int i = 0; i < s.width * 3; ++i) before.push_back(image.at(i, y));
+    const std::vector<uint8_t> before = image.pixels();
     const int rc = qxPreviewAutoLevel(image.data(), s.step, s.width, s.height, level);
     const char* call = "qxPreviewAutoLevel";
-    if (refuse) {
-        expect(rc == 0, "refusal not reported", call);
-        image.checkUntouched(call);
-        return;
-    }
+    if (refused(refuse, rc, 0, call, image)) return;
     expect(rc == 1, "status other than 1", call);
     image.checkWritable(call);
     size_t k = 0;
@@ -141,6 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int which = in.range<int>(0, 4);
     const int bpp = which == 0 || which == 2 ? 4 : which == 1 ? 1 : 3;
     const PlaneShape s = shapeFor(in, 48, 48, bpp);
+    trace("display function %d, plane %dx%d step %d\n", which, s.width, s.height, s.step);
     switch (which) {
     case 0: showAlpha(in, s); break;
     case 1: scale(in, s); break;

@@ -13,9 +13,7 @@ namespace {
 bool validRadius(int r) { return r >= 0 && r <= 16383; }
 
 void drawLineChecked(Input& in, HostPlane& mask, int w, int h) {
-    std::vector<uint8_t> before(size_t(w) * h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) before[size_t(y) * w + x] = mask.at(x, y);
+    const std::vector<uint8_t> before = mask.pixels();
     const int x0 = brushCoordinate(in.wideInt(-8, w + 8));
     const int y0 = brushCoordinate(in.wideInt(-8, h + 8));
     const int x1 = brushCoordinate(in.wideInt(-8, w + 8));
@@ -29,11 +27,7 @@ void drawLineChecked(Input& in, HostPlane& mask, int w, int h) {
           x0, y0, x1, y1, radius, mode, value);
     const int rc = qxDrawLine8u(mask.data(), step, w, h, x0, y0, x1, y1, radius, mode, value);
     const char* call = "qxDrawLine8u";
-    if (!validRadius(radius)) {
-        expect(rc == 0, "refusal not reported", call);
-        mask.checkUntouched(call);
-        return;
-    }
+    if (refused(!validRadius(radius), rc, 0, call, mask)) return;
     expect(rc == 1, "status other than 1", call);
     mask.checkWritable(call);
     for (int y = 0; y < h; ++y)
@@ -109,9 +103,7 @@ void colourRange(Input& in, HostPlane& image, HostPlane& mask, int w, int h) {
     const unsigned tolerance =
         in.flag() ? in.range<unsigned>(0, 200) : in.range<unsigned>(0, 0xFFFFFFFFu);
     const uint8_t fg = in.range<uint8_t>(0, 2);
-    std::vector<uint8_t> before(size_t(w) * h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) before[size_t(y) * w + x] = mask.at(x, y);
+    const std::vector<uint8_t> before = mask.pixels();
     image.snapshot();
     mask.snapshot();
     trace("qxColorRangeSelect %dx%d (%d,%d)-(%d,%d) radius %d tolerance %u fg %d\n", w, h, x0, y0,
@@ -119,11 +111,7 @@ void colourRange(Input& in, HostPlane& image, HostPlane& mask, int w, int h) {
     const int rc = qxColorRangeSelect(&req, x0, y0, x1, y1, radius, colour, tolerance, fg);
     const char* call = "qxColorRangeSelect";
     image.checkUntouched(call);
-    if (!validRadius(radius)) {
-        expect(rc == 0, "refusal not reported", call);
-        mask.checkUntouched(call);
-        return;
-    }
+    if (refused(!validRadius(radius), rc, 0, call, mask)) return;
     expect(rc == 1, "status other than 1", call);
     mask.checkWritable(call);
     for (int y = 0; y < h; ++y)

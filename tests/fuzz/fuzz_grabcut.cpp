@@ -86,7 +86,11 @@ void cut(Input& in, Session& s, bool expectRefusal) {
                                                             : std::vector<uint8_t>();
     void* const controlBefore = s.req.control;
     s.snapshot();
+    trace("qxGrabCut %dx%d steps %d %d %d result %d roi %d,%d %dx%d control %p\n", s.w, s.h,
+          s.req.imageStep, s.req.maskStep, s.req.resultStep, int(s.withResult), s.req.roiLeft,
+          s.req.roiTop, s.req.roiWidth, s.req.roiHeight, s.req.control);
     const int rc = qxGrabCut(&s.req, in.byte());
+    trace("  -> %d\n", rc);
     const char* call = "qxGrabCut";
     if (refuse) {
         expect(rc == 0, "refusal not reported", call);
@@ -131,6 +135,7 @@ void edgeGen(Input& in, Session& s) {
                         band > 32767;
     const auto resultBytes = !refuse ? s.roiBytes(s.result) : std::vector<uint8_t>();
     s.snapshot();
+    trace("qxGrabCutEdgeGen band %d\n", band);
     qxGrabCutEdgeGen(&s.req, band);
     const char* call = "qxGrabCutEdgeGen";
     s.image.checkUntouched(call);

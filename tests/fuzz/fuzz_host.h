@@ -214,6 +214,14 @@ public:
             }
         return true;
     }
+    // The pixel bytes, row after row without pads (for comparisons before and after a call).
+    std::vector<uint8_t> pixels() {
+        std::vector<uint8_t> v;
+        v.reserve(rowBytes_ * height_);
+        for (int y = 0; y < height_; ++y)
+            for (size_t i = 0; i < rowBytes_; ++i) v.push_back(at(i, y));
+        return v;
+    }
     uint8_t& at(size_t byteInRow, int y) {
         const size_t pitch = stepValid() ? size_t(step_) : rowBytes_;
         return mem_[kGuard + size_t(y) * pitch + byteInRow];
@@ -234,6 +242,15 @@ private:
     size_t rowBytes_ = 0, body_ = 0;
     std::vector<uint8_t> mem_, before_;
 };
+
+// A call that had to refuse reports `code` and leaves every given buffer as it was.
+template <class Status, class... Buffers>
+bool refused(bool refuse, Status rc, Status code, const char* call, const Buffers&... buffers) {
+    if (!refuse) return false;
+    expect(rc == code, "refusal not reported", call);
+    (buffers.checkUntouched(call), ...);
+    return true;
+}
 
 // Width, height and step of a plane as a hostile host might give them: mostly sane (1..max,
 // a few pad bytes), now and then zero, negative or a step smaller than a row.

@@ -46,7 +46,7 @@ struct Document {
         aux.snapshot();
         colours.snapshot();
     }
-    void checkUntouched(const char* call) {
+    void checkUntouched(const char* call) const {
         src.checkUntouched(call);
         alpha.checkUntouched(call);
         dst.checkUntouched(call);
@@ -103,10 +103,7 @@ void keepCut(Input& in, Document& d, KeepCutRequest& r) {
     const bool needsDst = !window || r.recoverFlag != 0;
     const bool refuse = !regionValid(r) || !d.planesValid(needsDst) ||
                         (needsDst && r.dstImage == nullptr);
-    std::vector<uint8_t> before;
-    if (!refuse)
-        for (int y = 0; y < d.fh; ++y)
-            for (int x = 0; x < d.fw; ++x) before.push_back(d.alpha.at(x, y));
+    const std::vector<uint8_t> before = d.alpha.pixels();
     d.snapshot();
     trace("qxKeepCutToAlpha full %dx%d roi %d,%d %dx%d regionMode %d recover %d merge %d "
           "hiRes %d steps %d %d %d %d dst %p\n",
@@ -116,11 +113,7 @@ void keepCut(Input& in, Document& d, KeepCutRequest& r) {
     const int rc = qxKeepCutToAlpha(&r, hiRes);
     trace("  -> %d\n", rc);
     const char* call = "qxKeepCutToAlpha";
-    if (refuse) {
-        expect(rc == -1000, "refusal not reported", call);
-        d.checkUntouched(call);
-        return;
-    }
+    if (refused(refuse, rc, -1000, call, d)) return;
     d.src.checkUntouched(call);
     d.aux.checkUntouched(call);
     d.colours.checkUntouched(call);
@@ -166,13 +159,11 @@ void recover(Input& in, Document& d, KeepCutRequest& r) {
         for (int y = 0; y < d.fh; ++y)
             for (int x = 0; x < d.fw; ++x) byte3.push_back(d.dst.at(size_t(x) * 4 + 3, y));
     d.snapshot();
+    trace("%s full %dx%d roi %d,%d %dx%d regionMode %d\n", cell ? "cell" : "whole", d.fw, d.fh,
+          r.roiX, r.roiY, r.roiWidth, r.roiHeight, r.regionMode);
     const int64_t rc = cell ? qxRecoverForegroundCell(&r, 0) : qxRecoverForeground(&r, in.byte());
     const char* call = cell ? "qxRecoverForegroundCell" : "qxRecoverForeground";
-    if (refuse) {
-        expect(rc == -2, "refusal not reported", call);
-        d.checkUntouched(call);
-        return;
-    }
+    if (refused(refuse, rc, int64_t(-2), call, d)) return;
     d.src.checkUntouched(call);
     d.alpha.checkUntouched(call);
     d.aux.checkUntouched(call);
@@ -208,11 +199,9 @@ void hair(Input& in, Document& d, KeepCutRequest& r) {
                         !validShape(d.fw, d.fh, d.alpha.step(), 1) || radius > 16383 ||
                         x1 < 0 || y1 < 0 || x2 < 0 || y2 < 0 || x1 >= d.fw || x2 >= d.fw ||
                         y1 >= d.fh || y2 >= d.fh;
-    std::vector<uint8_t> before;
-    if (!refuse)
-        for (int y = 0; y < d.fh; ++y)
-            for (int x = 0; x < d.fw; ++x) before.push_back(d.alpha.at(x, y));
+    const std::vector<uint8_t> before = d.alpha.pixels();
     d.snapshot();
+    trace("qxHairSelect %dx%d (%d,%d)-(%d,%d) radius %u\n", d.fw, d.fh, x1, y1, x2, y2, radius);
     const int64_t rc = qxHairSelect(&r, x1, y1, x2, y2, radius);
     const char* call = "qxHairSelect";
     expect(rc == 1, "status other than 1", call);
