@@ -83,7 +83,7 @@ void maskAlpha(Input& in) {
     const int fgCode = in.wideInt(128, 255), bgCode = in.wideInt(0, 127);
     int levelHigh = in.wideInt(128, 255), levelLow = in.wideInt(0, 127);
     if (kAvoidKnown) {
-        if (!(unknown >= -1e9f && unknown <= 1e9f)) unknown = 0.0f;
+        if (!(unknown >= 0.0f && unknown <= 1e9f)) unknown = 0.0f;
         levelHigh = std::clamp(levelHigh, -65536, 65536);
         levelLow = std::clamp(levelLow, -65536, 65536);
     }
