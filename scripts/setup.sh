@@ -6,8 +6,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# clang, its runtime (libFuzzer, sanitizers) and libomp build the fuzz targets.
 packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-pthread
-          libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev)
+          libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
+          clang libclang-rt-dev libomp-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
