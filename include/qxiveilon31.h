@@ -6,11 +6,11 @@
  * the caller's thread and fan out into parallel loops inside.
  *
  * Threads: the brushes and tools (qxDrawLine8u, qxFloodFillAlpha, qxColorRangeSelect,
- * qxDesaturation, qxfilterIm8u), qxMaskBBox and the display functions (qxShowImageAlpha,
- * qxScaleAlpha, qxShowKeepBlend, qxRGB2YCbCrAutoLevel, qxPreviewAutoLevel) may be called from
- * several host threads at once on different buffers. The jobs that report progress (qxMaskAlpha,
- * qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell, qxGrabCut, qxGrabCutEdgeGen,
- * qxHairSelect) share the one progress state: run them one at a time. A GrabCut control belongs
+ * qxDesaturation, qxfilterIm8u, qxHairSelect), qxMaskBBox, qxGrabCutEdgeGen and the display
+ * functions (qxShowImageAlpha, qxScaleAlpha, qxShowKeepBlend, qxRGB2YCbCrAutoLevel,
+ * qxPreviewAutoLevel) may be called from several host threads at once on different buffers.
+ * The jobs that report progress (qxMaskAlpha, qxKeepCutToAlpha, qxRecoverForeground,
+ * qxRecoverForegroundCell, qxGrabCut) share the one progress state: run them one at a time. A GrabCut control belongs
  * to one document and takes no lock. Each call puts the calling thread's floating-point mode
  * back as it found it.
  *
