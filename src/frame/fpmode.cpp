@@ -1,4 +1,5 @@
 #include "frame/fpmode.h"
+#include "frame/static_tls.h"
 
 #include <omp.h>
 #include <xmmintrin.h>
@@ -10,12 +11,12 @@ constexpr unsigned kFtz = 0x8000;     // MXCSR flush-to-zero
 constexpr unsigned kDaz = 0x0040;     // MXCSR denormals-are-zero
 constexpr unsigned kUnderflowMask = 0x0800;
 
-thread_local int depth = 0;
+QX_STATIC_TLS thread_local int depth = 0;
 // A worker thread's own mode as the outermost guard of its host thread found it. Each host
 // thread that opens a parallel region gets its own team of workers, so this record is never
 // shared between two host threads' calls: nothing here needs a lock.
-thread_local unsigned workerSaved = 0;
-thread_local bool workerSwitched = false;
+QX_STATIC_TLS thread_local unsigned workerSaved = 0;
+QX_STATIC_TLS thread_local bool workerSwitched = false;
 
 unsigned withFlush(unsigned csr) { return csr | kFtz | kDaz | kUnderflowMask; }
 

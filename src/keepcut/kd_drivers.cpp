@@ -10,6 +10,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "frame/progress.h"
+#include "frame/static_tls.h"
 #include "keepcut/kd_tree.h"
 #include "resample/mask_pyr.h"
 
@@ -156,7 +157,7 @@ void reopenPixels(const KeepCutRequest* r, GIMG<Byte>& knownMap) {
     }
 }
 
-thread_local int lastLeafCount = 0;
+QX_STATIC_TLS thread_local int lastLeafCount = 0;
 
 // Cuts and solves the tree over the given images; progressScale is the share of the progress
 // scale (of 20000) that the walk takes.
