@@ -19,6 +19,7 @@
 
 #include "frame/memory.h"
 #include "solver/direct_solver.h"
+#include "peak_memory.h"
 #include "workflow.h"
 
 namespace fs = std::filesystem;
@@ -43,25 +44,6 @@ double processCpuSeconds() {
            1e-6 * double(u.ru_utime.tv_usec + u.ru_stime.tv_usec);
 }
 
-// Peak resident memory since the last reset, in MB; the reset makes each case its own.
-void resetPeak() {
-    std::ofstream("/proc/self/clear_refs") << "5";
-}
-double statusMB(const char* key) {
-    std::ifstream in("/proc/self/status");
-    std::string k;
-    long kb = 0;
-    std::string unit;
-    while (in >> k) {
-        if (k == key) {
-            in >> kb;
-            return kb / 1024.0;
-        }
-        std::getline(in, unit);
-    }
-    return 0;
-}
-
 Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap,
             const cv::Mat* truth) {
     Row r;
@@ -69,16 +51,15 @@ Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap
     r.width = image.cols;
     r.height = image.rows;
     // Heap that earlier cases freed but the allocator kept would hide this case's growth.
-    malloc_trim(0);
-    const double before = statusMB("VmRSS:");
-    resetPeak();
+    qxmatte::resetPeakResident();
+    const double before = qxmatte::residentMB();
     qx::detail::resetDirectSolveTotals();
     const double cpu0 = processCpuSeconds();
     const auto t0 = std::chrono::steady_clock::now();
     const qxmatte::MatteResult m = qxmatte::matteWithTrimap(image, trimap, {});
     r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     r.cpuSeconds = processCpuSeconds() - cpu0;
-    r.peakMB = statusMB("VmHWM:") - before;
+    r.peakMB = qxmatte::peakResidentMB() - before;
     r.solver = qx::detail::directSolveTotals();
     r.unknown = m.unknownPixels;
     r.estimateMB = (1920.0 * m.unknownPixels + 12.0 * m.boxWidth * m.boxHeight) / (1024.0 * 1024.0);
