@@ -4,14 +4,12 @@
 // memory of the run, and the job's own budget estimate (1920 bytes an undecided pixel, 12 a
 // pixel) for comparison.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 #include <sys/resource.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <string>
