@@ -6,10 +6,14 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# clang, its runtime (libFuzzer, sanitizers) and libomp build the fuzz targets.
+# clang, its runtime (libFuzzer, sanitizers) and libomp build the fuzz targets. The Python
+# package runs on Debian's python3 with NumPy (pytest tests it, tqdm draws its progress bar);
+# GIMP's development files build the plug-in and gimp-console tests it.
 packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-pthread
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
-          clang libclang-rt-dev libomp-dev)
+          clang libclang-rt-dev libomp-dev
+          python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip
+          python3-venv libgimp2.0-dev gimp)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
