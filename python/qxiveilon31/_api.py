@@ -438,6 +438,8 @@ def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=Fals
     """
     if band is not None and not with_trimap:
         raise ValueError("band is the tri-map's band: give with_trimap=True with it")
+    if with_trimap:
+        arrays.band_width(band, (1, 1))  # checked before any work
     with GrabCutSession(image, rect, strokes, bgr=bgr) as session:
         selection = session.cut(progress=progress)
         if with_trimap:

@@ -48,3 +48,42 @@ def subject_and_square(width=180, height=140, seed=3):
     b = np.where(coloured, 40, 150) + noise
     image = np.stack([r, g, b], axis=2).astype(np.uint8)
     return image, subject, square
+
+
+def scribbles(scene):
+    """A few hand-like strokes on the soft disc: a keep stroke across the subject's middle and
+    cut strokes along the image's border; everything else unpainted (128)."""
+    h, w = scene.alpha.shape
+    cx, cy = scene.center
+    out = np.full((h, w), 128, np.uint8)
+    out[int(cy) - 2:int(cy) + 3, int(cx - scene.radius / 2):int(cx + scene.radius / 2)] = 255
+    out[:3, :] = 0
+    out[-3:, :] = 0
+    out[:, :3] = 0
+    out[:, -3:] = 0
+    return out
+
+
+def mean_error(values, truth, where):
+    """Mean absolute difference on the 0..1 scale over the pixels `where` (values uint8 or on
+    0..1)."""
+    v = values.astype(np.float64)
+    if values.dtype == np.uint8:
+        v /= 255.0
+    return float(np.abs(v - truth)[where].mean())
+
+
+def hard_cut_error(scene, where):
+    """The error of the best answer that knows only where the edge is: alpha 1 inside the
+    circle where the true alpha is one half, 0 outside."""
+    return mean_error((scene.alpha >= 0.5).astype(np.float64), scene.alpha, where)
+
+
+def foreground_error(colours, scene):
+    """Over the partly transparent pixels, the sum of alpha * |colour - true foreground| (three
+    channels, 0..1 scale): a pixel counts as much as it shows."""
+    c = colours.astype(np.float64)
+    if colours.dtype == np.uint8:
+        c /= 255.0
+    part = (scene.alpha > 0) & (scene.alpha < 1)
+    return float((scene.alpha[:, :, None] * np.abs(c - scene.fg))[part].sum())
