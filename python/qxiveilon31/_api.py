@@ -91,9 +91,12 @@ def _matte(image_bgr, trimap, fg_code, bg_code, levels, handler):
     if status != 1:
         raise QxError("qxMaskAlpha", status)
 
-    # Outside the box every pixel is definite.
-    alpha = np.where(trimap >= fg_code, 255, np.where(trimap <= bg_code, 0, trimap))
-    alpha = alpha.astype(np.uint8)
+    # Outside the box every pixel is definite: codes at or above fg_code 255, at or below
+    # bg_code 0 (a table over the byte values).
+    table = np.arange(256, dtype=np.uint8)
+    table[fg_code:] = 255
+    table[:bg_code + 1] = 0
+    alpha = np.take(table, trimap)
     alpha[rows, cols] = mask
     return alpha
 

@@ -48,22 +48,25 @@ def _paeth(a, b, c):
 
 
 def read_png(path):
-    """8-bit grey, grey+alpha, RGB or RGBA, not interlaced: H x W (x C) uint8, RGB(A) order."""
+    """8-bit grey, grey+alpha, RGB, RGBA or palette, not interlaced: H x W (x C) uint8, RGB(A)
+    order (a palette image as RGB)."""
     with open(path, "rb") as f:
         data = f.read()
     assert data[:8] == b"\x89PNG\r\n\x1a\n", "not a PNG file"
-    pos, idat, header = 8, [], None
+    pos, idat, header, palette = 8, [], None, None
     while pos < len(data):
         length, kind = struct.unpack(">I4s", data[pos:pos + 8])
         body = data[pos + 8:pos + 8 + length]
         if kind == b"IHDR":
             header = struct.unpack(">IIBBBBB", body)
+        elif kind == b"PLTE":
+            palette = np.frombuffer(body, np.uint8).reshape(-1, 3)
         elif kind == b"IDAT":
             idat.append(body)
         pos += 12 + length
     width, height, depth, colour, _, _, interlace = header
     assert depth == 8 and interlace == 0, "only 8-bit, non-interlaced files"
-    channels = {0: 1, 2: 3, 4: 2, 6: 4}[colour]
+    channels = {0: 1, 2: 3, 3: 1, 4: 2, 6: 4}[colour]
     raw = zlib.decompress(b"".join(idat))
     stride = width * channels
     out = np.zeros((height, stride), np.uint8)
@@ -89,4 +92,5 @@ def read_png(path):
             row = np.array(cur, np.int64)
         out[y] = row
         previous = row
-    return out.reshape((height, width) if channels == 1 else (height, width, channels))
+    out = out.reshape((height, width) if channels == 1 else (height, width, channels))
+    return palette[out] if colour == 3 else out
