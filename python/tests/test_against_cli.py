@@ -82,6 +82,13 @@ def test_grabcut_with_strokes_and_trimap(qxmatte, files, square_scene):
     assert np.array_equal(trimap, read_pnm(files / "tri.pgm"))
 
 
+def test_grabcut_with_the_rectangle_on_the_border(qxmatte, files, square_scene):
+    image = np.ascontiguousarray(square_scene[0][:, 45:])  # the subject cut by the border
+    write_pnm(files / "gc.ppm", image)
+    qxmatte("grabcut", files / "gc.ppm", "--rect", "0,10,120,120", "-o", files / "sel.pgm")
+    assert np.array_equal(qx.grabcut(image, (0, 10, 120, 120)), read_pnm(files / "sel.pgm"))
+
+
 def test_cutout_from_rect(qxmatte, files, odd_disc):
     qxmatte("cutout", files / "image.ppm", "--rect", "25,12,105,88", "-o", files / "cut.png",
             "--alpha", files / "alpha.pgm")

@@ -133,3 +133,14 @@ def _dilate(mask, r):
                 mask[max(0, -dy):h - max(0, dy), max(0, -dx):w - max(0, dx)]
             out |= shifted
     return out
+
+
+def test_grabcut_takes_a_subject_cut_by_the_image_border(square_scene):
+    # The disc cut by the left border, the rectangle reaching that border: the rectangle means
+    # what it means to cv::grabCut (outside background, inside for the cut to decide), so the
+    # subject is selected up to the border, its pixels in the first column included.
+    image, subject, _ = square_scene
+    image, subject = np.ascontiguousarray(image[:, 45:]), subject[:, 45:]
+    selection = qx.grabcut(image, (0, 10, 120, 120))
+    assert np.all(selection[:, 0][subject[:, 0]] == 255)
+    assert (selection[subject] == 255).mean() > 0.99
