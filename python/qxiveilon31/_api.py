@@ -304,7 +304,6 @@ class GrabCutSession:
             codes = np.full(shape, 126, np.uint8)
         else:
             codes = arrays.encode_strokes(arrays.strokes8(strokes, shape))
-        self._bgr = bgr
         self._shape = shape
         self.rect = rect
         self._src = arrays.bgra(img)
