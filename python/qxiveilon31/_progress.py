@@ -6,8 +6,9 @@ import warnings
 
 class _Bar:
     """A tqdm bar fed by the library's reports. A workflow runs several jobs, each with its own
-    total, and a job that overruns its estimate falls back to half its total: the bar starts
-    over whenever the total changes or the count goes back."""
+    total: the bar starts over when the total changes. A job that overruns its estimate falls
+    back to half its total and climbs again: the bar stays where it was until the count passes
+    it."""
 
     def __init__(self, tqdm, desc):
         self._tqdm = tqdm
@@ -17,9 +18,10 @@ class _Bar:
     def __call__(self, current, total):
         if self._bar is None:
             self._bar = self._tqdm(total=total, desc=self._desc, leave=False)
-        elif total != self._bar.total or current < self._bar.n:
+        elif total != self._bar.total:
             self._bar.reset(total=total)
-        self._bar.update(current - self._bar.n)
+        if current > self._bar.n:
+            self._bar.update(current - self._bar.n)
 
     def close(self):
         if self._bar is not None:

@@ -78,6 +78,19 @@ def test_progress_true_draws_a_tqdm_bar(disc, capsys):
     assert "matte_trimap" in capsys.readouterr().err
 
 
+def test_the_bar_holds_on_a_fall_back_and_starts_over_for_a_new_total(capsys):
+    pytest.importorskip("tqdm")
+    from qxiveilon31 import _progress
+
+    bar = _progress.handler(True, "test")
+    shown = []
+    for current, total in ((10, 100), (50, 100), (30, 100), (60, 100), (5, 200), (40, 200)):
+        bar(current, total)
+        shown.append((bar._bar.n, bar._bar.total))
+    bar.close()
+    assert shown == [(10, 100), (50, 100), (50, 100), (60, 100), (5, 200), (40, 200)]
+
+
 def test_progress_true_without_tqdm_warns_and_works(disc, monkeypatch):
     monkeypatch.setitem(sys.modules, "tqdm", None)  # import tqdm now fails
     with pytest.warns(UserWarning, match="tqdm"):
