@@ -1,0 +1,38 @@
+"""qxiveilon31: image matting over NumPy arrays.
+
+Pure Python over the shared library ``libqxiveilon31.so.0`` (through ctypes). Each function does
+the host workflow of the command-line tool ``qxmatte`` and gives the same result on the same
+input:
+
+- ``matte_trimap(image, trimap)``: alpha from a tri-map;
+- ``matte_strokes(image, strokes)``: alpha from keep and cut strokes;
+- ``foreground(image, alpha)``: the subject's own colours under an alpha;
+- ``grabcut(image, rect)`` and ``GrabCutSession``: a hard selection in a rectangle;
+- ``cutout(image, rect=..., trimap=..., strokes=...)``: an RGBA cut-out.
+
+Images are H x W x 3 arrays, uint8 RGB (``bgr=True`` for OpenCV's order) or float on 0..1;
+results come back in the image's kind. Failures of a job raise ``QxError``; bad shapes and
+dtypes raise ``ValueError`` before the library is called. The GIL is released while a job runs.
+
+The library is found through ``QXIVEILON31_LIBRARY`` (a path), else beside the package when
+``cmake --install`` put both, else through the system's loader (an installed library, or
+``LD_LIBRARY_PATH``).
+"""
+
+from ._native import QxError, LIB as _LIB
+from ._api import GrabCutSession, cutout, foreground, grabcut, matte_strokes, matte_trimap
+
+__version__ = "0.1.0"
+
+__all__ = ["QxError", "GrabCutSession", "cutout", "foreground", "grabcut", "matte_strokes",
+           "matte_trimap", "library_version", "library_path", "__version__"]
+
+
+def library_version():
+    """(major, minor, patch) of the shared library loaded."""
+    return _LIB.version()
+
+
+def library_path():
+    """The file of the shared library loaded."""
+    return _LIB.path

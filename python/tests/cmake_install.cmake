@@ -1,0 +1,26 @@
+# `cmake --install` into a scratch prefix, the tree moved elsewhere, and the package imported
+# with PYTHONPATH at its folder and nothing else: no QXIVEILON31_LIBRARY, no LD_LIBRARY_PATH.
+# It must find the library installed with it.
+# Run as: cmake -DPYTHON=<python3> -DBUILD=<build dir> -DWORK=<scratch> -DPYDIR=<package folder
+#               relative to the prefix> -DSOURCE=<python/> -P cmake_install.cmake
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK})
+
+function(run what)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
+  endif()
+  message(STATUS "${what}: ${out}")
+endfunction()
+
+run("install" ${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK}/installed)
+file(RENAME ${WORK}/installed ${WORK}/moved)
+set(prefix ${WORK}/moved)
+if(NOT EXISTS ${prefix}/${PYDIR}/qxiveilon31/__init__.py)
+  message(FATAL_ERROR "not installed: ${PYDIR}/qxiveilon31/__init__.py")
+endif()
+run("import the installed package" ${CMAKE_COMMAND} -E env --unset=QXIVEILON31_LIBRARY
+    --unset=LD_LIBRARY_PATH PYTHONPATH=${prefix}/${PYDIR} PYTHONDONTWRITEBYTECODE=1
+    ${PYTHON} ${SOURCE}/tests/installed_check.py ${prefix}/${PYDIR} ${prefix})
+file(REMOVE_RECURSE ${WORK})

@@ -1,0 +1,41 @@
+# `pip install ./python` with Debian's setuptools and no network, both ways the README gives:
+# into a virtual environment that sees the system's packages (NumPy from apt), and system-wide
+# with --break-system-packages (here into a scratch --root, so the machine stays as it is).
+# Run as: cmake -DPYTHON=<python3> -DSOURCE=<python/> -DWORK=<scratch> -DLIBRARY=<built .so>
+#               -P pip_install.cmake
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK})
+
+function(run what)
+  execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${WORK} RESULT_VARIABLE rc
+                  OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
+  endif()
+  message(STATUS "${what}: ${out}")
+endfunction()
+
+# A copy of the source folder: pip builds in place, and the source tree stays clean.
+file(COPY ${SOURCE}/ DESTINATION ${WORK}/python PATTERN tests EXCLUDE PATTERN build EXCLUDE
+     PATTERN "*.egg-info" EXCLUDE PATTERN __pycache__ EXCLUDE)
+set(pip_flags --no-build-isolation --no-index --disable-pip-version-check --quiet)
+set(check ${CMAKE_COMMAND} -E env --unset=PYTHONPATH --unset=LD_LIBRARY_PATH
+    QXIVEILON31_LIBRARY=${LIBRARY} PYTHONDONTWRITEBYTECODE=1)
+
+run("venv" ${PYTHON} -m venv --system-site-packages ${WORK}/venv)
+run("pip install into the venv" ${WORK}/venv/bin/pip install ${pip_flags} ./python)
+run("import from the venv" ${check} ${WORK}/venv/bin/python ${SOURCE}/tests/installed_check.py
+    ${WORK}/venv)
+
+run("pip install --break-system-packages" ${PYTHON} -m pip install --break-system-packages
+    ${pip_flags} --root ${WORK}/root ./python)
+file(GLOB_RECURSE init ${WORK}/root/__init__.py)
+list(FILTER init INCLUDE REGEX "/qxiveilon31/__init__\\.py$")
+if(NOT init)
+  message(FATAL_ERROR "pip --root installed no qxiveilon31/__init__.py under ${WORK}/root")
+endif()
+get_filename_component(site ${init} DIRECTORY)
+get_filename_component(site ${site} DIRECTORY)
+run("import from the system-wide form" ${check} PYTHONPATH=${site}
+    ${PYTHON} ${SOURCE}/tests/installed_check.py ${site})
+file(REMOVE_RECURSE ${WORK})
