@@ -68,6 +68,12 @@
                       (plug-in-qx-matte-trimap RUN-NONINTERACTIVE img layer white 255 0))
       (expect-refusal "strokes without a cut stroke"
                       (plug-in-qx-matte-strokes RUN-NONINTERACTIVE img layer white 0)))
+    (let ((channel (car (gimp-channel-new img (car (gimp-image-width img))
+                                          (car (gimp-image-height img)) "white" 100 '(0 0 0)))))
+      (gimp-image-insert-channel img channel 0 0)
+      (gimp-drawable-fill channel FILL-WHITE)
+      (expect-refusal "tri-map channel without undecided pixels"
+                      (plug-in-qx-matte-trimap RUN-NONINTERACTIVE img layer channel 255 0)))
     (expect-refusal "codes in the wrong order"
                     (plug-in-qx-matte-trimap RUN-NONINTERACTIVE img layer trimap 0 255))
     (expect-refusal "the layer as its own tri-map"

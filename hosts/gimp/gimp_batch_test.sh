@@ -68,7 +68,8 @@ near gimp_trimap.png 3 6
 near gimp_strokes.png 3 6
 near gimp_subject_layer.png 3 16
 
-for refusal in "tri-map without undecided pixels" "strokes without a cut stroke" \
+for refusal in "tri-map without undecided pixels" "tri-map channel without undecided pixels" \
+               "strokes without a cut stroke" \
                "codes in the wrong order" "the layer as its own tri-map" "no selection"; do
   grep -q "refused: $refusal" gimp.log || fail "not refused: $refusal"
 done
