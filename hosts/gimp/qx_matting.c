@@ -53,10 +53,22 @@ MAIN()
 
 /* ---- Registration ------------------------------------------------------------------------ */
 
+/* The arguments every procedure starts with. */
+#define RUN_MODE_AND_IMAGE                                                                      \
+    {GIMP_PDB_INT32, "run-mode", "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1) }"}, \
+    {GIMP_PDB_IMAGE, "image", "Input image"}
+
+/* One procedure of the plug-in, in the Matting menu, for RGB images. */
+static void install(const char* name, const char* blurb, const char* help, const char* label,
+                    const GimpParamDef* args, int count) {
+    gimp_install_procedure(name, blurb, help, "qxiveilon31 developers", "qxiveilon31 developers",
+                           "2026", label, "RGB*", GIMP_PLUGIN, count, 0, args, NULL);
+    gimp_plugin_menu_register(name, MENU_PATH);
+}
+
 static void query(void) {
     static const GimpParamDef trimapArgs[] = {
-        {GIMP_PDB_INT32, "run-mode", "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1) }"},
-        {GIMP_PDB_IMAGE, "image", "Input image"},
+        RUN_MODE_AND_IMAGE,
         {GIMP_PDB_DRAWABLE, "drawable", "The layer to matte (its mask receives the alpha)"},
         {GIMP_PDB_DRAWABLE, "trimap",
          "Layer or channel holding the tri-map; it must cover the layer. Values <= bg-code are "
@@ -66,8 +78,7 @@ static void query(void) {
         {GIMP_PDB_INT32, "bg-code", "Background code (0..254, below fg-code, default 0)"},
     };
     static const GimpParamDef strokeArgs[] = {
-        {GIMP_PDB_INT32, "run-mode", "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1) }"},
-        {GIMP_PDB_IMAGE, "image", "Input image"},
+        RUN_MODE_AND_IMAGE,
         {GIMP_PDB_DRAWABLE, "drawable", "The layer to matte"},
         {GIMP_PDB_DRAWABLE, "strokes",
          "Layer with the strokes: white (255 in every colour byte) keeps, black (0) cuts, at "
@@ -76,8 +87,7 @@ static void query(void) {
         {GIMP_PDB_INT32, "pyramid", "1: solve at half size and double back (faster), 0: full size"},
     };
     static const GimpParamDef subjectArgs[] = {
-        {GIMP_PDB_INT32, "run-mode", "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1) }"},
-        {GIMP_PDB_IMAGE, "image", "Input image"},
+        RUN_MODE_AND_IMAGE,
         {GIMP_PDB_DRAWABLE, "drawable", "The layer to cut the subject from"},
         {GIMP_PDB_INT32, "band",
          "Width of the undecided band along the subject's edge in pixels (0: 1% of the layer's "
@@ -87,29 +97,20 @@ static void query(void) {
          "Where the alpha goes: 0 the selection (also kept as a channel \"Subject\"), 1 the "
          "layer's mask, 2 a new layer with the subject's recovered colours"},
     };
-    gimp_install_procedure(
-        PROC_TRIMAP, "Alpha matte of the layer from a tri-map",
-        "Solves the soft alpha of the undecided pixels of a tri-map (closed-form matting) and "
-        "puts it into the layer's mask, adding a mask when the layer has none.",
-        "qxiveilon31 developers", "qxiveilon31 developers", "2026", "Matte from _Tri-map...",
-        "RGB*", GIMP_PLUGIN, G_N_ELEMENTS(trimapArgs), 0, trimapArgs, NULL);
-    gimp_install_procedure(
-        PROC_STROKES, "Alpha matte and true colours of the layer from keep and cut strokes",
-        "Solves alpha from white keep and black cut strokes painted on another layer, recovers "
-        "the subject's own colours at its soft edges and adds the result as a new layer above "
-        "the active one.",
-        "qxiveilon31 developers", "qxiveilon31 developers", "2026", "Matte from _Strokes...",
-        "RGB*", GIMP_PLUGIN, G_N_ELEMENTS(strokeArgs), 0, strokeArgs, NULL);
-    gimp_install_procedure(
-        PROC_SUBJECT, "Select the subject inside the current selection's bounds",
-        "GrabCut inside the bounding box of the current selection, an undecided band along the "
-        "subject's edge, closed-form alpha on the band. The alpha becomes the selection, the "
-        "layer's mask or a new layer with the recovered colours.",
-        "qxiveilon31 developers", "qxiveilon31 developers", "2026", "Select Su_bject...", "RGB*",
-        GIMP_PLUGIN, G_N_ELEMENTS(subjectArgs), 0, subjectArgs, NULL);
-    gimp_plugin_menu_register(PROC_TRIMAP, MENU_PATH);
-    gimp_plugin_menu_register(PROC_STROKES, MENU_PATH);
-    gimp_plugin_menu_register(PROC_SUBJECT, MENU_PATH);
+    install(PROC_TRIMAP, "Alpha matte of the layer from a tri-map",
+            "Solves the soft alpha of the undecided pixels of a tri-map (closed-form matting) and "
+            "puts it into the layer's mask, adding a mask when the layer has none.",
+            "Matte from _Tri-map...", trimapArgs, G_N_ELEMENTS(trimapArgs));
+    install(PROC_STROKES, "Alpha matte and true colours of the layer from keep and cut strokes",
+            "Solves alpha from white keep and black cut strokes painted on another layer, "
+            "recovers the subject's own colours at its soft edges and adds the result as a new "
+            "layer above the active one.",
+            "Matte from _Strokes...", strokeArgs, G_N_ELEMENTS(strokeArgs));
+    install(PROC_SUBJECT, "Select the subject inside the current selection's bounds",
+            "GrabCut inside the bounding box of the current selection, an undecided band along "
+            "the subject's edge, closed-form alpha on the band. The alpha becomes the selection, "
+            "the layer's mask or a new layer with the recovered colours.",
+            "Select Su_bject...", subjectArgs, G_N_ELEMENTS(subjectArgs));
 }
 
 /* ---- Errors and progress ----------------------------------------------------------------- */
@@ -656,7 +657,7 @@ static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const Subject
  * non-interactive run reads them from the call. FALSE when the user cancelled. */
 static gboolean takeArguments(const gchar* name, GimpRunMode mode, gint nparams,
                               const GimpParam* param, gint32 image, gint32 layer, void* values,
-                              size_t size, GimpPDBStatusType* status) {
+                              GimpPDBStatusType* status) {
     *status = GIMP_PDB_SUCCESS;
     if (mode == GIMP_RUN_NONINTERACTIVE) {
         if (nparams != 6 - (strcmp(name, PROC_STROKES) == 0)) {
@@ -684,7 +685,6 @@ static gboolean takeArguments(const gchar* name, GimpRunMode mode, gint nparams,
     if (mode == GIMP_RUN_WITH_LAST_VALS) return TRUE;
     if (strcmp(name, PROC_TRIMAP) == 0) return trimapDialog(image, layer, values);
     if (strcmp(name, PROC_STROKES) == 0) return strokeDialog(image, layer, values);
-    (void)size;
     return subjectDialog(image, layer, values);
 }
 
@@ -723,7 +723,7 @@ static void run(const gchar* name, gint nparams, const GimpParam* param, gint* n
     if (nparams < 3) {
         status = failWith(GIMP_PDB_CALLING_ERROR, "%s: wrong number of arguments", name);
     } else if ((status = checkLayer(image, layer, name)) == GIMP_PDB_SUCCESS) {
-        if (!takeArguments(name, mode, nparams, param, image, layer, chosen, size, &status)) {
+        if (!takeArguments(name, mode, nparams, param, image, layer, chosen, &status)) {
             if (status == GIMP_PDB_SUCCESS) status = GIMP_PDB_CANCEL;
         } else if (chosen == &trimapValues) {
             status = matteFromTrimap(image, layer, &trimapValues);
