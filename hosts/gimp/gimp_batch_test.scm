@@ -55,6 +55,20 @@
     ; 2. Strokes: a new layer above the active one, recovered colours with the alpha.
     (plug-in-qx-matte-strokes RUN-NONINTERACTIVE img layer strokes 0)
     (save-layer img (car (gimp-image-get-active-layer img)) "gimp_strokes.png")
+    ; A stroke layer over part of the layer only, at an offset: outside it nothing is painted.
+    ; The strokes as they should be seen (the part over unpainted grey, composed by GIMP) are
+    ; saved for the tool.
+    (let ((part (car (gimp-layer-copy strokes FALSE))))
+      (gimp-image-insert-layer img part 0 0)
+      (gimp-layer-resize part 440 330 -70 -50)
+      (plug-in-qx-matte-strokes RUN-NONINTERACTIVE img layer part 0)
+      (save-layer img (car (gimp-image-get-active-layer img)) "gimp_strokes_part.png")
+      (gimp-context-set-foreground '(128 128 128))
+      (let ((grey (filled-layer img "unpainted" FILL-FOREGROUND)))
+        (gimp-image-reorder-item img grey 0 (+ 1 (car (gimp-image-get-item-position img part))))
+        (let ((seen (car (gimp-image-merge-down img part CLIP-TO-IMAGE))))
+          (save-layer img seen "gimp_strokes_part_seen.png")
+          (gimp-image-remove-layer img seen))))
     ; 3. Select subject from the rectangle: as a new layer, and as the selection.
     (gimp-image-select-rectangle img CHANNEL-OP-REPLACE rect-x rect-y rect-w rect-h)
     (plug-in-qx-select-subject RUN-NONINTERACTIVE img layer 0 -1 2)

@@ -48,6 +48,14 @@ if ! grep -q "qx batch test: done" gimp.log; then
   exit 1
 fi
 
+# The partial stroke layer, as GIMP composed it for the plug-in to see.
+if [ -f gimp_strokes_part_seen.png ]; then
+  "$qxmatte" keepcut demo/image.png gimp_strokes_part_seen.png -o ref_strokes_part_alpha.png \
+    --foreground ref_strokes_part_fg.png -q || fail "qxmatte on the partial strokes"
+else
+  fail "GIMP saved no gimp_strokes_part_seen.png"
+fi
+
 same() {  # FILE_A CHANNEL_A FILE_B CHANNEL_B [--where-opaque FILE CHANNEL]
   "$compare" "$@" || fail "$1 channel $2 differs from $3 channel $4"
 }
@@ -55,6 +63,8 @@ same() {  # FILE_A CHANNEL_A FILE_B CHANNEL_B [--where-opaque FILE CHANNEL]
 same gimp_trimap.png 3 ref_trimap.png 0
 same gimp_strokes.png 3 ref_strokes_alpha.png 0
 for c in 0 1 2; do same gimp_strokes.png $c ref_strokes_fg.png $c; done
+same gimp_strokes_part.png 3 ref_strokes_part_alpha.png 0
+for c in 0 1 2; do same gimp_strokes_part.png $c ref_strokes_part_fg.png $c; done
 for c in 0 1 2 3; do same gimp_subject_layer.png $c ref_cutout.png $c; done
 same gimp_subject_selection.png 3 ref_cutout_alpha.png 0
 # Against the scene's known alpha, as a mean difference over the image in levels of 255: the

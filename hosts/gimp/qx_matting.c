@@ -359,30 +359,29 @@ static GimpPDBStatusType addColourLayer(gint32 image, gint32 layer, const char* 
 }
 
 /* The alpha of the layer as the selection, through a channel "Subject" kept in the image
- * (hidden; the part of the layer outside the canvas is left out). */
-static void alphaToSelection(gint32 image, gint32 layer, const guchar* alpha) {
+ * (hidden; the part of the layer outside the canvas is left out, the canvas off the layer is 0).
+ * FALSE when out of memory (nothing changed). */
+static gboolean alphaToSelection(gint32 image, gint32 layer, const guchar* alpha) {
     const Extent e = extentOf(layer);
     const int width = gimp_image_width(image), height = gimp_image_height(image);
     const int x0 = MAX(0, e.x), y0 = MAX(0, e.y);
     const int x1 = MIN(width, e.x + e.width), y1 = MIN(height, e.y + e.height);
+    guchar* plane = allocate((size_t)width * height);
     GimpRGB colour;
     gint32 channel;
+    int y;
+    if (!plane) return FALSE;
+    for (y = y0; x1 > x0 && y < y1; ++y)
+        memcpy(plane + (size_t)y * width + x0, alpha + (size_t)(y - e.y) * e.width + (x0 - e.x),
+               (size_t)(x1 - x0));
     gimp_rgb_set(&colour, 0.0, 0.0, 0.0);
     channel = gimp_channel_new(image, "Subject", width, height, 50.0, &colour);
     gimp_image_insert_channel(image, channel, 0, 0);
     gimp_item_set_visible(channel, FALSE);
-    if (x1 > x0 && y1 > y0) {
-        guchar* blank = allocate((size_t)width);
-        int y;
-        /* The whole channel is written: rows and columns off the layer are 0. */
-        for (y = 0; y < height; ++y) {
-            if (blank) writeRegion(channel, 0, y, width, 1, blank, width);
-        }
-        g_free(blank);
-        writeRegion(channel, x0, y0, x1 - x0, y1 - y0,
-                    alpha + (size_t)(y0 - e.y) * e.width + (x0 - e.x), e.width);
-    }
+    writeRegion(channel, 0, 0, width, height, plane, width);
+    g_free(plane);
     gimp_image_select_item(image, GIMP_CHANNEL_OP_REPLACE, channel);
+    return TRUE;
 }
 
 /* ---- Dialogs (interactive runs) ---------------------------------------------------------- */
@@ -638,7 +637,9 @@ static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const Subject
         } else {
             status = GIMP_PDB_SUCCESS;
             gimp_image_undo_group_start(image);
-            if (v->output == OUTPUT_SELECTION) alphaToSelection(image, layer, alpha);
+            if (v->output == OUTPUT_SELECTION) {
+                if (!alphaToSelection(image, layer, alpha)) status = FAIL("%s: out of memory", name);
+            }
             else if (v->output == OUTPUT_MASK) alphaToMask(layer, alpha);
             else status = addColourLayer(image, layer, "Subject", rgb, alpha, name);
             gimp_image_undo_group_end(image);
