@@ -9,14 +9,13 @@
 # WORKDIR (GIMP2_DIRECTORY, HOME): the user's GIMP set-up is neither read nor touched.
 set -u
 plugin=$1 qxmatte=$2 compare=$3 work=$4
-here=$(cd "$(dirname "$0")" && pwd)
-
 gimp=$(command -v gimp-console-2.10 || command -v gimp-console || true)
 if [ -z "$gimp" ]; then
   echo "SKIPPED: gimp-console not found; install GIMP 2.10 (Debian: apt-get install gimp) to run the plug-in's batch test"
   exit 77
 fi
 
+here=$(cd "$(dirname "$0")" && pwd)
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
