@@ -13,8 +13,8 @@ extern "C" {
 #endif
 
 /* Progress of the running stage as a fraction (0..1). Only called on the thread that started
- * the job: the library may report from its worker threads too, and those reports are dropped,
- * because a plug-in's link to GIMP is not safe to use from other threads. */
+ * the job. The library reports on that thread; a report from any other thread would be dropped,
+ * as a guard, because a plug-in's link to GIMP must only be used from its own main thread. */
 typedef void (*QxgProgressFn)(double fraction, void* data);
 
 /* A colour image: 3 (RGB) or 4 (RGBA, the alpha is not read) bytes a pixel. */
