@@ -106,12 +106,11 @@ GrabCutResult selectWithGrabCut(const cv::Mat& image, const cv::Mat& strokes,
     req.roiTop = roi.y;
     req.roiWidth = roi.width;
     req.roiHeight = roi.height;
-    if (opt.progress) {
-        req.progProc = drawProgress;
-        req.progParam = progressBarForJob();
-    }
+    const bool bar =
+        chooseProgress(opt.progress, opt.progressProc, opt.progressParam, &req.progProc,
+                       &req.progParam);
     r.status = qxGrabCut(&req, 0);
-    if (opt.progress) clearProgress();
+    if (bar) clearProgress();
     if (r.status != 1) {
         qxGrabCutDeleteBuf(&req);
         r.error = "GrabCut failed with status " + std::to_string(r.status);
@@ -153,6 +152,8 @@ CutoutResult cutoutFromRect(const cv::Mat& image, const cv::Mat& strokes,
     } else {
         MatteOptions mopt;
         mopt.progress = opt.progress;
+        mopt.progressProc = opt.progressProc;
+        mopt.progressParam = opt.progressParam;
         const MatteResult m = matteWithTrimap(image, g.trimap, mopt);
         if (!m.ok) {
             c.error = m.error;
@@ -163,7 +164,7 @@ CutoutResult cutoutFromRect(const cv::Mat& image, const cv::Mat& strokes,
     }
     c.mattingSeconds = since(t0);
     t0 = std::chrono::steady_clock::now();
-    c.cutout = makeCutout(recoverForeground(image, c.alpha), c.alpha);
+    if (opt.recoverColours) c.cutout = makeCutout(recoverForeground(image, c.alpha), c.alpha);
     c.foregroundSeconds = since(t0);
     c.ok = true;
     return c;

@@ -6,6 +6,8 @@
 #include <opencv2/core.hpp>
 #include <string>
 
+#include "qxiveilon31.h"
+
 namespace qxmatte {
 
 // "X,Y,W,H" with W and H at least 1; false when the text is not of that form.
@@ -19,6 +21,11 @@ struct GrabCutOptions {
     cv::Rect rect;          // the region to cut; everything outside it is background
     int band = 0;           // edge band width for the tri-map; 0: no tri-map
     bool progress = false;  // draw a progress bar on standard error
+    // A host's own progress callback, used instead of the bar when set (the library reports
+    // only when progressParam is non-null too).
+    qxProgressProc progressProc = nullptr;
+    void* progressParam = nullptr;
+    bool recoverColours = true;  // cutoutFromRect: false leaves the cut-out empty (alpha only)
 };
 
 struct GrabCutResult {

@@ -72,12 +72,11 @@ KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
 
     KeepCutRequest req = wholeImageRequest(src, plane, dst, aux);
     req.recoverFlag = opt.recover ? 1 : 0;
-    if (opt.progress) {
-        req.progProc = drawProgress;
-        req.progParam = progressBarForJob();
-    }
+    const bool bar =
+        chooseProgress(opt.progress, opt.progressProc, opt.progressParam, &req.progProc,
+                       &req.progParam);
     r.status = qxKeepCutToAlpha(&req, opt.hiRes ? 1 : 0);
-    if (opt.progress) clearProgress();
+    if (bar) clearProgress();
     switch (r.status) {
         case 1:
             break;

@@ -20,6 +20,10 @@ struct KeepCutOptions {
     bool hiRes = true;      // false: the half-resolution engine with one guided doubling
     bool recover = false;   // recover the subject's colours too
     bool progress = false;  // draw a progress bar on standard error
+    // A host's own progress callback, used instead of the bar when set (the library reports
+    // only when progressParam is non-null too).
+    qxProgressProc progressProc = nullptr;
+    void* progressParam = nullptr;
 };
 
 struct KeepCutResult {

@@ -24,4 +24,17 @@ int drawProgress(int current, int total, void* param) {
 
 void clearProgress() { std::fprintf(stderr, "\r%*s\r", 40, ""); }
 
+bool chooseProgress(bool bar, qxProgressProc hostProc, void* hostParam, qxProgressProc* proc,
+                    void** param) {
+    if (hostProc) {
+        *proc = hostProc;
+        *param = hostParam;
+        return false;
+    }
+    if (!bar) return false;
+    *proc = drawProgress;
+    *param = progressBarForJob();
+    return true;
+}
+
 }  // namespace qxmatte

@@ -1,6 +1,8 @@
 // The progress bar the commands draw on standard error, as a library progress callback.
 #pragma once
 
+#include "qxiveilon31.h"
+
 namespace qxmatte {
 
 struct ProgressBar {
@@ -16,5 +18,11 @@ ProgressBar* progressBarForJob();
 int drawProgress(int current, int total, void* param);
 // Clears the bar's line.
 void clearProgress();
+
+// The callback a workflow installs for a job: the host's own (hostProc with hostParam) when one
+// is given, else the bar when `bar` is set, else none. Returns true when the bar was chosen (the
+// caller clears it after the job).
+bool chooseProgress(bool bar, qxProgressProc hostProc, void* hostParam, qxProgressProc* proc,
+                    void** param);
 
 }  // namespace qxmatte

@@ -45,13 +45,12 @@ MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const M
     req.maskStep = static_cast<int32_t>(mask.step);
     req.width = boxWidth;
     req.height = boxHeight;
-    if (opt.progress) {
-        req.progProc = drawProgress;
-        req.progParam = progressBarForJob();
-    }
+    const bool bar =
+        chooseProgress(opt.progress, opt.progressProc, opt.progressParam, &req.progProc,
+                       &req.progParam);
     r.status = qxMaskAlpha(&req, 0, static_cast<float>(r.unknownPixels), opt.fgCode, opt.bgCode,
                            opt.levelHigh, opt.levelLow);
-    if (opt.progress) clearProgress();
+    if (bar) clearProgress();
     if (r.status != 1) {
         r.error = "matting failed with status " + std::to_string(r.status);
         return r;

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "qxiveilon31.h"
+
 namespace qxmatte {
 
 struct MatteOptions {
@@ -15,6 +17,10 @@ struct MatteOptions {
     int levelHigh = 255;
     int levelLow = 0;
     bool progress = false;  // draw a progress bar on standard error
+    // A host's own progress callback, used instead of the bar when set (the library reports
+    // only when progressParam is non-null too).
+    qxProgressProc progressProc = nullptr;
+    void* progressParam = nullptr;
 };
 
 struct MatteResult {
