@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian machine for qxiveilon31, builds the library and the qxmatte tool, and
-# runs the built-in demo. Packages that are already installed are left alone.
+# runs the built-in demo. Packages that are already installed are left alone. It installs the
+# library with qxmatte and the Python package under /usr/local, and the GIMP plug-in into the
+# user's GIMP folder.
 #   scripts/setup.sh              install what is missing, build, run the demo
 #   scripts/setup.sh --deps-only  install what is missing and stop
 set -euo pipefail
@@ -14,19 +16,27 @@ packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libo
           clang libclang-rt-dev libomp-dev
           python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip
           python3-venv libgimp2.0-dev gimp)
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 if ((${#missing[@]})); then
   echo "installing: ${missing[*]}"
-  SUDO=""
-  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 [ "${1:-}" = "--deps-only" ] && exit 0
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build -j"$(nproc)" --target qxiveilon31 qxmatte
+cmake --build build -j"$(nproc)" --target qxiveilon31 qxmatte qx-matting
+
+# Install: the library, its header, qxmatte and the Python package under /usr/local (where
+# Debian's python3 finds the package); the GIMP plug-in into this user's GIMP folder.
+$SUDO cmake --install build --component Unspecified >/dev/null
+$SUDO ldconfig
+cmake --install build --component gimp_plugin | sed -n 's/^-- Installing: /GIMP plug-in: /p'
+/usr/bin/python3 -c 'import qxiveilon31 as qx; print("Python package:", qx.__file__, "library", qx.library_version())'
+
 ./build/qxmatte demo -o build/demo
