@@ -9,13 +9,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # clang, its runtime (libFuzzer, sanitizers) and libomp build the fuzz targets. The Python
-# package runs on Debian's python3 with NumPy (pytest tests it, tqdm draws its progress bar);
+# package runs on Debian's python3 with NumPy (pytest tests it, tqdm draws its progress bar,
+# Pillow reads the files of its README example);
 # GIMP's development files build the plug-in and gimp-console tests it.
 packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-pthread
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-dev libomp-dev
           python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip
-          python3-venv libgimp2.0-dev gimp)
+          python3-venv python3-pil libgimp2.0-dev gimp)
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
 missing=()
@@ -36,7 +37,7 @@ cmake --build build -j"$(nproc)" --target qxiveilon31 qxmatte qx-matting
 # Debian's python3 finds the package); the GIMP plug-in into this user's GIMP folder.
 $SUDO cmake --install build --component Unspecified >/dev/null
 $SUDO ldconfig
-cmake --install build --component gimp_plugin | sed -n 's/^-- Installing: /GIMP plug-in: /p'
+cmake --install build --component gimp_plugin | sed -n -E 's#^-- (Installing|Up-to-date): /*#GIMP plug-in: /#p'
 /usr/bin/python3 -c 'import qxiveilon31 as qx; print("Python package:", qx.__file__, "library", qx.library_version())'
 
 ./build/qxmatte demo -o build/demo
