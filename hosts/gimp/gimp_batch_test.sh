@@ -1,7 +1,8 @@
 #!/bin/bash
 # The GIMP plug-in, end to end: GIMP in batch mode runs each procedure on the demo scene, and the
 # results must equal, byte for byte, what qxmatte gives on the same files; the tri-map's alpha
-# must also lie close to the scene's known alpha. Refused calls must fail with their message.
+# must also lie close to the scene's known alpha. Refused calls must fail with their message, and
+# each procedure must be in the menus where the README says.
 #
 #   gimp_batch_test.sh PLUGIN QXMATTE COMPARE WORKDIR
 #
@@ -86,6 +87,21 @@ for message in "the tri-map has no undecided pixel" "too few strokes" \
                "must be below the foreground code" "must be another layer" \
                "draw a rectangle selection"; do
   grep -q "$message" gimp.log || fail "no message \"$message\" in GIMP's log"
+done
+
+# What a user finds in the menus: GIMP's record of the plug-in's procedures (pluginrc) has each
+# one under Filters > Matting with its label.
+menu_of() {  # PROCEDURE: its label and menu path, as GIMP registered them
+  awk -v proc="\"$1\"" '$1 == "(proc-def" { inside = ($2 == proc) }
+                         inside && /"(Matte|Select) .*\.\.\."|menu-path/' "$work/gimp/pluginrc" | tr -d ' ()"'
+}
+for entry in "plug-in-qx-matte-trimap|Matte from _Tri-map..." \
+             "plug-in-qx-matte-strokes|Matte from _Strokes..." \
+             "plug-in-qx-select-subject|Select Su_bject..."; do
+  proc=${entry%%|*} label=${entry#*|}
+  want="$(echo "$label" | tr -d ' ')menu-path<Image>/Filters/Matting"
+  got=$(menu_of "$proc" | tr -d '\n')
+  [ "$got" = "$want" ] || fail "$proc is not in the menus as \"$label\" under Filters > Matting (GIMP has: $got)"
 done
 
 if [ $failures -ne 0 ]; then
