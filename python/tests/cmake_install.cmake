@@ -3,24 +3,13 @@
 # It must find the library installed with it.
 # Run as: cmake -DPYTHON=<python3> -DBUILD=<build dir> -DWORK=<scratch> -DPYDIR=<package folder
 #               relative to the prefix> -DSOURCE=<python/> -P cmake_install.cmake
-file(REMOVE_RECURSE ${WORK})
-file(MAKE_DIRECTORY ${WORK})
-
-function(run what)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
-  endif()
-  message(STATUS "${what}: ${out}")
-endfunction()
-
-run("install" ${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK}/installed)
-file(RENAME ${WORK}/installed ${WORK}/moved)
-set(prefix ${WORK}/moved)
+include(${CMAKE_CURRENT_LIST_DIR}/../../tests/package/scratch_install.cmake)
+scratch_install()
 if(NOT EXISTS ${prefix}/${PYDIR}/qxiveilon31/__init__.py)
   message(FATAL_ERROR "not installed: ${PYDIR}/qxiveilon31/__init__.py")
 endif()
 run("import the installed package" ${CMAKE_COMMAND} -E env --unset=QXIVEILON31_LIBRARY
     --unset=LD_LIBRARY_PATH PYTHONPATH=${prefix}/${PYDIR} PYTHONDONTWRITEBYTECODE=1
     ${PYTHON} ${SOURCE}/tests/installed_check.py ${prefix}/${PYDIR} ${prefix})
+message(STATUS "import the installed package: ${out}")
 file(REMOVE_RECURSE ${WORK})

@@ -6,14 +6,7 @@
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 
-function(run what)
-  execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${WORK} RESULT_VARIABLE rc
-                  OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
-  endif()
-  message(STATUS "${what}: ${out}")
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../../tests/package/scratch_install.cmake)
 
 # A copy of the source folder: pip builds in place, and the source tree stays clean.
 file(COPY ${SOURCE}/ DESTINATION ${WORK}/python PATTERN tests EXCLUDE PATTERN build EXCLUDE

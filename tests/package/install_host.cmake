@@ -4,20 +4,8 @@
 # Run as: cmake -DBUILD=<build dir> -DWORK=<scratch dir> -DHOST=<tests/package/host>
 #               -DCC=<C compiler> -DVERSION=<x.y.z> -DNODE=<version node> -DLIBDIR=<lib dir>
 #               -DGENERATOR=<generator> [-DHOST_FLAGS=<C and link flags>] -P install_host.cmake
-file(REMOVE_RECURSE ${WORK})
-file(MAKE_DIRECTORY ${WORK})
-
-function(run what)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
-  endif()
-  set(out "${out}" PARENT_SCOPE)
-endfunction()
-
-run("install" ${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK}/installed)
-file(RENAME ${WORK}/installed ${WORK}/moved)
-set(prefix ${WORK}/moved)
+include(${CMAKE_CURRENT_LIST_DIR}/scratch_install.cmake)
+scratch_install()
 foreach(f include/qxiveilon31.h ${LIBDIR}/libqxiveilon31.so ${LIBDIR}/pkgconfig/qxiveilon31.pc
         ${LIBDIR}/cmake/qxiveilon31/qxiveilon31Config.cmake)
   if(NOT EXISTS ${prefix}/${f})
