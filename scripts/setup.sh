@@ -11,12 +11,13 @@ cd "$(dirname "$0")/.."
 # clang, its runtime (libFuzzer, sanitizers) and libomp build the fuzz targets. The Python
 # package runs on Debian's python3 with NumPy (pytest tests it, tqdm draws its progress bar,
 # Pillow reads the files of its README example);
-# GIMP's development files build the plug-in and gimp-console tests it.
+# GIMP's development files build the plug-in and gimp-console tests it (its dialogs on Xvfb,
+# driven by xdotool).
 packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-pthread
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-dev libomp-dev
           python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip
-          python3-venv python3-pil libgimp2.0-dev gimp)
+          python3-venv python3-pil libgimp2.0-dev gimp xvfb xdotool)
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
 missing=()

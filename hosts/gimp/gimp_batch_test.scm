@@ -97,3 +97,27 @@
                     (plug-in-qx-select-subject RUN-NONINTERACTIVE img layer 0 -1 0))
     (gimp-image-delete img)
     (gimp-message "qx batch test: done")))
+
+; The interactive runs, each on its own image holding just what the dialog offers: the dialog's
+; choices as they open (the one other layer, band automatic, result the selection) are the batch
+; run's arguments, so the results must be the same. gimp_batch_test.sh presses OK in each dialog.
+(define (qx-dialog-test rect-x rect-y rect-w rect-h)
+  (let* ((img (car (gimp-file-load RUN-NONINTERACTIVE "demo/image.png" "demo/image.png")))
+         (layer (car (gimp-image-get-active-layer img)))
+         (trimap (load-layer img "demo/trimap.png")))
+    (plug-in-qx-matte-trimap RUN-INTERACTIVE img layer -1 0 0)
+    (save-with-mask img layer "dialog_trimap.png")
+    (gimp-image-delete img))
+  (let* ((img (car (gimp-file-load RUN-NONINTERACTIVE "demo/image.png" "demo/image.png")))
+         (layer (car (gimp-image-get-active-layer img)))
+         (strokes (load-layer img "demo/strokes.png")))
+    (plug-in-qx-matte-strokes RUN-INTERACTIVE img layer -1 0)
+    (save-layer img (car (gimp-image-get-active-layer img)) "dialog_strokes.png")
+    (gimp-image-delete img))
+  (let* ((img (car (gimp-file-load RUN-NONINTERACTIVE "demo/image.png" "demo/image.png")))
+         (layer (car (gimp-image-get-active-layer img))))
+    (gimp-image-select-rectangle img CHANNEL-OP-REPLACE rect-x rect-y rect-w rect-h)
+    (plug-in-qx-select-subject RUN-INTERACTIVE img layer 0 -1 0)
+    (save-selection img layer "dialog_subject_selection.png")
+    (gimp-image-delete img))
+  (gimp-message "qx dialog test: done"))

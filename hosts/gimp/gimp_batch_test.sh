@@ -2,7 +2,8 @@
 # The GIMP plug-in, end to end: GIMP in batch mode runs each procedure on the demo scene, and the
 # results must equal, byte for byte, what qxmatte gives on the same files; the tri-map's alpha
 # must also lie close to the scene's known alpha. Refused calls must fail with their message, and
-# each procedure must be in the menus where the README says.
+# each procedure must be in the menus where the README says. With Xvfb and xdotool, each dialog
+# is opened and confirmed, and gives the same result.
 #
 #   gimp_batch_test.sh PLUGIN QXMATTE COMPARE WORKDIR
 #
@@ -88,6 +89,50 @@ for message in "the tri-map has no undecided pixel" "too few strokes" \
                "draw a rectangle selection"; do
   grep -q "$message" gimp.log || fail "no message \"$message\" in GIMP's log"
 done
+
+# The dialogs, when an X server can be had (Xvfb) and driven (xdotool): GIMP runs each procedure
+# interactively, and OK is pressed in each dialog as it opens; the choices it opens with are the
+# batch run's, so the results must be the tool's too.
+press_ok() {  # TITLE: waits for the dialog while GIMP runs, then clicks its OK button (bottom right)
+  local id=""
+  for _ in $(seq 600); do
+    id=$(DISPLAY=$display xdotool search --onlyvisible --name "^$1\$" 2>/dev/null | head -1)
+    [ -n "$id" ] && break
+    kill -0 "$gimp_pid" 2>/dev/null || break
+    sleep 0.2
+  done
+  [ -n "$id" ] || { fail "no dialog \"$1\" opened"; return; }
+  sleep 1  # mapped is not yet drawn: give GTK a moment before the click
+  eval "$(DISPLAY=$display xdotool getwindowgeometry --shell "$id")"
+  DISPLAY=$display xdotool mousemove $((X + WIDTH - 50)) $((Y + HEIGHT - 21)) click 1
+}
+if command -v Xvfb >/dev/null && command -v xdotool >/dev/null; then
+  Xvfb -displayfd 3 -screen 0 1024x768x24 3> display.txt > xvfb.log 2>&1 &
+  xvfb=$!
+  for _ in $(seq 50); do [ -s display.txt ] && break; sleep 0.2; done
+  display=:$(cat display.txt)
+  DISPLAY=$display HOME="$work/home" GIMP2_DIRECTORY="$work/gimp" \
+  XDG_CONFIG_HOME="$work/home/.config" XDG_CACHE_HOME="$work/home/.cache" timeout 150 "$gimp" \
+    -i -d -f -b "$(cat "$here/gimp_batch_test.scm") (qx-dialog-test ${rect//,/ })" \
+    -b '(gimp-quit 0)' > dialogs.log 2>&1 &
+  gimp_pid=$!
+  for title in "Matte from Tri-map" "Matte from Strokes" "Select Subject"; do
+    press_ok "$title"
+  done
+  wait $gimp_pid
+  kill $xvfb 2>/dev/null
+  if grep -q "qx dialog test: done" dialogs.log; then
+    same dialog_trimap.png 3 ref_trimap.png 0
+    same dialog_strokes.png 3 ref_strokes_alpha.png 0
+    for c in 0 1 2; do same dialog_strokes.png $c ref_strokes_fg.png $c; done
+    same dialog_subject_selection.png 3 ref_cutout_alpha.png 0
+  else
+    cat dialogs.log
+    fail "the interactive runs did not finish"
+  fi
+else
+  echo "dialogs not tested: Xvfb and xdotool are needed (Debian: apt-get install xvfb xdotool)"
+fi
 
 # What a user finds in the menus: GIMP's record of the plug-in's procedures (pluginrc) has each
 # one under Filters > Matting with its label.
