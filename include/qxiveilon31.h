@@ -180,7 +180,9 @@ QX_API int qxVersion(int* major, int* minor, int* patch);
 
 /* Bounding box of the undecided pixels of a tri-map, 12 pixels of margin, with the counts of
  * pixels equal to fgCode and bgCode inside it (is16: 16-bit plane, code c stands for c*128,
- * and values at or beyond fgCode*128 / bgCode*128 count as decided).
+ * and values at or beyond fgCode*128 / bgCode*128 count as decided). In an 8-bit plane only the
+ * two codes themselves are decided: any other value, one below bgCode too, is undecided. A
+ * pixel that matches both codes counts in both counts.
  * Returns 1. No undecided pixel, or a box under 24 rows: box 0,0,0,0 and counts -1 (into the
  * count pointers that are non-null). Otherwise the counts are written only when both count
  * pointers are non-null.
@@ -229,7 +231,9 @@ QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, 
  * strokes for the KD-tree (no keep, no cut, or fewer than 3 unpainted pixels; nothing solved,
  * the plane as given); an image failure code as thrown (102 no memory, 112/113 no memory for an
  * image over 5000 wide/high, 103 guard row overwritten, 121..123/125/130 solver); -1000 any
- * other failure. The paint flags are back in the plane however the call ends.
+ * other failure. The paint flags are back in the plane however the call ends: bit 0 of each
+ * region byte is set from bit 0 of its auxPlane byte, so auxPlane should hold a copy of the
+ * coded plane as the host painted it.
  * Refusal (NULL request, srcImage, alphaPlane or auxPlane; NULL dstImage when a KD-tree runs or
  * recoverFlag is set; an image or region size below 1; a region outside the image; a step
  * smaller than a row): returns -1000 and writes nothing. */
