@@ -80,19 +80,38 @@ void solveCells(const RecoveryParams& p, const std::vector<Byte>& reducedSrc,
     IMG<Byte, 1>* const cellPlanes[3] = {&cell0, &cell1, &cell2};
     const int inset = p.ownedInset;
 
+    // The walk visits the first cell of an image one cell wide twice, the second time as the
+    // last of its row. A cell's solve reads only the reduced planes and alpha, so the second
+    // visit takes the result the first one left in the cell planes, and replays the progress
+    // reports the solve made: the host sees the same reports as for two solves.
+    struct {
+        bool solved = false;
+        int x = -1, y = -1;
+        int64_t kicks = 0;
+    } last;
     walkCells(grid, qw, qh, [&](const CellPos& pos) {
         progressKick();
         IMG<Byte, 1> alpha(grid.cellW, grid.cellH,
                            reducedAlpha.data() + int64_t(pos.y) * qw + pos.x, qw);
-        if (!cellNeedsSolve(alpha, p.cellTest)) return;
-        for (int c = 0; c < 3; ++c)
-            for (int y = 0; y < grid.cellH; ++y)
-                std::memcpy(cellPlanes[c]->row(y),
-                            planes[c].data() + int64_t(pos.y + y) * qw + pos.x,
-                            size_t(grid.cellW));
-        void* unused[9] = {};
-        solveForegroundBackground(unused, cellPlanes, 0, alpha);  // a failed product (10): the
-                                                                  // cell is taken as it stands
+        if (!cellNeedsSolve(alpha, p.cellTest)) {
+            last.solved = false;
+            return;
+        }
+        if (last.solved && last.x == pos.x && last.y == pos.y) {
+            for (int64_t k = 0; k < last.kicks; ++k) progressKick();
+        } else {
+            for (int c = 0; c < 3; ++c)
+                for (int y = 0; y < grid.cellH; ++y)
+                    std::memcpy(cellPlanes[c]->row(y),
+                                planes[c].data() + int64_t(pos.y + y) * qw + pos.x,
+                                size_t(grid.cellW));
+            void* unused[9] = {};
+            const int64_t kicksBefore = progressKickCount();
+            last.solved = false;  // a throw leaves nothing to take again
+            solveForegroundBackground(unused, cellPlanes, 0, alpha);  // a failed product (10):
+                                                                      // the cell stands as it is
+            last = {true, pos.x, pos.y, progressKickCount() - kicksBefore};
+        }
         const int left = (pos.x == 0 ? 0 : grid.trimX) + inset;
         const int right = (pos.lastColumn ? 0 : grid.trimX) + inset;
         const int top = (pos.y == 0 ? 0 : grid.trimY) + inset;

@@ -2,6 +2,8 @@
 // callback sees (current, total, param). The state is process-global: jobs must not overlap.
 #pragma once
 
+#include <cstdint>
+
 #include "qxiveilon31.h"
 
 namespace qx {
@@ -14,6 +16,10 @@ int setProgRange(int total, int step);
 // that overruns its estimate never reports the total itself. Returns the callback's result, or
 // 1 when no callback is installed (callback or parameter null).
 int progressKick();
+
+// How many steps progressKick() has made since the library was loaded, with or without a
+// callback: a step whose work is taken from an earlier one replays that one's reports.
+int64_t progressKickCount();
 
 struct ProgressSnapshot {
     qxProgressProc proc;

@@ -305,6 +305,24 @@ TEST_F(Recovery, CellWiseInstallsItsProgressAndSteps650) {
     EXPECT_TRUE(none.current.empty());
 }
 
+TEST_F(Recovery, OneCellImageReportsAsManyStepsAsTwoCells) {
+    // The walk visits a one-cell image's cell twice and solves it once; the host must still see
+    // the reports of two solves, as for an image two cells across (800 x 600 at 0.18 is
+    // 144 x 108; 400 x 300 is 72 x 54, one cell), each cell holding part of the disc's edge.
+    auto reports = [](int w, int h, double radius) {
+        const fgtest::Scene s = fgtest::discScene(w, h, radius, 0.3 * radius);
+        Host host(s);
+        Calls calls;
+        host.req.progProc = record;
+        host.req.progParam = &calls;
+        EXPECT_EQ(qxRecoverForegroundCell(&host.req, 0), 1);
+        return calls.current.size();
+    };
+    const size_t twoCells = reports(800, 600, 200.0);
+    EXPECT_GT(twoCells, 4u);
+    EXPECT_EQ(reports(400, 300, 100.0), twoCells);
+}
+
 TEST_F(Recovery, WholeRegionKeepsTheInstalledCallbackAndSetsItsStep) {
     // 400 x 300 at 0.25 is 100 x 75: one cell, step 10000 / (7500 / (2.25 * 7500)) = 22500.
     const fgtest::Scene s = fgtest::discScene(400, 300, 100.0, 30.0);
