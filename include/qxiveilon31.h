@@ -295,8 +295,9 @@ QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t reserved
 QX_API int qxGrabCut(GrabCutRequest* request, int mode);
 
 /* Ends a session: deletes request->control (when not NULL) and sets the field to NULL, then
- * settles the codes of the rectangle in mask and result (when not NULL): 0 and 1 become 1,
- * 254 and 255 become 255, every other value loses its low bit.
+ * settles the mask's codes in the rectangle: 0 and 1 become 1, 254 and 255 become 255, every
+ * other value loses its low bit. result (when not NULL) receives the same settled mask codes;
+ * its own values are not read.
  * Refusal: a NULL request, or a control that is not a live one of this library: nothing
  * deleted, nothing written. Planes that fail the checks of qxGrabCut: the control is deleted,
  * no code is written. */
