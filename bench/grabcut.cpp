@@ -13,11 +13,9 @@
 //
 //   bench_grabcut [--accuracy-only | --scale-only] [--max-mp N] [--images N]
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <cstring>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
@@ -26,15 +24,11 @@
 #include <vector>
 
 #include "grabcut.h"
-#include "peak_memory.h"
+#include "measurement.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-double since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
 struct Sample {
     std::string name;
@@ -76,22 +70,17 @@ struct Cut {
     double seconds = 0, cpu = 0, iou = 0, peakMB = 0;
 };
 
-// Processor time of the whole process (all threads): the machine may be shared, and wall time
-// then measures the other jobs too.
-double cpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
-
 Cut runLibrary(const Sample& s, const cv::Rect& rect) {
     Cut c;
     qxmatte::GrabCutOptions opt;
     opt.rect = rect;
-    qxmatte::resetPeakResident();
-    const double base = qxmatte::residentMB();
-    const auto t0 = std::chrono::steady_clock::now();
-    const double c0 = cpuSeconds();
+    // Processor time as well as wall time: the machine may be shared, and wall time then
+    // measures the other jobs too.
+    const qxmatte::Measurement run;
     const qxmatte::GrabCutResult g = qxmatte::selectWithGrabCut(s.image, cv::Mat(), opt);
-    c.seconds = since(t0);
-    c.cpu = cpuSeconds() - c0;
-    c.peakMB = qxmatte::peakResidentMB() - base;
+    c.seconds = run.seconds();
+    c.cpu = run.cpuSeconds();
+    c.peakMB = run.peakAboveStartMB();
     c.iou = g.ok ? iou(g.selection, s.truth) : -1.0;
     return c;
 }
@@ -99,23 +88,20 @@ Cut runLibrary(const Sample& s, const cv::Rect& rect) {
 // Plain cv::grabCut on the full image: the rectangle, 3 iterations.
 Cut runPlain(const Sample& s, const cv::Rect& rect) {
     Cut c;
-    qxmatte::resetPeakResident();
-    const double base = qxmatte::residentMB();
-    const auto t0 = std::chrono::steady_clock::now();
-    const double c0 = cpuSeconds();
+    const qxmatte::Measurement run;
     cv::Mat labels, bgd, fgd;
     try {
         cv::grabCut(s.image, labels, rect, bgd, fgd, 3, cv::GC_INIT_WITH_RECT);
     } catch (const cv::Exception&) {
         // A rectangle that covers the whole image leaves no background to learn from.
-        c.seconds = since(t0);
-        c.cpu = cpuSeconds() - c0;
+        c.seconds = run.seconds();
+        c.cpu = run.cpuSeconds();
         c.iou = -1.0;
         return c;
     }
-    c.seconds = since(t0);
-    c.cpu = cpuSeconds() - c0;
-    c.peakMB = qxmatte::peakResidentMB() - base;
+    c.seconds = run.seconds();
+    c.cpu = run.cpuSeconds();
+    c.peakMB = run.peakAboveStartMB();
     c.iou = iou((labels & 1) * 255, s.truth);
     return c;
 }
@@ -129,12 +115,10 @@ Matte runCutout(const Sample& s, const cv::Rect& rect) {
     Matte m;
     qxmatte::GrabCutOptions opt;
     opt.rect = rect;
-    qxmatte::resetPeakResident();
-    const double base = qxmatte::residentMB();
-    const auto t0 = std::chrono::steady_clock::now();
+    const qxmatte::Measurement run;
     const qxmatte::CutoutResult c = qxmatte::cutoutFromRect(s.image, cv::Mat(), opt);
-    m.seconds = since(t0);
-    m.peakMB = qxmatte::peakResidentMB() - base;
+    m.seconds = run.seconds();
+    m.peakMB = run.peakAboveStartMB();
     m.ok = c.ok;
     if (!c.ok) return m;
     cv::Mat a, g;

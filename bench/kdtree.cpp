@@ -9,7 +9,6 @@
 // (default "1,6"; "6,12,24" for the scale table).
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +20,7 @@
 #include "demo_scene.h"
 #include "keepcut.h"
 #include "keepcut/kd_drivers.h"
-#include "peak_memory.h"
+#include "measurement.h"
 
 namespace {
 
@@ -59,9 +58,7 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
     cv::Mat src = job.bgra, aux = job.strokes.clone();
     KeepCutRequest req = qxmatte::wholeImageRequest(src, alpha, dst, aux);
 
-    qxmatte::resetPeakResident();
-    const double before = qxmatte::residentMB();
-    const auto t0 = std::chrono::steady_clock::now();
+    const qxmatte::Measurement run;
     try {
         if (hiRes) qx::computeAlphaKDTreeHiRes(&req);
         else qx::computeAlphaKDTreePyramid(&req);
@@ -69,8 +66,8 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
     } catch (int e) {
         r.status = e;
     }
-    r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    r.peakMB = qxmatte::peakResidentMB() - before;
+    r.seconds = run.seconds();
+    r.peakMB = run.peakAboveStartMB();
     r.leaves = qx::lastKDTreeLeafCount();
     if (r.status != 1) return r;
     double sad = 0;

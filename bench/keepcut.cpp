@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "keepcut.h"
-#include "peak_memory.h"
+#include "measurement.h"
 #include "workflow.h"
 
 namespace fs = std::filesystem;
@@ -26,10 +26,6 @@ struct Run {
     double seconds = 0, sad = 0, mse = 0, peakMB = 0;
     int status = 0;
 };
-
-double since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
 // Strokes from a tri-map: the definite codes become keep and cut, the rest unpainted.
 cv::Mat strokesFromTrimap(const cv::Mat& trimap) {
@@ -44,12 +40,10 @@ Run runKeepCut(const cv::Mat& image, const cv::Mat& strokes, bool hiRes, const c
     Run r;
     qxmatte::KeepCutOptions opt;
     opt.hiRes = hiRes;
-    qxmatte::resetPeakResident();
-    const double base = qxmatte::residentMB();
-    const auto t0 = std::chrono::steady_clock::now();
+    const qxmatte::Measurement run;
     const qxmatte::KeepCutResult k = qxmatte::matteWithStrokes(image, strokes, opt);
-    r.seconds = since(t0);
-    r.peakMB = qxmatte::peakResidentMB() - base;
+    r.seconds = run.seconds();
+    r.peakMB = run.peakAboveStartMB();
     r.status = k.status;
     if (k.ok) {
         const qxmatte::Accuracy a = qxmatte::measureAccuracy(k.alpha, truth, region);
@@ -78,7 +72,7 @@ void accuracyReport(const fs::path& dir) {
         {
             const auto t0 = std::chrono::steady_clock::now();
             const qxmatte::MatteResult m = qxmatte::matteWithTrimap(image, trimap, {});
-            runs[0].seconds = since(t0);
+            runs[0].seconds = qxmatte::secondsSince(t0);
             if (m.ok) {
                 const qxmatte::Accuracy a = qxmatte::measureAccuracy(m.alpha, truth, trimap);
                 runs[0].sad = a.sad;

@@ -4,9 +4,7 @@
 // memory of the run, and the job's own budget estimate (1920 bytes an undecided pixel, 12 a
 // pixel) for comparison.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -17,7 +15,7 @@
 
 #include "frame/memory.h"
 #include "solver/direct_solver.h"
-#include "peak_memory.h"
+#include "measurement.h"
 #include "workflow.h"
 
 namespace fs = std::filesystem;
@@ -33,31 +31,18 @@ struct Row {
 };
 std::vector<Row> rows;
 
-// CPU time of all the process's threads, user and system: on a shared machine the work done, where
-// wall time also counts the waits for a core.
-double processCpuSeconds() {
-    rusage u{};
-    getrusage(RUSAGE_SELF, &u);
-    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-           1e-6 * double(u.ru_utime.tv_usec + u.ru_stime.tv_usec);
-}
-
 Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap,
             const cv::Mat* truth) {
     Row r;
     r.name = name;
     r.width = image.cols;
     r.height = image.rows;
-    // Heap that earlier cases freed but the allocator kept would hide this case's growth.
-    qxmatte::resetPeakResident();
-    const double before = qxmatte::residentMB();
     qx::detail::resetDirectSolveTotals();
-    const double cpu0 = processCpuSeconds();
-    const auto t0 = std::chrono::steady_clock::now();
+    const qxmatte::Measurement run;
     const qxmatte::MatteResult m = qxmatte::matteWithTrimap(image, trimap, {});
-    r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    r.cpuSeconds = processCpuSeconds() - cpu0;
-    r.peakMB = qxmatte::peakResidentMB() - before;
+    r.seconds = run.seconds();
+    r.cpuSeconds = run.cpuSeconds();
+    r.peakMB = run.peakAboveStartMB();
     r.solver = qx::detail::directSolveTotals();
     r.unknown = m.unknownPixels;
     r.estimateMB = (1920.0 * m.unknownPixels + 12.0 * m.boxWidth * m.boxHeight) / (1024.0 * 1024.0);

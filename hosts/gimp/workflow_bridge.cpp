@@ -22,19 +22,20 @@ struct ProgressRelay {
     std::thread::id owner;
 };
 
-ProgressRelay* relayForJob(const QxgReport* report) {
-    static ProgressRelay relay;
-    relay.fn = report->progress;
-    relay.data = report->progressData;
-    relay.owner = std::this_thread::get_id();
-    return &relay;
-}
-
 int relayProgress(int current, int total, void* param) {
     const auto* relay = static_cast<const ProgressRelay*>(param);
     if (relay->fn && total > 0 && std::this_thread::get_id() == relay->owner)
         relay->fn(std::clamp(static_cast<double>(current) / total, 0.0, 1.0), relay->data);
     return 0;
+}
+
+// A job's progress, passed on to the report's callback.
+qxmatte::Progress relayForJob(const QxgReport* report) {
+    static ProgressRelay relay;
+    relay.fn = report->progress;
+    relay.data = report->progressData;
+    relay.owner = std::this_thread::get_id();
+    return {false, relayProgress, &relay};
 }
 
 QxgStatus say(QxgReport* report, QxgStatus status, const std::string& message) {
@@ -99,8 +100,7 @@ extern "C" QxgStatus qxg_matte_trimap(const QxgImage* image, const unsigned char
         qxmatte::MatteOptions opt;
         opt.fgCode = fgCode;
         opt.bgCode = bgCode;
-        opt.progressProc = relayProgress;
-        opt.progressParam = relayForJob(report);
+        opt.progress = relayForJob(report);
         const qxmatte::MatteResult r =
             qxmatte::matteWithTrimap(toBgr(image), planeView(trimap, trimapStride, image), opt);
         if (!r.ok) return say(report, r.badInput ? QXG_BAD_INPUT : QXG_FAILED, r.error);
@@ -120,8 +120,7 @@ extern "C" QxgStatus qxg_matte_strokes(const QxgImage* image, const unsigned cha
         qxmatte::KeepCutOptions opt;
         opt.hiRes = !pyramid;
         opt.recover = true;
-        opt.progressProc = relayProgress;
-        opt.progressParam = relayForJob(report);
+        opt.progress = relayForJob(report);
         const qxmatte::KeepCutResult r = qxmatte::matteWithStrokes(
             toBgr(image), planeView(strokes, strokesStride, image), opt);
         if (!r.ok) return say(report, r.badInput ? QXG_BAD_INPUT : QXG_FAILED, r.error);
@@ -148,8 +147,7 @@ extern "C" QxgStatus qxg_select_subject(const QxgImage* image, const unsigned ch
         opt.rect = rect;
         opt.band = band;
         opt.recoverColours = rgb != nullptr;
-        opt.progressProc = relayProgress;
-        opt.progressParam = relayForJob(report);
+        opt.progress = relayForJob(report);
         const cv::Mat strokePlane =
             strokes ? planeView(strokes, strokesStride, image) : cv::Mat();
         const qxmatte::CutoutResult c = qxmatte::cutoutFromRect(toBgr(image), strokePlane, opt);

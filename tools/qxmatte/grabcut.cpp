@@ -6,16 +6,13 @@
 
 #include "foreground.h"
 #include "keepcut.h"
+#include "measurement.h"
 #include "progress_bar.h"
 #include "qxiveilon31.h"
 #include "workflow.h"
 
 namespace qxmatte {
 namespace {
-
-double since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
 // The tri-map command's codes for an edge-band plane: the subject (254, or a fixed 255) 255,
 // background (0, or a fixed 1) 0, the band and any other code undecided (128).
@@ -107,8 +104,7 @@ GrabCutResult selectWithGrabCut(const cv::Mat& image, const cv::Mat& strokes,
     req.roiWidth = roi.width;
     req.roiHeight = roi.height;
     const bool bar =
-        chooseProgress(opt.progress, opt.progressProc, opt.progressParam, &req.progProc,
-                       &req.progParam);
+        chooseProgress(opt.progress, &req.progProc, &req.progParam);
     r.status = qxGrabCut(&req, 0);
     if (bar) clearProgress();
     if (r.status != 1) {
@@ -140,7 +136,7 @@ CutoutResult cutoutFromRect(const cv::Mat& image, const cv::Mat& strokes,
     if (gopt.band <= 0) gopt.band = defaultBandWidth(image.size());
     auto t0 = std::chrono::steady_clock::now();
     const GrabCutResult g = selectWithGrabCut(image, strokes, gopt);
-    c.grabCutSeconds = since(t0);
+    c.grabCutSeconds = secondsSince(t0);
     if (!g.ok) {
         c.error = g.error;
         return c;
@@ -152,8 +148,6 @@ CutoutResult cutoutFromRect(const cv::Mat& image, const cv::Mat& strokes,
     } else {
         MatteOptions mopt;
         mopt.progress = opt.progress;
-        mopt.progressProc = opt.progressProc;
-        mopt.progressParam = opt.progressParam;
         const MatteResult m = matteWithTrimap(image, g.trimap, mopt);
         if (!m.ok) {
             c.error = m.error;
@@ -162,10 +156,10 @@ CutoutResult cutoutFromRect(const cv::Mat& image, const cv::Mat& strokes,
         }
         c.alpha = m.alpha;
     }
-    c.mattingSeconds = since(t0);
+    c.mattingSeconds = secondsSince(t0);
     t0 = std::chrono::steady_clock::now();
     if (opt.recoverColours) c.cutout = makeCutout(recoverForeground(image, c.alpha), c.alpha);
-    c.foregroundSeconds = since(t0);
+    c.foregroundSeconds = secondsSince(t0);
     c.ok = true;
     return c;
 }

@@ -6,7 +6,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 
-#include "qxiveilon31.h"
+#include "progress_bar.h"
 
 namespace qxmatte {
 
@@ -20,11 +20,7 @@ int defaultBandWidth(const cv::Size& size);
 struct GrabCutOptions {
     cv::Rect rect;          // the region to cut; everything outside it is background
     int band = 0;           // edge band width for the tri-map; 0: no tri-map
-    bool progress = false;  // draw a progress bar on standard error
-    // A host's own progress callback, used instead of the bar when set (the library reports
-    // only when progressParam is non-null too).
-    qxProgressProc progressProc = nullptr;
-    void* progressParam = nullptr;
+    Progress progress;  // where the jobs report
     bool recoverColours = true;  // cutoutFromRect: false leaves the cut-out empty (alpha only)
 };
 

@@ -73,8 +73,7 @@ KeepCutResult matteWithStrokes(const cv::Mat& image, const cv::Mat& strokes,
     KeepCutRequest req = wholeImageRequest(src, plane, dst, aux);
     req.recoverFlag = opt.recover ? 1 : 0;
     const bool bar =
-        chooseProgress(opt.progress, opt.progressProc, opt.progressParam, &req.progProc,
-                       &req.progParam);
+        chooseProgress(opt.progress, &req.progProc, &req.progParam);
     r.status = qxKeepCutToAlpha(&req, opt.hiRes ? 1 : 0);
     if (bar) clearProgress();
     switch (r.status) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "progress_bar.h"
 #include "qxiveilon31.h"
 
 namespace qxmatte {
@@ -19,11 +20,7 @@ constexpr unsigned char kCutStroke = 0;
 struct KeepCutOptions {
     bool hiRes = true;      // false: the half-resolution engine with one guided doubling
     bool recover = false;   // recover the subject's colours too
-    bool progress = false;  // draw a progress bar on standard error
-    // A host's own progress callback, used instead of the bar when set (the library reports
-    // only when progressParam is non-null too).
-    qxProgressProc progressProc = nullptr;
-    void* progressParam = nullptr;
+    Progress progress;  // where the jobs report
 };
 
 struct KeepCutResult {

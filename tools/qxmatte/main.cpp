@@ -34,7 +34,7 @@
 #include "foreground.h"
 #include "grabcut.h"
 #include "keepcut.h"
-#include "peak_memory.h"
+#include "measurement.h"
 #include "qxiveilon31.h"
 #include "workflow.h"
 
@@ -332,7 +332,7 @@ int runTrimap(int argc, char** argv, bool showProgress) {
     cv::Mat image, trimap;
     err = readImageAndPlane(positional[0], positional[1], "tri-map", &image, &trimap);
     if (!err.empty()) return fail(kExitInput, err);
-    opt.progress = showProgress;
+    opt.progress.bar = showProgress;
     const qxmatte::MatteResult r = qxmatte::matteWithTrimap(image, trimap, opt);
     if (!r.ok) return jobFailure(positional[1], r.error, r.badInput);
     cv::Mat cut;
@@ -379,7 +379,7 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
     }
     if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
-    opt.progress = showProgress;
+    opt.progress.bar = showProgress;
     opt.recover = !foreground.empty() || !cutout.empty();
     const qxmatte::KeepCutResult r = qxmatte::matteWithStrokes(image, strokes, opt);
     if (!r.ok) return jobFailure(strokeSource, r.error, r.badInput);
@@ -471,7 +471,7 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
         return fail(kExitUsage, "--rect " + rectText + " is not inside the " +
                                     std::to_string(image.cols) + "x" +
                                     std::to_string(image.rows) + " image");
-    opt.progress = showProgress;
+    opt.progress.bar = showProgress;
     if (cutoutCommand) {
         const qxmatte::CutoutResult c = qxmatte::cutoutFromRect(image, strokes, opt);
         if (!c.ok) return jobFailure(positional[0], c.error, c.badInput);
@@ -482,10 +482,6 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
     const qxmatte::GrabCutResult g = qxmatte::selectWithGrabCut(image, strokes, opt);
     if (!g.ok) return jobFailure(positional[0], g.error, false);
     return writeAll({{output, g.selection}, {trimapPath, g.trimap}});
-}
-
-double secondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 // The demo's folder, checked (and made, if need be) before any work; when the demo fails, a
@@ -552,11 +548,11 @@ int runDemo(int argc, char** argv, bool showProgress) {
 
     // 1. Tri-map matting.
     qxmatte::MatteOptions opt;
-    opt.progress = showProgress;
+    opt.progress.bar = showProgress;
     qxmatte::resetPeakResident();
     auto start = std::chrono::steady_clock::now();
     const qxmatte::MatteResult r = qxmatte::matteWithTrimap(scene.image, scene.trimap, opt);
-    double seconds = secondsSince(start);
+    double seconds = qxmatte::secondsSince(start);
     if (!r.ok) return jobFailure("demo", r.error, false);
     const qxmatte::Accuracy acc = qxmatte::measureAccuracy(r.alpha, scene.truth, scene.trimap);
     std::printf("tri-map:  box %dx%d at (%d,%d), %d undecided pixels, solved in %.2f s, "
@@ -569,12 +565,12 @@ int runDemo(int argc, char** argv, bool showProgress) {
     // 2. Keep-cut matting with foreground recovery, from strokes as an edge-band tool leaves them.
     const cv::Mat strokes = qxmatte::edgeBandStrokes(scene.truth);
     qxmatte::KeepCutOptions kopt;
-    kopt.progress = showProgress;
+    kopt.progress.bar = showProgress;
     kopt.recover = true;
     qxmatte::resetPeakResident();
     start = std::chrono::steady_clock::now();
     const qxmatte::KeepCutResult k = qxmatte::matteWithStrokes(scene.image, strokes, kopt);
-    seconds = secondsSince(start);
+    seconds = qxmatte::secondsSince(start);
     if (!k.ok) return jobFailure("demo: keep-cut", k.error, false);
     const double peak = qxmatte::peakResidentMB();
     const qxmatte::Accuracy kacc = qxmatte::measureAccuracy(k.alpha, scene.truth, strokes);
@@ -587,7 +583,7 @@ int runDemo(int argc, char** argv, bool showProgress) {
                 kacc.sad, kacc.mse);
     start = std::chrono::steady_clock::now();
     const cv::Mat plainRecovery = qxmatte::recoverForeground(scene.image, k.alpha);
-    seconds = secondsSince(start);
+    seconds = qxmatte::secondsSince(start);
     const double plainError = qxmatte::foregroundError(plainRecovery, scene.foreground, scene.truth);
     std::printf("foreground error (thousands): %.3f as the keep-cut job recovers it (its window "
                 "fades to the image's colours at the edges), %.3f by qxRecoverForeground on the "

@@ -24,14 +24,13 @@ int drawProgress(int current, int total, void* param) {
 
 void clearProgress() { std::fprintf(stderr, "\r%*s\r", 40, ""); }
 
-bool chooseProgress(bool bar, qxProgressProc hostProc, void* hostParam, qxProgressProc* proc,
-                    void** param) {
-    if (hostProc) {
-        *proc = hostProc;
-        *param = hostParam;
+bool chooseProgress(const Progress& progress, qxProgressProc* proc, void** param) {
+    if (progress.proc) {
+        *proc = progress.proc;
+        *param = progress.param;
         return false;
     }
-    if (!bar) return false;
+    if (!progress.bar) return false;
     *proc = drawProgress;
     *param = progressBarForJob();
     return true;

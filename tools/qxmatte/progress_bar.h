@@ -19,10 +19,17 @@ int drawProgress(int current, int total, void* param);
 // Clears the bar's line.
 void clearProgress();
 
-// The callback a workflow installs for a job: the host's own (hostProc with hostParam) when one
-// is given, else the bar when `bar` is set, else none. Returns true when the bar was chosen (the
-// caller clears it after the job).
-bool chooseProgress(bool bar, qxProgressProc hostProc, void* hostParam, qxProgressProc* proc,
-                    void** param);
+// Where a workflow's jobs report: a host's own callback (proc with param; the library reports
+// only when param is non-null too) when one is given, else the bar when `bar` is set, else
+// nowhere.
+struct Progress {
+    bool bar = false;  // draw a progress bar on standard error
+    qxProgressProc proc = nullptr;
+    void* param = nullptr;
+};
+
+// Puts the chosen callback into a request's fields. Returns true when it is the bar (the caller
+// clears it after the job).
+bool chooseProgress(const Progress& progress, qxProgressProc* proc, void** param);
 
 }  // namespace qxmatte

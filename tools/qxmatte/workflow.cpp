@@ -46,8 +46,7 @@ MatteResult matteWithTrimap(const cv::Mat& image, const cv::Mat& trimap, const M
     req.width = boxWidth;
     req.height = boxHeight;
     const bool bar =
-        chooseProgress(opt.progress, opt.progressProc, opt.progressParam, &req.progProc,
-                       &req.progParam);
+        chooseProgress(opt.progress, &req.progProc, &req.progParam);
     r.status = qxMaskAlpha(&req, 0, static_cast<float>(r.unknownPixels), opt.fgCode, opt.bgCode,
                            opt.levelHigh, opt.levelLow);
     if (bar) clearProgress();

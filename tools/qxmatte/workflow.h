@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "qxiveilon31.h"
+#include "progress_bar.h"
 
 namespace qxmatte {
 
@@ -16,11 +16,7 @@ struct MatteOptions {
     int bgCode = 0;
     int levelHigh = 255;
     int levelLow = 0;
-    bool progress = false;  // draw a progress bar on standard error
-    // A host's own progress callback, used instead of the bar when set (the library reports
-    // only when progressParam is non-null too).
-    qxProgressProc progressProc = nullptr;
-    void* progressParam = nullptr;
+    Progress progress;  // where the jobs report
 };
 
 struct MatteResult {

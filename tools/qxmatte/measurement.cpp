@@ -1,6 +1,7 @@
-#include "peak_memory.h"
+#include "measurement.h"
 
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <fstream>
 #include <string>
@@ -31,5 +32,23 @@ void resetPeakResident() {
 
 double peakResidentMB() { return statusMB("VmHWM:"); }
 double residentMB() { return statusMB("VmRSS:"); }
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double processCpuSeconds() {
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           1e-6 * double(u.ru_utime.tv_usec + u.ru_stime.tv_usec);
+}
+
+Measurement::Measurement() {
+    resetPeakResident();
+    base_ = residentMB();
+    cpu0_ = processCpuSeconds();
+    start_ = std::chrono::steady_clock::now();
+}
 
 }  // namespace qxmatte
