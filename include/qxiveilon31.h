@@ -114,6 +114,27 @@ typedef struct GrabCutRequest {
     int32_t roiTop;               /* 148 */
 } GrabCutRequest;
 
+/* A stroke matting job (qxStrokesToAlpha): keep and cut strokes to a plain alpha at any size.
+ * The input and output planes are separate; the library reads image and strokes and writes only
+ * alpha. */
+typedef struct StrokeMatteRequest {
+    const unsigned char* image;   /*  0: colour, imageChannels bytes a pixel, bytes 0..2 colour */
+    int32_t imageStep;            /*  8: bytes between image rows */
+    int32_t imageChannels;        /* 12: 3 or 4 */
+    const unsigned char* strokes; /* 16: stroke coding (bit 0 set: painted, its alpha
+                                   *     (v & 0xFE) + ((v >> 1) & 1); even: to be computed) */
+    int32_t strokesStep;          /* 24 */
+    int32_t width;                /* 28: pixels, all three planes */
+    unsigned char* alpha;         /* 32: out: plain alpha, 0 transparent .. 255 opaque */
+    int32_t alphaStep;            /* 40 */
+    int32_t height;               /* 44: pixels, all three planes */
+    qxProgressProc progProc;      /* 48: progress callback or NULL; uninstalled when the job ends */
+    void* progParam;              /* 56: handed back to progProc */
+    int32_t memoryBudgetMB;       /* 64: working memory allowed, in MB; 0: the library's budget */
+    int32_t reserved0;            /* 68: set to 0 */
+    unsigned char reserved1[24];  /* 72: set to 0 */
+} StrokeMatteRequest;
+
 /* Compile-time layout checks (C99-compatible: a negative array size fails the build). */
 #define QX_LAYOUT_CHECK(name, cond) typedef char qx_layout_check_##name[(cond) ? 1 : -1]
 QX_LAYOUT_CHECK(mask_size, sizeof(MaskRequest) == 80);
@@ -161,6 +182,13 @@ QX_LAYOUT_CHECK(gc_roiWidth, offsetof(GrabCutRequest, roiWidth) == 136);
 QX_LAYOUT_CHECK(gc_roiHeight, offsetof(GrabCutRequest, roiHeight) == 140);
 QX_LAYOUT_CHECK(gc_roiLeft, offsetof(GrabCutRequest, roiLeft) == 144);
 QX_LAYOUT_CHECK(gc_roiTop, offsetof(GrabCutRequest, roiTop) == 148);
+
+QX_LAYOUT_CHECK(sm_size, sizeof(StrokeMatteRequest) == 96);
+QX_LAYOUT_CHECK(sm_strokes, offsetof(StrokeMatteRequest, strokes) == 16);
+QX_LAYOUT_CHECK(sm_alpha, offsetof(StrokeMatteRequest, alpha) == 32);
+QX_LAYOUT_CHECK(sm_height, offsetof(StrokeMatteRequest, height) == 44);
+QX_LAYOUT_CHECK(sm_progProc, offsetof(StrokeMatteRequest, progProc) == 48);
+QX_LAYOUT_CHECK(sm_memoryBudgetMB, offsetof(StrokeMatteRequest, memoryBudgetMB) == 64);
 
 /* ---- Set-up ------------------------------------------------------------------------------ */
 
@@ -238,6 +266,17 @@ QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, 
  * recoverFlag is set; an image or region size below 1; a region outside the image; a step
  * smaller than a row): returns -1000 and writes nothing. */
 QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes);
+
+/* Alpha from keep and cut strokes at any image size, at the quality of a one-piece closed-form
+ * solve of the same strokes, inside the memory budget (request->memoryBudgetMB, or the
+ * library's own). Painted pixels come back as their painted alpha; every other pixel is
+ * computed. Progress goes to request->progProc only, and never after the call has returned.
+ * Returns 1 done (an image painted everywhere comes back as painted); -5 too few strokes (no
+ * painted pixel at 128 or above, or none below 128, while some pixel is unpainted); -1 out of
+ * memory; -1000 any other failure.
+ * Refusal (NULL request, image, strokes or alpha; width or height < 1; imageChannels not 3 or
+ * 4; a step smaller than a row): returns -2. On any status but 1 alpha is left as it was. */
+QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request);
 
 /* ---- Foreground colour recovery ----------------------------------------------------------- */
 
