@@ -1,0 +1,125 @@
+/*
+ * qxiveilon31 workflows — the host's side of matting in one call each.
+ *
+ * The exports of qxiveilon31.h are the building blocks an editor composes: find the tri-map's
+ * box, crop, solve, paste back; code the strokes; frame a GrabCut rectangle and band its edge.
+ * These functions do that composing once, inside the library, for every host: the command-line
+ * tool, the Python package and the GIMP plug-in call only them, so that all give the same
+ * result on the same input.
+ *
+ * Buffers belong to the caller. Every image argument is the full image: colour images through
+ * QxwImage, grey planes (tri-maps, strokes, alpha) one byte a pixel of the image's size with
+ * their own row stride. Outputs are written only when a call returns QXW_OK; on any other
+ * status every output buffer is left as it was.
+ *
+ * Valid C99 and C++.
+ */
+#ifndef QXWORKFLOW_H
+#define QXWORKFLOW_H
+
+#include <stdint.h>
+
+#include "qxiveilon31.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Byte order of a colour image's first three bytes. */
+enum { QXW_BGR = 0, QXW_RGB = 1 };
+
+/* A colour image: 3 or 4 (the fourth byte is not read) bytes a pixel. */
+typedef struct QxwImage {
+    const unsigned char* pixels;
+    int32_t stride;   /* bytes between rows */
+    int32_t channels; /* 3 or 4 */
+    int32_t width;
+    int32_t height;
+    int32_t order; /* QXW_BGR or QXW_RGB */
+} QxwImage;
+
+/* A colour output: 3 bytes a pixel, the order of the input image. */
+typedef struct QxwColourOut {
+    unsigned char* pixels;
+    int32_t stride;
+} QxwColourOut;
+
+typedef enum QxwStatus {
+    QXW_OK = 0,
+    QXW_BAD_INPUT = 1, /* the input can't be used (message says why); nothing was run */
+    QXW_FAILED = 2     /* a library job failed (message and libraryStatus say which) */
+} QxwStatus;
+
+/* Progress of the whole workflow as a fraction from 0 to 1, never going back. Called on the
+ * thread that called the workflow, and never after the workflow has returned. */
+typedef void (*QxwProgressFn)(double fraction, void* data);
+
+/* In: where progress goes (progress may be NULL). Out: a one-line message, and the status of
+ * the library job that failed. */
+typedef struct QxwJob {
+    QxwProgressFn progress;
+    void* progressData;
+    int32_t libraryStatus;
+    char message[512];
+} QxwJob;
+
+/* Stroke planes of the workflows: 255 keep (subject), 0 cut (background), any other value
+ * unpainted. */
+enum { QXW_KEEP = 255, QXW_CUT = 0 };
+
+/* Engines for strokes: the stroke engine of qxStrokesToAlpha (default), the older tiled engine
+ * of qxKeepCutToAlpha at full resolution, or at half resolution with one guided doubling. */
+typedef enum QxwStrokeEngine {
+    QXW_ENGINE_STROKES = 0,
+    QXW_ENGINE_KDTREE = 1,
+    QXW_ENGINE_PYRAMID = 2
+} QxwStrokeEngine;
+
+/* Colour recovery methods: least squares (qxRecoverForeground) or shared-sample separation. */
+typedef enum QxwForegroundMethod {
+    QXW_FG_LEAST_SQUARES = 0,
+    QXW_FG_SAMPLING = 1
+} QxwForegroundMethod;
+
+/* Alpha from a tri-map: codes <= bgCode background, >= fgCode foreground, others undecided;
+ * the final levels stretch [levelLow, levelHigh] to [0, 255] (255 and 0: none). */
+QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned char* trimap,
+                                int trimapStride, int fgCode, int bgCode, int levelHigh,
+                                int levelLow, unsigned char* alpha, int alphaStride,
+                                QxwJob* job);
+
+/* Alpha from a stroke plane with the chosen engine. */
+QX_API QxwStatus qxwMatteStrokes(const QxwImage* image, const unsigned char* strokes,
+                                 int strokesStride, QxwStrokeEngine engine, unsigned char* alpha,
+                                 int alphaStride, QxwJob* job);
+
+/* The subject's own colours under an alpha from any source: where alpha is partial the
+ * background's share is taken out; elsewhere the image's colours stand. */
+QX_API QxwStatus qxwRecoverForeground(const QxwImage* image, const unsigned char* alpha,
+                                      int alphaStride, QxwForegroundMethod method,
+                                      const QxwColourOut* colours, QxwJob* job);
+
+/* GrabCut inside the rectangle (everything outside it is background), with optional strokes
+ * (NULL: none): the hard selection (255 selected, 0 not), and, when trimap is not NULL, a
+ * tri-map with an undecided band of `band` pixels along the selection's edge (0: the default
+ * width, qxwDefaultBand). */
+QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsigned char* strokes,
+                                  int strokesStride, int x, int y, int width, int height,
+                                  int band, unsigned char* selection, int selectionStride,
+                                  unsigned char* trimap, int trimapStride, QxwJob* job);
+
+/* The whole cut-out from a rectangle: GrabCut, the edge band, alpha on the band and, when
+ * colours is not NULL, the recovered colours. */
+QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* strokes,
+                                   int strokesStride, int x, int y, int width, int height,
+                                   int band, unsigned char* alpha, int alphaStride,
+                                   const QxwColourOut* colours, QxwJob* job);
+
+/* The default band width for an image: about 1% of its longer side, at least 10 pixels. */
+QX_API int qxwDefaultBand(int width, int height);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QXWORKFLOW_H */
