@@ -7,7 +7,8 @@
  *
  * Each works on the active layer of an 8-bit RGB image. Pixels are read and written in the
  * layer's own format (no conversion), so that the workflows see exactly the bytes that GIMP
- * stores and a PNG export of the layer holds.
+ * stores and a PNG export of the layer holds. The matting is the library's host workflows
+ * (qxworkflow.h), the same calls the command-line tool and the Python package make.
  */
 #include <libgimp/gimp.h>
 #include <libgimp/gimpui.h>
@@ -15,7 +16,7 @@
 #include <string.h>
 
 #include "layer_codes.h"
-#include "workflow_bridge.h"
+#include "qxworkflow.h"
 
 #define PLUG_IN_BINARY "qx-matting"
 #define PLUG_IN_ROLE "qx-matting"
@@ -84,7 +85,8 @@ static void query(void) {
          "Layer with the strokes: white (255 in every colour byte) keeps, black (0) cuts, at "
          "least half opaque; every other pixel, and any part of the layer it doesn't cover, is "
          "unpainted"},
-        {GIMP_PDB_INT32, "pyramid", "1: solve at half size and double back (faster), 0: full size"},
+        {GIMP_PDB_INT32, "pyramid",
+         "0: the stroke engine; 1: the tiled engine at half size, doubled back"},
     };
     static const GimpParamDef subjectArgs[] = {
         RUN_MODE_AND_IMAGE,
@@ -134,31 +136,36 @@ static GimpPDBStatusType failWith(GimpPDBStatusType status, const char* format, 
 
 #define FAIL(...) failWith(GIMP_PDB_EXECUTION_ERROR, __VA_ARGS__)
 
+/* GIMP's progress bar over a procedure of `stages` workflow calls, each a share of one run. */
 typedef struct {
     double shown;
+    int stage, stages;
 } ProgressState;
 
 static void showProgress(double fraction, void* data) {
     ProgressState* state = data;
+    const double overall = (state->stage + fraction) / state->stages;
     /* Every call is a message to GIMP: pass on changes of a percent or more. */
-    if (fraction < state->shown || fraction - state->shown >= 0.01) {
-        state->shown = fraction;
-        gimp_progress_update(fraction);
+    if (overall - state->shown >= 0.01) {
+        state->shown = overall;
+        gimp_progress_update(overall);
     }
 }
 
-static void startReport(QxgReport* report, ProgressState* state, const char* text) {
-    memset(report, 0, sizeof *report);
-    state->shown = -1.0;
-    report->progress = showProgress;
-    report->progressData = state;
+static void startJob(QxwJob* job, ProgressState* state, int stages, const char* text) {
+    memset(job, 0, sizeof *job);
+    state->shown = 0.0;
+    state->stage = 0;
+    state->stages = stages;
+    job->progress = showProgress;
+    job->progressData = state;
     gimp_progress_init(text);
 }
 
-static GimpPDBStatusType bridgeFailure(QxgStatus status, const QxgReport* report,
-                                       const char* procedure) {
-    return FAIL("%s: %s%s", procedure, report->message,
-                status == QXG_FAILED ? " (the matting job failed)" : "");
+static GimpPDBStatusType workflowFailure(QxwStatus status, const QxwJob* job,
+                                         const char* procedure) {
+    return FAIL("%s: %s%s", procedure, job->message,
+                status == QXW_FAILED ? " (the matting job failed)" : "");
 }
 
 /* ---- Pixels ------------------------------------------------------------------------------ */
@@ -233,8 +240,8 @@ static GimpPDBStatusType checkSource(gint32 image, gint32 drawable, gint32 sourc
     return GIMP_PDB_SUCCESS;
 }
 
-/* The layer's colour pixels, in its own format (3 or 4 bytes). */
-static guchar* readColour(gint32 drawable, QxgImage* image) {
+/* The layer's colour pixels, in its own format (R, G, B and, with 4 bytes, alpha). */
+static guchar* readColour(gint32 drawable, QxwImage* image) {
     const Extent e = extentOf(drawable);
     const int bpp = babl_format_get_bytes_per_pixel(gimp_drawable_get_format(drawable));
     guchar* pixels = allocate((size_t)e.width * e.height * bpp);
@@ -245,6 +252,7 @@ static guchar* readColour(gint32 drawable, QxgImage* image) {
     image->channels = bpp;
     image->width = e.width;
     image->height = e.height;
+    image->order = QXW_RGB;
     return pixels;
 }
 
@@ -456,7 +464,8 @@ static gboolean strokeDialog(gint32 image, gint32 layer, StrokeValues* v) {
     GtkWidget *table, *dialog = newDialog("Matte from Strokes", PROC_STROKES, &table, 2);
     SourceFilter filter = {image, layer, TRUE};
     GtkWidget* combo = sourceCombo(table, 0, "_Stroke layer:", &filter, v->strokes);
-    GtkWidget* pyramid = gtk_check_button_new_with_mnemonic("_Faster (solve at half size)");
+    GtkWidget* pyramid =
+        gtk_check_button_new_with_mnemonic("_Half size (the tiled engine, doubled back)");
     gboolean ok;
     gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(pyramid), v->pyramid != 0);
     gtk_table_attach_defaults(GTK_TABLE(table), pyramid, 0, 2, 1, 2);
@@ -494,15 +503,15 @@ static GimpPDBStatusType matteFromTrimap(gint32 image, gint32 layer, const Trima
     const char* const name = "Matte from Tri-map";
     const Extent e = extentOf(layer);
     QxgPixelLayout layout;
-    QxgImage colour;
-    QxgReport report;
+    QxwImage colour;
+    QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
     guchar *pixels = NULL, *trimap = NULL, *alpha = NULL;
     guchar undecided;
     gboolean covered;
     int bad;
-    QxgStatus result;
+    QxwStatus result;
 
     if (v->bgCode < 0 || v->fgCode > 255 || v->bgCode >= v->fgCode)
         return failWith(GIMP_PDB_CALLING_ERROR,
@@ -531,11 +540,11 @@ static GimpPDBStatusType matteFromTrimap(gint32 image, gint32 layer, const Trima
     if (!pixels || !alpha) {
         status = FAIL("%s: out of memory", name);
     } else {
-        startReport(&report, &progress, "Matting from the tri-map");
-        result = qxg_matte_trimap(&colour, trimap, e.width, v->fgCode, v->bgCode, alpha, e.width,
-                                  &report);
-        if (result != QXG_OK) {
-            status = bridgeFailure(result, &report, name);
+        startJob(&job, &progress, 1, "Matting from the tri-map");
+        result = qxwMatteTrimap(&colour, trimap, e.width, v->fgCode, v->bgCode, 255, 0, alpha,
+                                e.width, &job);
+        if (result != QXW_OK) {
+            status = workflowFailure(result, &job, name);
         } else {
             gimp_image_undo_group_start(image);
             alphaToMask(layer, alpha);
@@ -552,12 +561,12 @@ static GimpPDBStatusType matteFromTrimap(gint32 image, gint32 layer, const Trima
 static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const StrokeValues* v) {
     const char* const name = "Matte from Strokes";
     const Extent e = extentOf(layer);
-    QxgImage colour;
-    QxgReport report;
+    QxwImage colour;
+    QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
     guchar *pixels = NULL, *strokes = NULL, *alpha = NULL, *rgb = NULL;
-    QxgStatus result;
+    QxwStatus result;
 
     if ((status = checkSource(image, layer, v->strokes, "stroke layer", name)) != GIMP_PDB_SUCCESS)
         return status;
@@ -570,11 +579,18 @@ static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const Stro
     if (!pixels || !alpha || !rgb) {
         status = FAIL("%s: out of memory", name);
     } else {
-        startReport(&report, &progress, "Matting from the strokes");
-        result = qxg_matte_strokes(&colour, strokes, e.width, v->pyramid != 0, alpha, e.width,
-                                   rgb, e.width * 3, &report);
-        if (result != QXG_OK) {
-            status = bridgeFailure(result, &report, name);
+        const QxwColourOut out = {rgb, e.width * 3};
+        startJob(&job, &progress, 2, "Matting from the strokes");
+        result = qxwMatteStrokes(&colour, strokes, e.width,
+                                 v->pyramid ? QXW_ENGINE_PYRAMID : QXW_ENGINE_STROKES, alpha,
+                                 e.width, &job);
+        if (result == QXW_OK) {
+            progress.stage = 1;
+            result = qxwRecoverForeground(&colour, alpha, e.width, QXW_FG_LEAST_SQUARES, &out,
+                                          &job);
+        }
+        if (result != QXW_OK) {
+            status = workflowFailure(result, &job, name);
         } else {
             gchar* title = g_strdup_printf("%s matte", gimp_item_get_name(layer));
             gimp_image_undo_group_start(image);
@@ -593,14 +609,14 @@ static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const Stro
 static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const SubjectValues* v) {
     const char* const name = "Select Subject";
     const Extent e = extentOf(layer);
-    QxgImage colour;
-    QxgReport report;
+    QxwImage colour;
+    QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
     guchar *pixels = NULL, *strokes = NULL, *alpha = NULL, *rgb = NULL;
     gboolean nonEmpty = FALSE;
     int x1, y1, x2, y2;
-    QxgStatus result;
+    QxwStatus result;
 
     if (v->output < OUTPUT_SELECTION || v->output > OUTPUT_LAYER)
         return failWith(GIMP_PDB_CALLING_ERROR, "%s: output is 0 (selection), 1 (mask) or 2 "
@@ -629,11 +645,12 @@ static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const Subject
     if (!pixels || !alpha || (v->output == OUTPUT_LAYER && !rgb)) {
         status = FAIL("%s: out of memory", name);
     } else {
-        startReport(&report, &progress, "Selecting the subject");
-        result = qxg_select_subject(&colour, strokes, e.width, x1, y1, x2 - x1, y2 - y1, v->band,
-                                    alpha, e.width, rgb, e.width * 3, &report);
-        if (result != QXG_OK) {
-            status = bridgeFailure(result, &report, name);
+        const QxwColourOut out = {rgb, e.width * 3};
+        startJob(&job, &progress, 1, "Selecting the subject");
+        result = qxwCutoutFromRect(&colour, strokes, e.width, x1, y1, x2 - x1, y2 - y1, v->band,
+                                   alpha, e.width, rgb ? &out : NULL, &job);
+        if (result != QXW_OK) {
+            status = workflowFailure(result, &job, name);
         } else {
             status = GIMP_PDB_SUCCESS;
             gimp_image_undo_group_start(image);
