@@ -1,11 +1,11 @@
 """qxiveilon31: image matting over NumPy arrays.
 
-Pure Python over the shared library ``libqxiveilon31.so.0`` (through ctypes). Each function does
-the host workflow of the command-line tool ``qxmatte`` and gives the same result on the same
-input:
+Pure Python over the shared library ``libqxiveilon31.so.0`` (through ctypes). Each function runs
+the library's host workflows (qxworkflow.h), the calls the command-line tool ``qxmatte`` and the
+GIMP plug-in make, and gives their result on the same input:
 
 - ``matte_trimap(image, trimap)``: alpha from a tri-map;
-- ``matte_strokes(image, strokes)``: alpha from keep and cut strokes;
+- ``matte_strokes(image, strokes)``: alpha from keep and cut strokes (three engines);
 - ``foreground(image, alpha)``: the subject's own colours under an alpha;
 - ``grabcut(image, rect)`` and ``GrabCutSession``: a hard selection in a rectangle;
 - ``cutout(image, rect=..., trimap=..., strokes=...)``: an RGBA cut-out.

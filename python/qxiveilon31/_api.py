@@ -1,115 +1,79 @@
-"""The host workflows over NumPy arrays, step by step as the command-line tool ``qxmatte`` runs
-them through the C interface, so that both give the same result on the same input."""
+"""The public functions: each checks and converts its arrays, then runs the library's workflows
+(qxworkflow.h), the same calls the command-line tool ``qxmatte`` makes."""
 
 import ctypes
 import threading
+import warnings
 
 import numpy as np
 
 from . import _arrays as arrays
 from . import _native as native
-from . import _progress
 from ._native import QxError
 
 
-class _Handler:
-    """A call's progress handler, closed when the call ends."""
+# ---- Progress ------------------------------------------------------------------------------
 
-    def __init__(self, progress, desc):
-        self.fn = _progress.handler(progress, desc)
+TOTAL = 1000  # a callback's reports are (current, TOTAL)
+
+
+class _Progress:
+    """The ``progress=`` argument of one call: None or False (no reports), a
+    callable(current, total), or True (a tqdm bar). A call of several workflows gives each its
+    share of one climb from 0 to TOTAL, which never goes back."""
+
+    def __init__(self, progress, desc, stages=1):
+        self.stages, self.stage, self.shown, self.bar, self.fn = stages, 0, -1, None, None
+        if progress is True:
+            try:
+                from tqdm import tqdm
+            except ImportError:
+                warnings.warn("qxiveilon31: progress=True draws its bar with tqdm, which is not "
+                              "installed (apt install python3-tqdm); no bar is drawn",
+                              stacklevel=3)
+                return
+            self.bar = tqdm(total=TOTAL, desc=desc, leave=False)
+            self.fn = lambda current, total: self.bar.update(current - self.bar.n)
+        elif callable(progress):
+            self.fn = progress
+        elif progress is not None and progress is not False:
+            raise TypeError("progress must be None, True or False, or a callable(current, "
+                            "total), got %r" % (progress,))
+
+    def report(self, fraction):
+        current = int((self.stage + min(max(fraction, 0.0), 1.0)) / self.stages * TOTAL)
+        if current > self.shown:
+            self.shown = current
+            self.fn(current, TOTAL)
+
+    def next(self):
+        """The reporter of the next workflow of the call (None without reports)."""
+        self.stage += 1
+        return self.report if self.fn is not None and self.stage < self.stages else None
 
     def __enter__(self):
-        return self.fn
+        self.stage = -1
+        return self
 
     def __exit__(self, *exc):
-        if self.fn is not None:
-            self.fn.close()
+        if self.bar is not None:
+            self.bar.close()
         return False
 
 
-def _addr(a):
-    return a.ctypes.data
+def _outputs(shape, channels=1):
+    out = np.empty(tuple(shape) + ((channels,) if channels > 1 else ()), np.uint8)
+    return out, out.ctypes.data, out.strides[0]
 
 
-def _step(a):
-    return a.strides[0]
+# ---- Matting -------------------------------------------------------------------------------
 
 
-# ---- Tri-map matting -----------------------------------------------------------------------
-
-
-def _empty_box_reason(trimap, fg_code, bg_code):
-    """Why qxMaskBBox gave no box: no undecided pixel, or too few rows (the box is the rows
-    from the first to the last undecided pixel with 12 rows of margin, clipped to the image;
-    the job needs 24)."""
-    margin, least = 12, 24
-    rows = np.flatnonzero(((trimap > bg_code) & (trimap < fg_code)).any(axis=1))
-    if rows.size == 0:
-        return "the tri-map has no undecided pixel"
-    height = trimap.shape[0]
-    if height < least:
-        return ("too few rows for the tri-map job: the image is %d rows high, the job needs at "
-                "least %d" % (height, least))
-    first, last = int(rows[0]), int(rows[-1])
-    top, bottom = max(0, first - margin), min(height - 1, last + margin)
-    where = "row %d" % first if first == last else "rows %d to %d" % (first, last)
-    return ("too few undecided rows for the tri-map job: the undecided pixels lie on %s, %d "
-            "rows with 12 rows of margin, the job needs at least %d (widen the undecided band)"
-            % (where, bottom - top + 1, least))
-
-
-def _matte(image_bgr, trimap, fg_code, bg_code, levels, handler):
-    """Box, crop, job, paste back: the 8-bit alpha of the whole image."""
-    lib = native.lib()
-    height, width = trimap.shape
-    box = [ctypes.c_int() for _ in range(6)]  # left, width, top, height, fg count, bg count
-    lib.qxMaskBBox(0, _addr(trimap), _step(trimap), width, height,
-                   *[ctypes.byref(v) for v in box], 0, fg_code, bg_code)
-    left, box_w, top, box_h, fg_count, bg_count = (v.value for v in box)
-    if box_w <= 0 or box_h <= 0:
-        raise ValueError(_empty_box_reason(trimap, fg_code, bg_code))
-    unknown = box_w * box_h - fg_count - bg_count
-
-    # Cut to the box: three separate colour planes (B, G, R) and a copy of the tri-map.
-    rows, cols = slice(top, top + box_h), slice(left, left + box_w)
-    planes = [np.ascontiguousarray(image_bgr[rows, cols, c]) for c in range(3)]
-    mask = np.array(trimap[rows, cols], dtype=np.uint8, order="C", copy=True)
-    pointers = (ctypes.c_void_p * 3)(*[_addr(p) for p in planes])
-
-    req = native.MaskRequest()
-    req.planes = ctypes.cast(pointers, ctypes.c_void_p)
-    req.planeStep = _step(planes[0])
-    req.mask = _addr(mask)
-    req.maskStep = _step(mask)
-    req.width = box_w
-    req.height = box_h
-    with native.job(handler) as (proc, param):
-        if proc is not None:
-            req.progProc, req.progParam = proc, param
-        status = lib.qxMaskAlpha(ctypes.byref(req), 0, float(unknown), fg_code, bg_code,
-                                 levels[0], levels[1])
-    if status != 1:
-        raise QxError("qxMaskAlpha", status)
-
-    # Outside the box every pixel is definite: codes at or above fg_code 255, at or below
-    # bg_code 0 (a table over the byte values).
-    table = np.arange(256, dtype=np.uint8)
-    table[fg_code:] = 255
-    table[:bg_code + 1] = 0
-    alpha = np.take(table, trimap)
-    alpha[rows, cols] = mask
+def _matte(record, tri, fg_code, bg_code, levels, report):
+    alpha, ptr, stride = _outputs(tri.shape)
+    native.run("qxwMatteTrimap", report, ctypes.byref(record), tri.ctypes.data, tri.strides[0],
+               fg_code, bg_code, levels[0], levels[1], ptr, stride)
     return alpha
-
-
-def _levels(levels):
-    try:
-        high, low = levels
-    except (TypeError, ValueError):
-        raise ValueError("levels must be a pair (high, low), got %r" % (levels,)) from None
-    for v in (high, low):
-        if not isinstance(v, (int, np.integer)) or isinstance(v, bool) or not 0 <= v <= 255:
-            raise ValueError("levels take ints from 0 to 255, got %r" % (levels,))
-    return int(high), int(low)
 
 
 def matte_trimap(image, trimap, *, fg_code=255, bg_code=0, levels=(255, 0), bgr=False,
@@ -121,165 +85,144 @@ def matte_trimap(image, trimap, *, fg_code=255, bg_code=0, levels=(255, 0), bgr=
     undecided) or float (1 foreground, 0 background, other values undecided).
     levels: (high, low), the final levels stretch [low, high] to [0, 255].
     Returns the alpha, H x W: uint8 for a uint8 image, float64 on 0..1 for a float image.
-    The undecided pixels with 12 rows of margin must span at least 24 rows (ValueError).
+    A tri-map the job can't use (no undecided pixel, too few rows) raises ValueError saying why.
     """
     fg_code, bg_code = arrays.codes(fg_code, bg_code)
-    levels = _levels(levels)
-    img, is_float = arrays.image_bgr8(image, bgr)
+    levels = arrays.levels(levels)
+    img, record, is_float = arrays.image8(image, bgr)
     tri, fg_code, bg_code = arrays.trimap8(trimap, img.shape[:2], fg_code, bg_code)
-    with _Handler(progress, "matte_trimap") as handler:
-        alpha = _matte(img, tri, fg_code, bg_code, levels, handler)
+    with _Progress(progress, "matte_trimap") as p:
+        alpha = _matte(record, tri, fg_code, bg_code, levels, p.next())
     return arrays.mask_out(alpha, is_float)
 
 
-# ---- Keep-cut matting ----------------------------------------------------------------------
+def _engine(engine, pyramid):
+    if engine not in native.ENGINES:
+        raise ValueError("engine must be one of %s, got %r" % (", ".join(native.ENGINES), engine))
+    if pyramid:
+        if engine not in ("strokes", "pyramid"):
+            raise ValueError("pyramid=True is engine=\"pyramid\"; it can't go with engine=%r"
+                             % (engine,))
+        engine = "pyramid"
+    return native.ENGINES[engine]
 
 
-def _whole_image_request(src, alpha, dst, aux):
-    req = native.KeepCutRequest()
-    req.srcImage, req.srcStep = _addr(src), _step(src)
-    req.alphaPlane, req.alphaStep = _addr(alpha), _step(alpha)
-    req.dstImage, req.dstStep = _addr(dst), _step(dst)
-    req.auxPlane, req.auxStep = _addr(aux), _step(aux)
-    req.fullWidth = req.roiWidth = alpha.shape[1]
-    req.fullHeight = req.roiHeight = alpha.shape[0]
-    return req
+def _strokes_alpha(record, strokes, engine, report):
+    alpha, ptr, stride = _outputs(strokes.shape)
+    native.run("qxwMatteStrokes", report, ctypes.byref(record), strokes.ctypes.data,
+               strokes.strides[0], engine, ptr, stride)
+    return alpha
 
 
-def _keep_cut(image_bgr, stroke_image, pyramid, recover, handler):
-    """The 8-bit alpha, and the recovered colours (BGRA) when asked for."""
-    src = arrays.bgra(image_bgr)
-    dst = src.copy()  # what shows through where the recovered colours fade out
-    plane = arrays.encode_strokes(stroke_image)
-    aux = plane.copy()  # the host's record of its strokes
-    req = _whole_image_request(src, plane, dst, aux)
-    req.recoverFlag = 1 if recover else 0
-    with native.job(handler) as (proc, param):
-        if proc is not None:
-            req.progProc, req.progParam = proc, param
-        status = native.lib().qxKeepCutToAlpha(ctypes.byref(req), 0 if pyramid else 1)
-    if status != 1:
-        raise QxError("qxKeepCutToAlpha", status)
-    # Back from the stroke coding: keep strokes 255, cut strokes 0, computed alpha as it is.
-    alpha = (plane & 0xFE) + ((plane >> 1) & 1)
-    return alpha, (dst if recover else None)
-
-
-def matte_strokes(image, strokes, *, pyramid=False, with_foreground=False, bgr=False,
-                  progress=None):
-    """Alpha from keep and cut strokes (the KD-tree engine over the whole image).
+def matte_strokes(image, strokes, *, engine="strokes", pyramid=False, with_foreground=False,
+                  bgr=False, progress=None):
+    """Alpha from keep and cut strokes.
 
     strokes: a uint8 plane (255 keep, 0 cut, any other value unpainted), a float plane
     (1 keep, 0 cut, other values and NaN unpainted), or a pair (keep, cut) of boolean planes.
-    pyramid: solve at half size and double back (faster; a 1-pixel stroke may go unseen).
+    engine: "strokes" (the stroke engine, default), "kdtree" (the older tiled engine at full
+    size) or "pyramid" (the tiled engine at half size, doubled back: faster, a 1-pixel stroke
+    may go unseen). pyramid=True is engine="pyramid".
     with_foreground: also recover the subject's colours; returns (alpha, foreground).
     Returns the alpha in the image's kind (uint8, or float64 on 0..1). Too few strokes (no keep,
-    no cut, or fewer than 3 unpainted pixels) raise QxError with status -5.
+    no cut, or too few unpainted pixels) raise QxError.
     """
-    img, is_float = arrays.image_bgr8(image, bgr)
-    stroke_image = arrays.strokes8(strokes, img.shape[:2])
-    with _Handler(progress, "matte_strokes") as handler:
-        alpha, dst = _keep_cut(img, stroke_image, bool(pyramid), bool(with_foreground), handler)
+    engine = _engine(engine, pyramid)
+    img, record, is_float = arrays.image8(image, bgr)
+    plane = arrays.strokes8(strokes, img.shape[:2])
+    with _Progress(progress, "matte_strokes", 2 if with_foreground else 1) as p:
+        alpha = _strokes_alpha(record, plane, engine, p.next())
+        if with_foreground:
+            colours = _recover(record, alpha, 0, p.next())
     out = arrays.mask_out(alpha, is_float)
-    if with_foreground:
-        return out, arrays.colour_out(dst, bgr, is_float)
-    return out
+    return (out, arrays.mask_out(colours, is_float)) if with_foreground else out
 
 
 # ---- Foreground colours --------------------------------------------------------------------
 
 
-def _install_progress(proc, param):
-    """qxRecoverForeground reports through the callback that stands installed. It is installed
-    by a job; qxRecoverForegroundCell installs it and returns at once on a few opaque pixels."""
-    size = 4
-    src = np.full((size, size, 4), 255, np.uint8)
-    dst = src.copy()
-    alpha = np.full((size, size), 255, np.uint8)
-    req = _whole_image_request(src, alpha, dst, alpha)
-    req.progProc, req.progParam = proc, param
-    native.lib().qxRecoverForegroundCell(ctypes.byref(req), 0)
-
-
-def _recover(image_bgr, alpha, handler):
-    """The subject's colours (BGRA) under an 8-bit alpha, by the library's least-squares
-    recovery; rows the recovery leaves alone keep the image's colours."""
-    src = arrays.bgra(image_bgr)
-    dst = src.copy()
-    plain = np.array(alpha, dtype=np.uint8, order="C", copy=True)
-    aux = np.zeros(alpha.shape, np.uint8)
-    req = _whole_image_request(src, plain, dst, aux)
-    with native.job(handler) as (proc, param):
-        if proc is not None:
-            # The report of the installing call comes before the handler is wanted.
-            native.RELAY.handler = None
-            _install_progress(proc, param)
-            native.RELAY.handler = handler
-        status = native.lib().qxRecoverForeground(ctypes.byref(req), 0)
-    if status != 0:
-        raise QxError("qxRecoverForeground", status)
-    return dst
-
-
-_METHODS = ("solve", "least-squares")
+def _recover(record, alpha, method, report):
+    colours, ptr, stride = _outputs(alpha.shape, 3)
+    out = native.ColourOut(ptr, stride)
+    native.run("qxwRecoverForeground", report, ctypes.byref(record), alpha.ctypes.data,
+               alpha.strides[0], method, ctypes.byref(out))
+    return colours
 
 
 def foreground(image, alpha, *, method="solve", bgr=False, progress=None):
     """The subject's own colours under an alpha from any source: where alpha is partial the
     background's share is taken out; elsewhere the image's colours stand.
 
-    alpha: H x W, uint8 or float on 0..1. method: "solve" (the library's least-squares
-    recovery; "least-squares" is the same). Returns H x W x 3 in the image's kind and order.
+    alpha: H x W, uint8 or float on 0..1. method: "solve" (least-squares recovery;
+    "least-squares" is the same) or "sampling" (shared-sample separation).
+    Returns H x W x 3 in the image's kind and order.
     """
-    if method not in _METHODS:
-        raise ValueError("method must be one of %s, got %r (the sampling method of qxmatte is "
-                         "not part of the library's C interface)" % (", ".join(_METHODS), method))
-    img, is_float = arrays.image_bgr8(image, bgr)
+    if method not in native.METHODS:
+        raise ValueError("method must be one of %s, got %r" % (", ".join(native.METHODS), method))
+    img, record, is_float = arrays.image8(image, bgr)
     a = arrays.alpha8(alpha, img.shape[:2])
-    with _Handler(progress, "foreground") as handler:
-        dst = _recover(img, a, handler)
-    return arrays.colour_out(dst, bgr, is_float)
+    with _Progress(progress, "foreground") as p:
+        colours = _recover(record, a, native.METHODS[method], p.next())
+    return arrays.mask_out(colours, is_float)
 
 
 # ---- GrabCut -------------------------------------------------------------------------------
 
 
+def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=False,
+            progress=None):
+    """A hard selection of the subject inside rect = (x, y, width, height), in one cut.
+
+    strokes: as for matte_strokes, or None. Returns the selection (255/0 uint8, or 1.0/0.0
+    float64 for a float image); with_trimap=True returns (selection, trimap), the tri-map with
+    an undecided band of ``band`` pixels (default about 1% of the longer side, at least 10)
+    along the selection's edge: 0/128/255, or 0/0.5/1 for a float image.
+    """
+    if band is not None and not with_trimap:
+        raise ValueError("band is the tri-map's band: give with_trimap=True with it")
+    band = arrays.band_width(band)
+    img, record, is_float = arrays.image8(image, bgr)
+    x, y, w, h = arrays.rect4(rect, img.shape[:2])
+    plane = None if strokes is None else arrays.strokes8(strokes, img.shape[:2])
+    selection, sel_ptr, sel_stride = _outputs(img.shape[:2])
+    tri, tri_ptr, tri_stride = _outputs(img.shape[:2]) if with_trimap else (None, None, 0)
+    with _Progress(progress, "grabcut") as p:
+        native.run("qxwSelectSubject", p.next(), ctypes.byref(record),
+                   None if plane is None else plane.ctypes.data,
+                   0 if plane is None else plane.strides[0], x, y, w, h, band, sel_ptr,
+                   sel_stride, tri_ptr, tri_stride)
+    selection = arrays.mask_out(selection, is_float)
+    return (selection, arrays.trimap_out(tri, is_float)) if with_trimap else selection
+
+
 def _prepare_frame(codes, rect):
-    """The library starts a session with a frame of sure background just inside its rectangle,
-    a few pixels of its working level wide. The caller's rectangle means what it means to
-    cv::grabCut: everything outside is background, everything inside is for the cut to decide.
-    So the library is given the rectangle grown by a margin wider than that frame, the margin
-    fixed to background; where the image's border stops the growth, the frame falls inside the
-    caller's rectangle, and its pixels are marked probable foreground (250). When the rectangle
-    reaches the border on all four sides the library's frame is the only background the cut
-    starts from. Painted strokes stay. Returns the region handed to the library."""
+    """A cut means everything outside the rectangle is background and everything inside is for
+    the cut to decide; the library starts a session with a frame of sure background just inside
+    its region. So the region is the rectangle grown by a margin wider than that frame, fixed to
+    background; where the image's border stops the growth the frame falls inside the rectangle,
+    and its pixels are marked probable foreground (250). Painted strokes stay. The same framing
+    as the workflows' (qxwSelectSubject). Returns the region (left, top, width, height)."""
     height, width = codes.shape
     x, y, w, h = rect
-    # The working level's longer side is at most 400 and above 200 unless no level is made,
-    # so it is reduced by at most longSide / 200.
     margin = 5 * (1 + max(width, height) // 200)
     left, top = max(0, x - margin), max(0, y - margin)
     right, bottom = min(width, x + w + margin), min(height, y + h + margin)
-    outside = left < x or top < y or right > x + w or bottom > y + h
     region = codes[top:bottom, left:right]
-    painted = (region == 255) | (region == 1)
+    free = (region != 255) & (region != 1)
     yy, xx = np.mgrid[top:bottom, left:right]
     inside = (xx >= x) & (xx < x + w) & (yy >= y) & (yy < y + h)
-    region[~painted & ~inside] = 1
-    if outside:
+    region[free & ~inside] = 1
+    if left < x or top < y or right > x + w or bottom > y + h:
         edge = np.minimum(np.minimum(xx - left, right - 1 - xx),
                           np.minimum(yy - top, bottom - 1 - yy))
-        region[~painted & inside & (edge < margin)] = 250
+        region[free & inside & (edge < margin)] = 250
     return left, top, right - left, bottom - top
 
 
-def _band_to_trimap(band):
-    """The tri-map codes for an edge-band plane: the subject (254, or a fixed 255) 255,
-    background (0, or a fixed 1) 0, the band and any other code undecided (128)."""
-    out = np.full(band.shape, 128, np.uint8)
-    out[band >= 254] = 255
-    out[band <= 1] = 0
-    return out
+def _stroke_codes(codes, plane):
+    """Paints strokes (255 keep, 0 cut) into GrabCut's codes (255 and 1: fixed)."""
+    codes[plane == arrays.KEEP] = 255
+    codes[plane == arrays.CUT] = 1
 
 
 class GrabCutSession:
@@ -287,42 +230,37 @@ class GrabCutSession:
 
     ``with GrabCutSession(image, rect) as s:`` then ``s.cut()`` gives the selection;
     ``s.add_strokes(...)`` paints keep and cut strokes (fixed foreground and background), and the
-    next ``s.cut()`` goes on from the models of the cuts before (re-learned when strokes were
-    added). ``s.trimap(band)`` turns the selection's edge into an undecided band. Leaving the
-    ``with`` block (or ``close()``) ends the session: the library frees its state. A closed
-    session refuses further use (RuntimeError).
+    next ``s.cut()`` goes on from the models of the cuts before. ``s.trimap(band)`` turns the
+    selection's edge into an undecided band. Leaving the ``with`` block (or ``close()``) frees
+    the library's state; a closed session refuses further use (RuntimeError).
 
     rect: (x, y, width, height) inside the image; everything outside it is background.
     strokes: as for matte_strokes, or None.
     """
 
     def __init__(self, image, rect, strokes=None, *, bgr=False):
-        img, self._is_float = arrays.image_bgr8(image, bgr)
-        shape = img.shape[:2]
-        rect = arrays.rect4(rect, shape)
-        if strokes is None:
-            codes = np.full(shape, 126, np.uint8)
-        else:
-            codes = arrays.encode_strokes(arrays.strokes8(strokes, shape))
-        self._shape = shape
-        self.rect = rect
-        self._src = arrays.bgra(img)
-        self._codes = codes
-        self.region = _prepare_frame(codes, rect)
+        img, _, self._is_float = arrays.image8(image, bgr)
+        shape = self._shape = img.shape[:2]
+        self.rect = arrays.rect4(rect, shape)
+        self._codes = np.full(shape, 126, np.uint8)
+        if strokes is not None:
+            _stroke_codes(self._codes, arrays.strokes8(strokes, shape))
+        self.region = _prepare_frame(self._codes, self.rect)
+        self._src = np.empty(shape + (4,), np.uint8)  # B, G, R, 255: the library's pixels
+        self._src[:, :, :3] = img if bgr else img[:, :, ::-1]
+        self._src[:, :, 3] = 255
         self._result = np.zeros(shape, np.uint8)
-        self._selection = None
-        self._lock = threading.Lock()
-        self._closed = False
-
-        req = native.GrabCutRequest()
-        req.image, req.imageStep = _addr(self._src), _step(self._src)
-        req.mask, req.maskStep = _addr(codes), _step(codes)
-        req.result, req.resultStep = _addr(self._result), _step(self._result)
+        self._selection, self._closed, self._lock = None, False, threading.Lock()
+        req = self._req = native.GrabCutRequest()
+        req.image, req.imageStep = self._src.ctypes.data, self._src.strides[0]
+        req.result, req.resultStep = self._result.ctypes.data, self._result.strides[0]
         req.width, req.height = shape[1], shape[0]
         req.roiLeft, req.roiTop, req.roiWidth, req.roiHeight = self.region
-        self._req = req
+        req.progProc, req.progParam = native.GRABCUT_RELAY, native.GRABCUT_PARAM
+        self._point_mask_at(self._codes)
 
-    # -- the session's life
+    def _point_mask_at(self, plane):
+        self._req.mask, self._req.maskStep = plane.ctypes.data, plane.strides[0]
 
     def __enter__(self):
         return self
@@ -341,160 +279,118 @@ class GrabCutSession:
     def closed(self):
         return self._closed
 
-    def _check_open(self):
+    def _check(self):
         if self._closed:
             raise RuntimeError("the GrabCut session is closed")
 
     def close(self):
-        """Ends the session: the library frees its state and settles the codes. Idempotent."""
+        """Ends the session: the library frees its state. Idempotent."""
         lock = getattr(self, "_lock", None)
         if lock is None:  # __init__ did not get as far as a request
             return
         with lock:
-            if self._closed:
-                return
-            self._closed = True
-            native.lib().qxGrabCutDeleteBuf(ctypes.byref(self._req))
-
-    # -- working
-
-    def _cut8(self, handler):
-        with self._lock:
-            self._check_open()
-            with native.job(handler) as (proc, param):
-                self._req.progProc = proc if proc is not None else native.PROGRESS_PROC()
-                self._req.progParam = param
-                status = native.lib().qxGrabCut(ctypes.byref(self._req), 0)
-            if status != 1:
-                raise QxError("qxGrabCut", status)
-            # The result holds 0 and 254 with in-between values along the edge, and the strokes'
-            # fixed codes; outside the region it stays 0.
-            self._selection = np.where(self._result >= 128, 255, 0).astype(np.uint8)
-            return self._selection
+            if not self._closed:
+                self._closed = True
+                native.lib().qxGrabCutDeleteBuf(ctypes.byref(self._req))
 
     def cut(self, *, progress=None):
         """Runs one cut and returns the selection (255/0 uint8, or 1.0/0.0 float64 for a float
         image)."""
-        with _Handler(progress, "grabcut") as handler:
-            return arrays.mask_out(self._cut8(handler), self._is_float)
+        with self._lock, _Progress(progress, "grabcut") as p:
+            self._check()
+            j = native.job(p.next(), "qxGrabCut")
+            with j:
+                status = native.lib().qxGrabCut(ctypes.byref(self._req), 0)
+            j.check(native.QXW_OK)
+            if status != 1:
+                raise QxError("qxGrabCut", status, "the GrabCut job failed")
+            # The result holds 0 and 254, values between along the edge, and the strokes' fixed
+            # codes; outside the region it stays 0.
+            self._selection = np.where(self._result >= 128, 255, 0).astype(np.uint8)
+        return self.selection
 
     @property
     def selection(self):
         """The last cut's selection, or None before the first cut."""
-        if self._selection is None:
-            return None
-        return arrays.mask_out(self._selection, self._is_float)
+        return None if self._selection is None else arrays.mask_out(self._selection,
+                                                                   self._is_float)
 
     def add_strokes(self, strokes):
         """Paints keep (fixed foreground) and cut (fixed background) strokes for the next cut.
         Same forms as matte_strokes; unpainted pixels keep their state. Only the region handed
         to the library (``region``: the rectangle and a margin) is read by the cut."""
-        stroke_image = arrays.strokes8(strokes, self._shape)
+        plane = arrays.strokes8(strokes, self._shape)
         with self._lock:
-            self._check_open()
-            self._codes[stroke_image == arrays.KEEP] = 255
-            self._codes[stroke_image == arrays.CUT] = 1
-
-    def _band(self, band):
-        """The edge-band plane of the current selection (library codes)."""
-        plane = np.zeros(self._shape, np.uint8)
-        req = self._req
-        req.mask, req.maskStep = _addr(plane), _step(plane)
-        try:
-            native.lib().qxGrabCutEdgeGen(ctypes.byref(req), band)
-        finally:
-            req.mask, req.maskStep = _addr(self._codes), _step(self._codes)
-        return plane
-
-    def _trimap8(self, band):
-        with self._lock:
-            self._check_open()
-            if self._selection is None:
-                raise RuntimeError("cut() first: the tri-map is made from the selection")
-            return _band_to_trimap(self._band(band))
+            self._check()
+            _stroke_codes(self._codes, plane)
 
     def trimap(self, band=None):
         """A tri-map from the current selection: an undecided band of ``band`` pixels (default
         about 1% of the image's longer side, at least 10) along its edge. uint8 0 / 128 / 255,
         or float64 0 / 0.5 / 1 for a float image (matte_trimap takes either)."""
-        band = arrays.band_width(band, self._shape)
-        return _trimap_out(self._trimap8(band), self._is_float)
-
-
-def _trimap_out(tri, is_float):
-    if not is_float:
-        return tri
-    out = np.full(tri.shape, 0.5)
-    out[tri == 255] = 1.0
-    out[tri == 0] = 0.0
-    return out
-
-
-def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=False,
-            progress=None):
-    """A hard selection of the subject inside rect = (x, y, width, height), in one cut.
-
-    strokes: as for matte_strokes, or None. Returns the selection (255/0 uint8, or 1.0/0.0
-    float64 for a float image); with_trimap=True returns (selection, trimap), the tri-map with
-    an undecided band of ``band`` pixels along the selection's edge (see GrabCutSession.trimap).
-    """
-    if band is not None and not with_trimap:
-        raise ValueError("band is the tri-map's band: give with_trimap=True with it")
-    if with_trimap:
-        arrays.band_width(band, (1, 1))  # checked before any work
-    with GrabCutSession(image, rect, strokes, bgr=bgr) as session:
-        selection = session.cut(progress=progress)
-        if with_trimap:
-            return selection, session.trimap(band)
-    return selection
+        band = arrays.band_width(band) or native.lib().qxwDefaultBand(self._shape[1],
+                                                                       self._shape[0])
+        with self._lock:
+            self._check()
+            if self._selection is None:
+                raise RuntimeError("cut() first: the tri-map is made from the selection")
+            edges = np.zeros(self._shape, np.uint8)
+            self._point_mask_at(edges)
+            try:
+                native.lib().qxGrabCutEdgeGen(ctypes.byref(self._req), band)
+            finally:
+                self._point_mask_at(self._codes)
+        # The edge plane: the subject 254 (255 fixed), background 0 (1 fixed), the band between.
+        tri = np.where(edges >= 254, 255, np.where(edges <= 1, 0, 128)).astype(np.uint8)
+        return arrays.trimap_out(tri, self._is_float)
 
 
 # ---- Cut-out -------------------------------------------------------------------------------
 
 
 def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=255, bg_code=0,
-           pyramid=False, bgr=False, progress=None):
+           engine="strokes", pyramid=False, bgr=False, progress=None):
     """An RGBA cut-out: the subject's recovered colours with alpha (BGRA with bgr=True), in the
     image's kind. One of three workflows, by what is given:
 
     - rect (strokes optional): GrabCut in the rectangle, an undecided band of ``band`` pixels on
       the selection's edge, tri-map matting on it, foreground recovery (qxmatte cutout);
     - trimap: tri-map matting, then foreground recovery (qxmatte trimap --cutout);
-    - strokes alone: keep-cut matting with its own foreground recovery (qxmatte keepcut
-      --cutout).
+    - strokes alone: stroke matting with ``engine`` (as matte_strokes), then foreground
+      recovery (qxmatte keepcut --cutout).
     """
-    img, is_float = arrays.image_bgr8(image, bgr)
+    if rect is not None and trimap is not None:
+        raise ValueError("give rect or trimap, not both")
+    if trimap is not None and strokes is not None:
+        raise ValueError("strokes go with rect (GrabCut) or alone (strokes), not with a trimap")
+    if rect is None and trimap is None and strokes is None:
+        raise ValueError("cutout needs rect, trimap or strokes")
+    img, record, is_float = arrays.image8(image, bgr)
     shape = img.shape[:2]
     if rect is not None:
-        if trimap is not None:
-            raise ValueError("give rect or trimap, not both")
-        band = arrays.band_width(band, shape)
-        with _Handler(progress, "cutout") as handler:
-            alpha = _cutout_rect(img, rect, strokes, band, handler)
-            colours = _recover(img, alpha, handler)
-    elif trimap is not None:
-        if strokes is not None:
-            raise ValueError("strokes go with rect (GrabCut) or alone (keep-cut), not with a "
-                             "trimap")
-        fg_code, bg_code = arrays.codes(fg_code, bg_code)
-        tri, fg_code, bg_code = arrays.trimap8(trimap, shape, fg_code, bg_code)
-        with _Handler(progress, "cutout") as handler:
-            alpha = _matte(img, tri, fg_code, bg_code, (255, 0), handler)
-            colours = _recover(img, alpha, handler)
-    elif strokes is not None:
-        stroke_image = arrays.strokes8(strokes, shape)
-        with _Handler(progress, "cutout") as handler:
-            alpha, colours = _keep_cut(img, stroke_image, bool(pyramid), True, handler)
+        band = arrays.band_width(band)
+        x, y, w, h = arrays.rect4(rect, shape)
+        plane = None if strokes is None else arrays.strokes8(strokes, shape)
+        colours, c_ptr, c_stride = _outputs(shape, 3)
+        alpha, a_ptr, a_stride = _outputs(shape)
+        with _Progress(progress, "cutout") as p:
+            native.run("qxwCutoutFromRect", p.next(), ctypes.byref(record),
+                       None if plane is None else plane.ctypes.data,
+                       0 if plane is None else plane.strides[0], x, y, w, h, band, a_ptr,
+                       a_stride, ctypes.byref(native.ColourOut(c_ptr, c_stride)))
     else:
-        raise ValueError("cutout needs rect, trimap or strokes")
-    return arrays.colour_out(colours, bgr, is_float, alpha)
-
-
-def _cutout_rect(img, rect, strokes, band, handler):
-    """GrabCut, the edge band, and alpha on the band (the selection where there is no band)."""
-    with GrabCutSession(img, rect, strokes, bgr=True) as session:  # img is 8-bit BGR already
-        selection = session._cut8(handler)
-        tri = session._trimap8(band)
-    if not (tri == 128).any():
-        return selection  # no edge inside the rectangle: the selection is the alpha
-    return _matte(img, tri, 255, 0, (255, 0), handler)
+        if trimap is not None:
+            fg_code, bg_code = arrays.codes(fg_code, bg_code)
+            tri, fg_code, bg_code = arrays.trimap8(trimap, shape, fg_code, bg_code)
+        else:
+            engine = _engine(engine, pyramid)
+            plane = arrays.strokes8(strokes, shape)
+        with _Progress(progress, "cutout", 2) as p:
+            if trimap is not None:
+                alpha = _matte(record, tri, fg_code, bg_code, (255, 0), p.next())
+            else:
+                alpha = _strokes_alpha(record, plane, engine, p.next())
+            colours = _recover(record, alpha, 0, p.next())
+    rgba = np.empty(shape + (4,), np.uint8)
+    rgba[:, :, :3], rgba[:, :, 3] = colours, alpha
+    return arrays.mask_out(rgba, is_float)

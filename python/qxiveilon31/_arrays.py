@@ -1,14 +1,18 @@
 """Checks and conversions between the caller's NumPy arrays and the library's 8-bit buffers.
 
-Every check here runs before any library call: a bad shape or dtype raises ValueError. The
-library is handed BGR(A) bytes, the order of the command-line tool (which reads images with
-OpenCV), whatever order the caller's array has.
+Every check here runs before any library call: a bad shape, dtype or argument raises ValueError.
+An array whose rows the library can read as they are (bytes of a pixel side by side, rows at a
+positive stride) is handed over as it is, any other is copied once; the library never writes
+an input, and outputs are new arrays.
 """
 
 import numpy as np
 
-# Row steps and sizes go to the library as 32-bit ints; a 4-byte-a-pixel row must fit.
+from . import _native as native
+
+# Row strides and sizes go to the library as 32-bit ints.
 _MAX_SIDE = (2 ** 31 - 1) // 4
+KEEP, CUT, UNPAINTED = 255, 0, 128
 
 
 def _array(value, name):
@@ -20,14 +24,12 @@ def _array(value, name):
         raise ValueError("%s: not an array (%s)" % (name, e)) from None
 
 
-def _check_size(height, width, name):
-    if height < 1 or width < 1:
-        raise ValueError("%s is empty (%d x %d)" % (name, height, width))
-    if width > _MAX_SIDE or height > _MAX_SIDE:
-        raise ValueError("%s is too large for the library (%d x %d)" % (name, height, width))
+def _is_int(value, low, high):
+    return isinstance(value, (int, np.integer)) and not isinstance(value, bool) \
+        and low <= value <= high
 
 
-def _float_to_8bit(values, name):
+def _to_8bit(values, name):
     """0..1 floats to bytes as OpenCV's convertTo(CV_8U, 255) does: scaled, rounded half to
     even, saturated."""
     if not np.all(np.isfinite(values)):
@@ -35,161 +37,145 @@ def _float_to_8bit(values, name):
     return np.rint(np.clip(values.astype(np.float64) * 255.0, 0.0, 255.0)).astype(np.uint8)
 
 
-def image_bgr8(image, bgr, name="image"):
-    """The image as H x W x 3 uint8 in BGR order (a view where no conversion is needed), and
-    whether the caller's array was floating-point (results then come back as float64)."""
+def _readable(a):
+    """a as it is when the library can read its rows, else a C-contiguous copy."""
+    inner = a.strides[1:]
+    packed = inner == ((a.shape[2], 1) if a.ndim == 3 else (1,))
+    if packed and a.strides[0] >= a.shape[1] * a.itemsize * (a.shape[2] if a.ndim == 3 else 1):
+        return a
+    return np.ascontiguousarray(a)
+
+
+def image8(image, bgr, name="image"):
+    """(H x W x 3 uint8 rows the library reads, QxwImage of them, whether the caller's array
+    was floating-point: results then come back as float64)."""
     a = _array(image, name)
     if a.ndim != 3 or a.shape[2] != 3:
         raise ValueError("%s must be an H x W x 3 array (RGB%s), got shape %s"
-                         % (name, ", or BGR with bgr=True" if not bgr else "", a.shape))
-    _check_size(a.shape[0], a.shape[1], name)
-    if a.dtype == np.uint8:
-        is_float = False
-    elif np.issubdtype(a.dtype, np.floating):
-        a = _float_to_8bit(a, name)
-        is_float = True
-    else:
+                         % (name, "" if bgr else ", or BGR with bgr=True", a.shape))
+    if not (1 <= a.shape[0] <= _MAX_SIDE and 1 <= a.shape[1] <= _MAX_SIDE):
+        raise ValueError("%s is empty or too large (%d x %d)" % (name, a.shape[0], a.shape[1]))
+    is_float = np.issubdtype(a.dtype, np.floating)
+    if is_float:
+        a = _to_8bit(a, name)
+    elif a.dtype != np.uint8:
         raise ValueError("%s must be uint8 (0..255) or floating-point (0..1), got %s"
                          % (name, a.dtype))
-    return (a if bgr else a[:, :, ::-1]), is_float
+    a = _readable(a)
+    record = native.Image(a.ctypes.data, a.strides[0], 3, a.shape[1], a.shape[0],
+                          native.QXW_BGR if bgr else native.QXW_RGB)
+    return a, record, is_float
 
 
-def plane8(plane, shape, name):
-    """A 2-D plane (H x W, or H x W x 1) of the image's size, as given (uint8 or float)."""
-    a = _array(plane, name)
+def plane(value, shape, name):
+    """A 2-D plane (H x W, or H x W x 1) of the image's size, uint8 or float, as given."""
+    a = _array(value, name)
     if a.ndim == 3 and a.shape[2] == 1:
         a = a[:, :, 0]
-    if a.ndim != 2:
-        raise ValueError("%s must be an H x W array, got shape %s" % (name, a.shape))
-    if a.shape != tuple(shape):
-        raise ValueError("%s is %d x %d, the image is %d x %d"
-                         % (name, a.shape[0], a.shape[1], shape[0], shape[1]))
+    if a.ndim != 2 or a.shape != tuple(shape):
+        raise ValueError("%s must be H x W like the image (%d x %d), got shape %s"
+                         % (name, shape[0], shape[1], a.shape))
     if a.dtype != np.uint8 and not np.issubdtype(a.dtype, np.floating):
         raise ValueError("%s must be uint8 or floating-point, got %s" % (name, a.dtype))
     return a
 
 
+def _three_states(a, high, low):
+    """A float plane as 255 (>= high), 0 (<= low), 128 (anything else, NaN included)."""
+    out = np.full(a.shape, UNPAINTED, np.uint8)
+    with np.errstate(invalid="ignore"):
+        out[a >= high] = KEEP
+        out[a <= low] = CUT
+    return out
+
+
 def trimap8(trimap, shape, fg_code, bg_code):
-    """The tri-map as a C-contiguous uint8 plane with its codes. A float tri-map (1 foreground,
+    """(the tri-map as readable uint8 rows, its codes). A float tri-map (1 foreground,
     0 background, anything between undecided) becomes 255 / 0 / 128."""
-    t = plane8(trimap, shape, "trimap")
+    t = plane(trimap, shape, "trimap")
     if t.dtype == np.uint8:
-        return np.ascontiguousarray(t), fg_code, bg_code
+        return _readable(t), fg_code, bg_code
     if (fg_code, bg_code) != (255, 0):
         raise ValueError("fg_code and bg_code apply to uint8 tri-maps; a float tri-map is "
                          "1 foreground, 0 background, other values undecided")
     if np.isnan(t).any():
         raise ValueError("trimap holds NaN values")
-    out = np.full(t.shape, 128, np.uint8)
-    out[t >= 1.0] = 255
-    out[t <= 0.0] = 0
-    return out, 255, 0
+    return _three_states(t, 1.0, 0.0), 255, 0
 
 
 def codes(fg_code, bg_code):
-    for value, name, lo, hi in ((fg_code, "fg_code", 1, 255), (bg_code, "bg_code", 0, 254)):
-        if not isinstance(value, (int, np.integer)) or isinstance(value, bool) \
-                or not lo <= value <= hi:
-            raise ValueError("%s takes an int from %d to %d, got %r" % (name, lo, hi, value))
+    if not _is_int(fg_code, 1, 255) or not _is_int(bg_code, 0, 254):
+        raise ValueError("fg_code takes an int from 1 to 255 and bg_code from 0 to 254, got "
+                         "%r and %r" % (fg_code, bg_code))
     if bg_code >= fg_code:
         raise ValueError("bg_code (%d) must be below fg_code (%d)" % (bg_code, fg_code))
     return int(fg_code), int(bg_code)
 
 
-def alpha8(alpha, shape, name="alpha"):
-    """An alpha plane (uint8 0..255 or float 0..1) as a new C-contiguous uint8 plane."""
-    a = plane8(alpha, shape, name)
-    if a.dtype == np.uint8:
-        return np.array(a, dtype=np.uint8, order="C", copy=True)
-    return _float_to_8bit(a, name)
+def levels(value):
+    try:
+        high, low = value
+    except (TypeError, ValueError):
+        raise ValueError("levels must be a pair (high, low), got %r" % (value,)) from None
+    if not (_is_int(high, 0, 255) and _is_int(low, 0, 255)):
+        raise ValueError("levels take ints from 0 to 255, got %r" % (value,))
+    return int(high), int(low)
 
 
-# Stroke images, as the command-line tool takes them: 255 keep, 0 cut, anything else unpainted.
-KEEP, CUT, UNPAINTED = 255, 0, 128
+def alpha8(alpha, shape):
+    """An alpha plane (uint8 0..255 or float 0..1) as readable uint8 rows."""
+    a = plane(alpha, shape, "alpha")
+    return _readable(a) if a.dtype == np.uint8 else _to_8bit(a, "alpha")
 
 
 def strokes8(strokes, shape, name="strokes"):
-    """Strokes as a stroke image (255 keep, 0 cut, 128 unpainted). Accepted forms:
-    a uint8 plane (255 keep, 0 cut, any other value unpainted); a float plane (1 keep, 0 cut,
-    anything else, NaN included, unpainted); or a pair (keep, cut) of boolean planes."""
+    """Strokes as readable uint8 rows, 255 keep, 0 cut, anything else unpainted. Accepted
+    forms: such a uint8 plane; a float plane (1 keep, 0 cut, anything else, NaN included,
+    unpainted); or a pair (keep, cut) of boolean planes."""
     if isinstance(strokes, tuple):
         if len(strokes) != 2:
             raise ValueError("%s as a tuple must be a pair (keep, cut) of boolean planes" % name)
-        keep = plane_bool(strokes[0], shape, name + "[0] (keep)")
-        cut = plane_bool(strokes[1], shape, name + "[1] (cut)")
+        keep, cut = (_array(s, name) for s in strokes)
+        for s in (keep, cut):
+            if s.dtype != np.bool_ or s.shape != tuple(shape):
+                raise ValueError("%s: keep and cut must be boolean planes of the image's size "
+                                 "%s, got %s %s" % (name, tuple(shape), s.dtype, s.shape))
         if np.any(keep & cut):
             raise ValueError("%s: some pixels are painted both keep and cut" % name)
         out = np.full(tuple(shape), UNPAINTED, np.uint8)
-        out[keep] = KEEP
-        out[cut] = CUT
+        out[keep], out[cut] = KEEP, CUT
         return out
     a = _array(strokes, name)
     if a.dtype == np.bool_:
         raise ValueError("%s: a boolean plane can't mark three states; give a pair (keep, cut) "
                          "of boolean planes, or uint8 with 255 keep, 0 cut, others unpainted"
                          % name)
-    a = plane8(a, shape, name)
-    if a.dtype == np.uint8:
-        return a
-    out = np.full(a.shape, UNPAINTED, np.uint8)
-    with np.errstate(invalid="ignore"):
-        out[a >= 1.0] = KEEP
-        out[a <= 0.0] = CUT
-    return out
-
-
-def plane_bool(plane, shape, name):
-    a = _array(plane, name)
-    if a.dtype != np.bool_:
-        raise ValueError("%s must be a boolean array, got %s" % (name, a.dtype))
-    if a.shape != tuple(shape):
-        raise ValueError("%s has shape %s, the image is %d x %d"
-                         % (name, a.shape, shape[0], shape[1]))
-    return a
-
-
-def encode_strokes(stroke_image):
-    """The library's stroke coding for a stroke image: keep 255, cut 1, unpainted 128 (even:
-    to be computed). A new C-contiguous plane."""
-    out = np.full(stroke_image.shape, 128, np.uint8)
-    out[stroke_image == KEEP] = 255
-    out[stroke_image == CUT] = 1
-    return out
-
-
-def bgra(image_bgr):
-    """The library's 4-byte pixels: B, G, R and 255, C-contiguous (the one copy of the image)."""
-    h, w = image_bgr.shape[:2]
-    out = np.empty((h, w, 4), np.uint8)
-    out[:, :, :3] = image_bgr
-    out[:, :, 3] = 255
-    return out
+    a = plane(a, shape, name)
+    return _readable(a) if a.dtype == np.uint8 else _three_states(a, 1.0, 0.0)
 
 
 def rect4(rect, shape):
     """(x, y, width, height) of ints, width and height at least 1, inside the image."""
     try:
-        values = [v for v in rect]
+        values = tuple(rect)
     except TypeError:
         raise ValueError("rect must be (x, y, width, height), got %r" % (rect,)) from None
-    if len(values) != 4 or not all(isinstance(v, (int, np.integer)) and not isinstance(v, bool)
-                                   for v in values):
+    if len(values) != 4 or not all(_is_int(v, -2 ** 31, 2 ** 31 - 1) for v in values):
         raise ValueError("rect must be four ints (x, y, width, height), got %r" % (rect,))
     x, y, w, h = (int(v) for v in values)
     if w < 1 or h < 1:
-        raise ValueError("rect %r: width and height must be at least 1" % (tuple(values),))
+        raise ValueError("rect %r: width and height must be at least 1" % (values,))
     if x < 0 or y < 0 or x + w > shape[1] or y + h > shape[0]:
         raise ValueError("rect %r is not inside the %d x %d image (width x height)"
-                         % (tuple(values), shape[1], shape[0]))
+                         % (values, shape[1], shape[0]))
     return x, y, w, h
 
 
-def band_width(band, shape):
-    """The edge band's width: the given one, or about 1% of the longer side, at least 10."""
+def band_width(band):
+    """The edge band's width as the workflows take it: 0 for the default."""
     if band is None:
-        return max(10, max(shape[0], shape[1]) // 100)
-    if not isinstance(band, (int, np.integer)) or isinstance(band, bool) \
-            or not 1 <= band <= 32767:
+        return 0
+    if not _is_int(band, 1, 32767):
         raise ValueError("band takes an int from 1 to 32767, got %r" % (band,))
     return int(band)
 
@@ -197,20 +183,13 @@ def band_width(band, shape):
 # ---- Results back to the caller -----------------------------------------------------------
 
 
-def mask_out(plane, is_float):
-    """An 8-bit plane in the caller's kind: uint8, or float64 on 0..1."""
-    if is_float:
-        return plane.astype(np.float64) / 255.0
-    return plane
+def mask_out(plane8, is_float):
+    """An 8-bit result in the caller's kind: uint8, or float64 on 0..1."""
+    return plane8.astype(np.float64) / 255.0 if is_float else plane8
 
 
-def colour_out(pixels_bgr, bgr, is_float, alpha=None):
-    """BGR pixels (H x W x 3 or 4, uint8) as RGB (or BGR) in the caller's kind, with alpha as a
-    fourth channel when given."""
-    h, w = pixels_bgr.shape[:2]
-    channels = 3 if alpha is None else 4
-    out = np.empty((h, w, channels), np.uint8)
-    out[:, :, :3] = pixels_bgr[:, :, :3] if bgr else pixels_bgr[:, :, 2::-1]
-    if alpha is not None:
-        out[:, :, 3] = alpha
-    return mask_out(out, is_float)
+def trimap_out(tri, is_float):
+    """A 0 / 128 / 255 tri-map, or 0 / 0.5 / 1 for a float image (matte_trimap takes either)."""
+    if not is_float:
+        return tri
+    return np.where(tri == 255, 1.0, np.where(tri == 0, 0.0, 0.5))

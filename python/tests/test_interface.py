@@ -1,0 +1,172 @@
+"""What the package takes and gives back (orders, kinds, strides, stroke forms), what it leaves
+alone, how it refuses and fails, where progress goes, threads, and how the library is found."""
+
+import ctypes
+import ctypes.util
+import os
+import subprocess
+import sys
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import qxiveilon31 as qx
+from qxiveilon31 import _native
+from scenes import soft_disc
+
+
+def test_orders_kinds_and_strides_give_the_same_bytes(disc):
+    alpha = qx.matte_trimap(disc.image, disc.trimap)
+    fg = qx.foreground(disc.image, alpha)
+    warm = fg[disc.alpha == 1.0]
+    assert warm[:, 0].mean() > warm[:, 2].mean() + 100  # RGB in, RGB out: red is the high one
+    bgr = np.ascontiguousarray(disc.image[:, :, ::-1])
+    assert np.array_equal(qx.foreground(bgr, alpha, bgr=True), fg[:, :, ::-1])
+    assert np.array_equal(qx.cutout(bgr, trimap=disc.trimap, bgr=True)[:, :, [2, 1, 0, 3]],
+                          qx.cutout(disc.image, trimap=disc.trimap))
+    # A window of a larger array, a Fortran-ordered copy, a reversed view.
+    big = np.zeros((129, 173, 3), np.uint8)
+    big[4:-5, 6:-7] = disc.image
+    big_t = np.zeros((129, 173), np.uint8)
+    big_t[4:-5, 6:-7] = disc.trimap
+    for image, trimap in ((big[4:-5, 6:-7], big_t[4:-5, 6:-7]),
+                          (np.asfortranarray(disc.image), np.asfortranarray(disc.trimap)),
+                          (disc.image[::-1, ::-1][::-1, ::-1], disc.trimap[:, :, None])):
+        assert np.array_equal(qx.matte_trimap(image, trimap), alpha)
+    # Float images (0..1, rounded as OpenCV converts) give float results of the same bytes.
+    for dtype in (np.float64, np.float32):
+        image = disc.image.astype(dtype) / dtype(255)
+        image[disc.image == 255] = 1.5  # saturates
+        result = qx.matte_trimap(image, disc.trimap / 255.0)
+        assert result.dtype == np.float64 and np.array_equal(np.rint(result * 255), alpha)
+
+
+def test_stroke_forms_agree(disc):
+    expected = qx.matte_strokes(disc.image, disc.strokes)
+    keep, cut = disc.strokes == 255, disc.strokes == 0
+    for strokes in ((keep, cut), np.where(keep, 1.0, np.where(cut, 0.0, np.nan)),
+                    np.where(disc.strokes == 128, 77, disc.strokes).astype(np.uint8)):
+        assert np.array_equal(qx.matte_strokes(disc.image, strokes), expected)
+
+
+def test_the_callers_arrays_are_left_as_they_were(disc):
+    image, trimap, strokes = disc.image.copy(), disc.trimap.copy(), disc.strokes.copy()
+    qx.matte_trimap(image, trimap)
+    qx.matte_strokes(image, strokes, with_foreground=True)
+    qx.foreground(image, trimap, method="sampling")
+    qx.cutout(image, rect=(30, 15, 100, 90), strokes=strokes)
+    qx.grabcut(image, (30, 15, 100, 90), strokes, with_trimap=True)
+    assert np.array_equal(image, disc.image) and np.array_equal(trimap, disc.trimap)
+    assert np.array_equal(strokes, disc.strokes)
+
+
+IMAGE = np.zeros((40, 50, 3), np.uint8)
+PLANE = np.full((40, 50), 128, np.uint8)
+
+
+@pytest.mark.parametrize("call, message", [
+    (lambda: qx.matte_trimap(IMAGE[:, :, 0], PLANE), "H x W x 3"),
+    (lambda: qx.matte_trimap(IMAGE.astype(np.int32), PLANE), "uint8"),
+    (lambda: qx.matte_trimap(IMAGE, PLANE[:, :49]), r"\(40, 49\)"),
+    (lambda: qx.matte_trimap(IMAGE, PLANE, fg_code=100, bg_code=100), "below"),
+    (lambda: qx.matte_trimap(np.full((40, 50, 3), np.nan), PLANE), "NaN"),
+    (lambda: qx.matte_strokes(IMAGE, PLANE == 255), "pair"),
+    (lambda: qx.matte_strokes(IMAGE, PLANE, engine="kdtree", pyramid=True), "pyramid"),
+    (lambda: qx.foreground(IMAGE, PLANE, method="magic"), "method"),
+    (lambda: qx.grabcut(IMAGE, (0, 0, 51, 10)), "not inside"),
+    (lambda: qx.grabcut(IMAGE, (0, 0, 10, 10), band=5), "with_trimap"),
+    (lambda: qx.GrabCutSession(IMAGE, (0, 0, 10.0, 10)), "four ints"),
+    (lambda: qx.cutout(IMAGE, trimap=PLANE, strokes=PLANE), "not with a trimap"),
+])
+def test_bad_arguments_are_refused_before_the_library_is_called(no_library, call, message):
+    with pytest.raises(ValueError, match=message):
+        call()
+
+
+def test_what_the_workflows_refuse_or_fail_comes_out_as_their_message(disc, monkeypatch):
+    with pytest.raises(ValueError, match="no undecided pixel"):
+        qx.matte_trimap(disc.image, np.full(disc.trimap.shape, 255, np.uint8))
+    only_keep = np.where(disc.strokes == 0, 128, disc.strokes).astype(np.uint8)
+    with pytest.raises(ValueError, match="too few strokes"):
+        qx.matte_strokes(disc.image, only_keep)
+
+    def failing(*args):  # a job that fails as a library job does: its status, a message
+        job = args[-1]._obj
+        job.libraryStatus, job.message = -875, b"the direct solver ran out of memory"
+        return _native.QXW_FAILED
+
+    monkeypatch.setattr(_native.LIB, "qxwMatteTrimap", failing)
+    with pytest.raises(qx.QxError) as caught:
+        qx.matte_trimap(disc.image, disc.trimap)
+    e = caught.value
+    assert (e.function, e.status, e.meaning) == ("qxwMatteTrimap", -875,
+                                                 "the direct solver ran out of memory")
+
+
+def test_progress_reaches_the_callers_callback_on_its_thread(disc):
+    expected = qx.matte_trimap(disc.image, disc.trimap)
+    results, reports = [None] * 3, [[] for _ in range(3)]
+
+    def work(i):
+        me = threading.get_ident()
+        results[i] = qx.cutout(disc.image, trimap=disc.trimap, progress=lambda c, t: reports[
+            i].append((threading.get_ident() == me, c, t)))
+
+    threads = [threading.Thread(target=work, args=(i,)) for i in range(3)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    for result, rep in zip(results, reports):
+        assert np.array_equal(result[:, :, 3], expected)
+        assert len(rep) >= 5 and all(own and t == qx._api.TOTAL for own, _, t in rep)
+        values = [c for _, c, _ in rep]  # matting then recovery: one climb, never back
+        assert values == sorted(set(values)) and values[-1] > qx._api.TOTAL // 2
+
+
+def test_an_exception_in_the_callback_comes_out_of_the_call(disc):
+    def failing(current, total):
+        raise KeyError(current)
+
+    def nested(current, total):
+        qx.matte_trimap(disc.image, disc.trimap)
+
+    with pytest.raises(KeyError):
+        qx.matte_strokes(disc.image, disc.strokes, progress=failing)
+    with pytest.raises(RuntimeError, match="progress callback"):
+        qx.matte_trimap(disc.image, disc.trimap, progress=nested)
+    with pytest.raises(TypeError, match="progress"):
+        qx.matte_trimap(disc.image, disc.trimap, progress="yes")
+
+
+def _longest_stall(scene):
+    """Runs a job on another thread while this one spins: (the longest time this thread could
+    not run, the job's length)."""
+    worker = threading.Thread(target=qx.matte_trimap, args=(scene.image, scene.trimap))
+    start = last = time.perf_counter()
+    longest = 0.0
+    worker.start()
+    while worker.is_alive():
+        now = time.perf_counter()
+        longest, last = max(longest, now - last), now
+    return longest, time.perf_counter() - start
+
+
+def test_the_gil_is_released_while_a_job_runs(monkeypatch):
+    scene = soft_disc(400, 300, radius=90, band=16)
+    stall, length = _longest_stall(scene)
+    assert stall < 0.5 * length, (stall, length)
+    # The measure can tell: through ctypes.PyDLL, which keeps the GIL, this thread stalls.
+    monkeypatch.setattr(_native, "LIB", _native.Library(ctypes.PyDLL(qx.library_path()), None))
+    stall, length = _longest_stall(scene)
+    assert stall > 0.5 * length, (stall, length)
+
+
+def test_a_library_without_the_interface_is_refused():
+    env = dict(os.environ, QXIVEILON31_LIBRARY=ctypes.util.find_library("c"),
+               PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(qx.__file__))))
+    done = subprocess.run([sys.executable, "-c", "import qxiveilon31"], env=env,
+                          capture_output=True, text=True)
+    assert "not a qxiveilon31 library" in done.stderr
