@@ -8,6 +8,7 @@ import subprocess
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -26,11 +27,10 @@ def test_orders_kinds_and_strides_give_the_same_bytes(disc):
     assert np.array_equal(qx.foreground(bgr, alpha, bgr=True), fg[:, :, ::-1])
     assert np.array_equal(qx.cutout(bgr, trimap=disc.trimap, bgr=True)[:, :, [2, 1, 0, 3]],
                           qx.cutout(disc.image, trimap=disc.trimap))
-    # A window of a larger array, a Fortran-ordered copy, a reversed view.
-    big = np.zeros((129, 173, 3), np.uint8)
-    big[4:-5, 6:-7] = disc.image
-    big_t = np.zeros((129, 173), np.uint8)
-    big_t[4:-5, 6:-7] = disc.trimap
+    # Windows of larger arrays (rows read in place at their stride), a Fortran-ordered copy, a
+    # reversed view.
+    big, big_t = np.zeros((129, 173, 3), np.uint8), np.zeros((129, 173), np.uint8)
+    big[4:-5, 6:-7], big_t[4:-5, 6:-7] = disc.image, disc.trimap
     for image, trimap in ((big[4:-5, 6:-7], big_t[4:-5, 6:-7]),
                           (np.asfortranarray(disc.image), np.asfortranarray(disc.trimap)),
                           (disc.image[::-1, ::-1][::-1, ::-1], disc.trimap[:, :, None])):
@@ -105,38 +105,32 @@ def test_what_the_workflows_refuse_or_fail_comes_out_as_their_message(disc, monk
                                                  "the direct solver ran out of memory")
 
 
-def test_progress_reaches_the_callers_callback_on_its_thread(disc):
-    expected = qx.matte_trimap(disc.image, disc.trimap)
-    results, reports = [None] * 3, [[] for _ in range(3)]
+def test_progress_reaches_each_callers_callback_on_its_thread(disc, capsys):
+    def work(_):
+        reports = []
+        rgba = qx.cutout(disc.image, trimap=disc.trimap, progress=lambda c, t: reports.append(
+            (threading.get_ident(), c, t)))
+        return rgba, reports, threading.get_ident()
 
-    def work(i):
-        me = threading.get_ident()
-        results[i] = qx.cutout(disc.image, trimap=disc.trimap, progress=lambda c, t: reports[
-            i].append((threading.get_ident() == me, c, t)))
-
-    threads = [threading.Thread(target=work, args=(i,)) for i in range(3)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    for result, rep in zip(results, reports):
-        assert np.array_equal(result[:, :, 3], expected)
-        assert len(rep) >= 5 and all(own and t == qx._api.TOTAL for own, _, t in rep)
-        values = [c for _, c, _ in rep]  # matting then recovery: one climb, never back
-        assert values == sorted(set(values)) and values[-1] > qx._api.TOTAL // 2
+    with ThreadPoolExecutor(3) as pool:
+        for rgba, reports, caller in pool.map(work, range(3)):
+            assert np.array_equal(rgba[:, :, 3], qx.matte_trimap(disc.image, disc.trimap))
+            assert len(reports) >= 5 and {(i, t) for i, _, t in reports} == {(caller, 1000)}
+            values = [c for _, c, _ in reports]  # matting, then recovery: one climb
+            assert values == sorted(set(values)) and values[-1] > 500
+    qx.matte_trimap(disc.image, disc.trimap, progress=True)
+    assert "matte_trimap" in capsys.readouterr().err  # tqdm's bar
 
 
 def test_an_exception_in_the_callback_comes_out_of_the_call(disc):
     def failing(current, total):
         raise KeyError(current)
 
-    def nested(current, total):
-        qx.matte_trimap(disc.image, disc.trimap)
-
     with pytest.raises(KeyError):
         qx.matte_strokes(disc.image, disc.strokes, progress=failing)
     with pytest.raises(RuntimeError, match="progress callback"):
-        qx.matte_trimap(disc.image, disc.trimap, progress=nested)
+        qx.matte_trimap(disc.image, disc.trimap, progress=lambda c, t: qx.matte_trimap(
+            disc.image, disc.trimap))
     with pytest.raises(TypeError, match="progress"):
         qx.matte_trimap(disc.image, disc.trimap, progress="yes")
 
