@@ -31,13 +31,12 @@ def subject_and_square(width=180, height=140, seed=3):
     """The GrabCut scene: a noisy blue-grey background, an orange disc (the subject, centre
     (80, 70), radius 40) and a small orange square (x 140..155, y 20..35) that the user does not
     want. Returns (image RGB uint8, subject mask, square mask)."""
-    noise = np.random.default_rng(seed).integers(-10, 11, size=(height, width))
     y, x = np.mgrid[0:height, 0:width]
     subject = (x - 80) ** 2 + (y - 70) ** 2 <= 40 * 40
     square = (x >= 140) & (x < 156) & (y >= 20) & (y < 36)
-    on = subject | square
-    rgb = [np.where(on, 230, 110), np.where(on, 120, 130), np.where(on, 40, 150)]
-    return np.stack([c + noise for c in rgb], axis=2).astype(np.uint8), subject, square
+    colour = np.where((subject | square)[:, :, None], [230, 120, 40], [110, 130, 150])
+    noise = np.random.default_rng(seed).integers(-10, 11, size=(height, width, 1))
+    return (colour + noise).astype(np.uint8), subject, square
 
 
 def mean_error(values, truth, where):

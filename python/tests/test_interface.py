@@ -1,11 +1,7 @@
 """What the package takes and gives back (orders, kinds, strides, stroke forms), what it leaves
-alone, how it refuses and fails, where progress goes, threads, and how the library is found."""
+alone, how it refuses and fails, where progress goes, and threads."""
 
 import ctypes
-import ctypes.util
-import os
-import subprocess
-import sys
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -120,14 +116,9 @@ def test_progress_reaches_each_callers_callback_on_its_thread(disc, capsys):
             assert values == sorted(set(values)) and values[-1] > 500
     qx.matte_trimap(disc.image, disc.trimap, progress=True)
     assert "matte_trimap" in capsys.readouterr().err  # tqdm's bar
-
-
-def test_an_exception_in_the_callback_comes_out_of_the_call(disc):
-    def failing(current, total):
-        raise KeyError(current)
-
+    # An exception raised by the callback comes out of the call; a job can't start inside it.
     with pytest.raises(KeyError):
-        qx.matte_strokes(disc.image, disc.strokes, progress=failing)
+        qx.matte_strokes(disc.image, disc.strokes, progress=lambda c, t: {}[c])
     with pytest.raises(RuntimeError, match="progress callback"):
         qx.matte_trimap(disc.image, disc.trimap, progress=lambda c, t: qx.matte_trimap(
             disc.image, disc.trimap))
@@ -156,11 +147,3 @@ def test_the_gil_is_released_while_a_job_runs(monkeypatch):
     monkeypatch.setattr(_native, "LIB", _native.Library(ctypes.PyDLL(qx.library_path()), None))
     stall, length = _longest_stall(scene)
     assert stall > 0.5 * length, (stall, length)
-
-
-def test_a_library_without_the_interface_is_refused():
-    env = dict(os.environ, QXIVEILON31_LIBRARY=ctypes.util.find_library("c"),
-               PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(qx.__file__))))
-    done = subprocess.run([sys.executable, "-c", "import qxiveilon31"], env=env,
-                          capture_output=True, text=True)
-    assert "not a qxiveilon31 library" in done.stderr
