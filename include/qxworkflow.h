@@ -118,6 +118,13 @@ QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* s
 /* The default band width for an image: about 1% of its longer side, at least 10 pixels. */
 QX_API int qxwDefaultBand(int width, int height);
 
+/* Paints a straight brush stroke of `value` (QXW_KEEP or QXW_CUT for a stroke plane) from
+ * (x0, y0) to (x1, y1), 2 * radius + 1 pixels wide with round ends, clipped to the plane: any
+ * coordinates are safe. Returns 1, or 0 (nothing painted) for a NULL plane, a size below 1, a
+ * stride shorter than a row or a negative radius. */
+QX_API int qxwPaintStroke(unsigned char* plane, int stride, int width, int height, int x0,
+                          int y0, int x1, int y1, int radius, unsigned char value);
+
 #ifdef __cplusplus
 }
 #endif
