@@ -12,7 +12,7 @@ set(expected
   qxKeepCutToAlpha qxRecoverForeground qxRecoverForegroundCell qxHairSelect
   qxGrabCut qxGrabCutDeleteBuf qxGrabCutEdgeGen qxStrokesToAlpha
   qxwMatteTrimap qxwMatteStrokes qxwRecoverForeground qxwSelectSubject qxwCutoutFromRect
-  qxwDefaultBand qxwPaintStroke)
+  qxwDefaultBand qxwPaintStroke qxwDemoScene)
 execute_process(COMMAND nm -D --defined-only --with-symbol-versions ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIB}")

@@ -30,10 +30,10 @@
 #include <cstring>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 #include <string>
 #include <vector>
 
-#include "demo_scene.h"
 #include "measurement.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
@@ -632,6 +632,30 @@ private:
     bool made_ = false, kept_ = false;
 };
 
+// The demo's new background, and a subject laid over it with an alpha.
+cv::Mat makeNewBackground(int width, int height) {
+    cv::Mat bg(height, width, CV_8UC3);
+    for (int y = 0; y < height; ++y) {
+        auto* row = bg.ptr<cv::Vec3b>(y);
+        for (int x = 0; x < width; ++x)
+            row[x] = cv::Vec3b(cv::saturate_cast<uchar>(200 - y * 120 / height),
+                               cv::saturate_cast<uchar>(60 + x * 60 / width),
+                               cv::saturate_cast<uchar>(90 + y * 100 / height));
+    }
+    return bg;
+}
+
+
+cv::Mat overNewBackground(const cv::Mat& bgr, const cv::Mat& alpha) {
+    cv::Mat a, f, b, out;
+    cv::cvtColor(alpha, a, cv::COLOR_GRAY2BGR);
+    a.convertTo(a, CV_32FC3, 1.0 / 255.0);
+    bgr.convertTo(f, CV_32FC3);
+    makeNewBackground(bgr.cols, bgr.rows).convertTo(b, CV_32FC3);
+    cv::Mat(f.mul(a) + b.mul(cv::Scalar::all(1.0) - a)).convertTo(out, CV_8UC3);
+    return out;
+}
+
 int runDemo(int argc, char** argv, bool showProgress) {
     std::string dir = "qxmatte-demo";
     double megapixels = 1.08;
@@ -663,7 +687,16 @@ int runDemo(int argc, char** argv, bool showProgress) {
     const int height = width * 3 / 4;
     std::printf("demo: synthetic %dx%d scene with hair-like strands, known alpha and foreground\n",
                 width, height);
-    const qxmatte::DemoScene scene = qxmatte::makeDemoScene(width, height);
+    struct {
+        cv::Mat image, trimap, truth, foreground;
+    } scene{cv::Mat(height, width, CV_8UC3), cv::Mat(height, width, CV_8UC1),
+            cv::Mat(height, width, CV_8UC1), cv::Mat(height, width, CV_8UC3)};
+    cv::Mat strokes(height, width, CV_8UC1);
+    const QxwColourOut imageOut{scene.image.data, static_cast<int32_t>(scene.image.step)};
+    const QxwColourOut fgOut{scene.foreground.data, static_cast<int32_t>(scene.foreground.step)};
+    qxwDemoScene(width, height, 7, &imageOut, scene.trimap.data, static_cast<int>(scene.trimap.step),
+                 scene.truth.data, static_cast<int>(scene.truth.step), &fgOut, strokes.data,
+                 static_cast<int>(strokes.step));
     const QxwImage img = imageOf(scene.image);
 
     // 1. Tri-map matting.
@@ -689,7 +722,6 @@ int runDemo(int argc, char** argv, bool showProgress) {
 
     // 2. Keep-cut matting with the stroke engine and foreground recovery, from strokes as an
     // edge-band tool leaves them.
-    const cv::Mat strokes = qxmatte::edgeBandStrokes(scene.truth);
     cv::Mat kalpha(scene.image.size(), CV_8UC1), kfg;
     qxmatte::Measurement krun;
     {
@@ -711,10 +743,8 @@ int runDemo(int argc, char** argv, bool showProgress) {
                 qxmatte::foregroundError(kfg, scene.foreground, scene.truth),
                 qxmatte::foregroundError(scene.image, scene.foreground, scene.truth));
 
-    const cv::Mat composite =
-        qxmatte::compositeOver(scene.foreground, alpha, qxmatte::makeNewBackground(width, height));
-    const cv::Mat recomposite =
-        qxmatte::compositeOver(kfg, kalpha, qxmatte::makeNewBackground(width, height));
+    const cv::Mat composite = overNewBackground(scene.foreground, alpha);
+    const cv::Mat recomposite = overNewBackground(kfg, kalpha);
     const cv::Mat images[] = {scene.image, scene.trimap, alpha, scene.truth, composite,
                               strokes, kalpha, kfg, recomposite};  // as in names
     std::vector<std::pair<std::string, cv::Mat>> files;
