@@ -3,7 +3,7 @@
 //
 // Accuracy: the ten alpha-matting benchmark images, with the rectangle the ground truth's
 // foreground box grown by 5% of the image's size on each side. The library's selection
-// (qxGrabCut through the qxmatte workflow) next to plain cv::grabCut on the full image with the
+// (qxGrabCut through the workflow qxwSelectSubject) next to plain cv::grabCut on the full image with the
 // same rectangle and iteration count, in the same run: time and intersection-over-union against
 // ground-truth alpha above 127. Then the cutout workflow (GrabCut, edge band, closed-form alpha,
 // foreground recovery): SAD and MSE over the whole image against the ground truth.
@@ -23,8 +23,8 @@
 #include <string>
 #include <vector>
 
-#include "grabcut.h"
 #include "measurement.h"
+#include "qxworkflow.h"
 
 namespace fs = std::filesystem;
 
@@ -70,18 +70,25 @@ struct Cut {
     double seconds = 0, cpu = 0, iou = 0, peakMB = 0;
 };
 
+QxwImage imageOf(const cv::Mat& bgr) {
+    return {bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
+}
+
 Cut runLibrary(const Sample& s, const cv::Rect& rect) {
     Cut c;
-    qxmatte::GrabCutOptions opt;
-    opt.rect = rect;
+    const QxwImage img = imageOf(s.image);
+    cv::Mat selection(s.image.size(), CV_8UC1);
+    QxwJob job{};
     // Processor time as well as wall time: the machine may be shared, and wall time then
     // measures the other jobs too.
     const qxmatte::Measurement run;
-    const qxmatte::GrabCutResult g = qxmatte::selectWithGrabCut(s.image, cv::Mat(), opt);
+    const QxwStatus st = qxwSelectSubject(&img, nullptr, 0, rect.x, rect.y, rect.width,
+                                          rect.height, 0, selection.data,
+                                          static_cast<int>(selection.step), nullptr, 0, &job);
     c.seconds = run.seconds();
     c.cpu = run.cpuSeconds();
     c.peakMB = run.peakAboveStartMB();
-    c.iou = g.ok ? iou(g.selection, s.truth) : -1.0;
+    c.iou = st == QXW_OK ? iou(selection, s.truth) : -1.0;
     return c;
 }
 
@@ -113,16 +120,18 @@ struct Matte {
 
 Matte runCutout(const Sample& s, const cv::Rect& rect) {
     Matte m;
-    qxmatte::GrabCutOptions opt;
-    opt.rect = rect;
+    const QxwImage img = imageOf(s.image);
+    cv::Mat alpha(s.image.size(), CV_8UC1), fg(s.image.size(), CV_8UC3);
+    const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
+    QxwJob job{};
     const qxmatte::Measurement run;
-    const qxmatte::CutoutResult c = qxmatte::cutoutFromRect(s.image, cv::Mat(), opt);
+    m.ok = qxwCutoutFromRect(&img, nullptr, 0, rect.x, rect.y, rect.width, rect.height, 0,
+                             alpha.data, static_cast<int>(alpha.step), &colours, &job) == QXW_OK;
     m.seconds = run.seconds();
     m.peakMB = run.peakAboveStartMB();
-    m.ok = c.ok;
-    if (!c.ok) return m;
+    if (!m.ok) return m;
     cv::Mat a, g;
-    c.alpha.convertTo(a, CV_64F, 1.0 / 255);
+    alpha.convertTo(a, CV_64F, 1.0 / 255);
     s.truth.convertTo(g, CV_64F, 1.0 / 255);
     const cv::Mat d = a - g;
     m.sad = cv::norm(d, cv::NORM_L1) / 1000.0;

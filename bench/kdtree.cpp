@@ -17,10 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "demo_scene.h"
-#include "keepcut.h"
 #include "keepcut/kd_drivers.h"
 #include "measurement.h"
+#include "workflow/demo_scene.h"
 
 namespace {
 
@@ -39,12 +38,13 @@ struct Job {
 Job makeJob(double megapixels, bool scribbles) {
     const int w = static_cast<int>(std::lround(std::sqrt(megapixels * 1e6 * 1.5)));
     const int h = static_cast<int>(std::lround(megapixels * 1e6 / w));
-    qxmatte::DemoScene scene = qxmatte::makeDemoScene(w, h);
+    const qx::workflow::DemoScene scene = qx::workflow::makeDemoScene(w, h);
     Job job;
     cv::cvtColor(scene.image, job.bgra, cv::COLOR_BGR2BGRA);
     job.truth = scene.truth;
-    job.strokes = qxmatte::encodeStrokes(scribbles ? qxmatte::scribbleStrokes(scene.truth)
-                                                   : qxmatte::edgeBandStrokes(scene.truth));
+    job.strokes = qx::workflow::encodeStrokes(scribbles
+                                                  ? qx::workflow::scribbleStrokes(scene.truth)
+                                                  : qx::workflow::edgeBandStrokes(scene.truth));
     return job;
 }
 
@@ -56,7 +56,17 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
     cv::Mat alpha = job.strokes.clone();
     cv::Mat dst(job.bgra.size(), CV_8UC4, cv::Scalar(0, 0, 0, 0));
     cv::Mat src = job.bgra, aux = job.strokes.clone();
-    KeepCutRequest req = qxmatte::wholeImageRequest(src, alpha, dst, aux);
+    KeepCutRequest req{};
+    req.srcImage = src.data;
+    req.srcStep = static_cast<int32_t>(src.step);
+    req.alphaPlane = alpha.data;
+    req.alphaStep = static_cast<int32_t>(alpha.step);
+    req.dstImage = dst.data;
+    req.dstStep = static_cast<int32_t>(dst.step);
+    req.auxPlane = aux.data;
+    req.auxStep = static_cast<int32_t>(aux.step);
+    req.fullWidth = req.roiWidth = alpha.cols;
+    req.fullHeight = req.roiHeight = alpha.rows;
 
     const qxmatte::Measurement run;
     try {

@@ -118,6 +118,25 @@ QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* s
 /* The default band width for an image: about 1% of its longer side, at least 10 pixels. */
 QX_API int qxwDefaultBand(int width, int height);
 
+/* Paints a straight brush stroke of `value` (QXW_KEEP or QXW_CUT for a stroke plane) from
+ * (x0, y0) to (x1, y1), 2 * radius + 1 pixels wide with round ends, clipped to the plane: any
+ * coordinates are safe. Returns 1, or 0 (nothing painted) for a NULL plane, a size below 1, a
+ * stride shorter than a row or a negative radius. */
+QX_API int qxwPaintStroke(unsigned char* plane, int stride, int width, int height, int x0,
+                          int y0, int x1, int y1, int radius, unsigned char value);
+
+/* A synthetic scene with a known answer, for demonstrations and checks: a soft-edged subject
+ * with thin hair-like strands over a textured background (width and height 24 to 30000; the
+ * same seed gives the same scene). Each output may be NULL: image and foreground are BGR, 3
+ * bytes a pixel (the composite and the subject's own colours); trimap 0 background, 128
+ * undecided, 255 subject; truth the true alpha; strokes keep/cut strokes as an edge-band tool
+ * leaves them (a band of about 16 pixels along the edge unpainted, 128). QXW_BAD_INPUT for a
+ * size out of range (nothing written). */
+QX_API QxwStatus qxwDemoScene(int width, int height, unsigned seed, const QxwColourOut* image,
+                              unsigned char* trimap, int trimapStride, unsigned char* truth,
+                              int truthStride, const QxwColourOut* foreground,
+                              unsigned char* strokes, int strokesStride);
+
 #ifdef __cplusplus
 }
 #endif

@@ -28,6 +28,8 @@ if [ "${1:-}" = "--fuzz" ]; then
   fuzz "${2:-600}"
   exit 0
 fi
+# The include layering of docs/ARCHITECTURE.md, before spending time on a build.
+python3 scripts/check_layers.py
 dir=build
 flags=(-DCMAKE_BUILD_TYPE=Release)
 if [ "${1:-}" = "--sanitize" ]; then

@@ -3,7 +3,8 @@
 //   qxmatte trimap IMAGE TRIMAP -o ALPHA.png [--fg-code N] [--bg-code N] [--levels HIGH LOW]
 //                  [--cutout OUT.png] [-q]
 //   qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R] [--cut ...]
-//                   [--pyramid] [--foreground FG.png] [--cutout OUT.png] [-q]
+//                   [--engine strokes|kdtree|pyramid] [--pyramid] [--foreground FG.png]
+//                   [--cutout OUT.png] [-q]
 //   qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]
 //                      [--cutout OUT.png]
 //   qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep/--cut X0,Y0,X1,Y1,R]...
@@ -16,27 +17,26 @@
 // Every command checks its outputs (format, folder, permission) before any work, refuses a colour
 // image where a grey plane is needed, and writes all its outputs under temporary names that are
 // renamed only when all are written: a failure leaves no file behind. Exit codes: see kExitCodes.
+// The work itself is the library's: every command is one or two calls of qxworkflow.h, the same
+// calls the Python package and the GIMP plug-in make.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 #include <string>
 #include <vector>
 
-#include "demo_scene.h"
-#include "foreground.h"
-#include "grabcut.h"
-#include "keepcut.h"
 #include "measurement.h"
 #include "qxiveilon31.h"
-#include "workflow.h"
+#include "qxworkflow.h"
 
 namespace {
 
@@ -67,13 +67,14 @@ const Command kCommands[] = {
      "least 24 rows. --cutout writes the subject's recovered colours + alpha."},
     {"keepcut",
      "qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R]...\n"
-     "                  [--cut X0,Y0,X1,Y1,R]... [--pyramid] [--foreground FG.png]\n"
-     "                  [--cutout OUT.png] [-q]",
+     "                  [--cut X0,Y0,X1,Y1,R]... [--engine strokes|kdtree|pyramid]\n"
+     "                  [--foreground FG.png] [--cutout OUT.png] [-q]",
      "alpha from keep and cut strokes. STROKES is a grey image of the\n"
      "image's size: 255 keep (subject), 0 cut (background), any other\n"
      "value unpainted. --keep/--cut paint straight strokes of radius R\n"
      "(repeatable; STROKES may then be left out).\n"
-     "--pyramid solves at half size and doubles back.\n"
+     "--engine picks the solver: strokes (default), kdtree (the tiled\n"
+     "engine) or pyramid (it at half size, doubled back; also --pyramid).\n"
      "--foreground writes the recovered colours, --cutout the RGBA\n"
      "cut-out with them."},
     {"foreground",
@@ -256,28 +257,80 @@ std::string checkOutputs(const std::vector<Output>& outputs) {
     return {};
 }
 
-// Writes every named image or none (see writeImagesAtomically); the exit status.
+// Writes every named image or none: each goes to a temporary name in its own folder first, and
+// only when all are written are they renamed to their names. Entries with an empty path are
+// skipped. The exit status; on failure nothing is left behind.
 int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
-    const std::string err = qxmatte::writeImagesAtomically(files);
-    return err.empty() ? kExitOk : fail(kExitOutput, err);
+    namespace fs = std::filesystem;
+    std::vector<std::pair<fs::path, fs::path>> written;  // temporary name, final name
+    std::error_code ec;
+    auto removeTemporaries = [&](size_t from) {
+        for (size_t i = from; i < written.size(); ++i) fs::remove(written[i].first, ec);
+    };
+    for (const auto& [path, image] : files) {
+        if (path.empty()) continue;
+        const fs::path target(path);
+        const fs::path temp = target.parent_path() / (".qxmatte-" + std::to_string(getpid()) +
+                                                       "-" + target.filename().string());
+        bool ok = false;
+        try {
+            ok = cv::imwrite(temp.string(), image);
+        } catch (const cv::Exception&) {
+            ok = false;
+        }
+        if (!ok) {
+            fs::remove(temp, ec);
+            removeTemporaries(0);
+            return fail(kExitOutput,
+                        path + ": cannot write the image (unknown extension or unwritable folder)");
+        }
+        written.emplace_back(temp, target);
+    }
+    for (size_t i = 0; i < written.size(); ++i) {
+        fs::rename(written[i].first, written[i].second, ec);
+        if (ec) {
+            const std::string reason = ec.message();
+            removeTemporaries(i);
+            // The ones already renamed go too: all or nothing.
+            for (size_t k = 0; k < i; ++k) fs::remove(written[k].second, ec);
+            return fail(kExitOutput,
+                        written[i].second.string() + ": cannot write the image (" + reason + ")");
+        }
+    }
+    return kExitOk;
 }
 
-// --keep/--cut X0,Y0,X1,Y1,R: false when the text is off.
+// --keep/--cut X0,Y0,X1,Y1,R (R >= 0): false when the text is off.
+struct VectorStroke {
+    int v[5];
+    bool keep;
+};
 bool addVectorStroke(const std::string& option, const std::string& text,
-                     std::vector<qxmatte::VectorStroke>* list) {
-    qxmatte::VectorStroke v;
-    if (!qxmatte::parseVectorStroke(text, option == "--keep", &v)) return false;
-    list->push_back(v);
+                     std::vector<VectorStroke>* list) {
+    VectorStroke s{{}, option == "--keep"};
+    const char* p = text.c_str();
+    for (int i = 0; i < 5; ++i) {
+        char* end = nullptr;
+        const long v = std::strtol(p, &end, 10);
+        if (end == p || v < INT_MIN || v > INT_MAX || *end != (i < 4 ? ',' : '\0')) return false;
+        s.v[i] = static_cast<int>(v);
+        p = end + 1;
+    }
+    if (s.v[4] < 0) return false;
+    list->push_back(s);
     return true;
 }
 const char* const kVectorStrokeUsage = " takes X0,Y0,X1,Y1,R (integers, R at least 0)";
 
 // Paints vector strokes into the stroke image, making an unpainted one first when there is none.
-void applyVectorStrokes(const cv::Size& size, const std::vector<qxmatte::VectorStroke>& list,
+void applyVectorStrokes(const cv::Size& size, const std::vector<VectorStroke>& list,
                         cv::Mat* strokes) {
     if (list.empty()) return;
     if (strokes->empty()) *strokes = cv::Mat(size, CV_8UC1, cv::Scalar(128));
-    qxmatte::paintStrokes(*strokes, list);
+    for (const VectorStroke& s : list)
+        qxwPaintStroke(strokes->data, static_cast<int>(strokes->step), strokes->cols,
+                       strokes->rows, s.v[0], s.v[1], s.v[2], s.v[3], s.v[4],
+                       s.keep ? QXW_KEEP : QXW_CUT);
 }
 
 // The arguments every command takes alike: -q, the positional names, and a refusal of any other
@@ -293,15 +346,60 @@ int otherArgument(const std::string& a, bool* showProgress, std::vector<std::str
     return kExitOk;
 }
 
-// The exit status of a failed job: the input's fault, or the library's.
-int jobFailure(const std::string& source, const std::string& error, bool badInput) {
-    return fail(badInput ? kExitInput : kExitJob, source + ": " + error);
+// A workflow call's record, with the progress bar on standard error when asked for.
+struct Job {
+    QxwJob job{};
+    int last = -1;
+    bool bar;
+    explicit Job(bool showProgress) : bar(showProgress) {
+        if (bar) {
+            job.progress = &draw;
+            job.progressData = this;
+        }
+    }
+    ~Job() {
+        if (bar && last >= 0) std::fprintf(stderr, "\r%*s\r", 40, "");
+    }
+    static void draw(double fraction, void* data) {
+        auto* self = static_cast<Job*>(data);
+        const int percent = static_cast<int>(fraction * 100);
+        if (percent == self->last) return;
+        self->last = percent;
+        const int filled = percent * 30 / 100;
+        std::fprintf(stderr, "\r[%.*s%.*s] %3d%%", filled, "##############################",
+                     30 - filled, "                              ", percent);
+        std::fflush(stderr);
+    }
+    QxwJob* operator->() { return &job; }
+    operator QxwJob*() { return &job; }
+};
+
+// The exit status of a failed workflow: the input's fault, or the library's.
+int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job) {
+    return fail(status == QXW_BAD_INPUT ? kExitInput : kExitJob, source + ": " + job.message);
+}
+
+QxwImage imageOf(const cv::Mat& bgr) {
+    return {bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
+}
+
+// The subject's colours under an alpha (least squares unless said otherwise); the workflow's
+// status, with the colours in *out.
+QxwStatus recover(const cv::Mat& image, const cv::Mat& alpha, Job& job, cv::Mat* out,
+                  QxwForegroundMethod method = QXW_FG_LEAST_SQUARES) {
+    const QxwImage img = imageOf(image);
+    cv::Mat fg(image.size(), CV_8UC3);
+    const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
+    const QxwStatus s = qxwRecoverForeground(&img, alpha.data, static_cast<int>(alpha.step),
+                                             method, &colours, job);
+    if (s == QXW_OK) *out = fg;
+    return s;
 }
 
 int runTrimap(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
     std::string output, cutout;
-    qxmatte::MatteOptions opt;
+    int fgCode = 255, bgCode = 0, levelHigh = 255, levelLow = 0;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         auto need = [&](int n) { return i + n < argc; };
@@ -310,14 +408,14 @@ int runTrimap(int argc, char** argv, bool showProgress) {
         } else if (a == "--cutout" && need(1)) {
             cutout = argv[++i];
         } else if (a == "--fg-code" && need(1)) {
-            if (!parseInt(argv[++i], 1, 255, &opt.fgCode))
+            if (!parseInt(argv[++i], 1, 255, &fgCode))
                 return fail(kExitUsage, "--fg-code takes 1 to 255");
         } else if (a == "--bg-code" && need(1)) {
-            if (!parseInt(argv[++i], 0, 254, &opt.bgCode))
+            if (!parseInt(argv[++i], 0, 254, &bgCode))
                 return fail(kExitUsage, "--bg-code takes 0 to 254");
         } else if (a == "--levels" && need(2)) {
-            if (!parseInt(argv[i + 1], 0, 255, &opt.levelHigh) ||
-                !parseInt(argv[i + 2], 0, 255, &opt.levelLow))
+            if (!parseInt(argv[i + 1], 0, 255, &levelHigh) ||
+                !parseInt(argv[i + 2], 0, 255, &levelLow))
                 return fail(kExitUsage, "--levels takes HIGH LOW, each 0 to 255");
             i += 2;
         } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
@@ -326,26 +424,29 @@ int runTrimap(int argc, char** argv, bool showProgress) {
     }
     if (positional.size() != 2 || output.empty())
         return usageError("trimap", "needs IMAGE, TRIMAP and -o ALPHA");
-    if (opt.bgCode >= opt.fgCode) return fail(kExitUsage, "--bg-code must be below --fg-code");
+    if (bgCode >= fgCode) return fail(kExitUsage, "--bg-code must be below --fg-code");
     std::string err = checkOutputs({{output}, {cutout, true}});
     if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, trimap;
     err = readImageAndPlane(positional[0], positional[1], "tri-map", &image, &trimap);
     if (!err.empty()) return fail(kExitInput, err);
-    opt.progress.bar = showProgress;
-    const qxmatte::MatteResult r = qxmatte::matteWithTrimap(image, trimap, opt);
-    if (!r.ok) return jobFailure(positional[1], r.error, r.badInput);
-    cv::Mat cut;
-    if (!cutout.empty())
-        cut = qxmatte::makeCutout(qxmatte::recoverForeground(image, r.alpha), r.alpha);
-    return writeAll({{output, r.alpha}, {cutout, cut}});
+    Job job(showProgress);
+    const QxwImage img = imageOf(image);
+    cv::Mat alpha(image.size(), CV_8UC1), fg;
+    QxwStatus s = qxwMatteTrimap(&img, trimap.data, static_cast<int>(trimap.step), fgCode,
+                                 bgCode, levelHigh, levelLow, alpha.data,
+                                 static_cast<int>(alpha.step), job);
+    if (s != QXW_OK) return jobFailure(positional[1], s, job.job);
+    if (!cutout.empty() && (s = recover(image, alpha, job, &fg)) != QXW_OK)
+        return jobFailure(positional[0], s, job.job);
+    return writeAll({{output, alpha}, {cutout, cutout.empty() ? cv::Mat() : qxmatte::withAlpha(fg, alpha)}});
 }
 
 int runKeepCut(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
-    std::vector<qxmatte::VectorStroke> vectors;
+    std::vector<VectorStroke> vectors;
     std::string output, foreground, cutout;
-    qxmatte::KeepCutOptions opt;
+    QxwStrokeEngine engine = QXW_ENGINE_STROKES;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -358,8 +459,14 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
         } else if ((a == "--keep" || a == "--cut") && more) {
             if (!addVectorStroke(a, argv[++i], &vectors))
                 return fail(kExitUsage, a + kVectorStrokeUsage);
+        } else if (a == "--engine" && more) {
+            const std::string e = argv[++i];
+            if (e == "strokes") engine = QXW_ENGINE_STROKES;
+            else if (e == "kdtree") engine = QXW_ENGINE_KDTREE;
+            else if (e == "pyramid") engine = QXW_ENGINE_PYRAMID;
+            else return fail(kExitUsage, "--engine takes strokes, kdtree or pyramid");
         } else if (a == "--pyramid") {
-            opt.hiRes = false;
+            engine = QXW_ENGINE_PYRAMID;
         } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
             return rc;
         }
@@ -379,20 +486,23 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
     }
     if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
-    opt.progress.bar = showProgress;
-    opt.recover = !foreground.empty() || !cutout.empty();
-    const qxmatte::KeepCutResult r = qxmatte::matteWithStrokes(image, strokes, opt);
-    if (!r.ok) return jobFailure(strokeSource, r.error, r.badInput);
-    cv::Mat cut;
-    if (!cutout.empty()) cut = qxmatte::makeCutout(r.foreground, r.alpha);
-    return writeAll({{output, r.alpha}, {foreground, r.foreground}, {cutout, cut}});
+    Job job(showProgress);
+    const QxwImage img = imageOf(image);
+    cv::Mat alpha(image.size(), CV_8UC1), fg;
+    QxwStatus s = qxwMatteStrokes(&img, strokes.data, static_cast<int>(strokes.step), engine,
+                                  alpha.data, static_cast<int>(alpha.step), job);
+    if (s != QXW_OK) return jobFailure(strokeSource, s, job.job);
+    if ((!foreground.empty() || !cutout.empty()) && (s = recover(image, alpha, job, &fg)) != QXW_OK)
+        return jobFailure(positional[0], s, job.job);
+    return writeAll({{output, alpha}, {foreground, fg},
+                     {cutout, cutout.empty() ? cv::Mat() : qxmatte::withAlpha(fg, alpha)}});
 }
 
 int runForeground(int argc, char** argv) {
     bool showProgress = false;  // no progress to show; -q is taken all the same
     std::vector<std::string> positional;
     std::string output, cutout;
-    auto method = qxmatte::ForegroundMethod::LeastSquares;
+    QxwForegroundMethod method = QXW_FG_LEAST_SQUARES;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -400,8 +510,8 @@ int runForeground(int argc, char** argv) {
             output = argv[++i];
         } else if (a == "--method" && more) {
             const std::string m = argv[++i];
-            if (m == "sampling") method = qxmatte::ForegroundMethod::Sampling;
-            else if (m == "least-squares") method = qxmatte::ForegroundMethod::LeastSquares;
+            if (m == "sampling") method = QXW_FG_SAMPLING;
+            else if (m == "least-squares") method = QXW_FG_LEAST_SQUARES;
             else return fail(kExitUsage, "--method takes least-squares or sampling");
         } else if (a == "--cutout" && more) {
             cutout = argv[++i];
@@ -413,25 +523,22 @@ int runForeground(int argc, char** argv) {
         return usageError("foreground", "needs IMAGE, ALPHA and -o FG");
     std::string err = checkOutputs({{output}, {cutout, true}});
     if (!err.empty()) return fail(kExitOutput, err);
-    cv::Mat image, alpha;
+    cv::Mat image, alpha, fg;
     err = readImageAndPlane(positional[0], positional[1], "alpha", &image, &alpha);
     if (!err.empty()) return fail(kExitInput, err);
-    const cv::Mat fg = qxmatte::recoverForeground(image, alpha, method);
-    if (fg.empty())
-        return fail(kExitInput, positional[0] + ": the sampling method refused the image (a side "
-                                                "over 32767 pixels?)");
-    cv::Mat cut;
-    if (!cutout.empty()) cut = qxmatte::makeCutout(fg, alpha);
-    return writeAll({{output, fg}, {cutout, cut}});
+    Job job(false);
+    const QxwStatus s = recover(image, alpha, job, &fg, method);
+    if (s != QXW_OK) return jobFailure(positional[0], s, job.job);
+    return writeAll({{output, fg}, {cutout, cutout.empty() ? cv::Mat() : qxmatte::withAlpha(fg, alpha)}});
 }
 
-// grabcut and cutout: one parser, the workflows in grabcut.h.
+// grabcut and cutout: one parser, two workflows.
 int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutCommand) {
     const char* const command = cutoutCommand ? "cutout" : "grabcut";
     std::vector<std::string> positional;
     std::string output, strokesPath, trimapPath, alphaPath, rectText;
-    std::vector<qxmatte::VectorStroke> vectors;
-    qxmatte::GrabCutOptions opt;
+    std::vector<VectorStroke> vectors;
+    int band = 0;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -449,7 +556,7 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
         } else if (a == "--alpha" && more && cutoutCommand) {
             alphaPath = argv[++i];
         } else if (a == "--band" && more) {
-            if (!parseInt(argv[++i], 1, 32767, &opt.band))
+            if (!parseInt(argv[++i], 1, 32767, &band))
                 return fail(kExitUsage, "--band takes 1 to 32767");
         } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
             return rc;
@@ -457,7 +564,10 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
     }
     if (positional.size() != 1 || output.empty() || rectText.empty())
         return usageError(command, "needs IMAGE, --rect X,Y,W,H and -o OUTPUT");
-    if (!qxmatte::parseRect(rectText, &opt.rect))
+    int r[4];
+    char tail = 0;
+    if (std::sscanf(rectText.c_str(), "%d,%d,%d,%d%c", &r[0], &r[1], &r[2], &r[3], &tail) != 4 ||
+        r[2] < 1 || r[3] < 1)
         return fail(kExitUsage, "--rect takes X,Y,W,H with W and H at least 1");
     std::string err = checkOutputs({{output, cutoutCommand}, {trimapPath}, {alphaPath}});
     if (!err.empty()) return fail(kExitOutput, err);
@@ -467,21 +577,30 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
               : readImageAndPlane(positional[0], strokesPath, "stroke image", &image, &strokes);
     if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
-    if ((opt.rect & cv::Rect(0, 0, image.cols, image.rows)) != opt.rect)
+    const cv::Rect rect(r[0], r[1], r[2], r[3]);
+    if ((rect & cv::Rect(0, 0, image.cols, image.rows)) != rect)
         return fail(kExitUsage, "--rect " + rectText + " is not inside the " +
                                     std::to_string(image.cols) + "x" +
                                     std::to_string(image.rows) + " image");
-    opt.progress.bar = showProgress;
+    Job job(showProgress);
+    const QxwImage img = imageOf(image);
+    const int strokeStride = static_cast<int>(strokes.step);
+    cv::Mat first(image.size(), CV_8UC1), second(image.size(), CV_8UC1);  // alpha or selection
     if (cutoutCommand) {
-        const qxmatte::CutoutResult c = qxmatte::cutoutFromRect(image, strokes, opt);
-        if (!c.ok) return jobFailure(positional[0], c.error, c.badInput);
-        return writeAll({{output, c.cutout}, {alphaPath, c.alpha}});
+        cv::Mat fg(image.size(), CV_8UC3);
+        const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
+        const QxwStatus s = qxwCutoutFromRect(&img, strokes.data, strokeStride, r[0], r[1], r[2],
+                                              r[3], band, first.data,
+                                              static_cast<int>(first.step), &colours, job);
+        if (s != QXW_OK) return jobFailure(positional[0], s, job.job);
+        return writeAll({{output, qxmatte::withAlpha(fg, first)}, {alphaPath, first}});
     }
-    if (!trimapPath.empty() && opt.band == 0) opt.band = qxmatte::defaultBandWidth(image.size());
-    if (trimapPath.empty()) opt.band = 0;
-    const qxmatte::GrabCutResult g = qxmatte::selectWithGrabCut(image, strokes, opt);
-    if (!g.ok) return jobFailure(positional[0], g.error, false);
-    return writeAll({{output, g.selection}, {trimapPath, g.trimap}});
+    const QxwStatus s = qxwSelectSubject(
+        &img, strokes.data, strokeStride, r[0], r[1], r[2], r[3], band, first.data,
+        static_cast<int>(first.step), trimapPath.empty() ? nullptr : second.data,
+        static_cast<int>(second.step), job);
+    if (s != QXW_OK) return jobFailure(positional[0], s, job.job);
+    return writeAll({{output, first}, {trimapPath, second}});
 }
 
 // The demo's folder, checked (and made, if need be) before any work; when the demo fails, a
@@ -512,6 +631,30 @@ private:
     std::string dir_;
     bool made_ = false, kept_ = false;
 };
+
+// The demo's new background, and a subject laid over it with an alpha.
+cv::Mat makeNewBackground(int width, int height) {
+    cv::Mat bg(height, width, CV_8UC3);
+    for (int y = 0; y < height; ++y) {
+        auto* row = bg.ptr<cv::Vec3b>(y);
+        for (int x = 0; x < width; ++x)
+            row[x] = cv::Vec3b(cv::saturate_cast<uchar>(200 - y * 120 / height),
+                               cv::saturate_cast<uchar>(60 + x * 60 / width),
+                               cv::saturate_cast<uchar>(90 + y * 100 / height));
+    }
+    return bg;
+}
+
+
+cv::Mat overNewBackground(const cv::Mat& bgr, const cv::Mat& alpha) {
+    cv::Mat a, f, b, out;
+    cv::cvtColor(alpha, a, cv::COLOR_GRAY2BGR);
+    a.convertTo(a, CV_32FC3, 1.0 / 255.0);
+    bgr.convertTo(f, CV_32FC3);
+    makeNewBackground(bgr.cols, bgr.rows).convertTo(b, CV_32FC3);
+    cv::Mat(f.mul(a) + b.mul(cv::Scalar::all(1.0) - a)).convertTo(out, CV_8UC3);
+    return out;
+}
 
 int runDemo(int argc, char** argv, bool showProgress) {
     std::string dir = "qxmatte-demo";
@@ -544,58 +687,66 @@ int runDemo(int argc, char** argv, bool showProgress) {
     const int height = width * 3 / 4;
     std::printf("demo: synthetic %dx%d scene with hair-like strands, known alpha and foreground\n",
                 width, height);
-    const qxmatte::DemoScene scene = qxmatte::makeDemoScene(width, height);
+    struct {
+        cv::Mat image, trimap, truth, foreground;
+    } scene{cv::Mat(height, width, CV_8UC3), cv::Mat(height, width, CV_8UC1),
+            cv::Mat(height, width, CV_8UC1), cv::Mat(height, width, CV_8UC3)};
+    cv::Mat strokes(height, width, CV_8UC1);
+    const QxwColourOut imageOut{scene.image.data, static_cast<int32_t>(scene.image.step)};
+    const QxwColourOut fgOut{scene.foreground.data, static_cast<int32_t>(scene.foreground.step)};
+    qxwDemoScene(width, height, 7, &imageOut, scene.trimap.data, static_cast<int>(scene.trimap.step),
+                 scene.truth.data, static_cast<int>(scene.truth.step), &fgOut, strokes.data,
+                 static_cast<int>(strokes.step));
+    const QxwImage img = imageOf(scene.image);
 
     // 1. Tri-map matting.
-    qxmatte::MatteOptions opt;
-    opt.progress.bar = showProgress;
-    qxmatte::resetPeakResident();
-    auto start = std::chrono::steady_clock::now();
-    const qxmatte::MatteResult r = qxmatte::matteWithTrimap(scene.image, scene.trimap, opt);
-    double seconds = qxmatte::secondsSince(start);
-    if (!r.ok) return jobFailure("demo", r.error, false);
-    const qxmatte::Accuracy acc = qxmatte::measureAccuracy(r.alpha, scene.truth, scene.trimap);
+    int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
+    qxMaskBBox(0, scene.trimap.data, static_cast<int>(scene.trimap.step), width, height, &left,
+               &boxWidth, &top, &boxHeight, &fgCount, &bgCount, 0, 255, 0);
+    cv::Mat alpha(scene.image.size(), CV_8UC1);
+    qxmatte::Measurement run;
+    {
+        Job job(showProgress);
+        const QxwStatus s = qxwMatteTrimap(&img, scene.trimap.data,
+                                           static_cast<int>(scene.trimap.step), 255, 0, 255, 0,
+                                           alpha.data, static_cast<int>(alpha.step), job);
+        if (s != QXW_OK) return jobFailure("demo", s, job.job);
+    }
+    const qxmatte::Accuracy acc = qxmatte::measureAccuracy(alpha, scene.truth, scene.trimap);
     std::printf("tri-map:  box %dx%d at (%d,%d), %d undecided pixels, solved in %.2f s, "
                 "peak %.0f MB\n",
-                r.boxWidth, r.boxHeight, r.boxLeft, r.boxTop, r.unknownPixels, seconds,
-                qxmatte::peakResidentMB());
+                boxWidth, boxHeight, left, top, boxWidth * boxHeight - fgCount - bgCount,
+                run.seconds(), qxmatte::peakResidentMB());
     std::printf("accuracy over the undecided pixels: SAD %.3f (thousands), MSE %.3f (x1000)\n",
                 acc.sad, acc.mse);
 
-    // 2. Keep-cut matting with foreground recovery, from strokes as an edge-band tool leaves them.
-    const cv::Mat strokes = qxmatte::edgeBandStrokes(scene.truth);
-    qxmatte::KeepCutOptions kopt;
-    kopt.progress.bar = showProgress;
-    kopt.recover = true;
-    qxmatte::resetPeakResident();
-    start = std::chrono::steady_clock::now();
-    const qxmatte::KeepCutResult k = qxmatte::matteWithStrokes(scene.image, strokes, kopt);
-    seconds = qxmatte::secondsSince(start);
-    if (!k.ok) return jobFailure("demo: keep-cut", k.error, false);
-    const double peak = qxmatte::peakResidentMB();
-    const qxmatte::Accuracy kacc = qxmatte::measureAccuracy(k.alpha, scene.truth, strokes);
-    const double fgError = qxmatte::foregroundError(k.foreground, scene.foreground, scene.truth);
-    const double naiveError = qxmatte::foregroundError(scene.image, scene.foreground, scene.truth);
+    // 2. Keep-cut matting with the stroke engine and foreground recovery, from strokes as an
+    // edge-band tool leaves them.
+    cv::Mat kalpha(scene.image.size(), CV_8UC1), kfg;
+    qxmatte::Measurement krun;
+    {
+        Job job(showProgress);
+        QxwStatus s = qxwMatteStrokes(&img, strokes.data, static_cast<int>(strokes.step),
+                                      QXW_ENGINE_STROKES, kalpha.data,
+                                      static_cast<int>(kalpha.step), job);
+        if (s == QXW_OK) s = recover(scene.image, kalpha, job, &kfg);
+        if (s != QXW_OK) return jobFailure("demo: keep-cut", s, job.job);
+    }
+    const double seconds = krun.seconds(), peak = qxmatte::peakResidentMB();
+    const qxmatte::Accuracy kacc = qxmatte::measureAccuracy(kalpha, scene.truth, strokes);
     std::printf("keep-cut: edge-band strokes, alpha and foreground in %.2f s, peak %.0f MB\n",
                 seconds, peak);
     std::printf("keep-cut accuracy over the unpainted pixels: SAD %.3f (thousands), MSE %.3f "
                 "(x1000)\n",
                 kacc.sad, kacc.mse);
-    start = std::chrono::steady_clock::now();
-    const cv::Mat plainRecovery = qxmatte::recoverForeground(scene.image, k.alpha);
-    seconds = qxmatte::secondsSince(start);
-    const double plainError = qxmatte::foregroundError(plainRecovery, scene.foreground, scene.truth);
-    std::printf("foreground error (thousands): %.3f as the keep-cut job recovers it (its window "
-                "fades to the image's colours at the edges), %.3f by qxRecoverForeground on the "
-                "same alpha in %.2f s, naive %.3f\n",
-                fgError, plainError, seconds, naiveError);
+    std::printf("foreground error (thousands): %.3f recovered, %.3f naive (the image's colours)\n",
+                qxmatte::foregroundError(kfg, scene.foreground, scene.truth),
+                qxmatte::foregroundError(scene.image, scene.foreground, scene.truth));
 
-    const cv::Mat composite =
-        qxmatte::compositeOver(scene.foreground, r.alpha, qxmatte::makeNewBackground(width, height));
-    const cv::Mat recomposite =
-        qxmatte::compositeOver(k.foreground, k.alpha, qxmatte::makeNewBackground(width, height));
-    const cv::Mat images[] = {scene.image, scene.trimap, r.alpha, scene.truth, composite,
-                              strokes, k.alpha, k.foreground, recomposite};  // as in names
+    const cv::Mat composite = overNewBackground(scene.foreground, alpha);
+    const cv::Mat recomposite = overNewBackground(kfg, kalpha);
+    const cv::Mat images[] = {scene.image, scene.trimap, alpha, scene.truth, composite,
+                              strokes, kalpha, kfg, recomposite};  // as in names
     std::vector<std::pair<std::string, cv::Mat>> files;
     for (size_t i = 0; i < outputs.size(); ++i) files.emplace_back(outputs[i].path, images[i]);
     const int written = writeAll(files);

@@ -1,8 +1,9 @@
-// Time and resident memory of this process, for the demo's, the cut-out's and the benchmarks'
-// reports.
+// The measures of the demo's and the benchmarks' reports: time and resident memory of this
+// process, and the accuracy of an alpha and of recovered colours against a known truth.
 #pragma once
 
 #include <chrono>
+#include <opencv2/core.hpp>
 
 namespace qxmatte {
 
@@ -34,5 +35,23 @@ private:
     double cpu0_;
     std::chrono::steady_clock::time_point start_;
 };
+
+// SAD (in thousands) and MSE (times 1000) over the pixels the tri-map marks undecided
+// (strictly between bgCode and fgCode), alpha on the 0..1 scale.
+struct Accuracy {
+    double sad = 0.0;
+    double mse = 0.0;
+    long pixels = 0;
+};
+Accuracy measureAccuracy(const cv::Mat& alpha, const cv::Mat& truth, const cv::Mat& trimap,
+                         int fgCode = 255, int bgCode = 0);
+
+// Foreground error against a known foreground: over the pixels with 0 < truthAlpha < 255, the
+// sum of alpha * (|dB| + |dG| + |dR|) on the 0..1 scale, in thousands.
+double foregroundError(const cv::Mat& recovered, const cv::Mat& truthForeground,
+                       const cv::Mat& truthAlpha);
+
+// Colours (BGR) with alpha as a 4-channel BGRA cut-out.
+cv::Mat withAlpha(const cv::Mat& bgr, const cv::Mat& alpha);
 
 }  // namespace qxmatte

@@ -6,6 +6,7 @@
 #include <stdio.h>
 
 #include "qxiveilon31.h"
+#include "qxworkflow.h"
 
 int main(void) {
     int major = -1, minor = -1, patch = -1, left = -1, width = -1, top = -1, height = -1;
@@ -35,6 +36,20 @@ int main(void) {
     if (code != major * 10000 + minor * 100 + patch || qxVersion(NULL, NULL, NULL) != code) {
         printf("qxVersion returned %d\n", code);
         ++failures;
+    }
+
+    /* The workflow header installs beside the library's: the default band of a 2000-wide image
+     * is 1% of it, and a refusal comes back with its message. */
+    {
+        QxwJob job = {0};
+        if (qxwDefaultBand(2000, 300) != 20 ||
+            qxwMatteTrimap(NULL, &plane[0][0], 40, 255, 0, 255, 0, &plane[0][0], 40, &job) !=
+                QXW_BAD_INPUT ||
+            job.message[0] == 0) {
+            printf("qxworkflow.h: band %d, message '%s'\n", qxwDefaultBand(2000, 300),
+                   job.message);
+            ++failures;
+        }
     }
 
     /* One undecided pixel at (column 20, row 15) of a 40 x 40 background tri-map: a box of

@@ -4,7 +4,9 @@
 
 #include <opencv2/core.hpp>
 
-namespace qxmatte {
+#include "workflow/workflow.h"
+
+namespace qx::workflow {
 
 struct DemoScene {
     cv::Mat image;      // 8-bit BGR composite
@@ -24,8 +26,7 @@ cv::Mat edgeBandStrokes(const cv::Mat& truth, int bandWidth = 16);
 // border and beside the subject; the rest unpainted (128).
 cv::Mat scribbleStrokes(const cv::Mat& truth);
 
-// The subject over a new background, with the given alpha.
+// The subject over a background, with the given alpha.
 cv::Mat compositeOver(const cv::Mat& foreground, const cv::Mat& alpha, const cv::Mat& background);
-cv::Mat makeNewBackground(int width, int height);
 
-}  // namespace qxmatte
+}  // namespace qx::workflow

@@ -1,4 +1,6 @@
-#include "demo_scene.h"
+#include "workflow/demo_scene.h"
+
+#include <cstring>
 
 #include <algorithm>
 #include <cmath>
@@ -6,7 +8,7 @@
 #include <random>
 #include <vector>
 
-namespace qxmatte {
+namespace qx::workflow {
 namespace {
 
 // Sub-pixel coverage: shapes are drawn at kSuper times the size and averaged down.
@@ -91,18 +93,6 @@ cv::Mat compositeOver(const cv::Mat& foreground, const cv::Mat& alpha, const cv:
     return out;
 }
 
-cv::Mat makeNewBackground(int width, int height) {
-    cv::Mat bg(height, width, CV_8UC3);
-    for (int y = 0; y < height; ++y) {
-        auto* row = bg.ptr<cv::Vec3b>(y);
-        for (int x = 0; x < width; ++x)
-            row[x] = cv::Vec3b(cv::saturate_cast<uchar>(200 - y * 120 / height),
-                               cv::saturate_cast<uchar>(60 + x * 60 / width),
-                               cv::saturate_cast<uchar>(90 + y * 100 / height));
-    }
-    return bg;
-}
-
 cv::Mat edgeBandStrokes(const cv::Mat& truth, int bandWidth) {
     const cv::Mat partial = (truth > 0) & (truth < 255);
     cv::Mat band;
@@ -149,4 +139,29 @@ DemoScene makeDemoScene(int width, int height, unsigned seed) {
     return scene;
 }
 
-}  // namespace qxmatte
+}  // namespace qx::workflow
+
+extern "C" QX_API QxwStatus qxwDemoScene(int width, int height, unsigned seed,
+                                         const QxwColourOut* image, unsigned char* trimap,
+                                         int trimapStride, unsigned char* truth, int truthStride,
+                                         const QxwColourOut* foreground, unsigned char* strokes,
+                                         int strokesStride) {
+    if (width < 24 || height < 24 || width > 30000 || height > 30000) return QXW_BAD_INPUT;
+    const qx::workflow::DemoScene scene = qx::workflow::makeDemoScene(width, height, seed);
+    const cv::Mat edge = strokes ? qx::workflow::edgeBandStrokes(scene.truth) : cv::Mat();
+    auto plane = [](const cv::Mat& m, unsigned char* out, int stride) {
+        if (out) qx::workflow::copyPlaneOut(m, out, stride);
+    };
+    auto colour = [](const cv::Mat& m, const QxwColourOut* out) {
+        if (out && out->pixels)
+            for (int y = 0; y < m.rows; ++y)
+                std::memcpy(out->pixels + static_cast<size_t>(y) * out->stride, m.ptr(y),
+                            static_cast<size_t>(m.cols) * 3);
+    };
+    colour(scene.image, image);
+    colour(scene.foreground, foreground);
+    plane(scene.trimap, trimap, trimapStride);
+    plane(scene.truth, truth, truthStride);
+    plane(edge, strokes, strokesStride);
+    return QXW_OK;
+}

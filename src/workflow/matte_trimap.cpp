@@ -1,0 +1,115 @@
+// Alpha from a tri-map: find the box of the undecided pixels, cut the image to it, solve, paste
+// the alpha back (outside the box every pixel is decided).
+#include <algorithm>
+#include <vector>
+
+#include "workflow/workflow.h"
+
+namespace qx::workflow {
+namespace {
+
+// Why qxMaskBBox gave no box: no undecided pixel, or too few rows for the job. The box rule:
+// rows from the first to the last with an undecided pixel, 12 more on each side, clipped to the
+// image; under 24 rows is no box.
+std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode) {
+    constexpr int kMargin = 12, kLeastRows = 24;
+    int first = -1, last = -1;
+    for (int y = 0; y < trimap.rows; ++y) {
+        const unsigned char* t = trimap.ptr<unsigned char>(y);
+        for (int x = 0; x < trimap.cols; ++x) {
+            if (t[x] > bgCode && t[x] < fgCode) {
+                if (first < 0) first = y;
+                last = y;
+                break;
+            }
+        }
+    }
+    if (first < 0) return "the tri-map has no undecided pixel";
+    if (trimap.rows < kLeastRows)
+        return "too few rows for the tri-map job: the image is " + std::to_string(trimap.rows) +
+               " rows high, the job needs at least " + std::to_string(kLeastRows);
+    const int top = std::max(0, first - kMargin);
+    const int bottom = std::min(trimap.rows - 1, last + kMargin);
+    const std::string rows = first == last ? "row " + std::to_string(first)
+                                           : "rows " + std::to_string(first) + " to " +
+                                                 std::to_string(last);
+    return "too few undecided rows for the tri-map job: the undecided pixels lie on " + rows +
+           ", " + std::to_string(bottom - top + 1) + " rows with 12 rows of margin, the job " +
+           "needs at least " + std::to_string(kLeastRows) + " (widen the undecided band)";
+}
+
+}  // namespace
+
+QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
+                      int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job) {
+    const int width = bgr.cols, height = bgr.rows;
+    int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
+    qxMaskBBox(0, trimap.data, static_cast<int>(trimap.step), width, height, &left, &boxWidth,
+               &top, &boxHeight, &fgCount, &bgCount, 0, fgCode, bgCode);
+    if (boxWidth <= 0 || boxHeight <= 0)
+        return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
+    const int unknownPixels = boxWidth * boxHeight - fgCount - bgCount;
+
+    // Cut to the box: three separate colour planes and a copy of the tri-map.
+    const cv::Rect box(left, top, boxWidth, boxHeight);
+    std::vector<cv::Mat> planes;
+    cv::split(bgr(box), planes);
+    cv::Mat mask = trimap(box).clone();
+    unsigned char* planePtrs[3] = {planes[0].data, planes[1].data, planes[2].data};
+    MaskRequest req{};
+    req.planes = planePtrs;
+    req.planeStep = static_cast<int32_t>(planes[0].step);
+    req.mask = mask.data;
+    req.maskStep = static_cast<int32_t>(mask.step);
+    req.width = boxWidth;
+    req.height = boxHeight;
+    req.progProc = &Relay::proc;
+    req.progParam = relay.param();
+    const int status = qxMaskAlpha(&req, 0, static_cast<float>(unknownPixels), fgCode, bgCode,
+                                   levelHigh, levelLow);
+    relay.uninstall();
+    if (status != 1)
+        return finishJob(job, QXW_FAILED, "matting failed with status " + std::to_string(status),
+                         status);
+
+    cv::Mat out(height, width, CV_8UC1);
+    for (int y = 0; y < height; ++y) {
+        const unsigned char* t = trimap.ptr<unsigned char>(y);
+        unsigned char* a = out.ptr<unsigned char>(y);
+        for (int x = 0; x < width; ++x) a[x] = t[x] >= fgCode ? 255 : t[x] <= bgCode ? 0 : t[x];
+    }
+    mask.copyTo(out(box));
+    *alpha = out;
+    return finishJob(job, QXW_OK);
+}
+
+}  // namespace qx::workflow
+
+extern "C" QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned char* trimap,
+                                           int trimapStride, int fgCode, int bgCode,
+                                           int levelHigh, int levelLow, unsigned char* alpha,
+                                           int alphaStride, QxwJob* job) {
+    using namespace qx::workflow;
+    startJob(job);
+    std::string err = checkImage(image);
+    if (err.empty()) err = checkPlane(trimap, trimapStride, *image, "tri-map");
+    if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
+    if (err.empty() && (fgCode < 1 || fgCode > 255 || bgCode < 0 || bgCode >= fgCode))
+        err = "the codes need 0 <= background < foreground <= 255";
+    if (err.empty() && (levelHigh < 0 || levelHigh > 255 || levelLow < 0 || levelLow > 255))
+        err = "the levels take 0 to 255";
+    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
+    try {
+        Relay relay(job);
+        relay.span(0.0, 1.0);
+        cv::Mat out;
+        const QxwStatus s = matteTrimap(toBgr(*image), planeView(trimap, trimapStride, *image),
+                                        fgCode, bgCode, levelHigh, levelLow, &out, relay, job);
+        if (s != QXW_OK) return s;
+        copyPlaneOut(out, alpha, alphaStride);
+        relay.finish();
+        return QXW_OK;
+    } catch (const std::exception& e) {
+        return finishJob(job, QXW_FAILED, std::string("matting failed: ") + e.what());
+    }
+}

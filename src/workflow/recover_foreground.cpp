@@ -1,0 +1,79 @@
+// The subject's own colours under an alpha: the library's least-squares recovery
+// (qxRecoverForeground), or the shared-sample separation of the foreground subsystem.
+#include <opencv2/imgproc.hpp>
+
+#include "foreground/shared_sample.h"
+#include "workflow/workflow.h"
+
+namespace qx::workflow {
+
+QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegroundMethod method,
+                            cv::Mat* colours, Relay& relay, QxwJob* job) {
+    if (method == QXW_FG_SAMPLING) {
+        cv::Mat out(bgr.size(), CV_8UC3);
+        if (qx::recoverForegroundBySampling(bgr.data, static_cast<int>(bgr.step), 3, bgr.cols,
+                                            bgr.rows, alpha.data, static_cast<int>(alpha.step),
+                                            out.data, static_cast<int>(out.step)) != 1)
+            return finishJob(job, QXW_BAD_INPUT,
+                             "the sampling method refused the image (a side over 32767 pixels?)");
+        *colours = out;
+        return finishJob(job, QXW_OK);
+    }
+    cv::Mat src;
+    cv::cvtColor(bgr, src, cv::COLOR_BGR2BGRA);
+    cv::Mat dst = src.clone();  // rows the recovery leaves alone keep the image's colours
+    cv::Mat plainAlpha = alpha.clone();
+    cv::Mat aux(alpha.size(), CV_8UC1, cv::Scalar(0));
+    KeepCutRequest req{};
+    req.srcImage = src.data;
+    req.srcStep = static_cast<int32_t>(src.step);
+    req.alphaPlane = plainAlpha.data;
+    req.alphaStep = static_cast<int32_t>(plainAlpha.step);
+    req.dstImage = dst.data;
+    req.dstStep = static_cast<int32_t>(dst.step);
+    req.auxPlane = aux.data;
+    req.auxStep = static_cast<int32_t>(aux.step);
+    req.fullWidth = req.roiWidth = alpha.cols;
+    req.fullHeight = req.roiHeight = alpha.rows;
+    // This job reports through the callback installed before it (total 20000).
+    relay.install(20000);
+    const int64_t status = qxRecoverForeground(&req, 0);
+    relay.uninstall();
+    if (status != 0)
+        return finishJob(job, QXW_FAILED,
+                         "foreground recovery failed with status " + std::to_string(status),
+                         static_cast<int>(status));
+    cv::cvtColor(dst, *colours, cv::COLOR_BGRA2BGR);
+    return finishJob(job, QXW_OK);
+}
+
+}  // namespace qx::workflow
+
+extern "C" QX_API QxwStatus qxwRecoverForeground(const QxwImage* image,
+                                                 const unsigned char* alpha, int alphaStride,
+                                                 QxwForegroundMethod method,
+                                                 const QxwColourOut* colours, QxwJob* job) {
+    using namespace qx::workflow;
+    startJob(job);
+    std::string err = checkImage(image);
+    if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
+    if (err.empty() && (!colours || !colours->pixels)) err = "no colour output";
+    if (err.empty() && colours->stride < static_cast<int64_t>(image->width) * 3)
+        err = "the colour output's stride is shorter than a row";
+    if (err.empty() && method != QXW_FG_LEAST_SQUARES && method != QXW_FG_SAMPLING)
+        err = "unknown recovery method " + std::to_string(static_cast<int>(method));
+    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
+    try {
+        Relay relay(job);
+        relay.span(0.0, 1.0);
+        cv::Mat out;
+        const QxwStatus s = recoverForeground(toBgr(*image), planeView(alpha, alphaStride, *image),
+                                              method, &out, relay, job);
+        if (s != QXW_OK) return s;
+        copyColoursOut(out, *image, *colours);
+        relay.finish();
+        return QXW_OK;
+    } catch (const std::exception& e) {
+        return finishJob(job, QXW_FAILED, std::string("foreground recovery failed: ") + e.what());
+    }
+}

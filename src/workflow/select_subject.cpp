@@ -1,0 +1,140 @@
+// GrabCut in a rectangle: the library's session framed so that the rectangle means what it
+// means to an editor (everything outside it background), the hard selection, and the undecided
+// band along its edge as a tri-map for the matting stage.
+#include <algorithm>
+#include <opencv2/imgproc.hpp>
+
+#include "workflow/workflow.h"
+
+namespace qx::workflow {
+namespace {
+
+// The library starts a session with a frame of sure background just inside its rectangle, a
+// few pixels of its working level wide. Our rectangle means everything outside it is
+// background, everything inside it is for the cut to decide. So the library is given the
+// rectangle grown by a margin wider than that frame, the margin fixed to background; where the
+// image's border stops the growth, the frame falls inside the caller's rectangle, and its pixels
+// are marked probable foreground, which overrides the frame's start labels. When the rectangle
+// reaches the border on all four sides there is no background outside it at all, and the
+// library's frame is left as the only background the cut starts from. Painted strokes stay.
+cv::Rect prepareFrame(cv::Mat& codes, const cv::Rect& rect) {
+    // The working level's longer side is at most 400 and above 200 unless no level is made,
+    // so it is reduced by at most longSide / 200.
+    const int margin = 5 * (1 + std::max(codes.cols, codes.rows) / 200);
+    const cv::Rect roi = cv::Rect(rect.x - margin, rect.y - margin, rect.width + 2 * margin,
+                                  rect.height + 2 * margin) &
+                         cv::Rect(0, 0, codes.cols, codes.rows);
+    const bool backgroundOutside = roi.x < rect.x || roi.y < rect.y ||
+                                   roi.br().x > rect.br().x || roi.br().y > rect.br().y;
+    for (int y = roi.y; y < roi.y + roi.height; ++y) {
+        unsigned char* c = codes.ptr<unsigned char>(y);
+        for (int x = roi.x; x < roi.x + roi.width; ++x) {
+            if (c[x] == 255 || c[x] == 1) continue;  // painted
+            if (!rect.contains(cv::Point(x, y))) {
+                c[x] = 1;
+            } else {
+                const int edge = std::min({x - roi.x, roi.x + roi.width - 1 - x, y - roi.y,
+                                           roi.y + roi.height - 1 - y});
+                if (edge < margin && backgroundOutside) c[x] = 250;
+            }
+        }
+    }
+    return roi;
+}
+
+}  // namespace
+
+QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Rect& rect,
+                        int band, cv::Mat* selection, cv::Mat* trimap, Relay& relay,
+                        QxwJob* job) {
+    cv::Mat src;
+    cv::cvtColor(bgr, src, cv::COLOR_BGR2BGRA);
+    // Unpainted: 126 without strokes, the stroke coding's 128 with them.
+    cv::Mat codes = strokes.empty() ? cv::Mat(bgr.size(), CV_8UC1, cv::Scalar(126))
+                                    : encodeStrokes(strokes);
+    const cv::Rect roi = prepareFrame(codes, rect);
+    cv::Mat result(bgr.size(), CV_8UC1, cv::Scalar(0));
+    GrabCutRequest req{};
+    req.image = src.data;
+    req.imageStep = static_cast<int32_t>(src.step);
+    req.mask = codes.data;
+    req.maskStep = static_cast<int32_t>(codes.step);
+    req.result = result.data;
+    req.resultStep = static_cast<int32_t>(result.step);
+    req.width = bgr.cols;
+    req.height = bgr.rows;
+    req.roiLeft = roi.x;
+    req.roiTop = roi.y;
+    req.roiWidth = roi.width;
+    req.roiHeight = roi.height;
+    req.progProc = &Relay::proc;
+    req.progParam = relay.param();
+    const int status = qxGrabCut(&req, 0);
+    relay.uninstall();
+    if (status != 1) {
+        qxGrabCutDeleteBuf(&req);
+        return finishJob(job, QXW_FAILED, "GrabCut failed with status " + std::to_string(status),
+                         status);
+    }
+    // The result holds 0 and 254 with in-between values along the edge, and the strokes' fixed
+    // codes; outside the rectangle it stays 0.
+    *selection = result >= 128;
+    if (band > 0) {
+        cv::Mat edge(bgr.size(), CV_8UC1, cv::Scalar(0));
+        req.mask = edge.data;
+        req.maskStep = static_cast<int32_t>(edge.step);
+        qxGrabCutEdgeGen(&req, band);
+        // Subject (254, or a fixed 255) 255, background (0, or a fixed 1) 0, the rest undecided.
+        cv::Mat t(edge.size(), CV_8UC1);
+        for (int y = 0; y < edge.rows; ++y) {
+            const unsigned char* b = edge.ptr<unsigned char>(y);
+            unsigned char* o = t.ptr<unsigned char>(y);
+            for (int x = 0; x < edge.cols; ++x) o[x] = b[x] >= 254 ? 255 : b[x] <= 1 ? 0 : 128;
+        }
+        *trimap = t;
+        req.mask = codes.data;
+        req.maskStep = static_cast<int32_t>(codes.step);
+    }
+    qxGrabCutDeleteBuf(&req);  // ends the session: frees the control
+    return finishJob(job, QXW_OK);
+}
+
+}  // namespace qx::workflow
+
+extern "C" QX_API int qxwDefaultBand(int width, int height) {
+    return std::max(10, std::max(width, height) / 100);
+}
+
+extern "C" QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsigned char* strokes,
+                                             int strokesStride, int x, int y, int width,
+                                             int height, int band, unsigned char* selection,
+                                             int selectionStride, unsigned char* trimap,
+                                             int trimapStride, QxwJob* job) {
+    using namespace qx::workflow;
+    startJob(job);
+    std::string err = checkImage(image);
+    if (err.empty() && strokes) err = checkPlane(strokes, strokesStride, *image, "stroke plane");
+    if (err.empty()) err = checkPlane(selection, selectionStride, *image, "selection");
+    if (err.empty() && trimap) err = checkPlane(trimap, trimapStride, *image, "tri-map");
+    if (err.empty()) err = checkRect(*image, x, y, width, height);
+    if (err.empty() && band < 0) err = "the band width can't be negative";
+    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
+    if (!trimap) band = 0;
+    else if (band == 0) band = qxwDefaultBand(image->width, image->height);
+    try {
+        Relay relay(job);
+        relay.span(0.0, 1.0);
+        cv::Mat sel, tri;
+        const QxwStatus s =
+            selectSubject(toBgr(*image), strokes ? planeView(strokes, strokesStride, *image)
+                                                 : cv::Mat(),
+                          cv::Rect(x, y, width, height), band, &sel, &tri, relay, job);
+        if (s != QXW_OK) return s;
+        copyPlaneOut(sel, selection, selectionStride);
+        if (trimap) copyPlaneOut(tri, trimap, trimapStride);
+        relay.finish();
+        return QXW_OK;
+    } catch (const std::exception& e) {
+        return finishJob(job, QXW_FAILED, std::string("GrabCut failed: ") + e.what());
+    }
+}

@@ -1,0 +1,80 @@
+// What the workflows share: checking the caller's buffers, the colour conversions, the stroke
+// coding, and the progress relay that turns the library jobs' reports into one fraction of the
+// whole workflow. The workflows call each other through the functions below (with one relay),
+// so that a composed workflow such as the cut-out reports one climb from 0 to 1.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <string>
+
+#include "qxworkflow.h"
+
+namespace qx::workflow {
+
+// Where a workflow's progress goes. Each library job it runs is given a span [lo, hi] of the
+// whole; the job's (current, total) reports are mapped into that span and never allowed to go
+// back (the library's counter falls back to half its total when a job overruns its estimate).
+// The relay installs itself for a job and uninstalls itself when the job is done, so that no
+// report reaches the host after the workflow has returned.
+class Relay {
+public:
+    explicit Relay(QxwJob* job) : job_(job) {}
+    ~Relay() { uninstall(); }
+    Relay(const Relay&) = delete;
+    Relay& operator=(const Relay&) = delete;
+
+    void span(double lo, double hi);  // the part of the whole that the next job covers
+    void report(double fraction);     // a fraction of the whole (kept monotone)
+    void finish() { report(1.0); }
+    // The callback and parameter for a request's progress fields.
+    static int proc(int current, int total, void* param);
+    void* param() { return this; }
+    // For jobs that report through the library's installed callback.
+    void install(int total);
+    void uninstall();
+
+private:
+    QxwJob* job_;
+    double lo_ = 0.0, hi_ = 1.0, last_ = -1.0;
+};
+
+// Starts a job record (status 0, empty message); NULL is allowed.
+void startJob(QxwJob* job);
+// Ends a workflow with a status and a one-line message.
+QxwStatus finishJob(QxwJob* job, QxwStatus status, const std::string& message = {},
+                    int libraryStatus = 0);
+
+// Empty when the image can be used, otherwise why not.
+std::string checkImage(const QxwImage* image);
+// Empty when a grey plane of the image's size can be read or written at data with stride.
+std::string checkPlane(const void* data, int stride, const QxwImage& image, const char* what);
+
+// The image as 3-byte BGR, and 4-byte BGRA (the fourth byte 255), as the library's jobs take it.
+cv::Mat toBgr(const QxwImage& image);
+cv::Mat toBgra(const QxwImage& image);
+// A read-only view of a caller's grey plane.
+cv::Mat planeView(const unsigned char* data, int stride, const QxwImage& image);
+// Copies an 8-bit plane or a BGR image (into the image's byte order) to a caller's buffer.
+void copyPlaneOut(const cv::Mat& plane, unsigned char* data, int stride);
+void copyColoursOut(const cv::Mat& bgr, const QxwImage& image, const QxwColourOut& out);
+
+// The stroke coding of the library's planes for a stroke plane (QXW_KEEP, QXW_CUT, other):
+// keep 255, cut 1, unpainted `unpainted` (even: to be computed).
+cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
+
+// The workflows on the library's own images (image BGR), reporting through one relay; the
+// status and message go to job. Outputs are written only on QXW_OK.
+QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
+                      int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job);
+QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngine engine,
+                       cv::Mat* alpha, Relay& relay, QxwJob* job);
+QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegroundMethod method,
+                            cv::Mat* colours, Relay& relay, QxwJob* job);
+// selection: 255 selected, 0 not; trimap (when band > 0): 0 background, 128 band, 255 subject.
+QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Rect& rect,
+                        int band, cv::Mat* selection, cv::Mat* trimap, Relay& relay,
+                        QxwJob* job);
+// Empty when the rectangle lies inside the image, otherwise why not.
+std::string checkRect(const QxwImage& image, int x, int y, int width, int height);
+
+}  // namespace qx::workflow

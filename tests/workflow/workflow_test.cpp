@@ -1,0 +1,326 @@
+// The host workflows through their C interface (qxworkflow.h), on synthetic scenes whose alpha
+// and foreground are known: a disc of one colour with a soft edge over another colour.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "frame/progress.h"
+#include "qxworkflow.h"
+
+namespace {
+
+constexpr unsigned char kSentinel = 0x5A;
+const unsigned char kFg[3] = {40, 200, 60}, kBg[3] = {210, 50, 170};  // B, G, R
+
+// A w x h BGR composite of a disc (centre cx, cy, radius r) whose alpha falls linearly over
+// `soft` pixels; the tri-map and stroke plane leave `band` pixels either side of the edge open.
+struct Scene {
+    int w, h;
+    std::vector<unsigned char> image, alpha, trimap, strokes;
+    QxwImage view() const { return {image.data(), w * 3, 3, w, h, QXW_BGR}; }
+};
+
+Scene discScene(int w, int h, double r, double soft, double band) {
+    Scene s{w, h, std::vector<unsigned char>(size_t(w) * h * 3), {}, {}, {}};
+    s.alpha.resize(size_t(w) * h);
+    s.trimap = s.strokes = s.alpha;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const size_t i = size_t(y) * w + x;
+            const double d = std::hypot(x - w / 2.0, y - h / 2.0);
+            const double a = std::clamp((r + soft / 2 - d) / soft, 0.0, 1.0);
+            s.alpha[i] = static_cast<unsigned char>(std::lround(255 * a));
+            for (int c = 0; c < 3; ++c)
+                s.image[i * 3 + c] = static_cast<unsigned char>(
+                    std::lround(s.alpha[i] / 255.0 * kFg[c] + (1 - s.alpha[i] / 255.0) * kBg[c]));
+            const bool open = std::fabs(d - r) <= soft / 2 + band;
+            s.trimap[i] = open ? 128 : d < r ? 255 : 0;
+            s.strokes[i] = open ? 100 : d < r ? QXW_KEEP : QXW_CUT;
+        }
+    return s;
+}
+
+// Mean |alpha - truth| / 255 over the pixels the tri-map leaves open.
+double openError(const Scene& s, const std::vector<unsigned char>& alpha) {
+    double sum = 0;
+    int n = 0;
+    for (size_t i = 0; i < alpha.size(); ++i)
+        if (s.trimap[i] == 128) sum += std::abs(alpha[i] - s.alpha[i]) / 255.0, ++n;
+    return n ? sum / n : 1.0;
+}
+
+bool untouched(const std::vector<unsigned char>& v) {
+    return std::all_of(v.begin(), v.end(), [](unsigned char b) { return b == kSentinel; });
+}
+
+// A failed call's message: one line, not empty.
+void expectOneLine(const QxwJob& job) {
+    const std::string m = job.message;
+    EXPECT_FALSE(m.empty());
+    EXPECT_EQ(m.find('\n'), std::string::npos) << m;
+}
+
+struct Progress {
+    std::vector<double> seen;
+    static void record(double f, void* data) { static_cast<Progress*>(data)->seen.push_back(f); }
+    QxwJob job() {
+        QxwJob j{};
+        j.progress = &record;
+        j.progressData = this;
+        return j;
+    }
+    void expectMonotoneToOne() const {
+        ASSERT_FALSE(seen.empty());
+        EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+        EXPECT_GE(seen.front(), 0.0);
+        EXPECT_EQ(seen.back(), 1.0);
+    }
+};
+
+TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
+    const Scene s = discScene(120, 100, 30, 8, 3);
+    const QxwImage img = s.view();
+    std::vector<unsigned char> alpha(s.alpha.size(), kSentinel);
+    Progress p;
+    QxwJob job = p.job();
+    ASSERT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, &job),
+              QXW_OK)
+        << job.message;
+    EXPECT_LT(openError(s, alpha), 0.03);
+    for (size_t i = 0; i < alpha.size(); ++i)
+        if (s.trimap[i] != 128) {
+            ASSERT_EQ(alpha[i], s.trimap[i]) << i;
+        }
+    p.expectMonotoneToOne();
+}
+
+TEST(WorkflowTrimap, ByteOrderAndPaddingDoNotChangeTheResult) {
+    const Scene s = discScene(96, 80, 24, 6, 3);
+    const QxwImage bgr = s.view();
+    // The same pixels as RGBA with padded rows.
+    const int stride = s.w * 4 + 12;
+    std::vector<unsigned char> rgba(size_t(stride) * s.h, 0);
+    for (int y = 0; y < s.h; ++y)
+        for (int x = 0; x < s.w; ++x)
+            for (int c = 0; c < 3; ++c)
+                rgba[size_t(y) * stride + x * 4 + c] = s.image[(size_t(y) * s.w + x) * 3 + 2 - c];
+    const QxwImage rgb{rgba.data(), stride, 4, s.w, s.h, QXW_RGB};
+    std::vector<unsigned char> a1(s.alpha.size()), a2(s.alpha.size());
+    ASSERT_EQ(qxwMatteTrimap(&bgr, s.trimap.data(), s.w, 255, 0, 255, 0, a1.data(), s.w, nullptr),
+              QXW_OK);
+    ASSERT_EQ(qxwMatteTrimap(&rgb, s.trimap.data(), s.w, 255, 0, 255, 0, a2.data(), s.w, nullptr),
+              QXW_OK);
+    EXPECT_EQ(a1, a2);
+}
+
+TEST(WorkflowTrimap, RefusalsLeaveTheOutputAsItWas) {
+    const Scene s = discScene(60, 50, 15, 4, 2);
+    QxwImage img = s.view();
+    std::vector<unsigned char> alpha(s.alpha.size(), kSentinel);
+    std::vector<unsigned char> decided(s.alpha.size(), 255);
+    QxwJob job{};
+    EXPECT_EQ(qxwMatteTrimap(&img, decided.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, &job),
+              QXW_BAD_INPUT);
+    EXPECT_STREQ(job.message, "the tri-map has no undecided pixel");
+    EXPECT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w, 10, 20, 255, 0, alpha.data(), s.w, &job),
+              QXW_BAD_INPUT);
+    expectOneLine(job);
+    EXPECT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w - 1, 255, 0, 255, 0, alpha.data(), s.w,
+                             &job),
+              QXW_BAD_INPUT);
+    img.channels = 2;
+    EXPECT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, &job),
+              QXW_BAD_INPUT);
+    expectOneLine(job);
+    EXPECT_EQ(qxwMatteTrimap(nullptr, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w,
+                             nullptr),
+              QXW_BAD_INPUT);
+    EXPECT_TRUE(untouched(alpha));
+}
+
+class WorkflowStrokes : public ::testing::TestWithParam<QxwStrokeEngine> {};
+
+TEST_P(WorkflowStrokes, EachEngineRecoversTheKnownAlpha) {
+    const Scene s = discScene(128, 96, 28, 8, 4);
+    const QxwImage img = s.view();
+    std::vector<unsigned char> alpha(s.alpha.size(), kSentinel);
+    Progress p;
+    QxwJob job = p.job();
+    ASSERT_EQ(qxwMatteStrokes(&img, s.strokes.data(), s.w, GetParam(), alpha.data(), s.w, &job),
+              QXW_OK)
+        << job.message;
+    EXPECT_LT(openError(s, alpha), 0.06);
+    for (size_t i = 0; i < alpha.size(); ++i)
+        if (s.strokes[i] == QXW_KEEP || s.strokes[i] == QXW_CUT) {
+            ASSERT_EQ(alpha[i], s.strokes[i]) << i;
+        }
+    p.expectMonotoneToOne();
+}
+
+TEST_P(WorkflowStrokes, OneKindOfStrokeIsRefusedAndPaintEverywhereIsTheAnswer) {
+    const Scene s = discScene(64, 48, 12, 4, 2);
+    const QxwImage img = s.view();
+    std::vector<unsigned char> alpha(s.alpha.size(), kSentinel);
+    for (unsigned char drop : {QXW_KEEP, QXW_CUT}) {
+        std::vector<unsigned char> strokes = s.strokes;
+        std::replace(strokes.begin(), strokes.end(), drop, static_cast<unsigned char>(100));
+        QxwJob job{};
+        EXPECT_EQ(qxwMatteStrokes(&img, strokes.data(), s.w, GetParam(), alpha.data(), s.w, &job),
+                  QXW_BAD_INPUT);
+        EXPECT_NE(std::string(job.message).find("too few strokes"), std::string::npos);
+        expectOneLine(job);
+    }
+    EXPECT_TRUE(untouched(alpha));
+    std::vector<unsigned char> painted(s.alpha.size());
+    for (size_t i = 0; i < painted.size(); ++i) painted[i] = i % 7 ? QXW_CUT : QXW_KEEP;
+    ASSERT_EQ(qxwMatteStrokes(&img, painted.data(), s.w, GetParam(), alpha.data(), s.w, nullptr),
+              QXW_OK);
+    EXPECT_EQ(alpha, painted);
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, WorkflowStrokes,
+                         ::testing::Values(QXW_ENGINE_STROKES, QXW_ENGINE_KDTREE,
+                                           QXW_ENGINE_PYRAMID));
+
+// Weighted colour error (alpha * sum |d|) over partial pixels against the disc's colour.
+double colourError(const Scene& s, const std::vector<unsigned char>& colours) {
+    double sum = 0;
+    for (size_t i = 0; i < s.alpha.size(); ++i)
+        if (s.alpha[i] > 0 && s.alpha[i] < 255)
+            for (int c = 0; c < 3; ++c) sum += s.alpha[i] / 255.0 * std::abs(colours[i * 3 + c] - kFg[c]);
+    return sum;
+}
+
+TEST(WorkflowRecover, BothMethodsTakeTheBackgroundOut) {
+    const Scene s = discScene(120, 100, 30, 12, 0);
+    const QxwImage img = s.view();
+    const double naive = colourError(s, s.image);
+    for (QxwForegroundMethod m : {QXW_FG_LEAST_SQUARES, QXW_FG_SAMPLING}) {
+        std::vector<unsigned char> fg(s.image.size(), kSentinel);
+        const QxwColourOut out{fg.data(), s.w * 3};
+        Progress p;
+        QxwJob job = p.job();
+        ASSERT_EQ(qxwRecoverForeground(&img, s.alpha.data(), s.w, m, &out, &job), QXW_OK)
+            << job.message;
+        EXPECT_LT(colourError(s, fg), naive / 3) << "method " << m;
+        p.expectMonotoneToOne();
+        std::vector<unsigned char> kept(fg.size(), kSentinel);
+        const QxwColourOut shortRows{kept.data(), s.w * 3 - 1};
+        EXPECT_EQ(qxwRecoverForeground(&img, s.alpha.data(), s.w, m, &shortRows, &job),
+                  QXW_BAD_INPUT);
+        EXPECT_TRUE(untouched(kept));
+    }
+}
+
+TEST(WorkflowGrabCut, SelectsTheDiscAndCutsItOut) {
+    const Scene s = discScene(160, 120, 35, 2, 0);
+    const QxwImage img = s.view();
+    std::vector<unsigned char> sel(s.alpha.size(), kSentinel), tri(s.alpha.size(), kSentinel);
+    QxwJob job{};
+    ASSERT_EQ(qxwSelectSubject(&img, nullptr, 0, 30, 15, 100, 90, 4, sel.data(), s.w, tri.data(),
+                               s.w, &job),
+              QXW_OK)
+        << job.message;
+    int both = 0, either = 0, band = 0;
+    for (size_t i = 0; i < sel.size(); ++i) {
+        both += sel[i] == 255 && s.alpha[i] >= 128;
+        either += sel[i] == 255 || s.alpha[i] >= 128;
+        ASSERT_TRUE(tri[i] == 0 || tri[i] == 128 || tri[i] == 255);
+        band += tri[i] == 128;
+        if (s.alpha[i] == 0 && std::abs(tri[i] - 128) == 127) {
+            ASSERT_EQ(tri[i], 0) << i;
+        }
+    }
+    EXPECT_GT(double(both) / either, 0.95);
+    EXPECT_GT(band, 2 * 35 * 3);  // a band of some pixels along a circumference of 220
+
+    std::vector<unsigned char> alpha(s.alpha.size(), kSentinel), fg(s.image.size(), kSentinel);
+    const QxwColourOut colours{fg.data(), s.w * 3};
+    Progress p;
+    job = p.job();
+    ASSERT_EQ(qxwCutoutFromRect(&img, nullptr, 0, 30, 15, 100, 90, 0, alpha.data(), s.w, &colours,
+                                &job),
+              QXW_OK)
+        << job.message;
+    p.expectMonotoneToOne();
+    double err = 0;
+    for (size_t i = 0; i < alpha.size(); ++i) err += std::abs(alpha[i] - s.alpha[i]) / 255.0;
+    EXPECT_LT(err, 2 * 3.1416 * 35 * 0.5);  // under half a pixel of error along the edge
+    const size_t centre = size_t(s.h / 2) * s.w + s.w / 2;
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(fg[centre * 3 + c], kFg[c], 2);
+}
+
+TEST(WorkflowGrabCut, ARectangleOutsideTheImageIsRefused) {
+    const Scene s = discScene(40, 30, 8, 2, 0);
+    const QxwImage img = s.view();
+    std::vector<unsigned char> sel(s.alpha.size(), kSentinel), fg(s.image.size(), kSentinel);
+    const QxwColourOut colours{fg.data(), s.w * 3};
+    QxwJob job{};
+    EXPECT_EQ(qxwSelectSubject(&img, nullptr, 0, 1, 0, 40, 30, 0, sel.data(), s.w, nullptr, 0,
+                               &job),
+              QXW_BAD_INPUT);
+    EXPECT_STREQ(job.message, "the rectangle 1,0,40,30 is not inside the 40x30 image");
+    EXPECT_EQ(qxwCutoutFromRect(&img, nullptr, 0, 0, 0, 0, 5, 0, sel.data(), s.w, &colours, &job),
+              QXW_BAD_INPUT);
+    EXPECT_TRUE(untouched(sel));
+    EXPECT_TRUE(untouched(fg));
+}
+
+// Nothing reaches the host after a workflow returns: the library keeps a job's callback
+// installed after the job, and later jobs (qxRecoverForeground) report through it; no workflow
+// may leave its relay there.
+TEST(WorkflowProgress, NoRelayLeftInstalledAfterReturn) {
+    const Scene s = discScene(96, 72, 20, 6, 3);
+    const QxwImage img = s.view();
+    std::vector<unsigned char> alpha(s.alpha.size()), sel(s.alpha.size()), fg(s.image.size());
+    const QxwColourOut colours{fg.data(), s.w * 3};
+    Progress p;
+    QxwJob job = p.job();
+    ASSERT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, &job),
+              QXW_OK);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
+    ASSERT_EQ(qxwMatteStrokes(&img, s.strokes.data(), s.w, QXW_ENGINE_KDTREE, alpha.data(), s.w,
+                              &job),
+              QXW_OK);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
+    ASSERT_EQ(qxwSelectSubject(&img, nullptr, 0, 10, 10, 70, 50, 0, sel.data(), s.w, nullptr, 0,
+                               &job),
+              QXW_OK);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
+    ASSERT_EQ(qxwRecoverForeground(&img, alpha.data(), s.w, QXW_FG_LEAST_SQUARES, &colours, &job),
+              QXW_OK);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
+}
+
+TEST(WorkflowHelpers, BandPaintAndDemoScene) {
+    EXPECT_EQ(qxwDefaultBand(2000, 100), 20);
+    EXPECT_EQ(qxwDefaultBand(300, 200), 10);
+    std::vector<unsigned char> plane(40 * 30, 128);
+    ASSERT_EQ(qxwPaintStroke(plane.data(), 40, 40, 30, 10, 10, 30, 10, 2, QXW_KEEP), 1);
+    EXPECT_EQ(plane[10 * 40 + 20], QXW_KEEP);
+    EXPECT_EQ(plane[12 * 40 + 20], QXW_KEEP);
+    EXPECT_EQ(plane[13 * 40 + 20], 128);
+    EXPECT_EQ(plane[10 * 40 + 33], 128);
+    EXPECT_EQ(qxwPaintStroke(plane.data(), 40, 40, 30, -500, -9, 900, 700, 3, QXW_CUT), 1);
+    EXPECT_EQ(qxwPaintStroke(plane.data(), 39, 40, 30, 0, 0, 5, 5, 1, QXW_CUT), 0);
+
+    const int w = 80, h = 60;
+    std::vector<unsigned char> a(w * h * 3), b(w * h * 3), tri(w * h), truth(w * h);
+    const QxwColourOut ao{a.data(), w * 3}, bo{b.data(), w * 3};
+    ASSERT_EQ(qxwDemoScene(w, h, 3, &ao, tri.data(), w, truth.data(), w, nullptr, nullptr, 0),
+              QXW_OK);
+    ASSERT_EQ(qxwDemoScene(w, h, 3, &bo, nullptr, 0, nullptr, 0, nullptr, nullptr, 0), QXW_OK);
+    EXPECT_EQ(a, b);
+    for (int i = 0; i < w * h; ++i)
+        if (tri[i] != 128) {  // decided only where the truth is
+            ASSERT_EQ(tri[i], truth[i]) << i;
+        }
+    EXPECT_EQ(qxwDemoScene(10, 60, 3, &ao, nullptr, 0, nullptr, 0, nullptr, nullptr, 0),
+              QXW_BAD_INPUT);
+}
+
+}  // namespace
