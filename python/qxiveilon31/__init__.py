@@ -14,9 +14,8 @@ Images are H x W x 3 arrays, uint8 RGB (``bgr=True`` for OpenCV's order) or floa
 results come back in the image's kind. Failures of a job raise ``QxError``; bad shapes and
 dtypes raise ``ValueError`` before the library is called. The GIL is released while a job runs.
 
-The library is found through ``QXIVEILON31_LIBRARY`` (a path), else beside the package when
-``cmake --install`` put both, else through the system's loader (an installed library, or
-``LD_LIBRARY_PATH``).
+The library is found through ``QXIVEILON31_LIBRARY``, else beside the package, else through the
+system's loader (see README.md).
 """
 
 from ._native import QxError, LIB as _LIB

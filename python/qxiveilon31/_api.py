@@ -196,12 +196,10 @@ def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=Fals
 
 
 def _prepare_frame(codes, rect):
-    """A cut means everything outside the rectangle is background and everything inside is for
-    the cut to decide; the library starts a session with a frame of sure background just inside
-    its region. So the region is the rectangle grown by a margin wider than that frame, fixed to
-    background; where the image's border stops the growth the frame falls inside the rectangle,
-    and its pixels are marked probable foreground (250). Painted strokes stay. The same framing
-    as the workflows' (qxwSelectSubject). Returns the region (left, top, width, height)."""
+    """The workflows' framing (qxwSelectSubject): the library's session starts with a frame of
+    sure background just inside its region, so the region is the rectangle grown by a wider
+    margin fixed to background; where the border stops the growth, the frame inside the
+    rectangle is probable foreground (250). Strokes stay. Returns (left, top, width, height)."""
     height, width = codes.shape
     x, y, w, h = rect
     margin = 5 * (1 + max(width, height) // 200)
