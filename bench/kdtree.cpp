@@ -20,6 +20,7 @@
 #include "keepcut/kd_drivers.h"
 #include "measurement.h"
 #include "workflow/demo_scene.h"
+#include "workflow/workflow.h"
 
 namespace {
 
@@ -56,17 +57,7 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
     cv::Mat alpha = job.strokes.clone();
     cv::Mat dst(job.bgra.size(), CV_8UC4, cv::Scalar(0, 0, 0, 0));
     cv::Mat src = job.bgra, aux = job.strokes.clone();
-    KeepCutRequest req{};
-    req.srcImage = src.data;
-    req.srcStep = static_cast<int32_t>(src.step);
-    req.alphaPlane = alpha.data;
-    req.alphaStep = static_cast<int32_t>(alpha.step);
-    req.dstImage = dst.data;
-    req.dstStep = static_cast<int32_t>(dst.step);
-    req.auxPlane = aux.data;
-    req.auxStep = static_cast<int32_t>(aux.step);
-    req.fullWidth = req.roiWidth = alpha.cols;
-    req.fullHeight = req.roiHeight = alpha.rows;
+    KeepCutRequest req = qx::workflow::wholeImageRequest(src, alpha, dst, aux);
 
     const qxmatte::Measurement run;
     try {

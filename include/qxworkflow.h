@@ -54,8 +54,9 @@ typedef enum QxwStatus {
  * thread that called the workflow, and never after the workflow has returned. */
 typedef void (*QxwProgressFn)(double fraction, void* data);
 
-/* In: where progress goes (progress may be NULL). Out: a one-line message, and the status of
- * the library job that failed. */
+/* In: where progress goes (progress may be NULL). Out: a one-line message (empty on QXW_OK), and
+ * the status of the library job that failed (0 when none did). A workflow may be given a NULL
+ * job. The fraction reaches 1 only when the call succeeds. */
 typedef struct QxwJob {
     QxwProgressFn progress;
     void* progressData;

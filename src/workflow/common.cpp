@@ -37,6 +37,21 @@ void Relay::uninstall() {
     if (qx::progressState().param == this) qx::setProgProc(nullptr, nullptr, 0, 0);
 }
 
+KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux) {
+    KeepCutRequest req{};
+    req.srcImage = src.data;
+    req.srcStep = static_cast<int32_t>(src.step);
+    req.alphaPlane = alpha.data;
+    req.alphaStep = static_cast<int32_t>(alpha.step);
+    req.dstImage = dst.data;
+    req.dstStep = static_cast<int32_t>(dst.step);
+    req.auxPlane = aux.data;
+    req.auxStep = static_cast<int32_t>(aux.step);
+    req.fullWidth = req.roiWidth = alpha.cols;
+    req.fullHeight = req.roiHeight = alpha.rows;
+    return req;
+}
+
 void startJob(QxwJob* job) {
     if (!job) return;
     job->libraryStatus = 0;

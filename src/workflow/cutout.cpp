@@ -17,12 +17,10 @@ extern "C" QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image,
         err = "the colour output's stride is shorter than a row";
     if (err.empty()) err = checkRect(*image, x, y, width, height);
     if (err.empty() && band < 0) err = "the band width can't be negative";
-    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
-    if (band == 0) band = qxwDefaultBand(image->width, image->height);
-    // Shares of the whole, roughly as the stages' times go on a photograph.
-    const double cutEnd = colours ? 0.4 : 0.5, matteEnd = colours ? 0.85 : 1.0;
-    try {
-        Relay relay(job);
+    return runEntry(job, err, "the cut-out", [&](Relay& relay) {
+        if (band == 0) band = qxwDefaultBand(image->width, image->height);
+        // Shares of the whole, roughly as the stages' times go on a photograph.
+        const double cutEnd = colours ? 0.4 : 0.5, matteEnd = colours ? 0.85 : 1.0;
         const cv::Mat bgr = toBgr(*image);
         cv::Mat selection, trimap, matte, fg;
         relay.span(0.0, cutEnd);
@@ -44,9 +42,6 @@ extern "C" QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image,
             copyColoursOut(fg, *image, *colours);
         }
         copyPlaneOut(matte, alpha, alphaStride);
-        relay.finish();
         return QXW_OK;
-    } catch (const std::exception& e) {
-        return finishJob(job, QXW_FAILED, std::string("the cut-out failed: ") + e.what());
-    }
+    });
 }

@@ -18,17 +18,7 @@ int runTiled(const cv::Mat& bgr, cv::Mat& plane, bool hiRes, Relay& relay) {
     cv::cvtColor(bgr, src, cv::COLOR_BGR2BGRA);
     cv::Mat dst = src.clone();
     cv::Mat aux = plane.clone();  // the host's record of its strokes
-    KeepCutRequest req{};
-    req.srcImage = src.data;
-    req.srcStep = static_cast<int32_t>(src.step);
-    req.alphaPlane = plane.data;
-    req.alphaStep = static_cast<int32_t>(plane.step);
-    req.dstImage = dst.data;
-    req.dstStep = static_cast<int32_t>(dst.step);
-    req.auxPlane = aux.data;
-    req.auxStep = static_cast<int32_t>(aux.step);
-    req.fullWidth = req.roiWidth = plane.cols;
-    req.fullHeight = req.roiHeight = plane.rows;
+    KeepCutRequest req = wholeImageRequest(src, plane, dst, aux);
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     const int status = qxKeepCutToAlpha(&req, hiRes ? 1 : 0);
@@ -111,18 +101,12 @@ extern "C" QX_API QxwStatus qxwMatteStrokes(const QxwImage* image, const unsigne
     if (err.empty() && engine != QXW_ENGINE_STROKES && engine != QXW_ENGINE_KDTREE &&
         engine != QXW_ENGINE_PYRAMID)
         err = "unknown stroke engine " + std::to_string(static_cast<int>(engine));
-    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
-    try {
-        Relay relay(job);
-        relay.span(0.0, 1.0);
+    return runEntry(job, err, "keep-cut matting", [&](Relay& relay) {
         cv::Mat out;
         const QxwStatus s = matteStrokes(toBgr(*image), planeView(strokes, strokesStride, *image),
                                          engine, &out, relay, job);
         if (s != QXW_OK) return s;
         copyPlaneOut(out, alpha, alphaStride);
-        relay.finish();
         return QXW_OK;
-    } catch (const std::exception& e) {
-        return finishJob(job, QXW_FAILED, std::string("keep-cut matting failed: ") + e.what());
-    }
+    });
 }

@@ -98,18 +98,12 @@ extern "C" QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned
         err = "the codes need 0 <= background < foreground <= 255";
     if (err.empty() && (levelHigh < 0 || levelHigh > 255 || levelLow < 0 || levelLow > 255))
         err = "the levels take 0 to 255";
-    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
-    try {
-        Relay relay(job);
-        relay.span(0.0, 1.0);
+    return runEntry(job, err, "matting", [&](Relay& relay) {
         cv::Mat out;
         const QxwStatus s = matteTrimap(toBgr(*image), planeView(trimap, trimapStride, *image),
                                         fgCode, bgCode, levelHigh, levelLow, &out, relay, job);
         if (s != QXW_OK) return s;
         copyPlaneOut(out, alpha, alphaStride);
-        relay.finish();
         return QXW_OK;
-    } catch (const std::exception& e) {
-        return finishJob(job, QXW_FAILED, std::string("matting failed: ") + e.what());
-    }
+    });
 }

@@ -24,17 +24,7 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
     cv::Mat dst = src.clone();  // rows the recovery leaves alone keep the image's colours
     cv::Mat plainAlpha = alpha.clone();
     cv::Mat aux(alpha.size(), CV_8UC1, cv::Scalar(0));
-    KeepCutRequest req{};
-    req.srcImage = src.data;
-    req.srcStep = static_cast<int32_t>(src.step);
-    req.alphaPlane = plainAlpha.data;
-    req.alphaStep = static_cast<int32_t>(plainAlpha.step);
-    req.dstImage = dst.data;
-    req.dstStep = static_cast<int32_t>(dst.step);
-    req.auxPlane = aux.data;
-    req.auxStep = static_cast<int32_t>(aux.step);
-    req.fullWidth = req.roiWidth = alpha.cols;
-    req.fullHeight = req.roiHeight = alpha.rows;
+    KeepCutRequest req = wholeImageRequest(src, plainAlpha, dst, aux);
     // This job reports through the callback installed before it (total 20000).
     relay.install(20000);
     const int64_t status = qxRecoverForeground(&req, 0);
@@ -62,18 +52,12 @@ extern "C" QX_API QxwStatus qxwRecoverForeground(const QxwImage* image,
         err = "the colour output's stride is shorter than a row";
     if (err.empty() && method != QXW_FG_LEAST_SQUARES && method != QXW_FG_SAMPLING)
         err = "unknown recovery method " + std::to_string(static_cast<int>(method));
-    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
-    try {
-        Relay relay(job);
-        relay.span(0.0, 1.0);
+    return runEntry(job, err, "foreground recovery", [&](Relay& relay) {
         cv::Mat out;
         const QxwStatus s = recoverForeground(toBgr(*image), planeView(alpha, alphaStride, *image),
                                               method, &out, relay, job);
         if (s != QXW_OK) return s;
         copyColoursOut(out, *image, *colours);
-        relay.finish();
         return QXW_OK;
-    } catch (const std::exception& e) {
-        return finishJob(job, QXW_FAILED, std::string("foreground recovery failed: ") + e.what());
-    }
+    });
 }

@@ -118,12 +118,9 @@ extern "C" QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsign
     if (err.empty() && trimap) err = checkPlane(trimap, trimapStride, *image, "tri-map");
     if (err.empty()) err = checkRect(*image, x, y, width, height);
     if (err.empty() && band < 0) err = "the band width can't be negative";
-    if (!err.empty()) return finishJob(job, QXW_BAD_INPUT, err);
-    if (!trimap) band = 0;
-    else if (band == 0) band = qxwDefaultBand(image->width, image->height);
-    try {
-        Relay relay(job);
-        relay.span(0.0, 1.0);
+    return runEntry(job, err, "GrabCut", [&](Relay& relay) {
+        if (!trimap) band = 0;
+        else if (band == 0) band = qxwDefaultBand(image->width, image->height);
         cv::Mat sel, tri;
         const QxwStatus s =
             selectSubject(toBgr(*image), strokes ? planeView(strokes, strokesStride, *image)
@@ -132,9 +129,6 @@ extern "C" QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsign
         if (s != QXW_OK) return s;
         copyPlaneOut(sel, selection, selectionStride);
         if (trimap) copyPlaneOut(tri, trimap, trimapStride);
-        relay.finish();
         return QXW_OK;
-    } catch (const std::exception& e) {
-        return finishJob(job, QXW_FAILED, std::string("GrabCut failed: ") + e.what());
-    }
+    });
 }

@@ -44,6 +44,26 @@ void startJob(QxwJob* job);
 QxwStatus finishJob(QxwJob* job, QxwStatus status, const std::string& message = {},
                     int libraryStatus = 0);
 
+// The frame of every C entry: a refusal (when not empty) returns QXW_BAD_INPUT with nothing run;
+// otherwise body(relay) runs with a relay over the whole call, 1 is reported when it returns
+// QXW_OK, and an escaped exception becomes QXW_FAILED ("<what> failed: ...").
+template <class Body>
+QxwStatus runEntry(QxwJob* job, const std::string& refusal, const char* what, Body&& body) {
+    if (!refusal.empty()) return finishJob(job, QXW_BAD_INPUT, refusal);
+    try {
+        Relay relay(job);
+        relay.span(0.0, 1.0);
+        const QxwStatus s = body(relay);
+        if (s == QXW_OK) relay.finish();
+        return s;
+    } catch (const std::exception& e) {
+        return finishJob(job, QXW_FAILED, std::string(what) + " failed: " + e.what());
+    }
+}
+
+// The whole image as a keep-cut request: src and dst 4 bytes a pixel, alpha and aux one byte.
+KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux);
+
 // Empty when the image can be used, otherwise why not.
 std::string checkImage(const QxwImage* image);
 // Empty when a grey plane of the image's size can be read or written at data with stride.
