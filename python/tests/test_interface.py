@@ -23,11 +23,12 @@ def test_orders_kinds_and_strides_give_the_same_bytes(disc):
     assert np.array_equal(qx.foreground(bgr, alpha, bgr=True), fg[:, :, ::-1])
     assert np.array_equal(qx.cutout(bgr, trimap=disc.trimap, bgr=True)[:, :, [2, 1, 0, 3]],
                           qx.cutout(disc.image, trimap=disc.trimap))
-    # Windows of larger arrays (rows read in place at their stride), a Fortran-ordered copy, a
-    # reversed view.
+    # Windows of larger arrays (rows read in place at their stride), channels of an RGBA array
+    # (pixels 4 bytes apart), a Fortran-ordered copy, a reversed view.
     big, big_t = np.zeros((129, 173, 3), np.uint8), np.zeros((129, 173), np.uint8)
     big[4:-5, 6:-7], big_t[4:-5, 6:-7] = disc.image, disc.trimap
-    for image, trimap in ((big[4:-5, 6:-7], big_t[4:-5, 6:-7]),
+    rgba = np.dstack([disc.image, disc.trimap])
+    for image, trimap in ((big[4:-5, 6:-7], big_t[4:-5, 6:-7]), (rgba[:, :, :3], rgba[:, :, 3]),
                           (np.asfortranarray(disc.image), np.asfortranarray(disc.trimap)),
                           (disc.image[::-1, ::-1][::-1, ::-1], disc.trimap[:, :, None])):
         assert np.array_equal(qx.matte_trimap(image, trimap), alpha)
