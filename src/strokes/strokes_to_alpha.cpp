@@ -1,7 +1,134 @@
 // Keep and cut strokes to alpha at any image size (qxStrokesToAlpha).
+//
+// The strokes become a tri-map (painted pixels decided, the rest undecided) and go through the
+// tri-map job on the box of the undecided pixels, which sizes its run to the memory budget.
+// Painted pixels come back as painted. The host's alpha plane is written only at the end.
+#include <algorithm>
+#include <cstdint>
+#include <new>
+#include <vector>
+
+#include "frame/args.h"
+#include "frame/export_guard.h"
+#include "frame/progress.h"
 #include "qxiveilon31.h"
 
+namespace qx {
+namespace {
+
+// The alpha a painted byte of the stroke coding stands for.
+inline unsigned char paintedAlpha(unsigned char v) {
+    return static_cast<unsigned char>((v & 0xFE) + ((v >> 1) & 1));
+}
+
+bool validRequest(const StrokeMatteRequest* r) {
+    if (!r || !r->image || !r->strokes || !r->alpha) return false;
+    if (r->imageChannels != 3 && r->imageChannels != 4) return false;
+    return validPlane(r->image, r->imageStep, r->width, r->height, r->imageChannels) &&
+           validPlane(r->strokes, r->strokesStep, r->width, r->height, 1) &&
+           validPlane(r->alpha, r->alphaStep, r->width, r->height, 1);
+}
+
+// A status of the tri-map job, as this export reports it.
+int fromMaskStatus(int status) {
+    switch (status) {
+        case 1: return 1;
+        case -898: case -888: case -887: case -875: case -870: return -1;  // memory
+        default: return -1000;
+    }
+}
+
+int strokesJob(const StrokeMatteRequest& r) {
+    const int w = r.width, h = r.height;
+    const size_t n = size_t(w) * h;
+    std::vector<unsigned char> tri(n);
+    int64_t unpainted = 0;
+    bool high = false, low = false;
+    for (int y = 0; y < h; ++y) {
+        const unsigned char* s = r.strokes + int64_t(y) * r.strokesStep;
+        unsigned char* t = tri.data() + size_t(y) * w;
+        for (int x = 0; x < w; ++x) {
+            if (!(s[x] & 1)) {
+                t[x] = 128;
+                ++unpainted;
+            } else if (paintedAlpha(s[x]) >= 128) {
+                t[x] = 255;
+                high = true;
+            } else {
+                t[x] = 0;
+                low = true;
+            }
+        }
+    }
+    std::vector<unsigned char> out(n);
+    if (unpainted > 0) {
+        if (!high || !low) return -5;
+        int left = 0, boxW = 0, top = 0, boxH = 0, fg = 0, bg = 0;
+        qxMaskBBox(0, tri.data(), w, w, h, &left, &boxW, &top, &boxH, &fg, &bg, 0, 255, 0);
+        if (boxW < 1 || boxH < 1) {  // too few rows for a box: the whole image
+            left = top = 0;
+            boxW = w;
+            boxH = h;
+            fg = bg = 0;
+            for (unsigned char t : tri) fg += t == 255, bg += t == 0;
+        }
+        std::vector<unsigned char> planes(size_t(boxW) * boxH * 3);
+        unsigned char* plane[3];
+        for (int c = 0; c < 3; ++c) plane[c] = planes.data() + size_t(c) * boxW * boxH;
+        std::vector<unsigned char> mask(size_t(boxW) * boxH);
+        for (int y = 0; y < boxH; ++y) {
+            const unsigned char* px =
+                r.image + int64_t(top + y) * r.imageStep + int64_t(left) * r.imageChannels;
+            for (int x = 0; x < boxW; ++x, px += r.imageChannels)
+                for (int c = 0; c < 3; ++c) plane[c][size_t(y) * boxW + x] = px[c];
+            std::copy_n(tri.data() + size_t(top + y) * w + left, boxW,
+                        mask.data() + size_t(y) * boxW);
+        }
+        MaskRequest mr{};
+        mr.planes = plane;
+        mr.planeStep = boxW;
+        mr.mask = mask.data();
+        mr.maskStep = boxW;
+        mr.width = boxW;
+        mr.height = boxH;
+        mr.progProc = r.progProc;
+        mr.progParam = r.progParam;
+        const int status = qxMaskAlpha(&mr, 0, float(int64_t(boxW) * boxH - fg - bg), 255, 0,
+                                       255, 0);
+        if (status != 1) return fromMaskStatus(status);
+        out = tri;
+        for (int y = 0; y < boxH; ++y)
+            std::copy_n(mask.data() + size_t(y) * boxW, boxW,
+                        out.data() + size_t(top + y) * w + left);
+    }
+    // Painted pixels keep their painted alpha, partial values included.
+    for (int y = 0; y < h; ++y) {
+        const unsigned char* s = r.strokes + int64_t(y) * r.strokesStep;
+        unsigned char* o = out.data() + size_t(y) * w;
+        for (int x = 0; x < w; ++x)
+            if (s[x] & 1) o[x] = paintedAlpha(s[x]);
+    }
+    for (int y = 0; y < h; ++y)
+        std::copy_n(out.data() + size_t(y) * w, w, r.alpha + int64_t(y) * r.alphaStep);
+    return 1;
+}
+
+}  // namespace
+}  // namespace qx
+
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
-    if (!request || !request->image || !request->strokes || !request->alpha) return -2;
-    return -1000;  // the engine lands next
+    if (!qx::validRequest(request)) return -2;
+    const int status = qx::guardedCall(
+        [&] {
+            try {
+                return qx::strokesJob(*request);
+            } catch (const std::bad_alloc&) {
+                return -1;
+            }
+        },
+        [](int e) { return e == 102 || e == 112 || e == 113 || e == 125 || e == 130 ? -1 : -1000; },
+        -1000);
+    // This job's callback never outlives it.
+    qx::setProgProc(nullptr, nullptr, 0, 0);
+    return status;
 }
