@@ -127,7 +127,7 @@ extern "C" QX_API int qxPreviewAutoLevel(unsigned char* image, int step, int wid
                                          float level) {
     if (!qx::validPlane(image, step, width, height, 3)) return 0;
     return qx::guardedCall([&] { return qx::previewAutoLevel(image, step, width, height, level); },
-                           [](int) { return 0; }, 0);
+                           0);
 }
 
 extern "C" QX_API int qxRGB2YCbCrAutoLevel(unsigned char* image, int step, int width, int height,
@@ -142,5 +142,5 @@ extern "C" QX_API int qxRGB2YCbCrAutoLevel(unsigned char* image, int step, int w
             }
             return qx::ycbcrView(image, step, width, height, view, level);
         },
-        [](int) { return 0; }, 0);
+        0);
 }

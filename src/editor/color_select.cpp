@@ -67,5 +67,5 @@ extern "C" QX_API int qxColorRangeSelect(GrabCutRequest* request, int x0, int y0
             qx::colourRangeSelect(r, x0, y0, x1, y1, radius, colour, tolerance, foreground != 0);
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

@@ -38,5 +38,5 @@ extern "C" QX_API int qxDesaturation(unsigned char* image, int imageStep, int wi
             qx::prim::hlsToRgb_8u_C4(hls.data, hlsStep, image, imageStep, size);
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

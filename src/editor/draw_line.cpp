@@ -36,5 +36,5 @@ extern "C" QX_API int qxDrawLine8u(unsigned char* mask, int step, int width, int
                                  qx::brushLevel(mode, value));
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

@@ -55,5 +55,5 @@ extern "C" QX_API int qxfilterIm8u(unsigned char* plane, int step, int width, in
             qx::filterPlane(a, mode == 0 ? qx::kLight : qx::kStrong);
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

@@ -115,5 +115,5 @@ extern "C" QX_API int qxFloodFillAlpha(unsigned char* mask, int step, int width,
     if (seedX < 0 || seedY < 0 || seedX >= width || seedY >= height) return -3;
     return qx::guardedCall(
         [&] { return qx::floodFillCodes(mask, step, width, height, seedX, seedY, mode, rect); },
-        [](int) { return -1; }, -1);
+        -1);
 }

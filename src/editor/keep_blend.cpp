@@ -25,5 +25,5 @@ extern "C" QX_API void qxShowKeepBlend(unsigned char* image, int imageStep, int 
             }
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

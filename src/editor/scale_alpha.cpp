@@ -49,5 +49,5 @@ extern "C" QX_API int qxScaleAlpha(unsigned char* alpha, int step, int width, in
             qx::scaleAlpha(plane, high, low, keepFixed != 0);
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

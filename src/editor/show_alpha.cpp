@@ -125,5 +125,5 @@ extern "C" QX_API int qxShowImageAlpha(unsigned char* image, int imageStep, int 
             }
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

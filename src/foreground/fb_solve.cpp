@@ -1,3 +1,4 @@
+#include "frame/fault.h"
 #include "foreground/fb_solve.h"
 
 #include <cmath>
@@ -144,7 +145,7 @@ int solveForegroundBackground(void* /*unused*/, IMG<unsigned char, 1>* const pla
     const int w = alpha.width, h = alpha.height;
     if (w < 3 || h < 3) return 0;  // no interior pixel to solve for
     const int64_t n64 = int64_t(w) * h;
-    if (11 * n64 >= 10000000) throw 11;  // beyond what the transpose takes
+    if (11 * n64 >= 10000000) fail(Fault::TransposeTooLarge);  // beyond what the transpose takes
     const int n = int(n64);
 
     std::vector<float> a(static_cast<size_t>(n));
@@ -217,7 +218,7 @@ int solveForegroundBackground(void* /*unused*/, IMG<unsigned char, 1>* const pla
     // The matrix is the same for the three planes: its transpose, normal matrix, triangle and
     // factorisation are made once.
     SparseCsr at;
-    if (transposeSparse(sys, at) != 0) throw 11;
+    if (transposeSparse(sys, at) != 0) fail(Fault::TransposeTooLarge);
     SparseCsr ata;
     if (multiplySparse(at, sys, ata) != 0) return 10;
     const SparseCsr upper = upperTriangle(ata);

@@ -136,6 +136,6 @@ extern "C" QX_API int64_t qxHairSelect(KeepCutRequest* request, int x1, int y1, 
             qx::hairSelect(*r, x1, y1, x2, y2, static_cast<int>(radius));
             return 1;
         },
-        [](int) { return 1; }, 1);
+        1);
     return 1;
 }

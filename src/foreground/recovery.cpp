@@ -1,3 +1,4 @@
+#include "frame/fault.h"
 #include "foreground/recovery.h"
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 
 #include "foreground/fb_solve.h"
 #include "frame/args.h"
-#include "frame/export_guard.h"
 #include "frame/memory.h"
 #include "frame/progress.h"
 #include "image/img.h"
@@ -268,16 +268,10 @@ void recoverForegroundRegion(const KeepCutRequest& req, const RecoveryParams& p)
 int64_t recoverForegroundGuarded(KeepCutRequest* request, bool needAux,
                                  const RecoveryParams& params, int64_t success) {
     if (!validRecoveryRequest(request, needAux)) return kRecoveryRefused;
-    return guardedCall(
-        [&]() -> int {
-            try {
-                recoverForegroundRegion(*request, params);
-            } catch (const std::bad_alloc&) {
-                throw 130;
-            }
-            return int(success);
-        },
-        [](int e) { return e - 1000; }, -1000);
+    return guardedExport(Export::ForegroundRecovery, [&]() -> int {
+        recoverForegroundRegion(*request, params);
+        return int(success);
+    });
 }
 
 }  // namespace qx

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "frame/fault.h"
 #include "foreground/shared_sample.h"
 #include "frame/args.h"
 
@@ -19,7 +20,7 @@ void allocate(std::vector<T>& v, int64_t n, const T& value) {
     try {
         v.assign(static_cast<size_t>(n), value);
     } catch (const std::bad_alloc&) {
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
 }
 
@@ -293,7 +294,7 @@ void FBSeperationSharedSample::separate(const IMG<float, 3>& image, const IMG<fl
             for (int x = 0; x < w; ++x)
                 if (known[static_cast<int64_t>(y) * knownStep + x] == 0) unknown.push_back({x, y});
     } catch (const std::bad_alloc&) {
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
     IMG<float, 3> Fs(w, h), Bs(w, h);
     IMG<float, 1> varF(w, h), varB(w, h);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "frame/fault.h"
 #include "foreground/shared_sample.h"
 
 namespace qx {
@@ -20,7 +21,7 @@ SampleSet::SampleSet(int64_t pixels) {
         fgCount.assign(static_cast<size_t>(pixels), 0);
         bgCount.assign(static_cast<size_t>(pixels), 0);
     } catch (const std::bad_alloc&) {
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
 }
 

@@ -1,23 +1,21 @@
-// The boundary of every exported call: floating-point mode for the call's length and no C++
-// exception crossing into the host.
+// The boundary of the exports that answer every failure with one status (the brushes, tools,
+// previews, mask box and edge band): floating-point mode for the call's length and no C++
+// exception crossing into the host. Exports whose status depends on the failure go through
+// guardedExport() in frame/fault.h.
 #pragma once
-
-#include <new>
 
 #include "frame/fpmode.h"
 
 namespace qx {
 
-// Runs body(); a thrown int e becomes onInt(e), any other exception `otherStatus`.
-template <typename Body, typename OnInt>
-int guardedCall(Body&& body, OnInt&& onInt, int otherStatus) {
+// Runs body(); anything it throws becomes `failureStatus`.
+template <typename Body>
+int guardedCall(Body&& body, int failureStatus) {
     FpModeGuard fp;
     try {
         return body();
-    } catch (int e) {
-        return onInt(e);
     } catch (...) {
-        return otherStatus;
+        return failureStatus;
     }
 }
 

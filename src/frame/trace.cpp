@@ -1,3 +1,4 @@
+#include "frame/fault.h"
 #include "frame/trace.h"
 
 #include <cstdint>
@@ -54,7 +55,7 @@ int dumpImage(const char* format, const char* magic, int samplesPerPixel, const 
     auto* row = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(rowBytes) + 1000));
     if (!row) {
         std::fclose(f);
-        throw 404;
+        fail(Fault::TraceBuffer);
     }
     if (known && pixels) {
         for (int y = 0; y < height; ++y) {

@@ -149,5 +149,5 @@ extern "C" QX_API void qxGrabCutEdgeGen(GrabCutRequest* request, int bandWidth) 
             qx::edgeGen(r, bandWidth);
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

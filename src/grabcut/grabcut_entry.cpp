@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "frame/export_guard.h"
+#include "frame/fault.h"
 #include "frame/progress.h"
 #include "grabcut/codes.h"
 #include "grabcut/grabcut_request.h"
@@ -91,17 +92,15 @@ extern "C" QX_API int qxGrabCut(GrabCutRequest* request, int mode) {
         (request->result != nullptr &&
          !qx::validCodePlane(request->result, request->resultStep, *request)))
         return 0;
-    return qx::guardedCall(
-        [&] {
-            // A control that is not one of ours, or was made for another size, is refused
-            // before anything is written.
-            if (request->control != nullptr &&
-                !qx::grabCutControlFits(request->control, request->roiWidth, request->roiHeight))
-                return 0;
-            qx::cut(*request, mode);
-            return 1;
-        },
-        [](int e) { return e; }, -1000);
+    return qx::guardedExport(qx::Export::GrabCut, [&] {
+        // A control that is not one of ours, or was made for another size, is refused before
+        // anything is written.
+        if (request->control != nullptr &&
+            !qx::grabCutControlFits(request->control, request->roiWidth, request->roiHeight))
+            return 0;
+        qx::cut(*request, mode);
+        return 1;
+    });
 }
 
 extern "C" QX_API void qxGrabCutDeleteBuf(GrabCutRequest* request) {
@@ -116,5 +115,5 @@ extern "C" QX_API void qxGrabCutDeleteBuf(GrabCutRequest* request) {
             qx::settleCodes(*request);
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

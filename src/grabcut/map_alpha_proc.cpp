@@ -1,3 +1,4 @@
+#include "frame/fault.h"
 #include "grabcut/map_alpha_proc.h"
 
 #include <algorithm>
@@ -70,7 +71,7 @@ int qxMapAlphaProcGrabCut(GIMG<unsigned char>** planes, GIMG<unsigned char>* fla
     GIMG<unsigned char>* levelFlags = flags;
     GIMG<unsigned char>* levelMask = mask;
     auto descend = [&](CMaskPyr& pyr, int levels) {
-        if (pyr.build(levelPlanes, levelFlags, levelMask, levels) != 0) throw 102;
+        if (pyr.build(levelPlanes, levelFlags, levelMask, levels) != 0) fail(Fault::ImageMemory);
         for (int i = 0; i < 3; ++i) levelPlanes[i] = pyr.getPlane(i, levels);
         levelFlags = pyr.getKnown(levels);
         levelMask = pyr.getAlpha(levels);
@@ -81,7 +82,7 @@ int qxMapAlphaProcGrabCut(GIMG<unsigned char>** planes, GIMG<unsigned char>* fla
 
     if (*control == nullptr) {
         *control = grabcutCreateBuf(plan.width, plan.height);
-        if (!grabCutControlFits(*control, mask->width, mask->height)) throw 102;
+        if (!grabCutControlFits(*control, mask->width, mask->height)) fail(Fault::ImageMemory);
     }
 
     {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "frame/fault.h"
 #include "image/base_tools.h"
 
 namespace qx {
@@ -44,9 +45,9 @@ namespace {
 // size x size elements of make(exp(-0.5 r^2 / variance)) around the centre size/2 - 0.5.
 template <typename T, typename Make>
 T* gaussianSquare(float variance, int size, Make make) {
-    if (size < 1 || size > 46340) throw 108;  // size^2 elements must fit a 32-bit count
+    if (size < 1 || size > 46340) fail(Fault::FilterSize);  // size^2 elements must fit a 32-bit count
     auto* out = static_cast<T*>(prim::allocBlock(static_cast<int64_t>(size) * size * sizeof(T)));
-    if (out == nullptr) throw 108;
+    if (out == nullptr) fail(Fault::FilterSize);
     const double c = size * 0.5 - 0.5;
     for (int y = 0; y < size; ++y)
         for (int x = 0; x < size; ++x) {

@@ -13,6 +13,7 @@
 #include <exception>
 #include <type_traits>
 
+#include "frame/fault.h"
 #include "image/primitives.h"
 
 namespace qx {
@@ -88,7 +89,7 @@ public:
             intact = GuardTraits<T>::intact(guard, allocWidth);
         }
         release();
-        if (!intact && std::uncaught_exceptions() == 0) throw 103;
+        if (!intact && std::uncaught_exceptions() == 0) fail(Fault::GuardRow);
     }
 
     // Moves the top-left corner of the region by dx pixels and dy rows, shrinking it.
@@ -162,9 +163,9 @@ private:
                               allocWidth);
     }
     [[noreturn]] void throwNoMemory() const {
-        if (allocWidth > 5000) throw 112;
-        if (allocHeight > 5000) throw 113;
-        throw 102;
+        if (allocWidth > 5000) fail(Fault::WideImageMemory);
+        if (allocHeight > 5000) fail(Fault::HighImageMemory);
+        fail(Fault::ImageMemory);
     }
     void release() {
         if (fromPrimitive)

@@ -1,6 +1,7 @@
 // The two KD-tree drivers. Both unpack the region into colour planes, turn the stroke-coded
 // alpha plane into a known map and a plain alpha, check the strokes (or, in a refinement, fix a
 // frame), solve the tree leaf by leaf and put the result back into the stroke coding.
+#include "frame/fault.h"
 #include "keepcut/kd_drivers.h"
 
 #include <algorithm>
@@ -127,7 +128,7 @@ struct DriverImages {
         }
         if (unknownCount < 3 || cutCount < 1 || keepCount < 1) {
             restoreFlags();
-            throw -5;
+            fail(Fault::TooFewStrokes);
         }
     }
 };
@@ -200,7 +201,7 @@ void computeAlphaKDTreeHiRes(KeepCutRequest* request) {
 void computeAlphaKDTreePyramid(KeepCutRequest* request) {
     // Halving needs two pixels each way; a thinner region is refused before anything changes.
     lastLeafCount = 0;
-    if (request->roiWidth < 2 || request->roiHeight < 2) throw -1;
+    if (request->roiWidth < 2 || request->roiHeight < 2) fail(Fault::SizeLimit);
     setProgProc(request->progProc, request->progParam, 20000, 10);
     DriverImages im(request);
 
@@ -208,7 +209,7 @@ void computeAlphaKDTreePyramid(KeepCutRequest* request) {
     CMaskPyr pyramid;
     if (pyramid.build(planeViews, &im.known, &im.alphaMat, 1) != 0) {
         im.restoreFlags();
-        throw -1;
+        fail(Fault::SizeLimit);
     }
     GIMG<Byte>& known1 = *pyramid.getKnown(1);
     GIMG<Byte>& alpha1 = *pyramid.getAlpha(1);
@@ -234,7 +235,7 @@ void computeAlphaKDTreePyramid(KeepCutRequest* request) {
     const int planeStep = pyramid.getPlane(0, 1)->step;
     // The reduced planes are made alike and share their step; the tree needs one.
     if (pyramid.getPlane(1, 1)->step != planeStep || pyramid.getPlane(2, 1)->step != planeStep)
-        throw 102;
+        fail(Fault::ImageMemory);
     solveTree(known1.data, known1.step, planes, planeStep, alpha1.data, alpha1.step, colour.data,
               colour.step, halfWidth, halfHeight, 10000);
 

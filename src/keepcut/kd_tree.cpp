@@ -1,3 +1,4 @@
+#include "frame/fault.h"
 #include "keepcut/kd_tree.h"
 
 #include <algorithm>
@@ -224,7 +225,7 @@ void KDTree::checkMemoryUsage(KDNode* node) {
         checkMemoryUsage(node->right);
         return;
     }
-    if (unknownInBox(node, knownStep) > kMaxLeafUnknown) throw -1;
+    if (unknownInBox(node, knownStep) > kMaxLeafUnknown) fail(Fault::SizeLimit);
 }
 
 bool KDTree::leafTaken(const KDNode* node, int pass) const {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "frame/args.h"
+#include "frame/fault.h"
 #include "frame/fpmode.h"
 #include "keepcut/kd_drivers.h"
 #include "keepcut/keep_cut_original.h"
@@ -106,17 +107,13 @@ extern "C" QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes) {
     const bool needsDst = engine != qx::KeepCutEngine::Original || request->recoverFlag != 0;
     if (!qx::validKeepCutRequest(request, needsDst)) return -1000;
 
-    qx::FpModeGuard fp;
-    try {
-        return qx::keepCutToAlpha(request, engine);
-    } catch (const std::bad_alloc&) {
-        qx::recoverBrushInfo(request);
-        return -1;
-    } catch (int e) {
-        qx::recoverBrushInfo(request);
-        return e;
-    } catch (...) {
-        qx::recoverBrushInfo(request);
-        return -1000;
-    }
+    // Whichever way the job fails, the paint flags go back into the plane first.
+    return qx::guardedExport(qx::Export::KeepCut, [&] {
+        try {
+            return qx::keepCutToAlpha(request, engine);
+        } catch (...) {
+            qx::recoverBrushInfo(request);
+            throw;
+        }
+    });
 }

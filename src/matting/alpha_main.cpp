@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "frame/fault.h"
 #include "frame/progress.h"
 #include "matting/cfmatt.h"
 #include "solver/cg_solver.h"
@@ -175,7 +176,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
 
     if (!sortTriplesByRow(pixels, tripleCount, lapRows, lapCols, lapVals)) {
         cleanMemAll();
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
     progressKick();
     const int m = sortAndMergeRuns(tripleCount, lapRows, lapCols, lapVals, width);
@@ -187,7 +188,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     const int64_t n64 = pixels - static_cast<int>(coreSum / 255.0 + 0.4);
     if (n64 > kMaxSystemPixels) {
         cleanMemAll();
-        throw -1;
+        fail(Fault::SizeLimit);
     }
     const int n = static_cast<int>(n64);
 
@@ -196,7 +197,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     maskBytes = allocArray<unsigned char>(n);
     if (!unknownIndex || !knownBytes || !maskBytes) {
         cleanMemAll();
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
     // Pixels outside the system keep -1: no triple refers to them.
     std::fill(unknownIndex, unknownIndex + pixels, -1);
@@ -217,7 +218,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     alpha = static_cast<float*>(std::malloc(4 * static_cast<size_t>(n) + 32));
     if (!alpha) {
         cleanMemAll();
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
 
     // Rows of pixels that belong to no window hold their diagonal alone, an entry that is not
@@ -236,7 +237,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     double* bd = direct ? nullptr : sys.add(allocArray<double>(n));
     if (!ia || !ja || (direct ? !af : (!ad || !xd || !bd))) {
         cleanMemAll();
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
 
     // Assembly: one row per system pixel, its diagonal first. A row whose pixel belongs to no
@@ -282,7 +283,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         float* x = sys.add(allocArray<float>(n));
         if (!x) {
             cleanMemAll();
-            throw 130;
+            fail(Fault::ArrayMemory);
         }
         int failed;
         try {
@@ -293,13 +294,13 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         }
         if (failed) {
             cleanMemAll();
-            throw 125;
+            fail(Fault::SolverMemory);
         }
     } else {
         double* tmp = sys.add(static_cast<double*>(std::malloc(sizeof(double) * 4 * static_cast<size_t>(n) + 64)));
         if (!tmp) {
             cleanMemAll();
-            throw 130;
+            fail(Fault::ArrayMemory);
         }
         const int maxIterations = std::min(n, 500);
         cgSolver_jacobi(n, ad, ia, ja, bd, xd, tmp, maxIterations, 0.001);
@@ -307,7 +308,8 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         for (int i = 0; i < n; ++i) alpha[i] = static_cast<float>(xd[i]);
         if (iterations < 0) {
             cleanMemAll();
-            throw iterations + 124;
+            // The gradient solver's -1..-3 stand for the direct solver's three phases.
+            throw iterations + int(Fault::SolverMemory) - 1;
         }
     }
 

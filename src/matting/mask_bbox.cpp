@@ -159,5 +159,5 @@ extern "C" QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, 
             }
             return 1;
         },
-        [](int) { return 0; }, 0);
+        0);
 }

@@ -12,7 +12,7 @@
 #include <new>
 
 #include "frame/args.h"
-#include "frame/export_guard.h"
+#include "frame/fault.h"
 #include "frame/memory.h"
 #include "frame/progress.h"
 #include "matting/cfmatt.h"
@@ -246,10 +246,8 @@ void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow) {
 extern "C" QX_API int qxMaskAlpha(MaskRequest* request, int /*reserved*/, float unknownPixels,
                                   int fgCode, int bgCode, int levelHigh, int levelLow) {
     if (!qx::validRequest(request)) return -1000;
-    return qx::guardedCall(
-        [&] {
-            return qx::maskAlphaJob(request, unknownPixels, static_cast<unsigned char>(fgCode),
-                                    static_cast<unsigned char>(bgCode), levelHigh, levelLow);
-        },
-        [](int e) { return e - 1000; }, -1000);
+    return qx::guardedExport(qx::Export::MaskAlpha, [&] {
+        return qx::maskAlphaJob(request, unknownPixels, static_cast<unsigned char>(fgCode),
+                                static_cast<unsigned char>(bgCode), levelHigh, levelLow);
+    });
 }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "frame/fault.h"
 #include "matting/cfmatt.h"
 
 namespace qx {
@@ -63,7 +64,7 @@ int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
     const int64_t capacity = windows * 50;
     *count = static_cast<int>(std::clamp<int64_t>(capacity, INT32_MIN, INT32_MAX));
     if (capacity <= 0) return 4;
-    if (capacity > kMaxTriples) throw -1;
+    if (capacity > kMaxTriples) fail(Fault::SizeLimit);
 
     // Window ordinals by row: the triples of window k stand at 45k, in window order, whatever
     // thread builds them.
@@ -84,7 +85,7 @@ int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
     lapDiag = static_cast<float*>(std::calloc(static_cast<size_t>(pixels), sizeof(float)));
     if (!lapVals || !lapRows || !lapCols || !lapDiag) {
         cleanMemAll();
-        throw 130;
+        fail(Fault::ArrayMemory);
     }
 
     // A window adds to the row sums of three image rows, so window rows three apart never touch

@@ -4,14 +4,15 @@
 
 #include <cstddef>
 
+#include "frame/fault.h"
 #include "solver/direct_solver.h"
 
 namespace qx {
 namespace detail {
 
-constexpr int kAnalysisFailed = 121;
-constexpr int kFactorisationFailed = 122;
-constexpr int kSolveFailed = 123;
+constexpr int kAnalysisFailed = int(Fault::SolverAnalysis);
+constexpr int kFactorisationFailed = int(Fault::SolverFactorisation);
+constexpr int kSolveFailed = int(Fault::SolverSolve);
 
 // Thrown inside a backend when memory ran out in the given phase; the entry decides between the
 // memory path and the phase's integer.

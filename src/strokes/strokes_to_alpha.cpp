@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "frame/args.h"
-#include "frame/export_guard.h"
+#include "frame/fault.h"
 #include "frame/progress.h"
 #include "qxiveilon31.h"
 
@@ -118,16 +118,8 @@ int strokesJob(const StrokeMatteRequest& r) {
 
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
-    const int status = qx::guardedCall(
-        [&] {
-            try {
-                return qx::strokesJob(*request);
-            } catch (const std::bad_alloc&) {
-                return -1;
-            }
-        },
-        [](int e) { return e == 102 || e == 112 || e == 113 || e == 125 || e == 130 ? -1 : -1000; },
-        -1000);
+    const int status =
+        qx::guardedExport(qx::Export::StrokesToAlpha, [&] { return qx::strokesJob(*request); });
     // This job's callback never outlives it.
     qx::setProgProc(nullptr, nullptr, 0, 0);
     return status;
