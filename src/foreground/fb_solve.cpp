@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "foreground/sparse_csr.h"
+#include "solver/sparse.h"
 #include "frame/progress.h"
 #include "solver/direct_solver.h"
 

@@ -1,7 +1,7 @@
 // The least-squares separation of one block of pixels into foreground and background colours.
 #pragma once
 
-#include "foreground/sparse_csr.h"
+#include "solver/sparse.h"
 #include "image/img.h"
 
 namespace qx {

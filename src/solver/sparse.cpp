@@ -1,4 +1,4 @@
-#include "foreground/sparse_csr.h"
+#include "solver/sparse.h"
 
 #include <algorithm>
 #include <cmath>

@@ -3,7 +3,7 @@
 #include <random>
 #include <vector>
 
-#include "foreground/sparse_csr.h"
+#include "solver/sparse.h"
 
 namespace {
 
