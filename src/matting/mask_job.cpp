@@ -106,8 +106,10 @@ void hardValueRule(Plane8& result, const Plane8& tri) {
     }
 }
 
+}  // namespace
+
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
-                 unsigned char bgCode, int levelHigh, int levelLow) {
+                 unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes) {
     setProgProc(req->progProc, req->progParam, 130, 10);
     const int width = req->width, height = req->height;
 
@@ -118,7 +120,8 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     PlanePtr mask = std::make_unique<Plane8>(width, height, req->mask, req->maskStep);
     Copy(*mask, savedTri);
 
-    const RunChoice run = chooseMaskRun(width, height, unknownPixels, maskBudget());
+    const RunChoice run = chooseMaskRun(width, height, unknownPixels,
+                                        budgetBytes > 0.0 ? budgetBytes : maskBudget());
     if (run.width < 1 || run.height < 1) return -1000;  // nothing written yet
     Plane8* full[3] = {colour[0].get(), colour[1].get(), colour[2].get()};
     if (run.kind == RunKind::Direct) {
@@ -166,6 +169,8 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     hardValueRule(*mask, savedTri);
     return 1;
 }
+
+namespace {
 
 bool validRequest(const MaskRequest* req) {
     if (!req || !req->planes || !req->mask) return false;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "matting/cfmatt.h"
+#include "qxiveilon31.h"
 
 namespace qx {
 
@@ -18,6 +19,12 @@ struct RunChoice {
 // both by the square of the scale. Images of 1,500,000 pixels or more and jobs of 400,000
 // undecided pixels or more never run at full size.
 RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budgetBytes);
+
+// The tri-map job on a checked request: the run chosen for budgetBytes (0: the library's own
+// budget), solved, brought back to the request's size; only pixels given as exactly 0 or 255
+// may come back as 0 or 255. Returns 1; failures are thrown.
+int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
+                 unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes = 0.0);
 
 // One run: closed-form solve with sharpening, cross bilateral clean-up along the colour edges,
 // final levels. The colour views and the mask share one size. Returns 1.
