@@ -1,0 +1,145 @@
+// The stroke engine against a scene whose alpha is known, beside the tri-map job on the same
+// strokes; its refusals, painted pixels, memory budget and progress.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "frame/progress.h"
+#include "qxiveilon31.h"
+#include "qxworkflow.h"
+
+namespace {
+
+struct Scene {
+    int w, h;
+    std::vector<unsigned char> bgr, truth, strokes, coded;  // coded: the library's stroke coding
+    Scene(int width, int height) : w(width), h(height), bgr(size_t(w) * h * 3), truth(size_t(w) * h),
+                                   strokes(size_t(w) * h), coded(size_t(w) * h) {
+        const QxwColourOut image{bgr.data(), 3 * w};
+        EXPECT_EQ(qxwDemoScene(w, h, 7, &image, nullptr, 0, truth.data(), w, nullptr,
+                               strokes.data(), w),
+                  QXW_OK);
+        for (size_t i = 0; i < coded.size(); ++i)
+            coded[i] = strokes[i] == 255 ? 255 : strokes[i] == 0 ? 1 : 128;
+    }
+    StrokeMatteRequest request(std::vector<unsigned char>& alpha) {
+        StrokeMatteRequest r{};
+        r.image = bgr.data();
+        r.imageStep = 3 * w;
+        r.imageChannels = 3;
+        r.strokes = coded.data();
+        r.strokesStep = w;
+        r.width = w;
+        r.height = h;
+        alpha.assign(size_t(w) * h, 77);
+        r.alpha = alpha.data();
+        r.alphaStep = w;
+        return r;
+    }
+    // Mean absolute error over the unpainted pixels, on the 0..255 scale.
+    double error(const std::vector<unsigned char>& alpha) const {
+        double sum = 0;
+        long n = 0;
+        for (size_t i = 0; i < alpha.size(); ++i)
+            if (!(coded[i] & 1)) sum += std::abs(alpha[i] - truth[i]), ++n;
+        return sum / n;
+    }
+};
+
+TEST(StrokesToAlpha, NearTheTruthAndNoWorseThanTheTrimapJob) {
+    Scene s(360, 280);
+    std::vector<unsigned char> alpha;
+    StrokeMatteRequest r = s.request(alpha);
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    for (size_t i = 0; i < alpha.size(); ++i) {
+        if (s.coded[i] == 255) {
+            ASSERT_EQ(alpha[i], 255);
+        } else if (s.coded[i] == 1) {
+            ASSERT_EQ(alpha[i], 0);
+        }
+    }
+    std::vector<unsigned char> byTrimap(alpha.size());
+    const QxwImage image{s.bgr.data(), 3 * s.w, 3, s.w, s.h, QXW_BGR};
+    ASSERT_EQ(qxwMatteTrimap(&image, s.strokes.data(), s.w, 255, 0, 255, 0, byTrimap.data(), s.w,
+                             nullptr),
+              QXW_OK);
+    EXPECT_LT(s.error(alpha), 16.0);  // 13.5 measured
+    EXPECT_LE(s.error(alpha), 1.05 * s.error(byTrimap));
+
+    // The same image with four bytes a pixel gives the same alpha.
+    std::vector<unsigned char> bgra(size_t(s.w) * s.h * 4, 200), alpha4;
+    for (size_t i = 0; i < size_t(s.w) * s.h; ++i)
+        for (int c = 0; c < 3; ++c) bgra[4 * i + c] = s.bgr[3 * i + c];
+    r = s.request(alpha4);
+    r.image = bgra.data();
+    r.imageStep = 4 * s.w;
+    r.imageChannels = 4;
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    EXPECT_EQ(alpha4, alpha);
+}
+
+TEST(StrokesToAlpha, ASmallBudgetSolvesReducedAndStaysClose) {
+    Scene s(360, 280);
+    std::vector<unsigned char> full, reduced;
+    StrokeMatteRequest r = s.request(full);
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    r = s.request(reduced);
+    r.memoryBudgetMB = 20;  // far below the full-resolution solve's need
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    EXPECT_NE(reduced, full);
+    EXPECT_LT(s.error(reduced), 2.0 * s.error(full) + 2.0);
+}
+
+TEST(StrokesToAlpha, RefusalsAndTooFewStrokesWriteNothing) {
+    Scene s(64, 48);
+    std::vector<unsigned char> alpha;
+    const StrokeMatteRequest good = s.request(alpha);
+    const std::vector<unsigned char> before = alpha;
+    EXPECT_EQ(qxStrokesToAlpha(nullptr), -2);
+    StrokeMatteRequest r = good;
+    r.imageChannels = 2;
+    EXPECT_EQ(qxStrokesToAlpha(&r), -2);
+    r = good;
+    r.alphaStep = s.w - 1;
+    EXPECT_EQ(qxStrokesToAlpha(&r), -2);
+    r = good;
+    r.strokes = nullptr;
+    EXPECT_EQ(qxStrokesToAlpha(&r), -2);
+    for (unsigned char& c : s.coded)
+        if (c == 1) c = 128;  // keep strokes only
+    EXPECT_EQ(qxStrokesToAlpha(&good), -5);
+    EXPECT_EQ(alpha, before);
+}
+
+TEST(StrokesToAlpha, AnImagePaintedEverywhereComesBackAsPainted) {
+    Scene s(40, 30);
+    for (size_t i = 0; i < s.coded.size(); ++i) s.coded[i] = static_cast<unsigned char>(i % 256) | 1;
+    std::vector<unsigned char> alpha;
+    StrokeMatteRequest r = s.request(alpha);
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    for (size_t i = 0; i < alpha.size(); ++i) {
+        const unsigned v = s.coded[i];
+        ASSERT_EQ(alpha[i], (v & 0xFE) + ((v >> 1) & 1));
+    }
+}
+
+int reports = 0;
+int countReport(int, int, void* param) {
+    reports += param == &reports;
+    return 1;
+}
+
+TEST(StrokesToAlpha, ReportsToItsOwnCallbackAndLeavesNoneInstalled) {
+    Scene s(120, 90);
+    std::vector<unsigned char> alpha;
+    StrokeMatteRequest r = s.request(alpha);
+    r.progProc = countReport;
+    r.progParam = &reports;
+    reports = 0;
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    EXPECT_GT(reports, 0);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
+}
+
+}  // namespace
