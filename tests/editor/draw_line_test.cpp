@@ -14,14 +14,6 @@ namespace {
 
 using qxtest::PaddedPlane;
 
-// The pixels of `p` that differ from `background`, as a count.
-int changed(const PaddedPlane& p, uint8_t background) {
-    int n = 0;
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x) n += p.at(x, y) != background;
-    return n;
-}
-
 TEST(DrawLine, ModesWriteTheirCodes) {
     struct Case {
         unsigned char mode, value, expected;
@@ -38,18 +30,6 @@ TEST(DrawLine, ModesWriteTheirCodes) {
     }
 }
 
-TEST(DrawLine, RadiusZeroIsOnePixelWide) {
-    PaddedPlane p(12, 8, 1, 50);
-    qxDrawLine8u(p.data(), p.step, 12, 8, 2, 3, 8, 3, 0, 1, 0);
-    for (int x = 2; x <= 8; ++x) EXPECT_EQ(p.at(x, 3), 255);
-    EXPECT_EQ(changed(p, 50), 7);
-
-    PaddedPlane d(8, 8);  // a diagonal is 8-connected: no stair steps
-    qxDrawLine8u(d.data(), d.step, 8, 8, 1, 1, 6, 6, 0, 1, 0);
-    for (int i = 1; i <= 6; ++i) EXPECT_EQ(d.at(i, i), 255);
-    EXPECT_EQ(changed(d, 0), 6);
-}
-
 TEST(DrawLine, WideBrushClipsAtThePlaneAndWritesOnlyTheCode) {
     PaddedPlane p(10, 9, 1, 50, 3);
     EXPECT_EQ(qxDrawLine8u(p.data(), p.step, 10, 9, -20, 4, 40, 4, 2, 3, 100), 1);
@@ -61,12 +41,6 @@ TEST(DrawLine, WideBrushClipsAtThePlaneAndWritesOnlyTheCode) {
                 EXPECT_EQ(p.at(x, y), 101);  // at least 2*radius + 1 rows
             }
         }
-}
-
-TEST(DrawLine, StepZeroMeansPackedRows) {
-    std::vector<uint8_t> packed(7 * 5, 0);
-    EXPECT_EQ(qxDrawLine8u(packed.data(), 0, 7, 5, 3, 0, 3, 4, 0, 1, 0), 1);
-    for (int i = 0; i < 7 * 5; ++i) EXPECT_EQ(packed[i], i % 7 == 3 ? 255 : 0) << i;
 }
 
 TEST(DrawLine, RefusesBadArgumentsWithoutWriting) {
@@ -184,23 +158,6 @@ TEST(DrawLineFarEnds, FarEndsDrawTheSameLineAsNearOnes) {
     }
     // Edge differences are the exception, not the rule.
     EXPECT_GT(identical, compared * 3 / 4);
-}
-
-TEST(DrawLineFarEnds, EndsWithinTheNearLimitAreDrawnByCvLineUnchanged) {
-    std::mt19937 rng(5);
-    const int spans[] = {30, 5000, 1 << 20};
-    for (int it = 0; it < 300; ++it) {
-        const int w = 16 + int(rng() % 50), h = 16 + int(rng() % 50), radius = int(rng() % 12);
-        const int span = spans[it % 3];
-        auto coordinate = [&](int extent) { return int(rng() % (extent + 2 * span)) - span; };
-        const int x0 = coordinate(w), y0 = coordinate(h), x1 = coordinate(w), y1 = coordinate(h);
-        const PaddedPlane p = drawn(w, h, x0, y0, x1, y1, radius);
-        cv::Mat ref(h, w, CV_8UC1, cv::Scalar(0));
-        cv::line(ref, {x0, y0}, {x1, y1}, cv::Scalar(255), 2 * radius + 1, cv::LINE_8, 0);
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                ASSERT_EQ(p.at(x, y), ref.at<uint8_t>(y, x)) << it << " at " << x << "," << y;
-    }
 }
 
 }  // namespace

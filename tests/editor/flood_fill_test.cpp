@@ -32,19 +32,6 @@ TEST(FloodFill, SeedAlreadyPaintedChangesNothing) {
     }
 }
 
-TEST(FloodFill, SeedOutsideThePlaneReturnsMinusThree) {
-    PaddedPlane p(6, 5, 1, 40);
-    const auto before = p.buf;
-    Rect r;
-    EXPECT_EQ(fill(p, 6, 0, 1, r), -3);
-    EXPECT_EQ(r, (Rect{0, 0, 0, 0}));
-    EXPECT_EQ(fill(p, 0, 5, 1, r), -3);
-    EXPECT_EQ(fill(p, -1, 0, 1, r), -3);
-    EXPECT_EQ(fill(p, 0, -1, 1, r), -3);
-    EXPECT_EQ(r, (Rect{0, 0, 0, 0}));
-    EXPECT_EQ(p.buf, before);
-}
-
 TEST(FloodFill, DiagonalChainIsOneRegion) {
     PaddedPlane p(10, 8, 1, 126);
     for (int i = 1; i <= 4; ++i) p.at(i, i) = 1;
@@ -97,16 +84,6 @@ TEST(FloodFill, ModeTwoResetsTheUndecidedRegionAndReportsTheWholePlane) {
     EXPECT_EQ(q.at(1, 1), 126);
     EXPECT_EQ(q.at(2, 2), 126);
     EXPECT_EQ(q.at(0, 0), 200);
-}
-
-TEST(FloodFill, OtherModesOnlyReportTheRegion) {
-    PaddedPlane p(10, 8, 1, 126);
-    p.at(2, 5) = p.at(3, 6) = 255;
-    const auto before = p.buf;
-    Rect r;
-    EXPECT_EQ(fill(p, 2, 5, 5, r), 1);
-    EXPECT_EQ(r, (Rect{2, 5, 2, 2}));
-    EXPECT_EQ(p.buf, before);
 }
 
 TEST(FloodFill, RefusesBadArgumentsWithoutWriting) {

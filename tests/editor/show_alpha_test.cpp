@@ -151,46 +151,7 @@ TEST(ShowImageAlpha, ColourStylesBlendByAlphaInEighths) {
     EXPECT_EQ(d.pixel(1), (Px{254, 128, 100, 255}));
 }
 
-TEST(ShowImageAlpha, OtherStylesDoNothingAndBadArgumentsAreRefused) {
-    Display d({1, 2, 3, 4}, {0, 255});
-    uint8_t* img = d.image.data();
-    uint8_t* a = d.alpha.data();
-    const int is = d.image.step, as = d.alpha.step;
-    const auto before = d.image.buf;
-    EXPECT_EQ(d.show(0), 1);
-    EXPECT_EQ(d.show(7), 1);
-    EXPECT_EQ(d.show(3, 255, 0, nullptr), 0);  // colour needed
-    EXPECT_EQ(d.show(5, 90, 90), 0);           // nothing to stretch between
-    EXPECT_EQ(qxShowImageAlpha(nullptr, is, 2, 2, a, as, 255, 0, 2, nullptr), 0);
-    EXPECT_EQ(qxShowImageAlpha(img, is, 2, 2, nullptr, as, 255, 0, 2, nullptr), 0);
-    EXPECT_EQ(qxShowImageAlpha(img, 7, 2, 2, a, as, 255, 0, 2, nullptr), 0);
-    EXPECT_EQ(qxShowImageAlpha(img, is, 2, 2, a, 1, 255, 0, 2, nullptr), 0);
-    EXPECT_EQ(qxShowImageAlpha(img, is, 2, 0, a, as, 255, 0, 2, nullptr), 0);
-    EXPECT_EQ(d.image.buf, before);
-    EXPECT_EQ(d.show(1, 90, 90), 1);  // the levels only matter to styles 3 to 6
-}
-
 // ---- qxShowKeepBlend -------------------------------------------------------------------------
-
-TEST(ShowKeepBlend, WeightsTruncateAndLeaveTheOpacityByte) {
-    struct Case {
-        float weight;
-        Px expected;
-    };
-    // image (100, 0, 200, 77), keep (201, 255, 0, 5)
-    const Case cases[] = {{0.0f, {100, 0, 200, 77}},
-                          {1.0f, {201, 255, 0, 77}},
-                          {0.5f, {150, 127, 100, 77}},  // 150.5, 127.5 truncated
-                          {0.25f, {125, 63, 150, 77}}};
-    for (const Case& c : cases) {
-        PaddedPlane image(3, 2, 4, 0, 3), keep(3, 2, 4, 0, 6);
-        image.setPixels({100, 0, 200, 77});
-        keep.setPixels({201, 255, 0, 5});
-        qxShowKeepBlend(image.data(), image.step, 3, 2, keep.data(), keep.step, 0, 0, c.weight);
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(image.at(2, 1, i), c.expected[i]) << c.weight;
-        EXPECT_TRUE(image.padsIntact());
-    }
-}
 
 TEST(ShowKeepBlend, BadArgumentsLeaveTheImageAlone) {
     PaddedPlane image(3, 2, 4, 50), keep(3, 2, 4, 200);

@@ -121,56 +121,6 @@ TEST_F(Recovery, DecidedAlphaSkipsEveryCellAndCopiesTheSourceInsideTheFrame) {
         }
 }
 
-TEST_F(Recovery, KeptSourceThresholds) {
-    // A checkerboard source: what isn't kept comes back blurred by the reduction, what is kept
-    // comes back exact. Columns by alpha: 250 | 251 | 4 | 5 (the whole-region entry keeps 251
-    // and 4, not 250 or 5; none of them makes a cell mixed).
-    Host h(240, 120);
-    const uint8_t codes[4] = {250, 251, 4, 5};
-    for (int y = 0; y < 120; ++y)
-        for (int x = 0; x < 240; ++x) {
-            const uint8_t v = (x + y) % 2 ? 255 : 0;
-            std::memset(h.px(h.src, x, y), v, 4);
-            h.alpha[size_t(y) * 240 + x] = codes[x / 60];
-        }
-    ASSERT_EQ(qxRecoverForeground(&h.req, 0), 0);
-    for (int band = 0; band < 4; ++band) {
-        int exact = 0, total = 0;
-        for (int y = 20; y < 100; ++y)
-            for (int x = band * 60 + 10; x < band * 60 + 50; ++x, ++total)
-                exact += h.px(h.dst, x, y)[0] == h.px(h.src, x, y)[0];
-        if (band == 1 || band == 2) {
-            EXPECT_EQ(exact, total) << "alpha " << int(codes[band]);
-        } else {
-            EXPECT_LT(exact, total / 10) << "alpha " << int(codes[band]);
-        }
-    }
-}
-
-TEST_F(Recovery, CellWiseKeepsFrom252Not251) {
-    // From strokes alone (s = 0.18), destination 0: a kept pixel comes out as trunc(src * r)
-    // with r the window's weight; one that isn't kept comes from the reduced image and misses
-    // that value almost everywhere (the source is a fine pattern that the reduction can't keep).
-    Host h(300, 200);
-    for (int y = 0; y < 200; ++y)
-        for (int x = 0; x < 300; ++x) {
-            std::memset(h.px(h.src, x, y), uint8_t((x * 7919 + y * 104729) % 251), 4);
-            h.alpha[size_t(y) * 300 + x] = x < 150 ? 251 : 252;
-        }
-    ASSERT_EQ(qxRecoverForegroundCell(&h.req, 0), 1);
-    const std::vector<float> r = qx::featherWindow(300, 200);
-    int kept[2] = {0, 0}, total[2] = {0, 0};
-    for (int y = 80; y < 120; ++y)
-        for (int x = 110; x < 190; ++x) {
-            const int side = x < 150 ? 0 : 1;
-            const float v = float(h.px(h.src, x, y)[0]) * r[size_t(y) * 300 + x];
-            kept[side] += h.px(h.dst, x, y)[0] == int(v);
-            ++total[side];
-        }
-    EXPECT_LT(kept[0], total[0] / 4);  // 251: not kept
-    EXPECT_EQ(kept[1], total[1]);      // 252: kept
-}
-
 TEST_F(Recovery, FramesOfBothEntries) {
     // Alpha 0 keeps the source (255) everywhere; the destination starts at 0.
     for (int mode : {0, 1}) {
@@ -210,24 +160,6 @@ TEST_F(Recovery, FramesOfBothEntries) {
 
 // ---- Feathering ------------------------------------------------------------------------------
 
-TEST(Feathering, RampValuesByHand) {
-    const std::vector<float> r = qx::featherRamp(200, 150);
-    auto at = [&](int x, int y) { return r[size_t(y) * 200 + x]; };
-    EXPECT_EQ(at(0, 75), 0.0f);
-    EXPECT_EQ(at(100, 0), 0.0f);
-    EXPECT_FLOAT_EQ(at(32, 75), 0.5f);
-    EXPECT_FLOAT_EQ(at(100, 75), 1.0f);
-    EXPECT_FLOAT_EQ(at(136, 75), 1.0f);            // 136 is not above 200 - 64
-    EXPECT_FLOAT_EQ(at(137, 75), 63.0f / 64.0f);
-    EXPECT_FLOAT_EQ(at(199, 75), 1.0f / 64.0f);
-    EXPECT_FLOAT_EQ(at(16, 140), 0.25f * 10.0f / 64.0f);
-    // Narrower than 65 columns: only the left ramp.
-    const std::vector<float> n = qx::featherRamp(50, 150);
-    EXPECT_FLOAT_EQ(n[size_t(75) * 50 + 49], 49.0f / 64.0f);
-    const std::vector<float> m = qx::featherRamp(65, 150);
-    EXPECT_FLOAT_EQ(m[size_t(75) * 65 + 64], 1.0f / 64.0f);
-}
-
 TEST_F(Recovery, EdgeBlendFollowsTheRamp) {
     Host h(200, 150, 100);
     for (size_t i = 0; i < h.src.size(); ++i) h.src[i] = 201;  // alpha 0: the source is kept
@@ -241,32 +173,6 @@ TEST_F(Recovery, EdgeBlendFollowsTheRamp) {
     for (size_t i = 0; i < g.src.size(); ++i) g.src[i] = 201;
     ASSERT_EQ(qxRecoverForeground(&g.req, 0x100), 0);
     EXPECT_EQ(g.px(g.dst, 32, 75)[0], 201);
-}
-
-TEST(Feathering, WindowIsTheTableAndVanishesAtTheBorder) {
-    const std::vector<float> t = qx::featherWindow(13, 13);
-    auto at = [&](int i, int j) { return t[size_t(i) * 13 + j]; };
-    EXPECT_NEAR(at(6, 6), 1.0f, 1e-6);
-    EXPECT_NEAR(at(1, 2), 0.001f, 1e-6);
-    EXPECT_NEAR(at(2, 6), 0.1041f, 1e-6);
-    EXPECT_NEAR(at(4, 5), 0.4932f, 1e-6);
-    for (int k = 0; k < 13; ++k) {
-        EXPECT_NEAR(at(0, k), 0.0f, 1e-6);
-        EXPECT_NEAR(at(12, k), 0.0f, 1e-6);
-        for (int j : {0, 1, 11, 12}) EXPECT_NEAR(at(k, j), 0.0f, 1e-6);
-        for (int j = 0; j < 13; ++j) {
-            EXPECT_NEAR(at(k, j), at(12 - k, j), 1e-6);
-            EXPECT_NEAR(at(k, j), at(k, 12 - j), 1e-6);
-        }
-    }
-    const std::vector<float> big = qx::featherWindow(260, 130);
-    auto b = [&](int x, int y) { return big[size_t(y) * 260 + x]; };
-    for (int y = 0; y < 130; ++y) {
-        EXPECT_LT(std::abs(b(0, y)), 0.01f);
-        EXPECT_LT(std::abs(b(259, y)), 0.01f);
-    }
-    for (int x = 0; x < 260; ++x) EXPECT_LT(std::abs(b(x, 0)), 0.01f);
-    EXPECT_GT(b(130, 65), 0.95f);
 }
 
 // ---- Progress ----------------------------------------------------------------------------------
@@ -323,23 +229,6 @@ TEST_F(Recovery, OneCellImageReportsAsManyStepsAsTwoCells) {
     EXPECT_EQ(reports(400, 300, 100.0), twoCells);
 }
 
-TEST_F(Recovery, WholeRegionKeepsTheInstalledCallbackAndSetsItsStep) {
-    // 400 x 300 at 0.25 is 100 x 75: one cell, step 10000 / (7500 / (2.25 * 7500)) = 22500.
-    const fgtest::Scene s = fgtest::discScene(400, 300, 100.0, 30.0);
-    Host h(s);
-    Calls calls;
-    qx::setProgProc(record, &calls, 5, 1);
-    ASSERT_EQ(qxRecoverForeground(&h.req, 0), 0);
-    const qx::ProgressSnapshot st = qx::progressState();
-    EXPECT_EQ(st.proc, &record);
-    EXPECT_EQ(st.param, &calls);
-    EXPECT_EQ(st.total, 20000);
-    EXPECT_EQ(st.step, 22500);
-    ASSERT_FALSE(calls.current.empty());
-    // 22500 overruns 20000 at once: every report is the fallback to half.
-    for (int c : calls.current) EXPECT_EQ(c, 10000);
-}
-
 // ---- Refusals and failures -------------------------------------------------------------------
 
 TEST_F(Recovery, BadRequestsAreRefusedWithoutWriting) {
@@ -392,25 +281,6 @@ TEST_F(Recovery, ImageFailureBecomesItsStatusAndLeavesTheDestination) {
     EXPECT_EQ(qxRecoverForeground(&h.req, 0), 102 - 1000);
     qx::prim::failNextAllocations(0);
     EXPECT_EQ(h.dst, before);
-}
-
-TEST_F(Recovery, TinyRegionsAreServed) {
-    // Under 4 pixels the reduced image is empty; the region still gets the source where alpha
-    // is decided and nothing breaks.
-    for (int w : {1, 2, 3, 5}) {
-        Host h(w, 3, 0);
-        for (size_t i = 0; i < h.src.size(); ++i) h.src[i] = 90;
-        EXPECT_EQ(qxRecoverForeground(&h.req, 1), 0) << w;
-        EXPECT_EQ(qxRecoverForegroundCell(&h.req, 0), 1) << w;
-        h.req.regionMode = 2;
-        EXPECT_EQ(qxRecoverForegroundCell(&h.req, 0), 1) << w;
-        EXPECT_TRUE(std::all_of(h.dst.begin(), h.dst.end(), [](uint8_t v) { return v <= 90; }));
-    }
-    // A 3 x 3 region from strokes alone has a frame of 1: the centre is written.
-    Host h(3, 3, 0);
-    for (size_t i = 0; i < h.src.size(); ++i) h.src[i] = 90;
-    EXPECT_EQ(qxRecoverForegroundCell(&h.req, 0), 1);
-    EXPECT_GT(h.px(h.dst, 1, 1)[0], 0);
 }
 
 }  // namespace

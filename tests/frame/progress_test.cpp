@@ -36,14 +36,6 @@ TEST(Progress, KickReturnsTheCallbacksResult) {
     EXPECT_EQ(qx::progressKick(), 7);
 }
 
-TEST(Progress, ZeroTotalReportsZero) {
-    Recorder r;
-    qx::setProgProc(record, &r, 0, 10);
-    qx::progressKick();
-    qx::progressKick();
-    EXPECT_EQ(r.current, (std::vector<int>{0, 0}));
-}
-
 TEST(Progress, NoCallbackWithoutParameter) {
     Recorder r;
     qx::setProgProc(record, nullptr, 130, 10);
@@ -51,27 +43,6 @@ TEST(Progress, NoCallbackWithoutParameter) {
     qx::setProgProc(nullptr, &r, 130, 10);
     EXPECT_EQ(qx::progressKick(), 1);
     EXPECT_TRUE(r.current.empty());
-}
-
-TEST(Progress, SetRangeKeepsTheCurrentValue) {
-    Recorder r;
-    qx::setProgProc(record, &r, 100, 30);
-    qx::progressKick();
-    EXPECT_EQ(qx::setProgRange(1000, 5), 30);
-    qx::progressKick();
-    EXPECT_EQ(r.current.back(), 35);
-}
-
-TEST(Progress, InitClearsEverything) {
-    Recorder r;
-    qx::setProgProc(record, &r, 100, 30);
-    qx::initProgProc();
-    const auto s = qx::progressState();
-    EXPECT_EQ(s.proc, nullptr);
-    EXPECT_EQ(s.param, nullptr);
-    EXPECT_EQ(s.total, 0);
-    EXPECT_EQ(s.current, 0);
-    EXPECT_EQ(s.step, 0);
 }
 
 TEST(Progress, KicksFromParallelThreadsAreAllCounted) {

@@ -40,25 +40,6 @@ struct Planes {
     }
 };
 
-TEST(GrabCutEdgeGen, BandWidthOneOnlyThresholds) {
-    Planes p(9, 5, 0);
-    p.fill({2, 1, 4, 3}, 254);
-    p.result.at(3, 2) = 253;  // below 254: background
-    p.result.at(0, 0) = 255;  // a fixed foreground code stays itself
-    GrabCutRequest r = p.request();
-    qxGrabCutEdgeGen(&r, 1);
-    EXPECT_EQ(p.mask.at(0, 0), 255);
-    p.mask.at(0, 0) = 0;
-    p.mask.at(3, 2) = p.mask.at(3, 2) == 0 ? 77 : p.mask.at(3, 2);
-    EXPECT_EQ(p.picture(),
-              ".........\n"
-              "..####...\n"
-              "..#?##...\n"
-              "..####...\n"
-              ".........\n");
-    EXPECT_TRUE(p.mask.padIntact());
-}
-
 TEST(GrabCutEdgeGen, BandOfRadiusOneAroundASquare) {
     // bandWidth 3: r = 1, the brush is a plus. The square's own outer ring erodes away (every
     // ring pixel has a 4-neighbour outside); the dilation adds the 4-neighbours outside, which
@@ -79,21 +60,6 @@ TEST(GrabCutEdgeGen, BandOfRadiusOneAroundASquare) {
               ".~~~~~~~~~.\n"
               "..~~~~~~~..\n"
               "...........\n");
-}
-
-TEST(GrabCutEdgeGen, ImageBorderNeitherErodesNorGrows) {
-    // A selection along the left and top edges: no band along the image's border.
-    Planes p(8, 6, 0);
-    p.fill({0, 0, 4, 3}, 254);
-    GrabCutRequest r = p.request();
-    qxGrabCutEdgeGen(&r, 3);
-    EXPECT_EQ(p.picture(),
-              "###~~...\n"
-              "###~~...\n"
-              "~~~~~...\n"
-              "~~~~....\n"
-              "........\n"
-              "........\n");
 }
 
 TEST(GrabCutEdgeGen, FullAndEmptySelections) {
@@ -174,17 +140,6 @@ TEST(GrabCutEdgeGen, RefusalsWriteNothing) {
         EXPECT_TRUE(p.mask == before) << c.what;
     }
     qxGrabCutEdgeGen(nullptr, 5);
-}
-
-TEST(GrabCutEdgeGen, VeryWideBandsCoverTheWholeRegion) {
-    // A disc wider than the region: everything that is not fully inside or outside the
-    // selection is band, here every pixel.
-    Planes p(30, 20, 0);
-    p.fill({10, 5, 6, 6}, 254);
-    GrabCutRequest r = p.request();
-    qxGrabCutEdgeGen(&r, 32767);
-    for (int y = 0; y < 20; ++y)
-        for (int x = 0; x < 30; ++x) ASSERT_EQ(p.mask.at(x, y), 126);
 }
 
 // OpenCV's own morphology on a padded copy, as the band is defined: the brush is the filled

@@ -121,17 +121,6 @@ TEST(GrabCutEntry, FixedCodesComeBackAndWorkingCodesLoseTheirLowBit) {
     endSession(r);
 }
 
-TEST(GrabCutEntry, NullResultKeepsTheSelectionInTheMask) {
-    TwoColourScene s(150, 120, {30, 30, 60, 50});
-    GrabCutRequest r = s.request();
-    r.result = nullptr;
-    ASSERT_EQ(qxGrabCut(&r, 0), 1);
-    EXPECT_EQ(wrongPixels(s.mask, s.subject, {0, 0, 150, 120}), 0);
-    for (int y = 0; y < 120; ++y)
-        for (int x = 0; x < 150; ++x) ASSERT_EQ(s.result.at(x, y), 77);
-    endSession(r);
-}
-
 TEST(GrabCutEntry, OnlyTheRectangleIsReadAndWritten) {
     TwoColourScene s(300, 240, {90, 80, 70, 60});
     GrabCutRequest r = s.request();
@@ -330,51 +319,7 @@ TEST(GrabCutEntry, DeletingSettlesEveryCode) {
     qxGrabCutDeleteBuf(nullptr);
 }
 
-TEST(GrabCutEntry, ManySessionsLeaveNoControlBehind) {
-    TwoColourScene s(110, 104, {30, 30, 40, 40});
-    std::vector<void*> seen;
-    for (int i = 0; i < 20; ++i) {
-        GrabCutRequest r = s.request();
-        ASSERT_EQ(qxGrabCut(&r, 0), 1);
-        ASSERT_EQ(qxGrabCut(&r, 0), 1);
-        seen.push_back(r.control);
-        endSession(r);
-    }
-    for (void* p : seen) EXPECT_FALSE(isLiveGrabCutControl(p));
-}
-
 // ---- Sizes ------------------------------------------------------------------------------------
-
-TEST(GrabCutLevels, CountsAtTheBoundarySizes) {
-    const int sizes[][2] = {{100, -1}, {101, 0}, {150, 0}, {200, 0},  {201, 1},
-                            {799, 1},  {800, 2}, {1599, 2}, {1600, 3}, {3199, 3},
-                            {3200, 4}, {6399, 4}, {6400, 5}, {40000, 5}};
-    for (const auto& s : sizes) EXPECT_EQ(grabCutLevels(s[0]), s[1]) << s[0];
-}
-
-TEST(GrabCutLevels, PlansKeepThePyramidInsideItsRangeAndReduceBeyondIt) {
-    struct Want {
-        int w, h, outer, levels, ww, wh;
-    };
-    const Want wants[] = {
-        {150, 150, 0, 0, 150, 150},     // no level: full size
-        {60, 40, 0, 0, 60, 40},         // below the range: full size as well
-        {1, 1, 0, 0, 1, 1},
-        {799, 300, 0, 1, 400, 150},
-        {3199, 2000, 0, 3, 400, 250},
-        {3200, 2400, 1, 3, 200, 150},   // halved once, then the pyramid
-        {6000, 4000, 1, 3, 375, 250},
-        {12800, 20, 3, 2, 400, 1},      // too thin for the last halvings
-        {6400, 1, 0, 0, 6400, 1},       // cannot be halved at all
-    };
-    for (const Want& w : wants) {
-        const GrabCutPlan p = planGrabCut(w.w, w.h);
-        EXPECT_EQ(p.outer, w.outer) << w.w << "x" << w.h;
-        EXPECT_EQ(p.levels, w.levels) << w.w << "x" << w.h;
-        EXPECT_EQ(p.width, w.ww) << w.w << "x" << w.h;
-        EXPECT_EQ(p.height, w.wh) << w.w << "x" << w.h;
-    }
-}
 
 TEST(GrabCutSizes, SmallImagesAreCutAtFullSize) {
     TwoColourScene s(60, 40, {20, 12, 25, 17});

@@ -68,39 +68,6 @@ TEST(ImgContainer, GuardRowCatchesOneElementPastTheLastRow) {
               0);
 }
 
-TEST(ImgContainer, BorderShrinksRegionAndRestoreRectBringsItBack) {
-    GIMG<uint8_t> im(8, 6);
-    uint8_t* const raw = im.data;
-    qx::Set(uint8_t{7}, im);
-    im.border(1, 1);
-    im.width -= 1;
-    im.height -= 1;
-    EXPECT_EQ(im.data, raw + im.step + 1);
-    EXPECT_EQ(im.width, 6);
-    EXPECT_EQ(im.height, 4);
-    qx::Set(uint8_t{200}, im);
-    EXPECT_EQ(im.status, qx::prim::kOk);
-    im.restoreRect();
-    EXPECT_EQ(im.data, raw);
-    EXPECT_EQ(im.width, 8);
-    EXPECT_EQ(im.height, 6);
-    for (int y = 0; y < 6; ++y)
-        for (int x = 0; x < 8; ++x) {
-            const bool inner = x >= 1 && x <= 6 && y >= 1 && y <= 4;
-            EXPECT_EQ(im.ptr(x, y)[0], inner ? 200 : 7) << x << "," << y;
-        }
-}
-
-TEST(ImgContainer, RoiRectMovesCornerAndResizes) {
-    GIMG<float> im(10, 10);
-    float* const raw = im.data;
-    im.roiRect(2, 3, -4, -5);  // border(2, 3) then width += -4, height += -5
-    EXPECT_EQ(im.data, reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(raw) + 3 * im.step) + 2);
-    EXPECT_EQ(im.width, 4);
-    EXPECT_EQ(im.height, 2);
-    EXPECT_EQ(im.ptr(1, 1), reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(raw) + 4 * im.step) + 3);
-}
-
 TEST(ImgContainer, PrimitiveStatusLandsInDestination) {
     GIMG<uint8_t> a(4, 4), b(4, 4);
     b.width = 0;
@@ -133,14 +100,6 @@ TEST(ImgContainer, FailedAllocationThrowsBySize) {
     EXPECT_EQ(thrownCode([] { IMG3<float> im(100, 100); }), 102);
     qx::prim::failNextAllocations(0);
     EXPECT_EQ(thrownCode([] { GIMG<uint8_t> im(-1, 3); }), 102);
-}
-
-TEST(ImgContainer, PointerHelpersCompareByValueAndPreferTheFirst) {
-    const float a = 1.0f, b = 1.0f, c = 0.5f;
-    EXPECT_EQ(qx::fminPtr(&a, &b), &a);
-    EXPECT_EQ(qx::fmaxPtr(&a, &b), &a);
-    EXPECT_EQ(qx::fminPtr(&a, &c), &c);
-    EXPECT_EQ(qx::fmaxPtr(&c, &a), &a);
 }
 
 }  // namespace

@@ -19,22 +19,6 @@ using qxtest::StrokeScene;
 
 namespace {
 
-TEST(KeepCutEngineChoice, SmallRefinementsTakeTheWindowedEngine) {
-    // 967 * 968 = 936,056 is below 937,024; 968 * 968 = 937,024 is not.
-    EXPECT_EQ(qx::chooseKeepCutEngine(1, 967, 968, 1), KeepCutEngine::Original);
-    EXPECT_EQ(qx::chooseKeepCutEngine(5, 968, 967, 0), KeepCutEngine::Original);
-    EXPECT_EQ(qx::chooseKeepCutEngine(1, 968, 968, 1), KeepCutEngine::KDTreeHiRes);
-    EXPECT_EQ(qx::chooseKeepCutEngine(-3, 968, 968, 7), KeepCutEngine::KDTreePyramid);
-    // A whole-image call takes a tree, however small.
-    EXPECT_EQ(qx::chooseKeepCutEngine(0, 10, 10, 1), KeepCutEngine::KDTreeHiRes);
-    EXPECT_EQ(qx::chooseKeepCutEngine(0, 10, 10, 2), KeepCutEngine::KDTreePyramid);
-    EXPECT_EQ(qx::chooseKeepCutEngine(0, 10, 10, 0), KeepCutEngine::KDTreePyramid);
-    // The product is a 32-bit int: 46341^2 wraps negative and 65536^2 to 0, both "small".
-    EXPECT_EQ(qx::chooseKeepCutEngine(1, 46340, 46340, 1), KeepCutEngine::KDTreeHiRes);
-    EXPECT_EQ(qx::chooseKeepCutEngine(1, 46341, 46341, 1), KeepCutEngine::Original);
-    EXPECT_EQ(qx::chooseKeepCutEngine(1, 65536, 65536, 1), KeepCutEngine::Original);
-}
-
 // A plane of only keep strokes: whichever engine runs has nothing to solve. The engine shows in
 // the progress total: the windowed engine sets 10,000, the tree drivers 20,000 (a whole-image
 // call then stops at the stroke check with -5).

@@ -18,80 +18,6 @@ using qxtest::PaddedPlane;
 
 namespace {
 
-TEST(MaskRun, DirectNeedsSmallImageFewUnknownsAndBudget) {
-    const double big = 3.5e9;
-    EXPECT_EQ(qx::chooseMaskRun(1000, 1000, 1000.0f, big).kind, RunKind::Direct);
-    // Exactly 1,500,000 pixels, or exactly 400,000 undecided pixels, leave the direct run.
-    EXPECT_EQ(qx::chooseMaskRun(1500, 1000, 1000.0f, big).kind, RunKind::Half);
-    EXPECT_EQ(qx::chooseMaskRun(1499, 1000, 1000.0f, big).kind, RunKind::Direct);
-    EXPECT_EQ(qx::chooseMaskRun(1000, 1000, 400000.0f, big).kind, RunKind::Half);
-    EXPECT_EQ(qx::chooseMaskRun(1000, 1000, 399999.0f, big).kind, RunKind::Direct);
-    const auto half = qx::chooseMaskRun(1501, 1001, 10.0f, big);
-    EXPECT_EQ(half.width, 750);
-    EXPECT_EQ(half.height, 500);
-}
-
-TEST(MaskRun, ScaleOfTwoIsHalfAndAboveIsFree) {
-    // need = 12 * 100 * 100 = 120,000 bytes with no unknowns; budget need / 4 gives scale 2.
-    EXPECT_EQ(qx::chooseMaskRun(100, 100, 0.0f, 30000.0).kind, RunKind::Half);
-    const auto free = qx::chooseMaskRun(100, 100, 0.0f, 29999.0);
-    EXPECT_EQ(free.kind, RunKind::Free);
-    EXPECT_GT(free.scale, 2.0);
-    EXPECT_EQ(free.width, static_cast<int>(100 / free.scale));
-    // scale 3: 100 / 3 = 33.3 -> 33.
-    const auto third = qx::chooseMaskRun(100, 100, 0.0f, 120000.0 / 9.0);
-    EXPECT_EQ(third.width, 33);
-    EXPECT_EQ(third.height, 33);
-}
-
-TEST(MaskRun, NonFiniteAndNegativeCountsHaveADefinedRun) {
-    const double big = 3.5e9;
-    const auto nan = qx::chooseMaskRun(1000, 800, std::nanf(""), big);
-    const auto all = qx::chooseMaskRun(1000, 800, 800000.0f, big);  // every pixel undecided
-    EXPECT_EQ(nan.kind, all.kind);
-    EXPECT_EQ(nan.width, all.width);
-    EXPECT_EQ(nan.height, all.height);
-    // An estimate below 0 counts as 0: scale 0, direct.
-    const auto negative = qx::chooseMaskRun(100, 100, -1e30f, big);
-    EXPECT_EQ(negative.kind, RunKind::Direct);
-    EXPECT_EQ(negative.scale, 0.0);
-    // Infinity: a run of no pixels, which qxMaskAlpha refuses.
-    const auto inf = qx::chooseMaskRun(100, 100, INFINITY, big);
-    EXPECT_EQ(inf.kind, RunKind::Free);
-    EXPECT_EQ(inf.width, 0);
-}
-
-TEST(FinalLevels, RangesAndCaps) {
-    PaddedPlane p(4, 1);
-    const unsigned char in[4] = {0, 10, 42, 200};
-    auto run = [&](int hi, int lo) {
-        for (int x = 0; x < 4; ++x) p.at(x, 0) = in[x];
-        qx::Plane8 v(4, 1, p.data(), p.step);
-        qx::applyFinalLevels(v, hi, lo);
-    };
-    run(255, 0);  // full range: untouched
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
-    // Levels at the int limits: the range is not an overflowing int subtraction.
-    run(1 << 30, INT_MIN);
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
-    run(INT_MAX, INT_MIN);
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), in[x]);
-    // A negative range counts as 1; the low byte of levelLow (INT_MAX: 255) is subtracted.
-    run(INT_MIN, INT_MAX);
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(p.at(x, 0), 0);
-    run(50, 50);  // empty range counts as 1: multiplier 255, (v - 50) * 255 / 64
-    EXPECT_EQ(p.at(0, 0), 0);
-    EXPECT_EQ(p.at(2, 0), 0);
-    EXPECT_EQ(p.at(3, 0), 255);
-    run(74, 10);  // range 64: multiplier 255, the same as any smaller range
-    EXPECT_EQ(p.at(1, 0), 0);
-    EXPECT_EQ(p.at(2, 0), 128);  // 32 * 255 / 64 = 127.5 -> ties to even: 128
-    run(200, 0);  // range 200: multiplier 81; 42 * 81 / 64 = 53.16 -> 53
-    EXPECT_EQ(p.at(2, 0), 53);
-    EXPECT_EQ(p.at(3, 0), 253);  // 200 * 81 / 64 = 253.1
-    EXPECT_TRUE(p.padsIntact());
-}
-
 struct Job {
     Composite comp;
     PaddedPlane mask;
@@ -181,14 +107,6 @@ TEST_F(MaskAlpha, FreeSizeRunUnderATightBudget) {
     EXPECT_LT(job.comp.meanError(job.mask), 0.012);
     job.expectHardValueRule();
     EXPECT_TRUE(job.mask.padsIntact());
-}
-
-TEST_F(MaskAlpha, FailedMemoryStatusFallsBackToHalfAGigabyte) {
-    qx::overrideMemStatus(nullptr, true);
-    Job job(120, 90, 18, 30, 3);
-    ASSERT_EQ(job.run(), 1);  // 500,000,000 bytes is plenty: direct run
-    EXPECT_EQ(job.progress.size(), 12u);
-    EXPECT_LT(job.comp.meanError(job.mask), 0.02);
 }
 
 TEST_F(MaskAlpha, IntermediateCodesNeverBecomeHardValues) {
