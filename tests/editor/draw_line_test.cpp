@@ -43,19 +43,6 @@ TEST(DrawLine, WideBrushClipsAtThePlaneAndWritesOnlyTheCode) {
         }
 }
 
-TEST(DrawLine, RefusesBadArgumentsWithoutWriting) {
-    PaddedPlane p(10, 6, 1, 9);
-    const auto before = p.buf;
-    EXPECT_EQ(qxDrawLine8u(nullptr, 10, 10, 6, 0, 0, 9, 5, 0, 1, 0), 0);
-    EXPECT_EQ(qxDrawLine8u(p.data(), p.step, 0, 6, 0, 0, 9, 5, 0, 1, 0), 0);
-    EXPECT_EQ(qxDrawLine8u(p.data(), p.step, 10, 0, 0, 0, 9, 5, 0, 1, 0), 0);
-    EXPECT_EQ(qxDrawLine8u(p.data(), 9, 10, 6, 0, 0, 9, 5, 0, 1, 0), 0);
-    EXPECT_EQ(qxDrawLine8u(p.data(), -15, 10, 6, 0, 0, 9, 5, 0, 1, 0), 0);
-    EXPECT_EQ(qxDrawLine8u(p.data(), p.step, 10, 6, 0, 0, 9, 5, -1, 1, 0), 0);
-    EXPECT_EQ(qxDrawLine8u(p.data(), p.step, 10, 6, 0, 0, 9, 5, 16384, 1, 0), 0);
-    EXPECT_EQ(p.buf, before);
-}
-
 // ---- Stroke ends far outside the plane -----------------------------------------------------
 
 // A padded plane of `width` x `height` with the segment drawn by the brush in code 255.

@@ -86,17 +86,4 @@ TEST(FloodFill, ModeTwoResetsTheUndecidedRegionAndReportsTheWholePlane) {
     EXPECT_EQ(q.at(0, 0), 200);
 }
 
-TEST(FloodFill, RefusesBadArgumentsWithoutWriting) {
-    PaddedPlane p(6, 5, 1, 40);
-    const auto before = p.buf;
-    Rect r{9, 9, 9, 9};
-    EXPECT_EQ(qxFloodFillAlpha(nullptr, 6, 6, 5, 1, 1, 0, 0, 1, 0, r.data()), 0);
-    EXPECT_EQ(qxFloodFillAlpha(p.data(), p.step, 6, 5, 1, 1, 0, 0, 1, 0, nullptr), 0);
-    EXPECT_EQ(qxFloodFillAlpha(p.data(), p.step, 0, 5, 1, 1, 0, 0, 1, 0, r.data()), 0);
-    EXPECT_EQ(qxFloodFillAlpha(p.data(), p.step, 6, 0, 1, 1, 0, 0, 1, 0, r.data()), 0);
-    EXPECT_EQ(qxFloodFillAlpha(p.data(), 5, 6, 5, 1, 1, 0, 0, 1, 0, r.data()), 0);
-    EXPECT_EQ(r, (Rect{9, 9, 9, 9}));
-    EXPECT_EQ(p.buf, before);
-}
-
 }  // namespace

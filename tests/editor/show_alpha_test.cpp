@@ -62,17 +62,6 @@ TEST(ScaleAlpha, KeepFixedKeepsOddCodesAndMakesTheRestEven) {
     EXPECT_TRUE(p.padsIntact());
 }
 
-TEST(ScaleAlpha, RefusesBadArgumentsWithoutWriting) {
-    PaddedPlane p = row({10, 20, 30});
-    const auto before = p.buf;
-    EXPECT_EQ(qxScaleAlpha(p.data(), p.step, 3, 1, 100, 100, 0), 0);
-    EXPECT_EQ(qxScaleAlpha(nullptr, p.step, 3, 1, 200, 100, 0), 0);
-    EXPECT_EQ(qxScaleAlpha(p.data(), p.step, 0, 1, 200, 100, 0), 0);
-    EXPECT_EQ(qxScaleAlpha(p.data(), p.step, 3, 0, 200, 100, 0), 0);
-    EXPECT_EQ(qxScaleAlpha(p.data(), 2, 3, 1, 200, 100, 0), 0);
-    EXPECT_EQ(p.buf, before);
-}
-
 // ---- qxShowImageAlpha ------------------------------------------------------------------------
 
 struct Display {
@@ -152,15 +141,5 @@ TEST(ShowImageAlpha, ColourStylesBlendByAlphaInEighths) {
 }
 
 // ---- qxShowKeepBlend -------------------------------------------------------------------------
-
-TEST(ShowKeepBlend, BadArgumentsLeaveTheImageAlone) {
-    PaddedPlane image(3, 2, 4, 50), keep(3, 2, 4, 200);
-    const auto before = image.buf;
-    qxShowKeepBlend(image.data(), image.step, 3, 2, nullptr, 12, 0, 0, 1.0f);
-    qxShowKeepBlend(image.data(), image.step, 3, 2, keep.data(), 11, 0, 0, 1.0f);
-    qxShowKeepBlend(image.data(), 11, 3, 2, keep.data(), keep.step, 0, 0, 1.0f);
-    qxShowKeepBlend(image.data(), image.step, 0, 2, keep.data(), keep.step, 0, 0, 1.0f);
-    EXPECT_EQ(image.buf, before);
-}
 
 }  // namespace

@@ -100,48 +100,6 @@ TEST(GrabCutEdgeGen, FixedPixelsInsideTheBandKeepTheirCodes) {
     EXPECT_EQ(p.mask.at(4, 4), 254);
 }
 
-TEST(GrabCutEdgeGen, OnlyTheRectangleIsWritten) {
-    Planes p(10, 8, 0);
-    p.fill({0, 0, 10, 8}, 254);
-    GrabCutRequest r = p.request();
-    r.roiLeft = 2;
-    r.roiTop = 3;
-    r.roiWidth = 5;
-    r.roiHeight = 4;
-    qxGrabCutEdgeGen(&r, 5);
-    for (int y = 0; y < 8; ++y)
-        for (int x = 0; x < 10; ++x) {
-            const bool inside = x >= 2 && x < 7 && y >= 3 && y < 7;
-            ASSERT_EQ(p.mask.at(x, y), inside ? 254 : 99) << x << "," << y;
-        }
-}
-
-TEST(GrabCutEdgeGen, RefusalsWriteNothing) {
-    Planes p(10, 8, 254);
-    const HostPlane before = p.mask;
-    struct Case {
-        const char* what;
-        void (*spoil)(GrabCutRequest&, int&);
-    };
-    const Case cases[] = {
-        {"negative band", [](GrabCutRequest&, int& b) { b = -1; }},
-        {"band too wide", [](GrabCutRequest&, int& b) { b = 32768; }},
-        {"null result", [](GrabCutRequest& r, int&) { r.result = nullptr; }},
-        {"null mask", [](GrabCutRequest& r, int&) { r.mask = nullptr; }},
-        {"rectangle outside", [](GrabCutRequest& r, int&) { r.roiTop = 5; }},
-        {"zero height", [](GrabCutRequest& r, int&) { r.height = 0; }},
-        {"short step", [](GrabCutRequest& r, int&) { r.maskStep = 9; }},
-    };
-    for (const Case& c : cases) {
-        GrabCutRequest r = p.request();
-        int band = 5;
-        c.spoil(r, band);
-        qxGrabCutEdgeGen(&r, band);
-        EXPECT_TRUE(p.mask == before) << c.what;
-    }
-    qxGrabCutEdgeGen(nullptr, 5);
-}
-
 // OpenCV's own morphology on a padded copy, as the band is defined: the brush is the filled
 // circle of radius bandWidth / 2, erosion framed by 255, dilation by 0.
 cv::Mat referenceBand(const cv::Mat& result, int bandWidth) {

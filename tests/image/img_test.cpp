@@ -68,28 +68,6 @@ TEST(ImgContainer, GuardRowCatchesOneElementPastTheLastRow) {
               0);
 }
 
-TEST(ImgContainer, PrimitiveStatusLandsInDestination) {
-    GIMG<uint8_t> a(4, 4), b(4, 4);
-    b.width = 0;
-    qx::Copy(a, b);
-    EXPECT_EQ(b.status, qx::prim::kSizeErr);
-    b.restoreRect();
-    qx::Copy(a, b);
-    EXPECT_EQ(b.status, qx::prim::kOk);
-}
-
-TEST(ImgContainer, FallbackAllocatorPadsRowsAndKeepsTheGuard) {
-    qx::prim::failNextAllocations(1);  // the primitive allocator only
-    EXPECT_EQ(thrownCode([] {
-                  GIMG<uint8_t> im(37, 5);
-                  EXPECT_EQ(im.fromPrimitive, 0);
-                  EXPECT_EQ(im.step, 48);  // 37 rounded down to 32, plus 16
-                  im.row(4)[im.step + 36] = 0;
-              }),
-              103);
-    qx::prim::failNextAllocations(0);
-}
-
 TEST(ImgContainer, FailedAllocationThrowsBySize) {
     // Both the primitive allocator and the plain fallback fail.
     qx::prim::failNextAllocations(2);

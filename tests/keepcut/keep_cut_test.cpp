@@ -137,45 +137,6 @@ TEST(KeepCutEntry, LeafTooLargeGivesMinusOneWithTheFlagsIntact) {
     EXPECT_EQ(alpha.bytes, before.bytes);
 }
 
-TEST(KeepCutEntry, RefusesBadRequestsWithoutWriting) {
-    StrokeScene scene(30, 28, 6.0, 9.0, 1);
-    scene.setRegion(4, 4, 20, 20, 2);
-    const PaddedPlane alpha = scene.alpha, aux = scene.aux, dst = scene.dst, src = scene.src;
-    EXPECT_EQ(qxKeepCutToAlpha(nullptr, 1), -1000);
-    const std::function<void(KeepCutRequest&)> breaks[] = {
-        [](KeepCutRequest& r) { r.srcImage = nullptr; },
-        [](KeepCutRequest& r) { r.alphaPlane = nullptr; },
-        [](KeepCutRequest& r) { r.auxPlane = nullptr; },
-        [](KeepCutRequest& r) { r.recoverFlag = 1, r.dstImage = nullptr; },
-        [](KeepCutRequest& r) { r.regionMode = 0, r.dstImage = nullptr; },  // a tree writes it
-        [](KeepCutRequest& r) { r.fullWidth = 0; },
-        [](KeepCutRequest& r) { r.fullHeight = -1; },
-        [](KeepCutRequest& r) { r.roiWidth = 0; },
-        [](KeepCutRequest& r) { r.roiHeight = 0; },
-        [](KeepCutRequest& r) { r.roiX = -1; },
-        [](KeepCutRequest& r) { r.roiY = 9; },                      // 9 + 20 > 28
-        [](KeepCutRequest& r) { r.roiX = 11; },                     // 11 + 20 > 30
-        [](KeepCutRequest& r) { r.roiX = 0x7FFFFFF0; },             // no wrap-around
-        [](KeepCutRequest& r) { r.srcStep = 4 * 30 - 1; },
-        [](KeepCutRequest& r) { r.alphaStep = 29; },
-        [](KeepCutRequest& r) { r.auxStep = -31; },
-        [](KeepCutRequest& r) { r.regionMode = 0, r.dstStep = 100; },
-    };
-    for (size_t i = 0; i < std::size(breaks); ++i) {
-        KeepCutRequest r = scene.req;
-        breaks[i](r);
-        EXPECT_EQ(qxKeepCutToAlpha(&r, 1), -1000) << i;
-        ASSERT_EQ(scene.alpha.bytes, alpha.bytes) << i;
-        ASSERT_EQ(scene.aux.bytes, aux.bytes) << i;
-        ASSERT_EQ(scene.dst.bytes, dst.bytes) << i;
-        ASSERT_EQ(scene.src.bytes, src.bytes) << i;
-    }
-    // The windowed engine never writes dstImage, so without recovery it may be absent.
-    KeepCutRequest r = scene.req;
-    r.dstImage = nullptr;
-    EXPECT_EQ(qxKeepCutToAlpha(&r, 1), 1);
-}
-
 // A refinement of the region (20, 16) 50 x 44 of an 90 x 80 scene with a frame of 2: strokes
 // from the tri-map, the earlier alpha 128 on every unpainted pixel.
 struct MergeCase {

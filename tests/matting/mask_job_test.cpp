@@ -141,36 +141,6 @@ TEST_F(MaskAlpha, LevelsStretchTheResult) {
         }
 }
 
-TEST_F(MaskAlpha, RefusesBadRequestsWithoutWriting) {
-    Job job(40, 30, 6, 10, 2);
-    const PaddedPlane before = job.mask;
-    EXPECT_EQ(qxMaskAlpha(nullptr, 0, 10.0f, 255, 0, 255, 0), -1000);
-    MaskRequest r = job.req;
-    r.mask = nullptr;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    r = job.req;
-    r.planes = nullptr;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    r = job.req;
-    unsigned char* planes[3] = {job.req.planes[0], nullptr, job.req.planes[2]};
-    r.planes = planes;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    r = job.req;
-    r.width = 0;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    r = job.req;
-    r.height = -3;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    r = job.req;
-    r.maskStep = r.width - 1;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    r = job.req;
-    r.planeStep = 0;
-    EXPECT_EQ(qxMaskAlpha(&r, 0, 10.0f, 255, 0, 255, 0), -1000);
-    EXPECT_EQ(job.mask.bytes, before.bytes);
-    EXPECT_TRUE(job.progress.empty());
-}
-
 TEST_F(MaskAlpha, TriMapsWithoutUndecidedOrWithoutDefinitePixelsRunToTheEnd) {
     Job allKnown(50, 40, 8, 12, 0);
     for (int y = 0; y < 40; ++y)
