@@ -32,6 +32,7 @@ int statusFor(Export which, int failure) {
         case Export::GrabCut:
             return failure == kNoMemory || failure == kUnknownFailure ? -1000 : failure;
         case Export::StrokesToAlpha:
+        case Export::ForegroundFull:
             return memoryFault(failure) ? -1 : -1000;
     }
     return -1000;

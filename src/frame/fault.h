@@ -36,6 +36,7 @@ enum class Export {
     KeepCut,           // qxKeepCutToAlpha: the value as it stands; -1 no memory; -1000 else
     GrabCut,           // qxGrabCut: the value as it stands; -1000 else
     StrokesToAlpha,    // qxStrokesToAlpha: -1 for any memory failure; -1000 else
+    ForegroundFull,    // qxRecoverForegroundFull: the same
 };
 
 // What reached an export's boundary: a fault's value, or one of these two.
