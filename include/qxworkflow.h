@@ -76,10 +76,13 @@ typedef enum QxwStrokeEngine {
     QXW_ENGINE_PYRAMID = 2
 } QxwStrokeEngine;
 
-/* Colour recovery methods: least squares (qxRecoverForeground) or shared-sample separation. */
+/* Colour recovery methods: least squares at a quarter of the size (qxRecoverForeground),
+ * shared-sample separation, or the full-resolution recovery of qxRecoverForegroundFull, which
+ * the cut-out workflows use. */
 typedef enum QxwForegroundMethod {
     QXW_FG_LEAST_SQUARES = 0,
-    QXW_FG_SAMPLING = 1
+    QXW_FG_SAMPLING = 1,
+    QXW_FG_FULL = 2
 } QxwForegroundMethod;
 
 /* Alpha from a tri-map: codes <= bgCode background, >= fgCode foreground, others undecided;
@@ -110,7 +113,7 @@ QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsigned char* st
                                   unsigned char* trimap, int trimapStride, QxwJob* job);
 
 /* The whole cut-out from a rectangle: GrabCut, the edge band, alpha on the band and, when
- * colours is not NULL, the recovered colours. */
+ * colours is not NULL, the recovered colours (QXW_FG_FULL). */
 QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* strokes,
                                    int strokesStride, int x, int y, int width, int height,
                                    int band, unsigned char* alpha, int alphaStride,

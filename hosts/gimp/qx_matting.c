@@ -586,7 +586,7 @@ static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const Stro
                                  e.width, &job);
         if (result == QXW_OK) {
             progress.stage = 1;
-            result = qxwRecoverForeground(&colour, alpha, e.width, QXW_FG_LEAST_SQUARES, &out,
+            result = qxwRecoverForeground(&colour, alpha, e.width, QXW_FG_FULL, &out,
                                           &job);
         }
         if (result != QXW_OK) {

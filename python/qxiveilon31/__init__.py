@@ -21,7 +21,7 @@ system's loader (see README.md).
 from ._native import QxError, LIB as _LIB
 from ._api import GrabCutSession, cutout, foreground, grabcut, matte_strokes, matte_trimap
 
-__version__ = "0.1.0"
+__version__ = "0.2.0"
 
 __all__ = ["QxError", "GrabCutSession", "cutout", "foreground", "grabcut", "matte_strokes",
            "matte_trimap", "library_version", "library_path", "__version__"]

@@ -133,7 +133,7 @@ def matte_strokes(image, strokes, *, engine="strokes", pyramid=False, with_foreg
     with _Progress(progress, "matte_strokes", 2 if with_foreground else 1) as p:
         alpha = _strokes_alpha(record, plane, engine, p.next())
         if with_foreground:
-            colours = _recover(record, alpha, 0, p.next())
+            colours = _recover(record, alpha, native.METHODS["full"], p.next())
     out = arrays.mask_out(alpha, is_float)
     return (out, arrays.mask_out(colours, is_float)) if with_foreground else out
 
@@ -149,12 +149,13 @@ def _recover(record, alpha, method, report):
     return colours
 
 
-def foreground(image, alpha, *, method="solve", bgr=False, progress=None):
+def foreground(image, alpha, *, method="full", bgr=False, progress=None):
     """The subject's own colours under an alpha from any source: where alpha is partial the
     background's share is taken out; elsewhere the image's colours stand.
 
-    alpha: H x W, uint8 or float on 0..1. method: "solve" (least-squares recovery;
-    "least-squares" is the same) or "sampling" (shared-sample separation).
+    alpha: H x W, uint8 or float on 0..1. method: "full" (the full-resolution recovery, the
+    default), "least-squares" (the quarter-scale solve; "solve" is the same) or "sampling"
+    (shared-sample separation).
     Returns H x W x 3 in the image's kind and order.
     """
     if method not in native.METHODS:
@@ -388,7 +389,7 @@ def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=25
                 alpha = _matte(record, tri, fg_code, bg_code, (255, 0), p.next())
             else:
                 alpha = _strokes_alpha(record, plane, engine, p.next())
-            colours = _recover(record, alpha, 0, p.next())
+            colours = _recover(record, alpha, native.METHODS["full"], p.next())
     rgba = np.empty(shape + (4,), np.uint8)
     rgba[:, :, :3], rgba[:, :, 3] = colours, alpha
     return arrays.mask_out(rgba, is_float)

@@ -16,14 +16,14 @@ LIBRARY_ENV = "QXIVEILON31_LIBRARY"
 SONAME = "libqxiveilon31.so.0"
 # The interface this package was written against: the same major version, at least this minor.
 EXPECTED_MAJOR = 0
-LEAST_MINOR = 1
+LEAST_MINOR = 2
 
 c_int, c_int32, c_void_p, c_double = ctypes.c_int, ctypes.c_int32, ctypes.c_void_p, ctypes.c_double
 
 QXW_OK, QXW_BAD_INPUT, QXW_FAILED = 0, 1, 2
 QXW_BGR, QXW_RGB = 0, 1
 ENGINES = {"strokes": 0, "kdtree": 1, "pyramid": 2}
-METHODS = {"solve": 0, "least-squares": 0, "sampling": 1}
+METHODS = {"full": 2, "solve": 0, "least-squares": 0, "sampling": 1}
 
 PROGRESS_FN = ctypes.CFUNCTYPE(None, c_double, c_void_p)
 GRABCUT_PROGRESS = ctypes.CFUNCTYPE(c_int, c_int, c_int, c_void_p)

@@ -37,7 +37,7 @@ extern "C" QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image,
         }
         if (colours) {
             relay.span(matteEnd, 1.0);
-            s = recoverForeground(bgr, matte, QXW_FG_LEAST_SQUARES, &fg, relay, job);
+            s = recoverForeground(bgr, matte, QXW_FG_FULL, &fg, relay, job);
             if (s != QXW_OK) return s;
             copyColoursOut(fg, *image, *colours);
         }

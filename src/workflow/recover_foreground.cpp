@@ -1,5 +1,6 @@
-// The subject's own colours under an alpha: the library's least-squares recovery
-// (qxRecoverForeground), or the shared-sample separation of the foreground subsystem.
+// The subject's own colours under an alpha: the full-resolution recovery
+// (qxRecoverForegroundFull), the quarter-scale least-squares recovery (qxRecoverForeground), or
+// the shared-sample separation of the foreground subsystem.
 #include <opencv2/imgproc.hpp>
 
 #include "foreground/shared_sample.h"
@@ -9,6 +10,31 @@ namespace qx::workflow {
 
 QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegroundMethod method,
                             cv::Mat* colours, Relay& relay, QxwJob* job) {
+    if (method == QXW_FG_FULL) {
+        cv::Mat out(bgr.size(), CV_8UC3);
+        ForegroundRequest req{};
+        req.image = bgr.data;
+        req.imageStep = static_cast<int32_t>(bgr.step);
+        req.imageChannels = 3;
+        req.alpha = alpha.data;
+        req.alphaStep = static_cast<int32_t>(alpha.step);
+        req.colours = out.data;
+        req.coloursStep = static_cast<int32_t>(out.step);
+        req.coloursChannels = 3;
+        req.width = bgr.cols;
+        req.height = bgr.rows;
+        req.progProc = &Relay::proc;
+        req.progParam = relay.param();
+        const int status = qxRecoverForegroundFull(&req);
+        if (status != 1)
+            return finishJob(job, QXW_FAILED,
+                             status == -1 ? "foreground recovery: not enough memory"
+                                          : "foreground recovery failed with status " +
+                                                std::to_string(status),
+                             status);
+        *colours = out;
+        return finishJob(job, QXW_OK);
+    }
     if (method == QXW_FG_SAMPLING) {
         cv::Mat out(bgr.size(), CV_8UC3);
         if (qx::recoverForegroundBySampling(bgr.data, static_cast<int>(bgr.step), 3, bgr.cols,
@@ -50,7 +76,8 @@ extern "C" QX_API QxwStatus qxwRecoverForeground(const QxwImage* image,
     if (err.empty() && (!colours || !colours->pixels)) err = "no colour output";
     if (err.empty() && colours->stride < static_cast<int64_t>(image->width) * 3)
         err = "the colour output's stride is shorter than a row";
-    if (err.empty() && method != QXW_FG_LEAST_SQUARES && method != QXW_FG_SAMPLING)
+    if (err.empty() && method != QXW_FG_LEAST_SQUARES && method != QXW_FG_SAMPLING &&
+        method != QXW_FG_FULL)
         err = "unknown recovery method " + std::to_string(static_cast<int>(method));
     return runEntry(job, err, "foreground recovery", [&](Relay& relay) {
         cv::Mat out;

@@ -107,7 +107,7 @@ expect_failure("unknown engine" ${USAGE} "--engine takes strokes, kdtree or pyra
                keepcut ${WORK}/image.ppm ${WORK}/decided.pgm -o ${WORK}/out.png --engine fast)
 expect_failure("bad vector stroke" ${USAGE} "--keep takes X0,Y0,X1,Y1,R"
                keepcut ${WORK}/image.ppm -o ${WORK}/out.png --keep 1,2,3)
-expect_failure("unknown foreground method" ${USAGE} "--method takes least-squares or sampling"
+expect_failure("unknown foreground method" ${USAGE} "--method takes full, least-squares or sampling"
                foreground ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png --method x)
 expect_failure("grabcut rectangle outside" ${USAGE} "--rect 0,0,41,30 is not inside the 40x30 image"
                grabcut ${WORK}/image.ppm --rect 0,0,41,30 -o ${WORK}/out.png)

@@ -5,7 +5,7 @@
 //   qxmatte keepcut IMAGE [STROKES] -o ALPHA.png [--keep X0,Y0,X1,Y1,R] [--cut ...]
 //                   [--engine strokes|kdtree|pyramid] [--pyramid] [--foreground FG.png]
 //                   [--cutout OUT.png] [-q]
-//   qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]
+//   qxmatte foreground IMAGE ALPHA -o FG.png [--method full|least-squares|sampling]
 //                      [--cutout OUT.png]
 //   qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep/--cut X0,Y0,X1,Y1,R]...
 //                   -o SELECTION.png [--band N] [--trimap T.png] [-q]
@@ -78,11 +78,11 @@ const Command kCommands[] = {
      "--foreground writes the recovered colours, --cutout the RGBA\n"
      "cut-out with them."},
     {"foreground",
-     "qxmatte foreground IMAGE ALPHA -o FG.png [--method least-squares|sampling]\n"
+     "qxmatte foreground IMAGE ALPHA -o FG.png [--method full|least-squares|sampling]\n"
      "                     [--cutout OUT.png]",
      "the subject's true colours under a grey alpha from any source;\n"
-     "--method sampling picks nearby sample pairs instead of the\n"
-     "default least-squares solve."},
+     "--method full (default) solves at full resolution, least-squares\n"
+     "at a quarter of the size, sampling picks nearby sample pairs."},
     {"grabcut",
      "qxmatte grabcut IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
      "                  -o SELECTION.png [--band N] [--trimap T.png] [-q]",
@@ -383,10 +383,10 @@ QxwImage imageOf(const cv::Mat& bgr) {
     return {bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
 }
 
-// The subject's colours under an alpha (least squares unless said otherwise); the workflow's
-// status, with the colours in *out.
+// The subject's colours under an alpha (the full-resolution recovery unless said otherwise);
+// the workflow's status, with the colours in *out.
 QxwStatus recover(const cv::Mat& image, const cv::Mat& alpha, Job& job, cv::Mat* out,
-                  QxwForegroundMethod method = QXW_FG_LEAST_SQUARES) {
+                  QxwForegroundMethod method = QXW_FG_FULL) {
     const QxwImage img = imageOf(image);
     cv::Mat fg(image.size(), CV_8UC3);
     const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
@@ -502,7 +502,7 @@ int runForeground(int argc, char** argv) {
     bool showProgress = false;  // no progress to show; -q is taken all the same
     std::vector<std::string> positional;
     std::string output, cutout;
-    QxwForegroundMethod method = QXW_FG_LEAST_SQUARES;
+    QxwForegroundMethod method = QXW_FG_FULL;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -512,7 +512,8 @@ int runForeground(int argc, char** argv) {
             const std::string m = argv[++i];
             if (m == "sampling") method = QXW_FG_SAMPLING;
             else if (m == "least-squares") method = QXW_FG_LEAST_SQUARES;
-            else return fail(kExitUsage, "--method takes least-squares or sampling");
+            else if (m == "full") method = QXW_FG_FULL;
+            else return fail(kExitUsage, "--method takes full, least-squares or sampling");
         } else if (a == "--cutout" && more) {
             cutout = argv[++i];
         } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
