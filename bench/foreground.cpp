@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "composites.h"
 #include "foreground/fb_solve.h"
 #include "foreground/recovery.h"
 #include "image/img.h"
@@ -40,13 +41,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Scene {
-    std::string name;
-    cv::Mat alpha;      // 8-bit ground truth
-    cv::Mat fg;         // 8-bit BGR, the true foreground
-    cv::Mat composite;  // 8-bit BGRA
-};
-
 struct Row {
     std::string name;
     double naive = 0;
@@ -55,53 +49,21 @@ struct Row {
     double windowFloor = 0;
     qx::detail::DirectSolveTotals solver;  // the direct solves inside qxRecoverForeground
 };
+
+// The composites of composites.h, the composite with a fourth byte as the recovery takes it.
+struct Scene : bench::Composite {};
 std::vector<Row> rows;
 std::vector<std::string> names;
 fs::path dir;
 
-cv::Mat readColour(const std::string& name) {
-    return cv::imread((dir / "input" / name).string(), cv::IMREAD_COLOR);
-}
-
 Scene makeScene(size_t k) {
-    Scene s;
-    s.name = names[k];
-    s.alpha = cv::imread((dir / "gt" / names[k]).string(), cv::IMREAD_GRAYSCALE);
-    cv::Mat f = readColour(names[(k + 1) % names.size()]);
-    cv::Mat b = readColour(names[(k + 5) % names.size()]);
-    cv::resize(f, f, s.alpha.size(), 0, 0, cv::INTER_LINEAR);
-    cv::resize(b, b, s.alpha.size(), 0, 0, cv::INTER_LINEAR);
-    s.fg = f;
-    s.composite.create(s.alpha.size(), CV_8UC4);
-    for (int y = 0; y < s.alpha.rows; ++y)
-        for (int x = 0; x < s.alpha.cols; ++x) {
-            const double a = s.alpha.at<uchar>(y, x) / 255.0;
-            const cv::Vec3b fv = f.at<cv::Vec3b>(y, x), bv = b.at<cv::Vec3b>(y, x);
-            cv::Vec4b& o = s.composite.at<cv::Vec4b>(y, x);
-            for (int c = 0; c < 3; ++c)
-                o[c] = cv::saturate_cast<uchar>(std::lround(255.0 * (a * fv[c] / 255.0 +
-                                                                     (1 - a) * bv[c] / 255.0)));
-            o[3] = 255;
-        }
+    Scene s{bench::makeComposite(dir, names, k)};
+    cv::cvtColor(s.composite, s.composite, cv::COLOR_BGR2BGRA);
     return s;
 }
 
-// Error of a 4-byte (or 3-byte) estimate against the true foreground, over 0 < a < 1; `inset`
-// leaves out a frame of that many pixels.
 double fgError(const Scene& s, const cv::Mat& est, int inset = 0) {
-    double e = 0;
-    const int ch = est.channels();
-    for (int y = inset; y < s.alpha.rows - inset; ++y)
-        for (int x = inset; x < s.alpha.cols - inset; ++x) {
-            const int av = s.alpha.at<uchar>(y, x);
-            if (av == 0 || av == 255) continue;
-            const uchar* p = est.ptr<uchar>(y) + ch * x;
-            const cv::Vec3b f = s.fg.at<cv::Vec3b>(y, x);
-            double d = 0;
-            for (int c = 0; c < 3; ++c) d += std::abs(int(p[c]) - int(f[c])) / 255.0;
-            e += av / 255.0 * d;
-        }
-    return e / 1000.0;
+    return bench::foregroundError(s.alpha, s.fg, est, inset);
 }
 
 KeepCutRequest requestFor(const Scene& s, cv::Mat& dst, cv::Mat& alpha) {
@@ -193,7 +155,7 @@ void BM_Scene(benchmark::State& state, size_t k) {
     for (auto _ : state) {
         const Scene s = makeScene(k);
         Row r;
-        r.name = s.name.substr(0, s.name.size() - 4);
+        r.name = s.name;
         r.naive = fgError(s, s.composite);
         for (int m = 0; m < 3; ++m) {
             cv::Mat dst = s.composite.clone(), alpha = s.alpha.clone();
