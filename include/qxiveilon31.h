@@ -9,9 +9,10 @@
  * qxDesaturation, qxfilterIm8u, qxHairSelect), qxMaskBBox, qxGrabCutEdgeGen and the display
  * functions (qxShowImageAlpha, qxScaleAlpha, qxShowKeepBlend, qxRGB2YCbCrAutoLevel,
  * qxPreviewAutoLevel) may be called from several host threads at once on different buffers.
- * The jobs that report progress (qxMaskAlpha, qxKeepCutToAlpha, qxRecoverForeground,
- * qxRecoverForegroundCell, qxGrabCut) share the one progress state: run them one at a time. A GrabCut control belongs
- * to one document and takes no lock. Each call puts the calling thread's floating-point mode
+ * The jobs (qxMaskAlpha, qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell,
+ * qxGrabCut, qxStrokesToAlpha, qxRecoverForegroundFull) may run on several host threads at
+ * once: progress and cancel belong to the calling thread (see qxSetCancelFlag). A GrabCut
+ * control belongs to one document and takes no lock. Each call puts the calling thread's floating-point mode
  * back as it found it.
  *
  * Valid C99 and C++. Records are little-endian with 8-byte pointers; their layouts are fixed and
@@ -229,6 +230,22 @@ QX_API int setDebugTrace(unsigned traceMask, const char* traceDir);
 /* The loaded library's version: writes major, minor and patch into the pointers that are
  * non-null and returns major * 10000 + minor * 100 + patch. Never fails. */
 QX_API int qxVersion(int* major, int* minor, int* patch);
+
+/* ---- Jobs: progress and cancel ------------------------------------------------------------ */
+
+/* Every job reports progress only to the callback of its own request, on the thread that called
+ * it, and never after it has returned. Jobs on different threads run independently: each thread
+ * has its own progress and cancel state.
+ *
+ * Cancel: gives the library a flag for the jobs that the calling thread runs from now on (NULL:
+ * none). Any thread may set *flag to nonzero while a job runs; the job stops at its next
+ * progress step or piece of work, returns QX_CANCELLED and leaves every host buffer as it came
+ * in. The library only reads the flag: clear it before the next job. The jobs that stop so:
+ * qxMaskAlpha, qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell, qxGrabCut,
+ * qxStrokesToAlpha, qxRecoverForegroundFull. A direct factorisation is not interrupted: the
+ * job stops after it. */
+#define QX_CANCELLED (-3)
+QX_API void qxSetCancelFlag(const volatile int32_t* flag);
 
 /* ---- Tri-map matting ---------------------------------------------------------------------- */
 

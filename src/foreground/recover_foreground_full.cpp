@@ -173,9 +173,6 @@ int recoverJob(const ForegroundRequest& r) {
 
 extern "C" QX_API int qxRecoverForegroundFull(const ForegroundRequest* request) {
     if (!qx::validRequest(request)) return -2;
-    const int status =
-        qx::guardedExport(qx::Export::ForegroundFull, [&] { return qx::recoverJob(*request); });
-    // This job's callback never outlives it.
-    qx::setProgProc(nullptr, nullptr, 0, 0);
-    return status;
+    return qx::guardedExport(qx::Export::ForegroundFull,
+                             [&] { return qx::recoverJob(*request); });
 }

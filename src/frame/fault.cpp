@@ -1,5 +1,7 @@
 #include "frame/fault.h"
 
+#include "frame/progress.h"
+
 namespace qx {
 namespace {
 
@@ -37,5 +39,9 @@ int statusFor(Export which, int failure) {
     }
     return -1000;
 }
+
+JobEnd::~JobEnd() { endJob(); }
+
+void checkCancelled() { checkCancel(); }
 
 }  // namespace qx

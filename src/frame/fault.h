@@ -24,6 +24,7 @@ enum class Fault : int {
     SolverMemory = 125,            // the direct solver ran out of memory
     ArrayMemory = 130,             // no memory for an array of a solve
     TraceBuffer = 404,             // no memory for a trace dump's row
+    Cancelled = 150,               // the host set the job's cancel flag
 };
 
 [[noreturn]] inline void fail(Fault f) { throw static_cast<int>(f); }
@@ -43,17 +44,34 @@ enum class Export {
 constexpr int kNoMemory = -2147483647 - 1;  // std::bad_alloc
 constexpr int kUnknownFailure = -2147483647;  // any other exception
 
+// What every export that can be cancelled returns when it was.
+constexpr int kCancelledStatus = -3;
+
 int statusFor(Export which, int failure);
 
+// Takes the job's progress callback out when an export returns, however it returns: nothing
+// calls the host back after its job.
+// Throws Fault::Cancelled when the calling thread's cancel flag is set (frame/progress.h).
+void checkCancelled();
+
+struct JobEnd {
+    JobEnd() = default;
+    JobEnd(const JobEnd&) = delete;
+    JobEnd& operator=(const JobEnd&) = delete;
+    ~JobEnd();
+};
+
 // Runs body() with the library's floating-point mode; whatever it throws becomes the export's
-// status through statusFor().
+// status through statusFor() (a cancelled job: kCancelledStatus).
 template <typename Body>
 int guardedExport(Export which, Body&& body) {
     FpModeGuard fp;
+    JobEnd end;
     try {
+        checkCancelled();  // a job whose flag is already set does not start
         return body();
     } catch (int e) {
-        return statusFor(which, e);
+        return e == int(Fault::Cancelled) ? kCancelledStatus : statusFor(which, e);
     } catch (const std::bad_alloc&) {
         return statusFor(which, kNoMemory);
     } catch (...) {

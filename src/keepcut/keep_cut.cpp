@@ -11,6 +11,7 @@
 
 #include "frame/args.h"
 #include "frame/fault.h"
+#include "frame/host_snapshot.h"
 #include "frame/fpmode.h"
 #include "keepcut/kd_drivers.h"
 #include "keepcut/keep_cut_original.h"
@@ -107,8 +108,14 @@ extern "C" QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes) {
     const bool needsDst = engine != qx::KeepCutEngine::Original || request->recoverFlag != 0;
     if (!qx::validKeepCutRequest(request, needsDst)) return -1000;
 
+    // Written in place: the stroke plane becomes the alpha, and dstImage takes strokes and
+    // colours.
+    qx::HostSnapshot kept;
+    const int64_t fw = request->fullWidth, fh = request->fullHeight;
+    kept.add(request->alphaPlane, request->alphaStep, fw, fh);
+    if (needsDst) kept.add(request->dstImage, request->dstStep, 4 * fw, fh);
     // Whichever way the job fails, the paint flags go back into the plane first.
-    return qx::guardedExport(qx::Export::KeepCut, [&] {
+    const int status = qx::guardedExport(qx::Export::KeepCut, [&] {
         try {
             return qx::keepCutToAlpha(request, engine);
         } catch (...) {
@@ -116,4 +123,6 @@ extern "C" QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes) {
             throw;
         }
     });
+    if (status == qx::kCancelledStatus) kept.restore();
+    return status;
 }

@@ -13,6 +13,7 @@
 
 #include "frame/args.h"
 #include "frame/fault.h"
+#include "frame/host_snapshot.h"
 #include "frame/memory.h"
 #include "frame/progress.h"
 #include "matting/cfmatt.h"
@@ -251,8 +252,12 @@ void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow) {
 extern "C" QX_API int qxMaskAlpha(MaskRequest* request, int /*reserved*/, float unknownPixels,
                                   int fgCode, int bgCode, int levelHigh, int levelLow) {
     if (!qx::validRequest(request)) return -1000;
-    return qx::guardedExport(qx::Export::MaskAlpha, [&] {
+    qx::HostSnapshot kept;  // the tri-map becomes the alpha in place
+    kept.add(request->mask, request->maskStep, request->width, request->height);
+    const int status = qx::guardedExport(qx::Export::MaskAlpha, [&] {
         return qx::maskAlphaJob(request, unknownPixels, static_cast<unsigned char>(fgCode),
                                 static_cast<unsigned char>(bgCode), levelHigh, levelLow);
     });
+    if (status == qx::kCancelledStatus) kept.restore();
+    return status;
 }

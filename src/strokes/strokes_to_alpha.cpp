@@ -122,9 +122,6 @@ int strokesJob(const StrokeMatteRequest& r) {
 
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
-    const int status =
-        qx::guardedExport(qx::Export::StrokesToAlpha, [&] { return qx::strokesJob(*request); });
-    // This job's callback never outlives it.
-    qx::setProgProc(nullptr, nullptr, 0, 0);
-    return status;
+    return qx::guardedExport(qx::Export::StrokesToAlpha,
+                             [&] { return qx::strokesJob(*request); });
 }

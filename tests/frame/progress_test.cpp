@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "frame/fault.h"
 #include "frame/progress.h"
 
 namespace {
@@ -45,14 +46,22 @@ TEST(Progress, NoCallbackWithoutParameter) {
     EXPECT_TRUE(r.current.empty());
 }
 
-TEST(Progress, KicksFromParallelThreadsAreAllCounted) {
-    Recorder r;
-    qx::setProgProc(record, &r, 1 << 30, 1);
-#pragma omp parallel for
-    for (int i = 0; i < 1000; ++i) qx::progressKick();
-    ASSERT_EQ(r.current.size(), 1000u);
-    // Under the lock every report is one more than the one before.
-    for (size_t i = 0; i < r.current.size(); ++i) EXPECT_EQ(r.current[i], static_cast<int>(i) + 1);
+// Each thread has its own progress: a job on another thread neither sees this thread's callback
+// nor moves its count.
+TEST(Progress, EachThreadKeepsItsOwnState) {
+    Recorder mine, theirs;
+    qx::setProgProc(record, &mine, 1000, 1);
+    qx::progressKick();
+    std::thread other([&] {
+        EXPECT_EQ(qx::progressState().proc, nullptr);
+        qx::setProgProc(record, &theirs, 1000, 5);
+        for (int i = 0; i < 3; ++i) qx::progressKick();
+    });
+    other.join();
+    qx::progressKick();
+    EXPECT_EQ(mine.current, (std::vector<int>{1, 2}));
+    EXPECT_EQ(theirs.current, (std::vector<int>{5, 10, 15}));
+    qx::initProgProc();
 }
 
 TEST(Progress, StepsNearTheIntLimitFallBackWithoutOverflow) {
@@ -65,31 +74,24 @@ TEST(Progress, StepsNearTheIntLimitFallBackWithoutOverflow) {
     qx::initProgProc();
 }
 
-// The callback and its parameter are installed and removed by one thread while another kicks:
-// a kick either reports to the installed pair or does nothing, never calls a removed one.
-int countCall(int, int, void* param) {
-    static_cast<std::atomic<int>*>(param)->fetch_add(1);
-    return 1;
-}
-
-TEST(Progress, InstallingWhileKickingNeverCallsARemovedCallback) {
-    std::atomic<int> calls{0};
-    std::atomic<bool> done{false};
-    std::thread installer([&] {
-        for (int i = 0; i < 20000; ++i) {
-            qx::setProgProc(countCall, &calls, 1000, 1);
-            qx::setProgProc(nullptr, nullptr, 1000, 1);
-        }
-        done = true;
-    });
-    int kicks = 0;
-    while (!done) {
-        EXPECT_EQ(qx::progressKick(), 1);
-        ++kicks;
+// The cancel flag stops the job at its next step, with or without a callback, and only on the
+// thread that gave it.
+TEST(Progress, CancelFlagStopsTheNextStep) {
+    volatile int32_t flag = 0;
+    qx::setCancelFlag(&flag);
+    EXPECT_EQ(qx::progressKick(), 1);
+    flag = 1;
+    bool threw = false;
+    try {
+        qx::progressKick();
+    } catch (int e) {
+        threw = e == static_cast<int>(qx::Fault::Cancelled);
     }
-    installer.join();
-    EXPECT_LE(calls.load(), kicks);
-    qx::initProgProc();
+    EXPECT_TRUE(threw);
+    std::thread other([] { EXPECT_EQ(qx::progressKick(), 1); });
+    other.join();
+    qx::setCancelFlag(nullptr);
+    EXPECT_EQ(qx::progressKick(), 1);
 }
 
 }  // namespace

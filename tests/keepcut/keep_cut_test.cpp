@@ -33,12 +33,11 @@ int progressTotalAfter(int fullW, int fullH, int roiW, int roiH, int regionMode,
     req.roiHeight = roiH;
     req.regionMode = regionMode;
     req.mergeMode = 0;
-    qx::setProgProc(nullptr, nullptr, 123, 1);
     *status = qxKeepCutToAlpha(&req, hiRes);
     // Full strokes stay full strokes, however the call ended.
     EXPECT_TRUE(std::all_of(alpha.bytes.begin(), alpha.bytes.end(),
                             [](unsigned char v) { return v == 255 || v == 0xEE; }));
-    return qx::progressState().total;
+    return qx::finishedJobState().total;
 }
 
 TEST(KeepCutEntry, EngineChoiceSeenThroughTheCall) {
@@ -101,7 +100,8 @@ TEST(KeepCutEntry, WholeImageJobsThroughBothTrees) {
         StrokeScene scene(96, 80, 20.0, 30.0, 2);
         const PaddedPlane before = scene.alpha;
         ASSERT_EQ(qxKeepCutToAlpha(&scene.req, hiRes), 1);
-        EXPECT_EQ(qx::progressState().total, 20000);
+        EXPECT_EQ(qx::finishedJobState().total, 20000);
+        EXPECT_EQ(qx::progressState().proc, nullptr);  // uninstalled when the job ended
         for (int y = 0; y < 80; ++y)
             for (int x = 0; x < 96; ++x) {
                 const unsigned char in = before.at(x, y);

@@ -1,0 +1,216 @@
+// Cancel through the host's flag: every long job stops at a progress step once the flag is set,
+// returns QX_CANCELLED, leaves the host's buffers as they came in, and the next job on the same
+// thread, with the flag cleared, gives the result of an uncancelled run.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <vector>
+
+#include "frame/progress.h"
+#include "qxiveilon31.h"
+#include "qxworkflow.h"
+
+namespace {
+
+constexpr int W = 320, H = 240;
+
+// The demonstration scene, BGR and BGRA, with its tri-map, strokes and true alpha.
+struct Scene {
+    std::vector<unsigned char> bgr, bgra, trimap, truth, strokes;
+    Scene() : bgr(W * H * 3), bgra(W * H * 4), trimap(W * H), truth(W * H), strokes(W * H) {
+        const QxwColourOut img{bgr.data(), W * 3};
+        qxwDemoScene(W, H, 9, &img, trimap.data(), W, truth.data(), W, nullptr, strokes.data(), W);
+        for (int i = 0; i < W * H; ++i) {
+            for (int c = 0; c < 3; ++c) bgra[4 * i + c] = bgr[3 * i + c];
+            bgra[4 * i + 3] = 255;
+        }
+    }
+};
+
+// A progress callback that sets the flag at its n-th report (0: never) and counts reports.
+struct Trigger {
+    volatile int32_t flag = 0;
+    int reports = 0, cancelAt = 0;
+    static int proc(int, int, void* self) {
+        auto* t = static_cast<Trigger*>(self);
+        if (++t->reports == t->cancelAt) t->flag = 1;
+        return 1;
+    }
+};
+
+// One job: runs on the buffers it owns and returns its status; `out` is every buffer the host
+// lends it.
+struct Job {
+    std::function<int(Trigger*)> run;
+    std::vector<std::vector<unsigned char>*> buffers;
+    int done;  // the status of an uncancelled run
+};
+
+std::vector<std::vector<unsigned char>> snapshot(const Job& j) {
+    std::vector<std::vector<unsigned char>> s;
+    for (auto* b : j.buffers) s.push_back(*b);
+    return s;
+}
+
+// Runs the job uncancelled, then cancelled at its first, middle and last report, then again.
+void checkCancel(const char* name, Job job) {
+    SCOPED_TRACE(name);
+    const auto before = snapshot(job);
+    Trigger full;
+    qx::setCancelFlag(&full.flag);
+    ASSERT_EQ(job.run(&full), job.done);
+    const auto result = snapshot(job);
+    ASSERT_GE(full.reports, 3);
+    for (int at : {1, full.reports / 2, full.reports - 1}) {
+        for (size_t i = 0; i < job.buffers.size(); ++i) *job.buffers[i] = before[i];
+        Trigger t;
+        t.cancelAt = at;
+        qx::setCancelFlag(&t.flag);
+        EXPECT_EQ(job.run(&t), QX_CANCELLED) << "cancelled at report " << at;
+        EXPECT_EQ(snapshot(job), before) << "cancelled at report " << at;
+        EXPECT_EQ(qx::progressState().proc, nullptr);
+    }
+    for (size_t i = 0; i < job.buffers.size(); ++i) *job.buffers[i] = before[i];
+    Trigger again;
+    qx::setCancelFlag(&again.flag);
+    ASSERT_EQ(job.run(&again), job.done);
+    EXPECT_EQ(snapshot(job), result);
+    qx::setCancelFlag(nullptr);
+}
+
+TEST(Cancel, TriMapJob) {
+    Scene s;
+    std::vector<unsigned char> p[3] = {std::vector<unsigned char>(W * H),
+                                       std::vector<unsigned char>(W * H),
+                                       std::vector<unsigned char>(W * H)};
+    for (int i = 0; i < W * H; ++i)
+        for (int c = 0; c < 3; ++c) p[c][i] = s.bgr[3 * i + c];
+    std::vector<unsigned char> mask = s.trimap;
+    checkCancel("qxMaskAlpha", {[&](Trigger* t) {
+                                    unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
+                                    MaskRequest r{};
+                                    r.planes = planes;
+                                    r.planeStep = W;
+                                    r.mask = mask.data();
+                                    r.maskStep = W;
+                                    r.width = W;
+                                    r.height = H;
+                                    r.progProc = &Trigger::proc;
+                                    r.progParam = t;
+                                    return qxMaskAlpha(&r, 0, float(W * H), 255, 0, 255, 0);
+                                },
+                                {&mask},
+                                1});
+}
+
+TEST(Cancel, StrokeJobs) {
+    Scene s;
+    std::vector<unsigned char> coded(W * H), alpha(W * H, 7);
+    for (int i = 0; i < W * H; ++i)
+        coded[i] = s.strokes[i] == 255 ? 255 : s.strokes[i] == 0 ? 1 : 126;
+    checkCancel("qxStrokesToAlpha", {[&](Trigger* t) {
+                                         StrokeMatteRequest r{};
+                                         r.image = s.bgr.data();
+                                         r.imageStep = W * 3;
+                                         r.imageChannels = 3;
+                                         r.strokes = coded.data();
+                                         r.strokesStep = W;
+                                         r.alpha = alpha.data();
+                                         r.alphaStep = W;
+                                         r.width = W;
+                                         r.height = H;
+                                         r.progProc = &Trigger::proc;
+                                         r.progParam = t;
+                                         return qxStrokesToAlpha(&r);
+                                     },
+                                     {&alpha},
+                                     1});
+    std::vector<unsigned char> plane = coded, aux(W * H, 0), dst = s.bgra;
+    checkCancel("qxKeepCutToAlpha", {[&](Trigger* t) {
+                                         KeepCutRequest r{};
+                                         r.srcImage = s.bgra.data();
+                                         r.srcStep = r.dstStep = W * 4;
+                                         r.alphaPlane = plane.data();
+                                         r.alphaStep = r.auxStep = W;
+                                         r.dstImage = dst.data();
+                                         r.auxPlane = aux.data();
+                                         r.fullWidth = r.roiWidth = W;
+                                         r.fullHeight = r.roiHeight = H;
+                                         r.progProc = &Trigger::proc;
+                                         r.progParam = t;
+                                         return qxKeepCutToAlpha(&r, 1);
+                                     },
+                                     {&plane, &dst, &aux},
+                                     1});
+}
+
+TEST(Cancel, ColourRecovery) {
+    Scene s;
+    std::vector<unsigned char> out(W * H * 3, 5);
+    checkCancel("qxRecoverForegroundFull", {[&](Trigger* t) {
+                                                ForegroundRequest r{};
+                                                r.image = s.bgr.data();
+                                                r.imageStep = W * 3;
+                                                r.imageChannels = 3;
+                                                r.alpha = s.truth.data();
+                                                r.alphaStep = W;
+                                                r.colours = out.data();
+                                                r.coloursStep = W * 3;
+                                                r.coloursChannels = 3;
+                                                r.width = W;
+                                                r.height = H;
+                                                r.progProc = &Trigger::proc;
+                                                r.progParam = t;
+                                                return qxRecoverForegroundFull(&r);
+                                            },
+                                            {&out},
+                                            1});
+    // The quarter-scale recovery reports to no host callback; a flag set before it stops it.
+    std::vector<unsigned char> dst = s.bgra, alpha = s.truth, aux(W * H, 0);
+    KeepCutRequest r{};
+    r.srcImage = s.bgra.data();
+    r.srcStep = r.dstStep = W * 4;
+    r.alphaPlane = alpha.data();
+    r.alphaStep = r.auxStep = W;
+    r.dstImage = dst.data();
+    r.auxPlane = aux.data();
+    r.fullWidth = r.roiWidth = W;
+    r.fullHeight = r.roiHeight = H;
+    volatile int32_t flag = 1;
+    qx::setCancelFlag(&flag);
+    EXPECT_EQ(qxRecoverForeground(&r, 0), QX_CANCELLED);
+    EXPECT_EQ(qxRecoverForegroundCell(&r, 0), QX_CANCELLED);
+    EXPECT_EQ(dst, s.bgra);
+    flag = 0;
+    EXPECT_EQ(qxRecoverForeground(&r, 0), 0);
+    qx::setCancelFlag(nullptr);
+}
+
+// A flag set before a job starts stops it before anything is written; for GrabCut that includes
+// the session's control, which is not created.
+TEST(Cancel, AJobWhoseFlagIsSetDoesNotStart) {
+    Scene s;
+    std::vector<unsigned char> codes(W * H, 126), result(W * H, 3);
+    GrabCutRequest r{};
+    r.image = s.bgra.data();
+    r.imageStep = W * 4;
+    r.mask = codes.data();
+    r.maskStep = W;
+    r.result = result.data();
+    r.resultStep = W;
+    r.width = r.roiWidth = W;
+    r.height = r.roiHeight = H;
+    volatile int32_t flag = 1;
+    qx::setCancelFlag(&flag);
+    EXPECT_EQ(qxGrabCut(&r, 0), QX_CANCELLED);
+    EXPECT_EQ(r.control, nullptr);
+    EXPECT_EQ(codes, std::vector<unsigned char>(W * H, 126));
+    EXPECT_EQ(result, std::vector<unsigned char>(W * H, 3));
+    flag = 0;
+    EXPECT_EQ(qxGrabCut(&r, 0), 1);
+    EXPECT_NE(r.control, nullptr);
+    qxGrabCutDeleteBuf(&r);
+    qx::setCancelFlag(nullptr);
+}
+
+}  // namespace
