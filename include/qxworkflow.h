@@ -47,22 +47,28 @@ typedef struct QxwColourOut {
 typedef enum QxwStatus {
     QXW_OK = 0,
     QXW_BAD_INPUT = 1, /* the input can't be used (message says why); nothing was run */
-    QXW_FAILED = 2     /* a library job failed (message and libraryStatus say which) */
+    QXW_FAILED = 2,    /* a library job failed (message and libraryStatus say which) */
+    QXW_CANCELLED = 3  /* the job's cancel flag was set; no output was written */
 } QxwStatus;
 
 /* Progress of the whole workflow as a fraction from 0 to 1, never going back. Called on the
  * thread that called the workflow, and never after the workflow has returned. */
 typedef void (*QxwProgressFn)(double fraction, void* data);
 
-/* In: where progress goes (progress may be NULL). Out: a one-line message (empty on QXW_OK), and
+/* In: where progress goes (progress may be NULL), and a cancel flag (may be NULL) that any thread
+ * may set to nonzero while the call runs: the call then returns QXW_CANCELLED at its next
+ * progress step, with every output as it was. Out: a one-line message (empty on QXW_OK), and
  * the status of the library job that failed (0 when none did). A workflow may be given a NULL
- * job. The fraction reaches 1 only when the call succeeds. */
+ * job. The fraction reaches 1 only when the call succeeds. Calls on different threads run at
+ * the same time, each with its own job. */
 typedef struct QxwJob {
     QxwProgressFn progress;
     void* progressData;
     int32_t libraryStatus;
     char message[512];
+    const volatile int32_t* cancel; /* offset 536 */
 } QxwJob;
+QX_LAYOUT_CHECK(job_cancel, offsetof(QxwJob, cancel) == 536 && sizeof(QxwJob) == 544);
 
 /* Stroke planes of the workflows: 255 keep (subject), 0 cut (background), any other value
  * unpainted. */

@@ -18,12 +18,12 @@ The library is found through ``QXIVEILON31_LIBRARY``, else beside the package, e
 system's loader (see README.md).
 """
 
-from ._native import QxError, LIB as _LIB
+from ._native import Cancelled, QxError, LIB as _LIB
 from ._api import GrabCutSession, cutout, foreground, grabcut, matte_strokes, matte_trimap
 
 __version__ = "0.2.0"
 
-__all__ = ["QxError", "GrabCutSession", "cutout", "foreground", "grabcut", "matte_strokes",
+__all__ = ["Cancelled", "QxError", "GrabCutSession", "cutout", "foreground", "grabcut", "matte_strokes",
            "matte_trimap", "library_version", "library_path", "__version__"]
 
 

@@ -9,7 +9,7 @@ import numpy as np
 
 from . import _arrays as arrays
 from . import _native as native
-from ._native import QxError
+from ._native import Cancelled, QxError
 
 
 # ---- Progress ------------------------------------------------------------------------------
@@ -17,12 +17,26 @@ from ._native import QxError
 TOTAL = 1000  # a callback's reports are (current, TOTAL)
 
 
-class _Progress:
-    """The ``progress=`` argument of one call: None or False (no reports), a
-    callable(current, total), or True (a tqdm bar). A call of several workflows gives each its
-    share of one climb from 0 to TOTAL, which never goes back."""
+class _Stage:
+    """One library call of a public function: where its progress goes (None: nowhere) and the
+    ``cancel=`` object of the function."""
 
-    def __init__(self, progress, desc, stages=1):
+    def __init__(self, report, cancel):
+        self.report, self.cancel = report, cancel
+
+
+class _Progress:
+    """The ``progress=`` and ``cancel=`` arguments of one call. progress: None or False (no
+    reports), a callable(current, total), or True (a tqdm bar). A call of several workflows
+    gives each its share of one climb from 0 to TOTAL, which never goes back. cancel: None, or
+    any object with ``is_set()``; once it is set the running workflow stops and the call raises
+    Cancelled."""
+
+    def __init__(self, progress, desc, stages=1, cancel=None):
+        if cancel is not None and not callable(getattr(cancel, "is_set", None)):
+            raise TypeError("cancel must have an is_set() method (a threading.Event), got %r"
+                            % (cancel,))
+        self.cancel = cancel
         self.stages, self.stage, self.shown, self.bar, self.fn = stages, 0, -1, None, None
         if progress is True:
             try:
@@ -47,9 +61,10 @@ class _Progress:
             self.fn(current, TOTAL)
 
     def next(self):
-        """The reporter of the next workflow of the call (None without reports)."""
+        """The next workflow of the call: its reporter (None without reports) and cancel."""
         self.stage += 1
-        return self.report if self.fn is not None and self.stage < self.stages else None
+        report = self.report if self.fn is not None and self.stage < self.stages else None
+        return _Stage(report, self.cancel)
 
     def __enter__(self):
         self.stage = -1
@@ -77,7 +92,7 @@ def _matte(record, tri, fg_code, bg_code, levels, report):
 
 
 def matte_trimap(image, trimap, *, fg_code=255, bg_code=0, levels=(255, 0), bgr=False,
-                 progress=None):
+                 progress=None, cancel=None):
     """Alpha from an image and a tri-map (closed-form matting).
 
     image: H x W x 3, uint8 RGB (BGR with ``bgr=True``) or float on 0..1.
@@ -91,7 +106,7 @@ def matte_trimap(image, trimap, *, fg_code=255, bg_code=0, levels=(255, 0), bgr=
     levels = arrays.levels(levels)
     img, record, is_float = arrays.image8(image, bgr)
     tri, fg_code, bg_code = arrays.trimap8(trimap, img.shape[:2], fg_code, bg_code)
-    with _Progress(progress, "matte_trimap") as p:
+    with _Progress(progress, "matte_trimap", cancel=cancel) as p:
         alpha = _matte(record, tri, fg_code, bg_code, levels, p.next())
     return arrays.mask_out(alpha, is_float)
 
@@ -115,7 +130,7 @@ def _strokes_alpha(record, strokes, engine, report):
 
 
 def matte_strokes(image, strokes, *, engine="strokes", pyramid=False, with_foreground=False,
-                  bgr=False, progress=None):
+                  bgr=False, progress=None, cancel=None):
     """Alpha from keep and cut strokes.
 
     strokes: a uint8 plane (255 keep, 0 cut, any other value unpainted), a float plane
@@ -130,7 +145,7 @@ def matte_strokes(image, strokes, *, engine="strokes", pyramid=False, with_foreg
     engine = _engine(engine, pyramid)
     img, record, is_float = arrays.image8(image, bgr)
     plane = arrays.strokes8(strokes, img.shape[:2])
-    with _Progress(progress, "matte_strokes", 2 if with_foreground else 1) as p:
+    with _Progress(progress, "matte_strokes", 2 if with_foreground else 1, cancel=cancel) as p:
         alpha = _strokes_alpha(record, plane, engine, p.next())
         if with_foreground:
             colours = _recover(record, alpha, native.METHODS["full"], p.next())
@@ -149,7 +164,7 @@ def _recover(record, alpha, method, report):
     return colours
 
 
-def foreground(image, alpha, *, method="full", bgr=False, progress=None):
+def foreground(image, alpha, *, method="full", bgr=False, progress=None, cancel=None):
     """The subject's own colours under an alpha from any source: where alpha is partial the
     background's share is taken out; elsewhere the image's colours stand.
 
@@ -162,7 +177,7 @@ def foreground(image, alpha, *, method="full", bgr=False, progress=None):
         raise ValueError("method must be one of %s, got %r" % (", ".join(native.METHODS), method))
     img, record, is_float = arrays.image8(image, bgr)
     a = arrays.alpha8(alpha, img.shape[:2])
-    with _Progress(progress, "foreground") as p:
+    with _Progress(progress, "foreground", cancel=cancel) as p:
         colours = _recover(record, a, native.METHODS[method], p.next())
     return arrays.mask_out(colours, is_float)
 
@@ -171,7 +186,7 @@ def foreground(image, alpha, *, method="full", bgr=False, progress=None):
 
 
 def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=False,
-            progress=None):
+            progress=None, cancel=None):
     """A hard selection of the subject inside rect = (x, y, width, height), in one cut.
 
     strokes: as for matte_strokes, or None. Returns the selection (255/0 uint8, or 1.0/0.0
@@ -187,7 +202,7 @@ def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=Fals
     plane = None if strokes is None else arrays.strokes8(strokes, img.shape[:2])
     selection, sel_ptr, sel_stride = _outputs(img.shape[:2])
     tri, tri_ptr, tri_stride = _outputs(img.shape[:2]) if with_trimap else (None, None, 0)
-    with _Progress(progress, "grabcut") as p:
+    with _Progress(progress, "grabcut", cancel=cancel) as p:
         native.run("qxwSelectSubject", p.next(), ctypes.byref(record),
                    None if plane is None else plane.ctypes.data,
                    0 if plane is None else plane.strides[0], x, y, w, h, band, sel_ptr,
@@ -255,7 +270,6 @@ class GrabCutSession:
         req.result, req.resultStep = self._result.ctypes.data, self._result.strides[0]
         req.width, req.height = shape[1], shape[0]
         req.roiLeft, req.roiTop, req.roiWidth, req.roiHeight = self.region
-        req.progProc, req.progParam = native.GRABCUT_RELAY, native.GRABCUT_PARAM
         self._point_mask_at(self._codes)
 
     def _point_mask_at(self, plane):
@@ -292,15 +306,24 @@ class GrabCutSession:
                 self._closed = True
                 native.lib().qxGrabCutDeleteBuf(ctypes.byref(self._req))
 
-    def cut(self, *, progress=None):
+    def cut(self, *, progress=None, cancel=None):
         """Runs one cut and returns the selection (255/0 uint8, or 1.0/0.0 float64 for a float
         image)."""
-        with self._lock, _Progress(progress, "grabcut") as p:
+        with self._lock, _Progress(progress, "grabcut", cancel=cancel) as p:
             self._check()
-            j = native.job(p.next(), "qxGrabCut")
+            stage = p.next()
+            j = native.job(stage.report, "qxGrabCut", stage.cancel)
+            self._req.progProc, self._req.progParam = j.grabcut_progress, native.GRABCUT_PARAM
             with j:
-                status = native.lib().qxGrabCut(ctypes.byref(self._req), 0)
+                # The library takes the cancel flag from the calling thread.
+                native.lib().qxSetCancelFlag(j.flag)
+                try:
+                    status = native.lib().qxGrabCut(ctypes.byref(self._req), 0)
+                finally:
+                    native.lib().qxSetCancelFlag(None)
             j.check(native.QXW_OK)
+            if status == native.QX_CANCELLED:
+                raise native.Cancelled("qxGrabCut")
             if status != 1:
                 raise QxError("qxGrabCut", status, "the GrabCut job failed")
             # The result holds 0 and 254, values between along the edge, and the strokes' fixed
@@ -348,7 +371,7 @@ class GrabCutSession:
 
 
 def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=255, bg_code=0,
-           engine="strokes", pyramid=False, bgr=False, progress=None):
+           engine="strokes", pyramid=False, bgr=False, progress=None, cancel=None):
     """An RGBA cut-out: the subject's recovered colours with alpha (BGRA with bgr=True), in the
     image's kind. One of three workflows, by what is given:
 
@@ -372,7 +395,7 @@ def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=25
         plane = None if strokes is None else arrays.strokes8(strokes, shape)
         colours, c_ptr, c_stride = _outputs(shape, 3)
         alpha, a_ptr, a_stride = _outputs(shape)
-        with _Progress(progress, "cutout") as p:
+        with _Progress(progress, "cutout", cancel=cancel) as p:
             native.run("qxwCutoutFromRect", p.next(), ctypes.byref(record),
                        None if plane is None else plane.ctypes.data,
                        0 if plane is None else plane.strides[0], x, y, w, h, band, a_ptr,
@@ -384,7 +407,7 @@ def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=25
         else:
             engine = _engine(engine, pyramid)
             plane = arrays.strokes8(strokes, shape)
-        with _Progress(progress, "cutout", 2) as p:
+        with _Progress(progress, "cutout", 2, cancel=cancel) as p:
             if trimap is not None:
                 alpha = _matte(record, tri, fg_code, bg_code, (255, 0), p.next())
             else:

@@ -3,8 +3,8 @@ workflow interface (qxworkflow.h) and of the GrabCut calls a session keeps its s
 error type, and the job context that relays progress.
 
 Calls go through ``ctypes.CDLL``, which releases the GIL for the length of each call: other
-Python threads run while a job runs. The library's progress state is still one for the process,
-so jobs run one at a time (``job``).
+Python threads run while a job runs, and jobs on different threads run at the same time (the
+library keeps progress and cancel per thread).
 """
 
 import ctypes
@@ -20,7 +20,8 @@ LEAST_MINOR = 2
 
 c_int, c_int32, c_void_p, c_double = ctypes.c_int, ctypes.c_int32, ctypes.c_void_p, ctypes.c_double
 
-QXW_OK, QXW_BAD_INPUT, QXW_FAILED = 0, 1, 2
+QXW_OK, QXW_BAD_INPUT, QXW_FAILED, QXW_CANCELLED = 0, 1, 2, 3
+QX_CANCELLED = -3  # a cancelled library job
 QXW_BGR, QXW_RGB = 0, 1
 ENGINES = {"strokes": 0, "kdtree": 1, "pyramid": 2}
 METHODS = {"full": 2, "solve": 0, "least-squares": 0, "sampling": 1}
@@ -40,7 +41,8 @@ class ColourOut(ctypes.Structure):  # QxwColourOut
 
 class Job(ctypes.Structure):  # QxwJob
     _fields_ = [("progress", PROGRESS_FN), ("progressData", c_void_p),
-                ("libraryStatus", c_int32), ("message", ctypes.c_char * 512)]
+                ("libraryStatus", c_int32), ("message", ctypes.c_char * 512),
+                ("cancel", c_void_p)]
 
 
 class GrabCutRequest(ctypes.Structure):
@@ -56,7 +58,7 @@ class GrabCutRequest(ctypes.Structure):
 
 # The sizes and offsets the C headers fix.
 assert ctypes.sizeof(Image) == 32 and ctypes.sizeof(ColourOut) == 16
-assert ctypes.sizeof(Job) == 536 and Job.message.offset == 20
+assert ctypes.sizeof(Job) == 544 and Job.message.offset == 20 and Job.cancel.offset == 536
 assert ctypes.sizeof(GrabCutRequest) == 152 and GrabCutRequest.progProc.offset == 96
 assert GrabCutRequest.control.offset == 128 and GrabCutRequest.roiTop.offset == 148
 
@@ -71,6 +73,13 @@ class QxError(RuntimeError):
 
     def __reduce__(self):
         return (type(self), (self.function, self.status, self.meaning))
+
+
+class Cancelled(QxError):
+    """The call was cancelled through its ``cancel=`` object; nothing was written."""
+
+    def __init__(self, function, status=QX_CANCELLED, text="cancelled"):
+        super().__init__(function, status, text)
 
 
 _P = ctypes.POINTER
@@ -89,6 +98,7 @@ _PROTOTYPES = {
     "qxGrabCut": (c_int, [_P(GrabCutRequest), c_int]),
     "qxGrabCutDeleteBuf": (None, [_P(GrabCutRequest)]),
     "qxGrabCutEdgeGen": (None, [_P(GrabCutRequest), c_int]),
+    "qxSetCancelFlag": (None, [c_void_p]),
 }
 
 
@@ -183,42 +193,44 @@ def lib():
 
 # ---- Jobs and their progress ---------------------------------------------------------------
 
-_JOB_LOCK = threading.Lock()
 _INSIDE = threading.local()
-_ACTIVE = [None]  # the job that holds the lock
 
-
-def _grabcut_report(current, total, _param):
-    active = _ACTIVE[0]
-    if active is not None and active.report is not None and total > 0:
-        active._relay(min(current / total, 1.0), None)
-    return 1
-
-
-# qxGrabCut reports through the library's process-wide progress state, which keeps the last
-# callback installed after the job: this one lives as long as the process and passes reports on
-# to the job running now. Reports go out only with a non-null parameter.
-GRABCUT_RELAY = GRABCUT_PROGRESS(_grabcut_report)
+# qxGrabCut reports only with a non-null parameter; the callback itself is the job's.
 _ANCHOR = c_int(1)
 GRABCUT_PARAM = ctypes.cast(ctypes.pointer(_ANCHOR), c_void_p)
 
 
 class job:
-    """One workflow call: ``with job(report) as j: status = lib().qxw...(..., j)``. Holds the
-    package's job lock, hands the library a QxwJob whose progress goes to ``report(fraction)``
-    (when not None), re-raises an exception the report raised once the call has returned, and
-    turns a status other than QXW_OK into ValueError (bad input) or QxError (a failed job)."""
+    """One library call: ``with job(report, function, cancel) as j: status = lib().qxw...(...,
+    j)``. Hands the library a QxwJob whose progress goes to ``report(fraction)`` (when not
+    None) and whose cancel flag is raised at the first report after ``cancel.is_set()`` (any
+    object with ``is_set()``, such as a ``threading.Event``); re-raises an exception the report
+    raised once the call has returned, and turns a status other than QXW_OK into ValueError (bad
+    input), Cancelled or QxError (a failed job). ``grabcut_progress`` is the same relay in the
+    form of a qxGrabCut request's callback, and ``flag`` the address of the cancel flag."""
 
-    def __init__(self, report, function):
-        self.report, self.function = report, function
+    def __init__(self, report, function, cancel=None):
+        if cancel is not None and not callable(getattr(cancel, "is_set", None)):
+            raise TypeError("cancel must have an is_set() method (a threading.Event), got %r"
+                            % (cancel,))
+        self.report, self.function, self.cancel = report, function, cancel
         self.record, self.error = Job(), None
-        if report is not None:
-            # Kept on self: the library may call it until the workflow returns.
-            self._fn = PROGRESS_FN(self._relay)
+        self._flag = c_int32(0)
+        self.flag = ctypes.cast(ctypes.pointer(self._flag), c_void_p)
+        self.record.cancel = self.flag
+        # Kept on self: the library may call them until the call returns.
+        self._fn = PROGRESS_FN(self._relay)
+        self.grabcut_progress = GRABCUT_PROGRESS(self._grabcut_relay)
+        if report is not None or cancel is not None:
             self.record.progress = self._fn
 
+    def _poll(self):
+        if self.cancel is not None and self.cancel.is_set():
+            self._flag.value = 1
+
     def _relay(self, fraction, _data):
-        if self.error is not None:
+        self._poll()
+        if self.error is not None or self.report is None:
             return
         _INSIDE.active = True
         try:
@@ -228,16 +240,18 @@ class job:
         finally:
             _INSIDE.active = False
 
+    def _grabcut_relay(self, current, total, _param):
+        if total > 0:
+            self._relay(min(current / total, 1.0), None)
+        return 1
+
     def __enter__(self):
         if getattr(_INSIDE, "active", False):
             raise RuntimeError("qxiveilon31: a job cannot start from inside a progress callback")
-        _JOB_LOCK.acquire()
-        _ACTIVE[0] = self
+        self._poll()
         return ctypes.byref(self.record)
 
     def __exit__(self, *exc):
-        _ACTIVE[0] = None
-        _JOB_LOCK.release()
         return False
 
     def check(self, status):
@@ -247,13 +261,16 @@ class job:
         text = self.record.message.decode("utf-8", "replace") or "unknown failure"
         if status == QXW_BAD_INPUT:
             raise ValueError(text)
+        if status == QXW_CANCELLED:
+            raise Cancelled(self.function)
         if status != QXW_OK:
             raise QxError(self.function, self.record.libraryStatus, text)
 
 
-def run(function, report, *args):
-    """Calls the workflow ``function`` with args and a job record; raises on failure."""
-    j = job(report, function)
+def run(function, stage, *args):
+    """Calls the workflow ``function`` with args and a job record for ``stage`` (its report and
+    cancel); raises on failure."""
+    j = job(stage.report, function, stage.cancel)
     with j as record:
         status = getattr(lib(), function)(*args, record)
     j.check(status)

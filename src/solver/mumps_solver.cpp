@@ -7,6 +7,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <vector>
 
@@ -25,8 +26,17 @@ namespace {
 
 constexpr int kUseCommWorld = -987654;
 
+// MUMPS keeps module-level state (its load balancing among others) that two instances on two
+// threads would share: one instance runs at a time in the process. Jobs on other threads go on
+// with everything but their direct solve.
+std::mutex& mumpsLock() {
+    static std::mutex m;
+    return m;
+}
+
 // One MUMPS instance, ended (job -2, which frees all it holds) on every way out.
 struct Instance {
+    std::lock_guard<std::mutex> only{mumpsLock()};
     SMUMPS_STRUC_C id;
     bool started = false;
 

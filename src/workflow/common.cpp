@@ -9,9 +9,23 @@
 namespace qx::workflow {
 
 void Relay::span(double lo, double hi) {
+    qx::checkCancel();  // between the stages of a composed workflow
     lo_ = lo;
     hi_ = hi;
     report(lo);
+}
+
+CancelScope::CancelScope(const QxwJob* job)
+    : saved_(qx::cancelFlag()), flag_(job ? job->cancel : nullptr) {
+    qx::setCancelFlag(flag_);
+}
+
+CancelScope::~CancelScope() { qx::setCancelFlag(saved_); }
+
+bool CancelScope::requested() const { return qx::cancelRequested(); }
+
+QxwStatus cancelled(QxwJob* job) {
+    return finishJob(job, QXW_CANCELLED, "cancelled", QX_CANCELLED);
 }
 
 void Relay::report(double fraction) {

@@ -44,20 +44,43 @@ void startJob(QxwJob* job);
 QxwStatus finishJob(QxwJob* job, QxwStatus status, const std::string& message = {},
                     int libraryStatus = 0);
 
+// The job's cancel flag, given to the library jobs that the calling thread runs for the length
+// of one workflow call (the thread's own flag is put back after).
+class CancelScope {
+public:
+    explicit CancelScope(const QxwJob* job);
+    ~CancelScope();
+    CancelScope(const CancelScope&) = delete;
+    CancelScope& operator=(const CancelScope&) = delete;
+    bool requested() const;
+
+private:
+    const volatile int32_t* saved_;
+    const volatile int32_t* flag_;
+};
+QxwStatus cancelled(QxwJob* job);
+
 // The frame of every C entry: a refusal (when not empty) returns QXW_BAD_INPUT with nothing run;
 // otherwise body(relay) runs with a relay over the whole call, 1 is reported when it returns
 // QXW_OK, and an escaped exception becomes QXW_FAILED ("<what> failed: ...").
+// A cancelled call (the job's flag set, seen by a library job or between stages) returns
+// QXW_CANCELLED whatever status the stage reported.
 template <class Body>
 QxwStatus runEntry(QxwJob* job, const std::string& refusal, const char* what, Body&& body) {
     if (!refusal.empty()) return finishJob(job, QXW_BAD_INPUT, refusal);
+    CancelScope cancel(job);
     try {
         Relay relay(job);
         relay.span(0.0, 1.0);
         const QxwStatus s = body(relay);
+        if (s != QXW_OK && cancel.requested()) return cancelled(job);
         if (s == QXW_OK) relay.finish();
         return s;
     } catch (const std::exception& e) {
         return finishJob(job, QXW_FAILED, std::string(what) + " failed: " + e.what());
+    } catch (int e) {
+        if (cancel.requested()) return cancelled(job);
+        return finishJob(job, QXW_FAILED, std::string(what) + " failed with " + std::to_string(e));
     }
 }
 

@@ -214,3 +214,67 @@ TEST(Cancel, AJobWhoseFlagIsSetDoesNotStart) {
 }
 
 }  // namespace
+
+#include <thread>
+
+namespace {
+
+// Two host threads run jobs at once: each gets the result it gets alone, and only its own
+// reports.
+TEST(Jobs, TwoThreadsAtOnceEqualOneAtATime) {
+    Scene s;
+    const auto trimapJob = [&](std::vector<unsigned char>& mask, Trigger* t) {
+        std::vector<unsigned char> p[3] = {std::vector<unsigned char>(W * H),
+                                           std::vector<unsigned char>(W * H),
+                                           std::vector<unsigned char>(W * H)};
+        for (int i = 0; i < W * H; ++i)
+            for (int c = 0; c < 3; ++c) p[c][i] = s.bgr[3 * i + c];
+        unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
+        mask = s.trimap;
+        MaskRequest r{};
+        r.planes = planes;
+        r.planeStep = W;
+        r.mask = mask.data();
+        r.maskStep = W;
+        r.width = W;
+        r.height = H;
+        r.progProc = &Trigger::proc;
+        r.progParam = t;
+        return qxMaskAlpha(&r, 0, float(W * H), 255, 0, 255, 0);
+    };
+    const auto colourJob = [&](std::vector<unsigned char>& out, Trigger* t) {
+        out.assign(W * H * 3, 0);
+        ForegroundRequest r{};
+        r.image = s.bgr.data();
+        r.imageStep = W * 3;
+        r.imageChannels = 3;
+        r.alpha = s.truth.data();
+        r.alphaStep = W;
+        r.colours = out.data();
+        r.coloursStep = W * 3;
+        r.coloursChannels = 3;
+        r.width = W;
+        r.height = H;
+        r.progProc = &Trigger::proc;
+        r.progParam = t;
+        return qxRecoverForegroundFull(&r);
+    };
+    std::vector<unsigned char> alone[4], together[4];
+    Trigger ta[4], tt[4];
+    ASSERT_EQ(trimapJob(alone[0], &ta[0]), 1);
+    ASSERT_EQ(trimapJob(alone[1], &ta[1]), 1);
+    ASSERT_EQ(colourJob(alone[2], &ta[2]), 1);
+    ASSERT_EQ(colourJob(alone[3], &ta[3]), 1);
+    int st[4] = {0, 0, 0, 0};
+    std::thread a([&] { st[0] = trimapJob(together[0], &tt[0]); st[2] = colourJob(together[2], &tt[2]); });
+    std::thread b([&] { st[1] = trimapJob(together[1], &tt[1]); st[3] = colourJob(together[3], &tt[3]); });
+    a.join();
+    b.join();
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(st[i], 1) << i;
+        EXPECT_EQ(together[i], alone[i]) << i;
+        EXPECT_EQ(tt[i].reports, ta[i].reports) << i;
+    }
+}
+
+}  // namespace
