@@ -148,3 +148,70 @@ def test_the_gil_is_released_while_a_job_runs(monkeypatch):
     monkeypatch.setattr(_native, "LIB", _native.Library(ctypes.PyDLL(qx.library_path()), None))
     stall, length = _longest_stall(scene)
     assert stall > 0.5 * length, (stall, length)
+
+
+def test_jobs_on_two_threads_equal_their_one_at_a_time_results(disc, square_scene):
+    image, _, _ = square_scene
+    jobs = [lambda: qx.cutout(disc.image, trimap=disc.trimap),
+            lambda: qx.matte_strokes(disc.image, disc.strokes),
+            lambda: qx.grabcut(image, (30, 20, 110, 105)),
+            lambda: qx.foreground(disc.image, disc.alpha)]
+    alone = [job() for job in jobs]
+    start = threading.Barrier(2)
+
+    def run(half):
+        start.wait()
+        return [jobs[i]() for i in half]
+
+    with ThreadPoolExecutor(2) as pool:
+        a, b = pool.map(run, [(0, 2), (1, 3)])
+    for got, want in zip(a + b, [alone[0], alone[2], alone[1], alone[3]]):
+        assert np.array_equal(got, want)
+
+
+def _big_scene():
+    return soft_disc(2400, 1800, radius=700.0, ramp=40.0, band=60.0)
+
+
+def test_cancel_stops_a_job_within_a_second_and_the_next_job_is_right():
+    s = _big_scene()
+    event = threading.Event()
+    event.set()
+    with pytest.raises(qx.Cancelled):  # set before: the job does not start
+        qx.matte_trimap(s.image, s.trimap, cancel=event)
+    event.clear()
+    timer = threading.Timer(0.3, event.set)
+    timer.start()
+    begun = time.monotonic()
+    with pytest.raises(qx.Cancelled) as caught:
+        qx.cutout(s.image, trimap=s.trimap, cancel=event)
+    assert isinstance(caught.value, qx.QxError)
+    assert time.monotonic() - begun < 0.3 + 1.0
+    timer.join()
+    small = soft_disc()
+    assert np.array_equal(qx.matte_trimap(small.image, small.trimap, cancel=threading.Event()),
+                          qx.matte_trimap(small.image, small.trimap))
+    with pytest.raises(TypeError, match="is_set"):
+        qx.foreground(small.image, small.alpha, cancel=True)
+
+
+def _resident_mb():
+    with open("/proc/self/statm") as f:
+        return int(f.read().split()[1]) * 4096 / 2 ** 20
+
+
+def test_150_jobs_in_a_row_leave_resident_memory_flat(disc):
+    def job(i):
+        if i % 3 == 0:
+            qx.cutout(disc.image, trimap=disc.trimap)
+        elif i % 3 == 1:
+            qx.matte_strokes(disc.image, disc.strokes)
+        else:
+            with qx.GrabCutSession(disc.image, (30, 20, 100, 80)) as session:
+                session.cut()
+    for i in range(15):  # warm up: the allocator's and the runtime's first pools
+        job(i)
+    before = _resident_mb()
+    for i in range(150):
+        job(i)
+    assert _resident_mb() - before < 30
