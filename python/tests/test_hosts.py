@@ -1,9 +1,12 @@
 """The package against the command-line tool on one input, and the README's example."""
 
+import glob
 import os
 import re
+import signal
 import subprocess
 import sys
+import time
 
 import numpy as np
 import pytest
@@ -46,3 +49,29 @@ def test_the_readme_example_runs_on_the_demo_scene(qxmatte, tmp_path):
     # Against the demo's known alpha: far closer than the tri-map's own guess (undecided: 128).
     error = lambda alpha: np.abs(alpha - truth).mean()  # noqa: E731
     assert error(cutout[:, :, 3]) < 0.4 * error(trimap), (error(cutout[:, :, 3]), error(trimap))
+
+
+def test_the_tool_stops_on_sigint_and_sigterm_within_a_second(qxmatte, tmp_path):
+    """A long tri-map job (a wide undecided band on a 4 MP image) stopped by a signal: the
+    tool exits within a second with 128 + the signal and leaves neither output nor temporary."""
+    qxmatte("demo", "-o", tmp_path, "--megapixels", "4")
+    truth = np.asarray(Image.open(tmp_path / "truth.png"))
+    tri = np.full(truth.shape, 128, np.uint8)
+    tenth = truth.shape[1] // 10
+    tri[:, :tenth] = 0
+    tri[:, -tenth:] = 0
+    tri[truth == 255] = 255
+    Image.fromarray(tri).save(tmp_path / "wide.png")
+    out = tmp_path / "out.png"
+    for sig, delay in ((signal.SIGINT, 1.5), (signal.SIGTERM, 0.5)):
+        tool = subprocess.Popen([os.environ["QXMATTE"], "trimap", tmp_path / "image.png",
+                                 tmp_path / "wide.png", "-o", out, "-q"],
+                                stderr=subprocess.PIPE)
+        time.sleep(delay)
+        assert tool.poll() is None, "the job ended before the signal: make it longer"
+        sent = time.monotonic()
+        tool.send_signal(sig)
+        _, err = tool.communicate()
+        assert time.monotonic() - sent < 1.0
+        assert tool.returncode == 128 + sig
+        assert not out.exists() and not glob.glob(str(tmp_path / ".qxmatte-*"))

@@ -34,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "interrupt.h"
 #include "measurement.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
@@ -50,7 +51,8 @@ const char* const kExitCodes =
     "  2  the command line is wrong\n"
     "  3  an output can't be written: unknown format, no such folder, not writable\n"
     "     (checked before any work)\n"
-    "  4  the library's job failed (its status is shown)\n";
+    "  4  the library's job failed (its status is shown)\n"
+    "  130, 143  stopped by SIGINT or SIGTERM (128 + the signal): nothing written\n";
 
 struct Command {
     const char* name;
@@ -273,6 +275,7 @@ int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
         const fs::path temp = target.parent_path() / (".qxmatte-" + std::to_string(getpid()) +
                                                        "-" + target.filename().string());
         bool ok = false;
+        qxmatte::registerTemporary(temp.c_str());
         try {
             ok = cv::imwrite(temp.string(), image);
         } catch (const cv::Exception&) {
@@ -281,10 +284,16 @@ int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
         if (!ok) {
             fs::remove(temp, ec);
             removeTemporaries(0);
+            qxmatte::clearTemporaries();
             return fail(kExitOutput,
                         path + ": cannot write the image (unknown extension or unwritable folder)");
         }
         written.emplace_back(temp, target);
+    }
+    if (qxmatte::interruptedBy() != 0) {  // stopped while writing: nothing is left
+        removeTemporaries(0);
+        qxmatte::clearTemporaries();
+        return 128 + qxmatte::interruptedBy();
     }
     for (size_t i = 0; i < written.size(); ++i) {
         fs::rename(written[i].first, written[i].second, ec);
@@ -293,10 +302,12 @@ int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
             removeTemporaries(i);
             // The ones already renamed go too: all or nothing.
             for (size_t k = 0; k < i; ++k) fs::remove(written[k].second, ec);
+            qxmatte::clearTemporaries();
             return fail(kExitOutput,
                         written[i].second.string() + ": cannot write the image (" + reason + ")");
         }
     }
+    qxmatte::clearTemporaries();
     return kExitOk;
 }
 
@@ -352,6 +363,7 @@ struct Job {
     int last = -1;
     bool bar;
     explicit Job(bool showProgress) : bar(showProgress) {
+        job.cancel = qxmatte::cancelFlag();
         if (bar) {
             job.progress = &draw;
             job.progressData = this;
@@ -376,6 +388,10 @@ struct Job {
 
 // The exit status of a failed workflow: the input's fault, or the library's.
 int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job) {
+    if (status == QXW_CANCELLED) {
+        std::fprintf(stderr, "\nqxmatte: interrupted, nothing written\n");
+        return 128 + qxmatte::interruptedBy();
+    }
     return fail(status == QXW_BAD_INPUT ? kExitInput : kExitJob, source + ": " + job.message);
 }
 
@@ -787,6 +803,7 @@ int main(int argc, char** argv) {
         }
     }
     const bool tty = isatty(STDERR_FILENO) != 0;
+    qxmatte::installInterrupt();
     if (command == "trimap") return runTrimap(argc - 2, argv + 2, tty);
     if (command == "keepcut") return runKeepCut(argc - 2, argv + 2, tty);
     if (command == "foreground") return runForeground(argc - 2, argv + 2);
