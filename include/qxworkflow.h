@@ -125,6 +125,17 @@ QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* s
                                    int band, unsigned char* alpha, int alphaStride,
                                    const QxwColourOut* colours, QxwJob* job);
 
+/* A clean alpha from a coarse mask or soft alpha of any source (grey, the image's size: a
+ * segmentation model's output, a rough brush, another editor's selection) and, when colours is
+ * not NULL, the subject's recovered colours (QXW_FG_FULL). The undecided band comes from the
+ * mask and the image: the mask's soft parts, a band along its edge that is wide where the image
+ * has little contrast and narrow where an image edge agrees with it, pixels near the edge whose
+ * colour belongs to the other side (hair outside the mask, holes inside it), and more band
+ * where the solved edge runs on past it. QXW_BAD_INPUT for a mask that is all one value. */
+QX_API QxwStatus qxwRefineMask(const QxwImage* image, const unsigned char* mask, int maskStride,
+                               unsigned char* alpha, int alphaStride, const QxwColourOut* colours,
+                               QxwJob* job);
+
 /* The default band width for an image: about 1% of its longer side, at least 10 pixels. */
 QX_API int qxwDefaultBand(int width, int height);
 

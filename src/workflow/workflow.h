@@ -117,6 +117,9 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
 QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Rect& rect,
                         int band, cv::Mat* selection, cv::Mat* trimap, Relay& relay,
                         QxwJob* job);
+// A clean alpha (and, when colours is not null, the recovered colours) from a coarse mask.
+QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv::Mat* colours,
+                     Relay& relay, QxwJob* job);
 // Empty when the rectangle lies inside the image, otherwise why not.
 std::string checkRect(const QxwImage& image, int x, int y, int width, int height);
 

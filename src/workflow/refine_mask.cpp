@@ -1,0 +1,201 @@
+// A clean alpha, and the subject's colours, from a photo and a coarse mask of any source (a
+// segmentation model, a rough brush, another editor's selection).
+//
+// The undecided band is made from the mask and the image, not a fixed width:
+//  - where the mask is soft (21..234) it is undecided as it stands;
+//  - along the mask's hard edge (128) the band is wide where the image has little contrast and
+//    narrow where a strong image edge agrees with it: 10 / (1 + gradient / 12) pixels, 3 to 10;
+//  - near the edge (50 pixels), pixels whose colour is closer to the other side's colours (six
+//    k-means centres each, from the sure pixels near the edge) are undecided too: hair outside
+//    the mask, holes inside it;
+//  - after each solve, band pixels still mixed where the band meets a sure pixel mean the edge
+//    goes on: the band grows by 10 pixels there and the solve runs again (four times at most).
+// The tri-map job solves the band; the full-resolution recovery gives the colours.
+#include <algorithm>
+#include <cmath>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "workflow/workflow.h"
+
+namespace qx::workflow {
+namespace {
+
+constexpr int kSoftLow = 20, kSoftHigh = 235;
+constexpr int kBandWidths[] = {3, 6, 10};
+constexpr float kWidest = 10.f, kNarrowest = 3.f, kContrast = 12.f;
+constexpr int kColourReach = 50, kCentres = 6, kSamples = 20000;
+constexpr int kGrowSteps = 4, kGrowBy = 10;
+
+cv::Mat disc(int radius) {
+    return cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * radius + 1, 2 * radius + 1));
+}
+
+// Up to kSamples pixels of `where` (every n-th), as float rows for k-means.
+cv::Mat samples(const cv::Mat& bgr, const cv::Mat& where) {
+    const int count = cv::countNonZero(where);
+    const int every = std::max(1, count / kSamples);
+    cv::Mat out(0, 3, CV_32F);
+    int seen = 0;
+    for (int y = 0; y < bgr.rows; ++y) {
+        const cv::Vec3b* p = bgr.ptr<cv::Vec3b>(y);
+        const unsigned char* w = where.ptr<unsigned char>(y);
+        for (int x = 0; x < bgr.cols; ++x)
+            if (w[x] && seen++ % every == 0) {
+                const float row[3] = {float(p[x][0]), float(p[x][1]), float(p[x][2])};
+                out.push_back(cv::Mat(1, 3, CV_32F, const_cast<float*>(row)));
+            }
+    }
+    return out;
+}
+
+// The centres of a side's colours, from a fixed seed so that the same input gives the same band.
+cv::Mat centres(const cv::Mat& bgr, const cv::Mat& where) {
+    cv::Mat pts = samples(bgr, where);
+    if (pts.rows < kCentres * 4) return cv::Mat();
+    cv::RNG& rng = cv::theRNG();
+    const uint64_t saved = rng.state;
+    rng.state = 0x5EEDC0DEull;
+    cv::Mat labels, c;
+    cv::kmeans(pts, kCentres, labels,
+               cv::TermCriteria(cv::TermCriteria::MAX_ITER + cv::TermCriteria::EPS, 20, 1.0), 2,
+               cv::KMEANS_PP_CENTERS, c);
+    rng.state = saved;
+    return c;
+}
+
+float nearest(const cv::Mat& c, const cv::Vec3b& p) {
+    float best = 1e30f;
+    for (int i = 0; i < c.rows; ++i) {
+        const float* r = c.ptr<float>(i);
+        const float d0 = p[0] - r[0], d1 = p[1] - r[1], d2 = p[2] - r[2];
+        best = std::min(best, d0 * d0 + d1 * d1 + d2 * d2);
+    }
+    return best;
+}
+
+// The first tri-map (0, 128, 255) from the mask and the image.
+cv::Mat firstTrimap(const cv::Mat& bgr, const cv::Mat& mask) {
+    const cv::Mat hard = mask >= 128;
+    cv::Mat undecided = (mask > kSoftLow) & (mask < kSoftHigh);
+    cv::Mat grown, shrunk;
+    cv::dilate(hard, grown, cv::Mat());
+    cv::erode(hard, shrunk, cv::Mat());
+    const cv::Mat edge = grown != shrunk;
+
+    // Band width from the image's contrast.
+    cv::Mat grey, gx, gy, magnitude;
+    cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+    cv::Sobel(grey, gx, CV_32F, 1, 0, 3);
+    cv::Sobel(grey, gy, CV_32F, 0, 1, 3);
+    cv::magnitude(gx, gy, magnitude);
+    cv::GaussianBlur(magnitude, magnitude, cv::Size(), 2.0);
+    cv::Mat width = kWidest / (1.f + magnitude * (0.25f / kContrast));
+    for (int k : kBandWidths) {
+        const cv::Mat seeds = edge & (width >= float(std::max<float>(k, kNarrowest)) - 1e-3f);
+        if (cv::countNonZero(seeds) == 0) continue;
+        cv::Mat reach;
+        cv::dilate(seeds, reach, disc(k));
+        undecided |= reach;
+    }
+
+    // Colours of the other side near the edge.
+    cv::Mat near;
+    cv::dilate(edge, near, disc(kColourReach));
+    const cv::Mat sureFg = hard & ~undecided & near, sureBg = ~hard & ~undecided & near;
+    const cv::Mat fg = centres(bgr, sureFg), bg = centres(bgr, sureBg);
+    if (!fg.empty() && !bg.empty()) {
+        for (int y = 0; y < bgr.rows; ++y) {
+            const cv::Vec3b* p = bgr.ptr<cv::Vec3b>(y);
+            const unsigned char* n = near.ptr<unsigned char>(y);
+            const unsigned char* h = hard.ptr<unsigned char>(y);
+            unsigned char* u = undecided.ptr<unsigned char>(y);
+            for (int x = 0; x < bgr.cols; ++x) {
+                if (!n[x] || u[x]) continue;
+                const float df = nearest(fg, p[x]), db = nearest(bg, p[x]);
+                if (h[x] ? db < df : df < db) u[x] = 255;
+            }
+        }
+    }
+    cv::Mat trimap = hard & 255;
+    trimap.setTo(128, undecided);
+    return trimap;
+}
+
+// Band pixels still mixed where the band meets a sure pixel: the band grows there. False when
+// there is none.
+bool growBand(cv::Mat& trimap, const cv::Mat& alpha) {
+    const cv::Mat band = trimap == 128;
+    cv::Mat around;
+    cv::dilate(~band, around, cv::Mat());  // band pixels next to a sure one
+    const cv::Mat open = band & around & (alpha > 12) & (alpha < 243);
+    if (cv::countNonZero(open) == 0) return false;
+    cv::Mat grown;
+    cv::dilate(open, grown, disc(kGrowBy));
+    const cv::Mat added = grown & ~band;
+    if (cv::countNonZero(added) == 0) return false;
+    trimap.setTo(128, added);
+    return true;
+}
+
+}  // namespace
+
+QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv::Mat* colours,
+                     Relay& relay, QxwJob* job) {
+    double lo = 0.0, hi = 0.0;
+    cv::minMaxLoc(mask, &lo, &hi);
+    if (lo == hi)
+        return finishJob(job, QXW_BAD_INPUT,
+                         "the mask is all one value (" + std::to_string(int(lo)) +
+                             "): there is no edge to refine");
+    const double solveShare = colours ? 0.8 : 1.0;
+    relay.span(0.0, 0.05);
+    cv::Mat trimap = firstTrimap(bgr, mask);
+    cv::Mat result = trimap.clone();
+    for (int step = 0; step <= kGrowSteps; ++step) {
+        if (cv::countNonZero(trimap == 128) == 0) break;
+        // Each solve a share of what is left: the first solve is the largest part of the work.
+        const double from = 0.05 + (solveShare - 0.05) * (1.0 - std::pow(0.5, step));
+        const double to = 0.05 + (solveShare - 0.05) * (1.0 - std::pow(0.5, step + 1));
+        relay.span(from, step == kGrowSteps ? solveShare : to);
+        cv::Mat solved;
+        const QxwStatus s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &solved, relay, job);
+        if (s != QXW_OK) {
+            if (step == 0) return s;
+            break;  // a grown band the job refuses: keep the last solve
+        }
+        result = solved;
+        if (step == kGrowSteps || !growBand(trimap, result)) break;
+    }
+    if (colours) {
+        relay.span(solveShare, 1.0);
+        const QxwStatus s = recoverForeground(bgr, result, QXW_FG_FULL, colours, relay, job);
+        if (s != QXW_OK) return s;
+    }
+    *alpha = result;
+    return finishJob(job, QXW_OK);
+}
+
+}  // namespace qx::workflow
+
+extern "C" QX_API QxwStatus qxwRefineMask(const QxwImage* image, const unsigned char* mask,
+                                          int maskStride, unsigned char* alpha, int alphaStride,
+                                          const QxwColourOut* colours, QxwJob* job) {
+    using namespace qx::workflow;
+    startJob(job);
+    std::string err = checkImage(image);
+    if (err.empty()) err = checkPlane(mask, maskStride, *image, "mask");
+    if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
+    if (err.empty() && colours && !colours->pixels) err = "no colour output";
+    if (err.empty() && colours && colours->stride < static_cast<int64_t>(image->width) * 3)
+        err = "the colour output's stride is shorter than a row";
+    return runEntry(job, err, "refine", [&](Relay& relay) {
+        cv::Mat a, fg;
+        const QxwStatus s = refineMask(toBgr(*image), planeView(mask, maskStride, *image), &a,
+                                       colours ? &fg : nullptr, relay, job);
+        if (s != QXW_OK) return s;
+        copyPlaneOut(a, alpha, alphaStride);
+        if (colours) copyColoursOut(fg, *image, *colours);
+        return QXW_OK;
+    });
+}
