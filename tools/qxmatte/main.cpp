@@ -34,15 +34,14 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "interrupt.h"
 #include "measurement.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
 
-namespace {
+namespace qxmatte {
 
-// Exit codes, as --help lists them.
-enum Exit { kExitOk = 0, kExitInput = 1, kExitUsage = 2, kExitOutput = 3, kExitJob = 4 };
 const char* const kExitCodes =
     "exit codes:\n"
     "  0  done\n"
@@ -97,6 +96,19 @@ const Command kCommands[] = {
      "                 [--band N] -o OUT.png [--alpha A.png] [-q]",
      "rectangle to RGBA cut-out: GrabCut, the edge band, alpha on the\n"
      "band, recovered colours; --alpha also writes the alpha."},
+    {"refine",
+     "qxmatte refine IMAGE MASK -o CUTOUT.png [--alpha A.png] [-q]",
+     "a coarse mask or soft alpha of any source (a segmentation model, a\n"
+     "rough brush, another editor's selection) to a clean RGBA cut-out:\n"
+     "the undecided band comes from the mask and the image; --alpha also\n"
+     "writes the alpha."},
+    {"batch",
+     "qxmatte batch IN -o OUT [-j N] [-q]",
+     "every photo NAME.png/.jpg/.tif in IN with a partner NAME.mask.png\n"
+     "(refine), NAME.trimap.png (trimap --cutout) or NAME.strokes.png\n"
+     "(keepcut --cutout) to OUT/NAME.png, as those commands make it.\n"
+     "Outputs newer than their inputs are kept; a failing photo doesn't\n"
+     "stop the rest (listed at the end, exit 1); -j N photos at once."},
     {"demo", "qxmatte demo [-o DIR] [--megapixels N] [-q]",
      "a synthetic scene with a known alpha and foreground, through the\n"
      "tri-map and the keep-cut workflows; writes the images to DIR\n"
@@ -139,10 +151,16 @@ void commandHelp(const Command& c) {
     std::printf("\n%s\n%s", kCommonOptions, kExitCodes);
 }
 
+// Where a batch item's messages go instead of the standard error (one a thread).
+thread_local std::string* failCapture = nullptr;
+
 int fail(int code, const std::string& message) {
-    std::fprintf(stderr, "qxmatte: %s\n", message.c_str());
+    if (failCapture) *failCapture = message;
+    else std::fprintf(stderr, "qxmatte: %s\n", message.c_str());
     return code;
 }
+
+void captureFailures(std::string* into) { failCapture = into; }
 
 // A command line that names too little: one line, and where to look.
 int usageError(const char* command, const std::string& what) {
@@ -211,12 +229,6 @@ std::string readImageAndPlane(const std::string& imagePath, const std::string& p
     return {};
 }
 
-// An output to check before any work: its path (empty: not asked for) and whether the image
-// written to it has an alpha channel that the format must keep.
-struct Output {
-    std::string path;
-    bool alpha = false;
-};
 
 bool keepsAlpha(const std::string& path) {
     std::string ext = std::filesystem::path(path).extension().string();
@@ -358,33 +370,6 @@ int otherArgument(const std::string& a, bool* showProgress, std::vector<std::str
 }
 
 // A workflow call's record, with the progress bar on standard error when asked for.
-struct Job {
-    QxwJob job{};
-    int last = -1;
-    bool bar;
-    explicit Job(bool showProgress) : bar(showProgress) {
-        job.cancel = qxmatte::cancelFlag();
-        if (bar) {
-            job.progress = &draw;
-            job.progressData = this;
-        }
-    }
-    ~Job() {
-        if (bar && last >= 0) std::fprintf(stderr, "\r%*s\r", 40, "");
-    }
-    static void draw(double fraction, void* data) {
-        auto* self = static_cast<Job*>(data);
-        const int percent = static_cast<int>(fraction * 100);
-        if (percent == self->last) return;
-        self->last = percent;
-        const int filled = percent * 30 / 100;
-        std::fprintf(stderr, "\r[%.*s%.*s] %3d%%", filled, "##############################",
-                     30 - filled, "                              ", percent);
-        std::fflush(stderr);
-    }
-    QxwJob* operator->() { return &job; }
-    operator QxwJob*() { return &job; }
-};
 
 // The exit status of a failed workflow: the input's fault, or the library's.
 int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job) {
@@ -410,6 +395,60 @@ QxwStatus recover(const cv::Mat& image, const cv::Mat& alpha, Job& job, cv::Mat*
                                              method, &colours, job);
     if (s == QXW_OK) *out = fg;
     return s;
+}
+
+int cutoutOf(Partner kind, const std::string& imagePath, const std::string& partnerPath, Job& job,
+             cv::Mat* rgba, cv::Mat* alphaOut) {
+    const char* what = kind == Partner::Mask ? "mask"
+                       : kind == Partner::Trimap ? "tri-map"
+                                                 : "stroke image";
+    cv::Mat image, plane;
+    const std::string err = readImageAndPlane(imagePath, partnerPath, what, &image, &plane);
+    if (!err.empty()) return fail(kExitInput, err);
+    const QxwImage img = imageOf(image);
+    cv::Mat alpha(image.size(), CV_8UC1), fg;
+    QxwStatus s;
+    if (kind == Partner::Mask) {
+        fg.create(image.size(), CV_8UC3);
+        const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
+        s = qxwRefineMask(&img, plane.data, static_cast<int>(plane.step), alpha.data,
+                          static_cast<int>(alpha.step), &colours, job);
+        if (s != QXW_OK) return jobFailure(partnerPath, s, job.job);
+    } else {
+        s = kind == Partner::Trimap
+                ? qxwMatteTrimap(&img, plane.data, static_cast<int>(plane.step), 255, 0, 255, 0,
+                                 alpha.data, static_cast<int>(alpha.step), job)
+                : qxwMatteStrokes(&img, plane.data, static_cast<int>(plane.step),
+                                  QXW_ENGINE_STROKES, alpha.data, static_cast<int>(alpha.step),
+                                  job);
+        if (s != QXW_OK) return jobFailure(partnerPath, s, job.job);
+        if ((s = recover(image, alpha, job, &fg)) != QXW_OK)
+            return jobFailure(imagePath, s, job.job);
+    }
+    *rgba = withAlpha(fg, alpha);
+    if (alphaOut) *alphaOut = alpha;
+    return kExitOk;
+}
+
+int runRefine(int argc, char** argv, bool showProgress) {
+    std::vector<std::string> positional;
+    std::string output, alphaPath;
+    for (int i = 0; i < argc; ++i) {
+        const std::string a = argv[i];
+        const bool more = i + 1 < argc;
+        if (a == "-o" && more) output = argv[++i];
+        else if (a == "--alpha" && more) alphaPath = argv[++i];
+        else if (const int rc = otherArgument(a, &showProgress, &positional)) return rc;
+    }
+    if (positional.size() != 2 || output.empty())
+        return usageError("refine", "needs IMAGE, MASK and -o CUTOUT");
+    const std::string err = checkOutputs({{output, true}, {alphaPath}});
+    if (!err.empty()) return fail(kExitOutput, err);
+    Job job(showProgress);
+    cv::Mat rgba, alpha;
+    if (const int rc = cutoutOf(Partner::Mask, positional[0], positional[1], job, &rgba, &alpha))
+        return rc;
+    return writeAll({{output, rgba}, {alphaPath, alpha}});
 }
 
 int runTrimap(int argc, char** argv, bool showProgress) {
@@ -775,9 +814,10 @@ int runDemo(int argc, char** argv, bool showProgress) {
     return 0;
 }
 
-}  // namespace
+}  // namespace qxmatte
 
 int main(int argc, char** argv) {
+    using namespace qxmatte;
     if (argc < 2) {
         usage(stderr);
         return kExitUsage;
@@ -805,6 +845,8 @@ int main(int argc, char** argv) {
     const bool tty = isatty(STDERR_FILENO) != 0;
     qxmatte::installInterrupt();
     if (command == "trimap") return runTrimap(argc - 2, argv + 2, tty);
+    if (command == "refine") return runRefine(argc - 2, argv + 2, tty);
+    if (command == "batch") return runBatch(argc - 2, argv + 2, tty);
     if (command == "keepcut") return runKeepCut(argc - 2, argv + 2, tty);
     if (command == "foreground") return runForeground(argc - 2, argv + 2);
     if (command == "grabcut") return runGrabCutCommand(argc - 2, argv + 2, tty, false);

@@ -1,0 +1,87 @@
+// What the commands share, for the commands that live in files of their own (batch.cpp): exit
+// codes, failure messages, reading and all-or-nothing writing, and the job record with its
+// progress bar.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "interrupt.h"
+#include "qxworkflow.h"
+
+namespace qxmatte {
+
+// Exit codes, as --help lists them.
+enum Exit { kExitOk = 0, kExitInput = 1, kExitUsage = 2, kExitOutput = 3, kExitJob = 4 };
+
+// Prints "qxmatte: message" (or keeps it, see captureFailures) and returns code.
+int fail(int code, const std::string& message);
+// From now on this thread's failure messages go into *into instead (nullptr: back to stderr).
+void captureFailures(std::string* into);
+int usageError(const char* command, const std::string& what);
+bool parseInt(const char* text, int lo, int hi, int* out);
+// -q, positional names, and a refusal of any other option: kExitOk when taken.
+int otherArgument(const std::string& a, bool* showProgress, std::vector<std::string>* positional);
+
+// Reads a colour image and a grey plane of the same size; an empty string when it worked.
+std::string readImageAndPlane(const std::string& imagePath, const std::string& planePath,
+                              const char* planeWhat, cv::Mat* image, cv::Mat* plane);
+
+// An output to check before any work: its path (empty: not asked for) and whether the image
+// written to it has an alpha channel that the format must keep.
+struct Output {
+    std::string path;
+    bool alpha = false;
+};
+
+std::string checkOutputs(const std::vector<Output>& outputs);
+// Writes every named image or none (temporary names, renamed when all are written); entries with
+// an empty path are skipped. The exit status.
+int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files);
+
+// The record of one command's workflow calls: the progress bar (when shown) and the cancel flag
+// that SIGINT and SIGTERM raise.
+struct Job {
+    QxwJob job{};
+    int last = -1;
+    bool bar;
+    explicit Job(bool showProgress) : bar(showProgress) {
+        job.cancel = qxmatte::cancelFlag();
+        if (bar) {
+            job.progress = &draw;
+            job.progressData = this;
+        }
+    }
+    ~Job() {
+        if (bar && last >= 0) std::fprintf(stderr, "\r%*s\r", 40, "");
+    }
+    static void draw(double fraction, void* data) {
+        auto* self = static_cast<Job*>(data);
+        const int percent = static_cast<int>(fraction * 100);
+        if (percent == self->last) return;
+        self->last = percent;
+        const int filled = percent * 30 / 100;
+        std::fprintf(stderr, "\r[%.*s%.*s] %3d%%", filled, "##############################",
+                     30 - filled, "                              ", percent);
+        std::fflush(stderr);
+    }
+    QxwJob* operator->() { return &job; }
+    operator QxwJob*() { return &job; }
+};
+
+// The exit status of a failed workflow: the input's fault, the library's, or a signal's.
+int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job);
+
+// What a photo's partner file asks for.
+enum class Partner { Mask, Trimap, Strokes };
+// The RGBA cut-out (BGRA) of a photo and its partner, exactly as `refine`, `trimap --cutout`
+// and `keepcut --cutout` make it with their defaults; *alpha too when not null. The exit status.
+int cutoutOf(Partner kind, const std::string& imagePath, const std::string& partnerPath, Job& job,
+             cv::Mat* rgba, cv::Mat* alpha);
+
+int runBatch(int argc, char** argv, bool showProgress);
+
+}  // namespace qxmatte
