@@ -17,6 +17,7 @@ packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libo
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-dev libomp-dev
           python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip
+          python3-distributed
           python3-venv python3-pil libgimp2.0-dev gimp xvfb xdotool)
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"

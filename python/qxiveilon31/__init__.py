@@ -8,7 +8,9 @@ GIMP plug-in make, and gives their result on the same input:
 - ``matte_strokes(image, strokes)``: alpha from keep and cut strokes (three engines);
 - ``foreground(image, alpha)``: the subject's own colours under an alpha;
 - ``grabcut(image, rect)`` and ``GrabCutSession``: a hard selection in a rectangle;
-- ``cutout(image, rect=..., trimap=..., strokes=...)``: an RGBA cut-out.
+- ``cutout(image, rect=..., trimap=..., strokes=...)``: an RGBA cut-out;
+- ``refine(image, mask)``: an RGBA cut-out from a coarse mask of any source;
+- ``batch(in_dir, out_dir, scheduler=None)``: folders of photos, locally or on a dask cluster.
 
 Images are H x W x 3 arrays, uint8 RGB (``bgr=True`` for OpenCV's order) or float on 0..1;
 results come back in the image's kind. Failures of a job raise ``QxError``; bad shapes and
@@ -19,12 +21,14 @@ system's loader (see README.md).
 """
 
 from ._native import Cancelled, QxError, LIB as _LIB
-from ._api import GrabCutSession, cutout, foreground, grabcut, matte_strokes, matte_trimap
+from ._api import (GrabCutSession, cutout, foreground, grabcut, matte_strokes, matte_trimap,
+                   refine)
+from ._batch import batch
 
 __version__ = "0.2.0"
 
-__all__ = ["Cancelled", "QxError", "GrabCutSession", "cutout", "foreground", "grabcut", "matte_strokes",
-           "matte_trimap", "library_version", "library_path", "__version__"]
+__all__ = ["Cancelled", "QxError", "GrabCutSession", "batch", "cutout", "foreground", "grabcut",
+           "matte_strokes", "matte_trimap", "refine", "library_version", "library_path", "__version__"]
 
 
 def library_version():

@@ -367,6 +367,27 @@ class GrabCutSession:
         return arrays.trimap_out(tri, self._is_float)
 
 
+# ---- Refine --------------------------------------------------------------------------------
+
+
+def refine(image, mask, *, bgr=False, progress=None, cancel=None):
+    """A clean RGBA cut-out from a coarse mask or soft alpha of any source (a segmentation
+    model, a rough brush, another editor's selection): H x W, uint8 or float on 0..1. The
+    undecided band comes from the mask and the image; the colours are recovered. Same as
+    ``qxmatte refine``. A mask that is all one value raises ValueError."""
+    img, record, is_float = arrays.image8(image, bgr)
+    shape = img.shape[:2]
+    m = arrays.alpha8(mask, shape)
+    colours, c_ptr, c_stride = _outputs(shape, 3)
+    alpha, a_ptr, a_stride = _outputs(shape)
+    with _Progress(progress, "refine", cancel=cancel) as p:
+        native.run("qxwRefineMask", p.next(), ctypes.byref(record), m.ctypes.data, m.strides[0],
+                   a_ptr, a_stride, ctypes.byref(native.ColourOut(c_ptr, c_stride)))
+    rgba = np.empty(shape + (4,), np.uint8)
+    rgba[:, :, :3], rgba[:, :, 3] = colours, alpha
+    return arrays.mask_out(rgba, is_float)
+
+
 # ---- Cut-out -------------------------------------------------------------------------------
 
 

@@ -99,6 +99,7 @@ _PROTOTYPES = {
     "qxGrabCutDeleteBuf": (None, [_P(GrabCutRequest)]),
     "qxGrabCutEdgeGen": (None, [_P(GrabCutRequest), c_int]),
     "qxSetCancelFlag": (None, [c_void_p]),
+    "qxwRefineMask": (c_int, [_IMG, _BYTES, c_int, _BYTES, c_int, _P(ColourOut), _JOB]),
 }
 
 

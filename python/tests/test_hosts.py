@@ -75,3 +75,66 @@ def test_the_tool_stops_on_sigint_and_sigterm_within_a_second(qxmatte, tmp_path)
         assert time.monotonic() - sent < 1.0
         assert tool.returncode == 128 + sig
         assert not out.exists() and not glob.glob(str(tmp_path / ".qxmatte-*"))
+
+
+def _batch_folder(folder, disc):
+    """Photos with each kind of partner, and photos that must fail or be left alone."""
+    import scenes
+    from PIL import Image as PILImage
+    folder.mkdir()
+    square, _, _ = scenes.subject_and_square()
+    coarse = np.where(disc.alpha >= 0.5, 255, 0).astype(np.uint8)
+    for name, image, partner, suffix in (
+            ("a", disc.image, coarse, ".mask.png"),
+            ("b", disc.image, disc.trimap, ".trimap.png"),
+            ("c", disc.image, disc.strokes, ".strokes.png"),
+            ("d", square, coarse, ".mask.png"),                      # partner of another size
+            ("e", disc.image, np.full_like(coarse, 255), ".mask.png"),  # all one value
+            ("f", disc.image, None, None)):                         # no partner
+        PILImage.fromarray(image).save(folder / (name + ".png"))
+        if partner is not None:
+            PILImage.fromarray(partner).save(folder / (name + suffix))
+    (folder / "g.jpg").write_bytes(b"not an image")
+    (folder / "g.trimap.png").write_bytes(b"not an image either")
+
+
+def test_batch_locally_on_a_cluster_and_by_the_tool_gives_the_same_files(qxmatte, tmp_path, disc,
+                                                                          monkeypatch):
+    folder = tmp_path / "in"
+    _batch_folder(folder, disc)
+    tool = subprocess.run([os.environ["QXMATTE"], "batch", folder, "-o", tmp_path / "tool",
+                           "-j", "2", "-q"], capture_output=True, text=True)
+    assert tool.returncode == 1 and "3 written, 0 up to date, 3 failed, 1 without" in tool.stdout
+    local = qx.batch(folder, tmp_path / "local")
+    assert sorted(local["written"]) == ["a", "b", "c"] and local["without_partner"] == 1
+    assert sorted(local["failed"]) == ["d", "e", "g"] and "all one value" in local["failed"]["e"]
+    # A second run keeps what is newer than its inputs.
+    again = qx.batch(folder, tmp_path / "local")
+    assert again["written"] == [] and sorted(again["current"]) == ["a", "b", "c"]
+    distributed = pytest.importorskip("distributed")
+    monkeypatch.setenv("PYTHONPATH", os.pathsep.join(p for p in sys.path if p))
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                  dashboard_address=None) as cluster:
+        on_cluster = qx.batch(folder, tmp_path / "cluster", cluster.scheduler_address)
+    assert sorted(on_cluster["written"]) == ["a", "b", "c"]
+    for name in ("a", "b", "c"):
+        want = (tmp_path / "tool" / (name + ".png")).read_bytes()
+        assert (tmp_path / "local" / (name + ".png")).read_bytes() == want
+        assert (tmp_path / "cluster" / (name + ".png")).read_bytes() == want
+    assert sorted(os.listdir(tmp_path / "cluster")) == ["a.png", "b.png", "c.png"]
+
+
+def test_refine_equals_the_tool(qxmatte, tmp_path, disc):
+    coarse = np.where(disc.alpha >= 0.5, 255, 0).astype(np.uint8)
+    Image.fromarray(disc.image).save(tmp_path / "image.png")
+    Image.fromarray(coarse).save(tmp_path / "mask.png")
+    qxmatte("refine", tmp_path / "image.png", tmp_path / "mask.png", "-o", tmp_path / "cut.png")
+    tool = np.asarray(Image.open(tmp_path / "cut.png"))
+    ours = qx.refine(disc.image, coarse)
+    assert np.array_equal(ours, tool)
+    # The edge the mask cut hard comes back soft, close to the scene's own alpha.
+    band = disc.band
+    assert np.abs(ours[:, :, 3][band] / 255.0 - disc.alpha[band]).mean() < \
+        0.5 * np.abs(coarse[band] / 255.0 - disc.alpha[band]).mean()
+    with pytest.raises(ValueError, match="all one value"):
+        qx.refine(disc.image, np.zeros_like(coarse))

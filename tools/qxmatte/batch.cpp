@@ -1,4 +1,4 @@
-// qxmatte batch IN -o OUT [-j N]: every photo of a folder with a partner file to an RGBA cut-out,
+// qxmatte batch IN -o OUT [-j N] [--only NAME]: every photo (or the one named)  of a folder with a partner file to an RGBA cut-out,
 // as the single commands make it. Photos run N at once on threads of this process (the library
 // runs jobs on several threads side by side); a photo whose output is newer than its inputs is
 // left alone; a failing photo is listed at the end and doesn't stop the others.
@@ -55,13 +55,15 @@ bool upToDate(const Item& it) {
 
 int runBatch(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
-    std::string outDir;
+    std::string outDir, only;
     int jobs = 1;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
         if (a == "-o" && more) {
             outDir = argv[++i];
+        } else if (a == "--only" && more) {
+            only = argv[++i];
         } else if (a == "-j" && more) {
             if (!parseInt(argv[++i], 1, 64, &jobs)) return fail(kExitUsage, "-j takes 1 to 64");
         } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
@@ -88,6 +90,7 @@ int runBatch(int argc, char** argv, bool showProgress) {
         Item it;
         it.name = p.stem().string();
         it.image = p;
+        if (!only.empty() && it.name != only) continue;
         const std::pair<const char*, Partner> partners[] = {
             {".mask.png", Partner::Mask}, {".trimap.png", Partner::Trimap},
             {".strokes.png", Partner::Strokes}};

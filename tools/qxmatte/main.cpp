@@ -103,12 +103,13 @@ const Command kCommands[] = {
      "the undecided band comes from the mask and the image; --alpha also\n"
      "writes the alpha."},
     {"batch",
-     "qxmatte batch IN -o OUT [-j N] [-q]",
+     "qxmatte batch IN -o OUT [-j N] [--only NAME] [-q]",
      "every photo NAME.png/.jpg/.tif in IN with a partner NAME.mask.png\n"
      "(refine), NAME.trimap.png (trimap --cutout) or NAME.strokes.png\n"
      "(keepcut --cutout) to OUT/NAME.png, as those commands make it.\n"
      "Outputs newer than their inputs are kept; a failing photo doesn't\n"
-     "stop the rest (listed at the end, exit 1); -j N photos at once."},
+     "stop the rest (listed at the end, exit 1); -j N photos at once;\n"
+     "--only NAME does the photo NAME alone (as a cluster's task does)."},
     {"demo", "qxmatte demo [-o DIR] [--megapixels N] [-q]",
      "a synthetic scene with a known alpha and foreground, through the\n"
      "tri-map and the keep-cut workflows; writes the images to DIR\n"
