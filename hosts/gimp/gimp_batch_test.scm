@@ -30,6 +30,20 @@
     (gimp-image-select-rectangle img CHANNEL-OP-REPLACE rect-x rect-y rect-w rect-h)
     (plug-in-qx-select-subject RUN-NONINTERACTIVE img layer 0 -1 2)
     (save-layer img (car (gimp-image-get-active-layer img)) "gimp_subject.png")
+    ; Refine Edge: a copy of the layer whose mask is the coarse mask (saved as GIMP has it, for
+    ; the tool to refine the same values); the result a new layer.
+    (gimp-selection-none img)
+    (let* ((copy (car (gimp-layer-copy layer TRUE)))
+           (coarse (load-layer img "coarse.png")))
+      (gimp-image-insert-layer img copy 0 -1)
+      (if (not (= (car (gimp-layer-get-mask copy)) -1)) (gimp-layer-remove-mask copy MASK-DISCARD))
+      (let ((mask (car (gimp-layer-create-mask copy ADD-MASK-WHITE))))
+        (gimp-layer-add-mask copy mask)
+        (gimp-edit-copy coarse)
+        (gimp-floating-sel-anchor (car (gimp-edit-paste mask FALSE)))
+        (save-layer img mask "gimp_coarse.png"))
+      (plug-in-qx-refine-edge RUN-NONINTERACTIVE img copy 0 2)
+      (save-layer img (car (gimp-image-get-active-layer img)) "gimp_refine.png"))
     ; Keep strokes only (a white square, the rest unpainted): the procedure fails with the
     ; workflow's message.
     (let ((white (car (gimp-layer-new img 100 100 RGB-IMAGE "white" 100 LAYER-MODE-NORMAL))))

@@ -33,6 +33,13 @@ rect=100,60,430,350
 "$qxmatte" trimap demo/image.png demo/trimap.png -o ref_trimap.png -q &&
 "$qxmatte" keepcut demo/image.png demo/strokes.png -o ref_strokes.png --foreground ref_fg.png -q &&
 "$qxmatte" cutout demo/image.png --rect $rect -o ref_cutout.png -q || exit 1
+# A coarse mask, as a segmentation model leaves one: the truth cut at half and blurred.
+"$python" -c "
+import numpy as np
+from PIL import Image, ImageFilter
+t = np.asarray(Image.open('demo/truth.png'))
+Image.fromarray(np.where(t >= 128, 255, 0).astype(np.uint8)).filter(
+    ImageFilter.GaussianBlur(3)).save('coarse.png')" || exit 1
 
 HOME="$work/home" GIMP2_DIRECTORY="$work/gimp" XDG_CONFIG_HOME="$work/home/.config" \
 XDG_CACHE_HOME="$work/home/.cache" timeout 150 "$gimp" -i -d -f \
@@ -43,6 +50,9 @@ if ! grep -q "qx batch test: done" gimp.log; then
   echo "FAIL: GIMP's batch run did not finish"
   exit 1
 fi
+
+# The tool refines the mask as GIMP holds it (pasting into a mask converts the grey levels).
+"$qxmatte" refine demo/image.png gimp_coarse.png -o ref_refine.png -q || fail "qxmatte refine failed"
 
 # The results against the tool's and against the scene's known alpha: the solved alphas lie
 # near 3 levels from it on average (the GrabCut cut-out near 11: its hard selection misses
@@ -55,7 +65,8 @@ truth, ok = read("demo/truth.png"), True
 for name, ref, channels, near in (("gimp_trimap.png", "ref_trimap.png", 3, 6),
                                   ("gimp_strokes.png", "ref_strokes.png", 3, 6),
                                   ("gimp_strokes.png", "ref_fg.png", slice(0, 3), 6),
-                                  ("gimp_subject.png", "ref_cutout.png", slice(0, 4), 16)):
+                                  ("gimp_subject.png", "ref_cutout.png", slice(0, 4), 16),
+                                  ("gimp_refine.png", "ref_refine.png", slice(0, 4), 16)):
     ours = read(name)
     differ = int((ours[:, :, channels] != read(ref)).sum())
     error = np.abs(ours[:, :, 3] - truth).mean()
@@ -67,7 +78,8 @@ grep -q "refused: strokes without a cut stroke" gimp.log || fail "strokes withou
 grep -qi "too few strokes" gimp.log || fail "no message \"too few strokes\" in GIMP's log"
 
 # GIMP's record of the plug-in's procedures (pluginrc): each under Filters > Matting.
-for proc in plug-in-qx-matte-trimap plug-in-qx-matte-strokes plug-in-qx-select-subject; do
+for proc in plug-in-qx-matte-trimap plug-in-qx-matte-strokes plug-in-qx-select-subject \
+  plug-in-qx-refine-edge; do
   awk -v p="\"$proc\"" '$1 == "(proc-def" { inside = ($2 == p) } inside && /menu-path/' \
     gimp/pluginrc | grep -q '<Image>/Filters/Matting' || fail "$proc is not under Filters > Matting"
 done

@@ -23,6 +23,7 @@
 #define PROC_TRIMAP "plug-in-qx-matte-trimap"
 #define PROC_STROKES "plug-in-qx-matte-strokes"
 #define PROC_SUBJECT "plug-in-qx-select-subject"
+#define PROC_REFINE "plug-in-qx-refine-edge"
 #define MENU_PATH "<Image>/Filters/Matting"
 
 enum { OUTPUT_SELECTION = 0, OUTPUT_MASK = 1, OUTPUT_LAYER = 2 };
@@ -43,6 +44,13 @@ typedef struct {
     gint32 strokes; /* -1: none */
     gint32 output;
 } SubjectValues;
+
+enum { SOURCE_MASK = 0, SOURCE_SELECTION = 1 };
+
+typedef struct {
+    gint32 source; /* SOURCE_MASK or SOURCE_SELECTION */
+    gint32 output; /* OUTPUT_MASK or OUTPUT_LAYER */
+} RefineValues;
 
 static void query(void);
 static void run(const gchar* name, gint nparams, const GimpParam* param, gint* nreturn_vals,
@@ -99,6 +107,22 @@ static void query(void) {
          "Where the alpha goes: 0 the selection (also kept as a channel \"Subject\"), 1 the "
          "layer's mask, 2 a new layer with the subject's recovered colours"},
     };
+    static const GimpParamDef refineArgs[] = {
+        RUN_MODE_AND_IMAGE,
+        {GIMP_PDB_DRAWABLE, "drawable", "The layer whose edge is refined"},
+        {GIMP_PDB_INT32, "source",
+         "The coarse mask: 0 the layer's mask, 1 the selection (any source: a segmentation, a "
+         "rough brush, another tool's selection)"},
+        {GIMP_PDB_INT32, "output",
+         "Where the alpha goes: 1 the layer's mask, 2 a new layer with the subject's recovered "
+         "colours"},
+    };
+    install(PROC_REFINE, "Refine the edge of a coarse mask or selection",
+            "Turns a coarse mask or selection into a clean alpha: an undecided band made from "
+            "the mask and the image (wide where the image has little contrast, reaching hair "
+            "and holes the mask closed over), solved by closed-form matting, with the subject's "
+            "own colours recovered.",
+            "_Refine Edge...", refineArgs, G_N_ELEMENTS(refineArgs));
     install(PROC_TRIMAP, "Alpha matte of the layer from a tri-map",
             "Solves the soft alpha of the undecided pixels of a tri-map (closed-form matting) and "
             "puts it into the layer's mask, adding a mask when the layer has none.",
@@ -669,6 +693,102 @@ static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const Subject
     return status;
 }
 
+/* A channel (a layer mask, the selection) over the layer, as the grey levels the user sees
+ * (perceptual, as a PNG export has them); 0 where it doesn't reach. NULL when out of memory. */
+static guchar* channelPlane(const Extent* target, gint32 channel) {
+    const Extent s = extentOf(channel);
+    const int x0 = MAX(target->x, s.x), y0 = MAX(target->y, s.y);
+    const int x1 = MIN(target->x + target->width, s.x + s.width);
+    const int y1 = MIN(target->y + target->height, s.y + s.height);
+    guchar* plane = allocate((size_t)target->width * target->height);
+    if (!plane || x1 <= x0 || y1 <= y0) return plane;
+    {
+        GeglBuffer* buffer = gimp_drawable_get_buffer(channel);
+        gegl_buffer_get(buffer, GEGL_RECTANGLE(x0 - s.x, y0 - s.y, x1 - x0, y1 - y0), 1.0,
+                        babl_format("Y' u8"),
+                        plane + (size_t)(y0 - target->y) * target->width + (x0 - target->x),
+                        target->width, GEGL_ABYSS_NONE);
+        g_object_unref(buffer);
+    }
+    return plane;
+}
+
+static GimpPDBStatusType refineEdge(gint32 image, gint32 layer, const RefineValues* v) {
+    const char* const name = "Refine Edge";
+    const Extent e = extentOf(layer);
+    QxwImage colour;
+    QxwJob job;
+    ProgressState progress;
+    GimpPDBStatusType status;
+    guchar *pixels = NULL, *mask = NULL, *alpha = NULL, *rgb = NULL;
+    gint32 channel;
+    QxwStatus result;
+
+    if (v->source != SOURCE_MASK && v->source != SOURCE_SELECTION)
+        return failWith(GIMP_PDB_CALLING_ERROR, "%s: source is 0 (the layer's mask) or 1 (the "
+                        "selection), not %d", name, v->source);
+    if (v->output != OUTPUT_MASK && v->output != OUTPUT_LAYER)
+        return failWith(GIMP_PDB_CALLING_ERROR, "%s: output is 1 (mask) or 2 (new layer), not "
+                        "%d", name, v->output);
+    if (v->source == SOURCE_MASK) {
+        channel = gimp_layer_get_mask(layer);
+        if (channel == -1) return FAIL("%s: the layer \"%s\" has no mask", name,
+                                       gimp_item_get_name(layer));
+    } else {
+        if (gimp_selection_is_empty(image)) return FAIL("%s: there is no selection", name);
+        channel = gimp_image_get_selection(image);
+    }
+    mask = channelPlane(&e, channel);
+    if (!mask) return FAIL("%s: out of memory", name);
+    pixels = readColour(layer, &colour);
+    alpha = allocate((size_t)e.width * e.height);
+    rgb = allocate((size_t)e.width * e.height * 3);
+    if (!pixels || !alpha || !rgb) {
+        status = FAIL("%s: out of memory", name);
+    } else {
+        const QxwColourOut out = {rgb, e.width * 3};
+        startJob(&job, &progress, 1, "Refining the edge");
+        result = qxwRefineMask(&colour, mask, e.width, alpha, e.width, &out, &job);
+        if (result != QXW_OK) {
+            status = workflowFailure(result, &job, name);
+        } else {
+            gimp_image_undo_group_start(image);
+            if (v->output == OUTPUT_MASK) {
+                alphaToMask(layer, alpha);
+                status = GIMP_PDB_SUCCESS;
+            } else {
+                status = addColourLayer(image, layer, "Refined", rgb, alpha, name);
+            }
+            gimp_image_undo_group_end(image);
+        }
+    }
+    g_free(pixels);
+    g_free(mask);
+    g_free(alpha);
+    g_free(rgb);
+    return status;
+}
+
+static gboolean refineDialog(RefineValues* v) {
+    GtkWidget *table, *dialog = newDialog("Refine Edge", PROC_REFINE, &table, 2);
+    GtkWidget* source = gimp_int_combo_box_new("The layer's mask", SOURCE_MASK, "The selection",
+                                               SOURCE_SELECTION, NULL);
+    GtkWidget* output = gimp_int_combo_box_new("Layer mask", OUTPUT_MASK,
+                                               "New layer with true colours", OUTPUT_LAYER, NULL);
+    gboolean ok;
+    gimp_int_combo_box_set_active(GIMP_INT_COMBO_BOX(source), v->source);
+    gimp_int_combo_box_set_active(GIMP_INT_COMBO_BOX(output), v->output);
+    gimp_table_attach_aligned(GTK_TABLE(table), 0, 0, "_Coarse mask:", 0.0, 0.5, source, 1, FALSE);
+    gimp_table_attach_aligned(GTK_TABLE(table), 0, 1, "_Result:", 0.0, 0.5, output, 1, FALSE);
+    ok = runDialog(dialog);
+    if (ok) {
+        gimp_int_combo_box_get_active(GIMP_INT_COMBO_BOX(source), &v->source);
+        gimp_int_combo_box_get_active(GIMP_INT_COMBO_BOX(output), &v->output);
+    }
+    gtk_widget_destroy(dialog);
+    return ok;
+}
+
 /* ---- Entry ------------------------------------------------------------------------------- */
 
 /* Arguments: the interactive run asks, the last-values run takes the stored ones, the
@@ -678,7 +798,8 @@ static gboolean takeArguments(const gchar* name, GimpRunMode mode, gint nparams,
                               GimpPDBStatusType* status) {
     *status = GIMP_PDB_SUCCESS;
     if (mode == GIMP_RUN_NONINTERACTIVE) {
-        if (nparams != 6 - (strcmp(name, PROC_STROKES) == 0)) {
+        const int expected = strcmp(name, PROC_STROKES) == 0 || strcmp(name, PROC_REFINE) == 0 ? 5 : 6;
+        if (nparams != expected) {
             *status = failWith(GIMP_PDB_CALLING_ERROR, "%s: wrong number of arguments", name);
             return FALSE;
         }
@@ -691,6 +812,10 @@ static gboolean takeArguments(const gchar* name, GimpRunMode mode, gint nparams,
             StrokeValues* v = values;
             v->strokes = param[3].data.d_drawable;
             v->pyramid = param[4].data.d_int32;
+        } else if (strcmp(name, PROC_REFINE) == 0) {
+            RefineValues* v = values;
+            v->source = param[3].data.d_int32;
+            v->output = param[4].data.d_int32;
         } else {
             SubjectValues* v = values;
             v->band = param[3].data.d_int32;
@@ -703,6 +828,7 @@ static gboolean takeArguments(const gchar* name, GimpRunMode mode, gint nparams,
     if (mode == GIMP_RUN_WITH_LAST_VALS) return TRUE;
     if (strcmp(name, PROC_TRIMAP) == 0) return trimapDialog(image, layer, values);
     if (strcmp(name, PROC_STROKES) == 0) return strokeDialog(image, layer, values);
+    if (strcmp(name, PROC_REFINE) == 0) return refineDialog(values);
     return subjectDialog(image, layer, values);
 }
 
@@ -716,6 +842,7 @@ static void run(const gchar* name, gint nparams, const GimpParam* param, gint* n
     TrimapValues trimapValues = {-1, 255, 0};
     StrokeValues strokeValues = {-1, 0};
     SubjectValues subjectValues = {0, -1, OUTPUT_SELECTION};
+    RefineValues refineValues = {SOURCE_MASK, OUTPUT_LAYER};
     void* chosen;
     size_t size;
 
@@ -733,6 +860,9 @@ static void run(const gchar* name, gint nparams, const GimpParam* param, gint* n
     } else if (strcmp(name, PROC_SUBJECT) == 0) {
         chosen = &subjectValues;
         size = sizeof subjectValues;
+    } else if (strcmp(name, PROC_REFINE) == 0) {
+        chosen = &refineValues;
+        size = sizeof refineValues;
     } else {
         values[0].data.d_status = GIMP_PDB_CALLING_ERROR;
         return;
@@ -747,6 +877,8 @@ static void run(const gchar* name, gint nparams, const GimpParam* param, gint* n
             status = matteFromTrimap(image, layer, &trimapValues);
         } else if (chosen == &strokeValues) {
             status = matteFromStrokes(image, layer, &strokeValues);
+        } else if (chosen == &refineValues) {
+            status = refineEdge(image, layer, &refineValues);
         } else {
             status = selectSubject(image, layer, &subjectValues);
         }
