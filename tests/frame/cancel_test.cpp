@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include "frame/progress.h"
@@ -37,6 +38,44 @@ struct Trigger {
         return 1;
     }
 };
+
+// The tri-map job on the scene's colour planes: the tri-map in `mask` becomes the alpha.
+int trimapJob(const Scene& s, std::vector<unsigned char>& mask, Trigger* t) {
+    std::vector<unsigned char> p[3] = {std::vector<unsigned char>(W * H),
+                                       std::vector<unsigned char>(W * H),
+                                       std::vector<unsigned char>(W * H)};
+    for (int i = 0; i < W * H; ++i)
+        for (int c = 0; c < 3; ++c) p[c][i] = s.bgr[3 * i + c];
+    unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
+    MaskRequest r{};
+    r.planes = planes;
+    r.planeStep = W;
+    r.mask = mask.data();
+    r.maskStep = W;
+    r.width = W;
+    r.height = H;
+    r.progProc = &Trigger::proc;
+    r.progParam = t;
+    return qxMaskAlpha(&r, 0, float(W * H), 255, 0, 255, 0);
+}
+
+// The full-resolution colour recovery under the scene's true alpha, into `out`.
+int colourJob(const Scene& s, std::vector<unsigned char>& out, Trigger* t) {
+    ForegroundRequest r{};
+    r.image = s.bgr.data();
+    r.imageStep = W * 3;
+    r.imageChannels = 3;
+    r.alpha = s.truth.data();
+    r.alphaStep = W;
+    r.colours = out.data();
+    r.coloursStep = W * 3;
+    r.coloursChannels = 3;
+    r.width = W;
+    r.height = H;
+    r.progProc = &Trigger::proc;
+    r.progParam = t;
+    return qxRecoverForegroundFull(&r);
+}
 
 // One job: runs on the buffers it owns and returns its status; `out` is every buffer the host
 // lends it.
@@ -79,28 +118,9 @@ void checkCancel(const char* name, Job job) {
 }
 
 TEST(Cancel, TriMapJob) {
-    Scene s;
-    std::vector<unsigned char> p[3] = {std::vector<unsigned char>(W * H),
-                                       std::vector<unsigned char>(W * H),
-                                       std::vector<unsigned char>(W * H)};
-    for (int i = 0; i < W * H; ++i)
-        for (int c = 0; c < 3; ++c) p[c][i] = s.bgr[3 * i + c];
+    const Scene s;
     std::vector<unsigned char> mask = s.trimap;
-    checkCancel("qxMaskAlpha", {[&](Trigger* t) {
-                                    unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
-                                    MaskRequest r{};
-                                    r.planes = planes;
-                                    r.planeStep = W;
-                                    r.mask = mask.data();
-                                    r.maskStep = W;
-                                    r.width = W;
-                                    r.height = H;
-                                    r.progProc = &Trigger::proc;
-                                    r.progParam = t;
-                                    return qxMaskAlpha(&r, 0, float(W * H), 255, 0, 255, 0);
-                                },
-                                {&mask},
-                                1});
+    checkCancel("qxMaskAlpha", {[&](Trigger* t) { return trimapJob(s, mask, t); }, {&mask}, 1});
 }
 
 TEST(Cancel, StrokeJobs) {
@@ -147,24 +167,8 @@ TEST(Cancel, StrokeJobs) {
 TEST(Cancel, ColourRecovery) {
     Scene s;
     std::vector<unsigned char> out(W * H * 3, 5);
-    checkCancel("qxRecoverForegroundFull", {[&](Trigger* t) {
-                                                ForegroundRequest r{};
-                                                r.image = s.bgr.data();
-                                                r.imageStep = W * 3;
-                                                r.imageChannels = 3;
-                                                r.alpha = s.truth.data();
-                                                r.alphaStep = W;
-                                                r.colours = out.data();
-                                                r.coloursStep = W * 3;
-                                                r.coloursChannels = 3;
-                                                r.width = W;
-                                                r.height = H;
-                                                r.progProc = &Trigger::proc;
-                                                r.progParam = t;
-                                                return qxRecoverForegroundFull(&r);
-                                            },
-                                            {&out},
-                                            1});
+    checkCancel("qxRecoverForegroundFull",
+                {[&](Trigger* t) { return colourJob(s, out, t); }, {&out}, 1});
     // The quarter-scale recovery reports to no host callback; a flag set before it stops it.
     std::vector<unsigned char> dst = s.bgra, alpha = s.truth, aux(W * H, 0);
     KeepCutRequest r{};
@@ -213,61 +217,27 @@ TEST(Cancel, AJobWhoseFlagIsSetDoesNotStart) {
     qx::setCancelFlag(nullptr);
 }
 
-}  // namespace
-
-#include <thread>
-
-namespace {
-
 // Two host threads run jobs at once: each gets the result it gets alone, and only its own
 // reports.
 TEST(Jobs, TwoThreadsAtOnceEqualOneAtATime) {
     Scene s;
-    const auto trimapJob = [&](std::vector<unsigned char>& mask, Trigger* t) {
-        std::vector<unsigned char> p[3] = {std::vector<unsigned char>(W * H),
-                                           std::vector<unsigned char>(W * H),
-                                           std::vector<unsigned char>(W * H)};
-        for (int i = 0; i < W * H; ++i)
-            for (int c = 0; c < 3; ++c) p[c][i] = s.bgr[3 * i + c];
-        unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
+    const auto trimap = [&](std::vector<unsigned char>& mask, Trigger* t) {
         mask = s.trimap;
-        MaskRequest r{};
-        r.planes = planes;
-        r.planeStep = W;
-        r.mask = mask.data();
-        r.maskStep = W;
-        r.width = W;
-        r.height = H;
-        r.progProc = &Trigger::proc;
-        r.progParam = t;
-        return qxMaskAlpha(&r, 0, float(W * H), 255, 0, 255, 0);
+        return trimapJob(s, mask, t);
     };
-    const auto colourJob = [&](std::vector<unsigned char>& out, Trigger* t) {
+    const auto colours = [&](std::vector<unsigned char>& out, Trigger* t) {
         out.assign(W * H * 3, 0);
-        ForegroundRequest r{};
-        r.image = s.bgr.data();
-        r.imageStep = W * 3;
-        r.imageChannels = 3;
-        r.alpha = s.truth.data();
-        r.alphaStep = W;
-        r.colours = out.data();
-        r.coloursStep = W * 3;
-        r.coloursChannels = 3;
-        r.width = W;
-        r.height = H;
-        r.progProc = &Trigger::proc;
-        r.progParam = t;
-        return qxRecoverForegroundFull(&r);
+        return colourJob(s, out, t);
     };
     std::vector<unsigned char> alone[4], together[4];
     Trigger ta[4], tt[4];
-    ASSERT_EQ(trimapJob(alone[0], &ta[0]), 1);
-    ASSERT_EQ(trimapJob(alone[1], &ta[1]), 1);
-    ASSERT_EQ(colourJob(alone[2], &ta[2]), 1);
-    ASSERT_EQ(colourJob(alone[3], &ta[3]), 1);
+    ASSERT_EQ(trimap(alone[0], &ta[0]), 1);
+    ASSERT_EQ(trimap(alone[1], &ta[1]), 1);
+    ASSERT_EQ(colours(alone[2], &ta[2]), 1);
+    ASSERT_EQ(colours(alone[3], &ta[3]), 1);
     int st[4] = {0, 0, 0, 0};
-    std::thread a([&] { st[0] = trimapJob(together[0], &tt[0]); st[2] = colourJob(together[2], &tt[2]); });
-    std::thread b([&] { st[1] = trimapJob(together[1], &tt[1]); st[3] = colourJob(together[3], &tt[3]); });
+    std::thread a([&] { st[0] = trimap(together[0], &tt[0]); st[2] = colours(together[2], &tt[2]); });
+    std::thread b([&] { st[1] = trimap(together[1], &tt[1]); st[3] = colours(together[3], &tt[3]); });
     a.join();
     b.join();
     for (int i = 0; i < 4; ++i) {
