@@ -63,7 +63,7 @@ void halfSweep(FbLevel& L, int colour) {
     const float* I = L.I.data();
     float* F = L.F.data();
     float* B = L.B.data();
-#pragma omp parallel for schedule(static) if (w * h >= kParallelPixels)
+#pragma omp parallel for schedule(dynamic, 8) if (w * h >= kParallelPixels)
     for (int y = 0; y < h; ++y) {
         const int first = ((colour - L.x0 - L.y0 - y) % 2 + 2) % 2;
         const size_t row = size_t(y) * w;
