@@ -373,8 +373,12 @@ QX_API int qxRecoverForegroundFull(const ForegroundRequest* request);
  * code below 10 leans to background, above 245 to foreground, 126 is undecided. Only the
  * rectangle (roiLeft, roiTop, roiWidth, roiHeight) is read or written.
  * The first call (request->control NULL) starts a session: it stores a new control in
- * request->control, which later calls on the same rectangle size go on from; the colour models
- * are re-learned from the strokes when the number of fixed pixels changed, else refined.
+ * request->control, which later calls on the same rectangle size go on from. The colour models
+ * (mixtures of five Gaussians a side) are learned from the labels whenever the session has none
+ * yet, so the first cut learns them even with no stroke at all (a bare rectangle: a frame of
+ * sure background five working pixels wide just inside it, the rest probable foreground), and
+ * again when the number of fixed pixels changed; otherwise a cut refines the models of the cut
+ * before.
  * On return mask (and result, when not NULL) hold the selection: 0 and 254 with in-between
  * values along the edge, the fixed codes where the user put them. When the rectangle was
  * reduced for the cut, the pixels the guided doubling does not estimate (every other pixel of

@@ -112,7 +112,9 @@ QX_API QxwStatus qxwRecoverForeground(const QxwImage* image, const unsigned char
 /* GrabCut inside the rectangle (everything outside it is background), with optional strokes
  * (NULL: none): the hard selection (255 selected, 0 not), and, when trimap is not NULL, a
  * tri-map with an undecided band of `band` pixels along the selection's edge (0: the default
- * width, qxwDefaultBand). */
+ * width, qxwDefaultBand). The cut runs on a reduced copy of a large rectangle; the selection's
+ * edge, and structures too thin for the reduced copy, are then decided at full resolution.
+ * Painted pixels keep their stroke's side. */
 QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsigned char* strokes,
                                   int strokesStride, int x, int y, int width, int height,
                                   int band, unsigned char* selection, int selectionStride,

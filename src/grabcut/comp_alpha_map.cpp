@@ -44,15 +44,22 @@ int CompAlphaMapGrabCut(const unsigned char* image, int imageStep, int width, in
     }
     const int64_t background = static_cast<int64_t>(width) * height - foreground;
 
+    // Models are learned anew when the constraints changed, and also while they are still
+    // empty: the first cut of a session without strokes sees an unchanged fingerprint (no flag
+    // then, none before), and refining empty models would leave one Gaussian a side. When
+    // either side is too small to seed five components, empty models are refined as before.
     const bool changed = isConstsChanged(flags, flagStep, control);
-    const int64_t needed = changed ? kComponents : 1;
+    const bool untrained = control->bgdModel->empty() || control->fgdModel->empty();
+    const bool learn = changed || (untrained && foreground >= kComponents &&
+                                   background >= kComponents);
+    const int64_t needed = learn ? kComponents : 1;
     if (foreground >= needed && background >= needed) {
         cv::RNG& rng = cv::theRNG();
         const uint64_t callersState = rng.state;
         rng.state = kGrabCutSeed;
         try {
             cv::grabCut(img, labels, inner, *control->bgdModel, *control->fgdModel, 3,
-                        changed ? cv::GC_INIT_WITH_MASK : cv::GC_EVAL);
+                        learn ? cv::GC_INIT_WITH_MASK : cv::GC_EVAL);
         } catch (...) {
             rng.state = callersState;
             throw;

@@ -21,7 +21,9 @@ uint8_t grabCutLabel(bool fixed, uint8_t code, uint8_t stored);
 // The first cut on a control starts from a 5-pixel frame of sure background around probable
 // foreground. Then every pixel's label follows its flag and code (grabCutLabel), and cv::grabCut
 // runs 3 iterations: from the new labels (GC_INIT_WITH_MASK) when the constraints changed since
-// the last cut (isConstsChanged), else on from the stored models (GC_EVAL).
+// the last cut (isConstsChanged) or the models are still empty (the first cut of a session,
+// strokes or not), else on from the stored models (GC_EVAL). The fingerprint is recorded
+// either way.
 // When one side has too few labelled pixels for cv::grabCut to learn a model (fewer than 5
 // for a new model, none for a kept one), the labels as they stand are the selection and the
 // models stay as they were.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
+#include "grabcut/map_alpha_proc.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {
@@ -69,16 +70,50 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
     req.roiHeight = roi.height;
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
-    const int status = qxGrabCut(&req, 0);
+    // The session is ended (its control freed) however this returns, a throw included; the
+    // codes it settles are our own copy.
+    struct EndSession {
+        GrabCutRequest& req;
+        cv::Mat& codes;
+        ~EndSession() {
+            req.mask = codes.data;
+            req.maskStep = static_cast<int32_t>(codes.step);
+            qxGrabCutDeleteBuf(&req);
+        }
+    } endSession{req, codes};
+    // Two cuts, then the edge at full resolution; shares of the span roughly as their times go.
+    // The second cut goes on from the models the first learnt (the strokes have not changed),
+    // as a second click of the interactive tool would: three more rounds on the small working
+    // level cost little and settle regions that the first rounds left on the wrong side.
+    const double lo = relay.spanLow(), hi = relay.spanHigh();
+    const auto at = [&](double f) { return lo + f * (hi - lo); };
+    relay.span(lo, at(0.25));
+    int status = qxGrabCut(&req, 0);
+    if (status == 1) {
+        relay.span(at(0.25), at(0.5));
+        status = qxGrabCut(&req, 0);
+    }
     relay.uninstall();
-    if (status != 1) {
-        qxGrabCutDeleteBuf(&req);
+    if (status != 1)
         return finishJob(job, QXW_FAILED, "GrabCut failed with status " + std::to_string(status),
                          status);
-    }
     // The result holds 0 and 254 with in-between values along the edge, and the strokes' fixed
     // codes; outside the rectangle it stays 0.
     *selection = result >= 128;
+    relay.span(at(0.5), hi);
+    const GrabCutPlan plan = planGrabCut(roi.width, roi.height);
+    const double reduction =
+        std::max(double(roi.width) / plan.width, double(roi.height) / plan.height);
+    cv::Mat fixed;
+    cv::bitwise_and(result, cv::Scalar(1), fixed);
+    refineSelection(bgr, fixed, rect, reduction, *selection, relay);
+    // The band follows the refined edge: working codes from the selection, fixed codes kept.
+    for (int y = 0; y < result.rows; ++y) {
+        unsigned char* r = result.ptr<unsigned char>(y);
+        const unsigned char* sel = selection->ptr<unsigned char>(y);
+        for (int x = 0; x < result.cols; ++x)
+            if (!(r[x] & 1)) r[x] = sel[x] ? 254 : 0;
+    }
     if (band > 0) {
         cv::Mat edge(bgr.size(), CV_8UC1, cv::Scalar(0));
         req.mask = edge.data;
@@ -92,10 +127,7 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
             for (int x = 0; x < edge.cols; ++x) o[x] = b[x] >= 254 ? 255 : b[x] <= 1 ? 0 : 128;
         }
         *trimap = t;
-        req.mask = codes.data;
-        req.maskStep = static_cast<int32_t>(codes.step);
     }
-    qxGrabCutDeleteBuf(&req);  // ends the session: frees the control
     return finishJob(job, QXW_OK);
 }
 

@@ -25,6 +25,9 @@ public:
 
     void span(double lo, double hi);  // the part of the whole that the next job covers
     void report(double fraction);     // a fraction of the whole (kept monotone)
+    void reportPart(double part) { report(lo_ + (hi_ - lo_) * part); }  // of the current span
+    double spanLow() const { return lo_; }
+    double spanHigh() const { return hi_; }
     void finish() { report(1.0); }
     // The callback and parameter for a request's progress fields.
     static int proc(int current, int total, void* param);
@@ -120,6 +123,16 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
 // A clean alpha (and, when colours is not null, the recovered colours) from a coarse mask.
 QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv::Mat* colours,
                      Relay& relay, QxwJob* job);
+// Labels the pixels along the edge of a hard selection again at full resolution, for a
+// selection that was cut on a level `reduction` times smaller than the image (nothing happens
+// for 1 or less). selection: 8-bit, 255 selected, 0 not; changed only inside `area`, and never
+// where `fixed` (8-bit, may be empty) is non-zero. Open to change are a band of about one and a
+// half working pixels either side of the edge, and thin runs of colour (narrower than about
+// two working pixels) that the other side's colours explain far better; they are labelled by
+// a graph cut with colour models learnt from the selection's sure parts, the rest held. What it
+// adds must reach the selection. Reports into the relay's current span.
+void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& area,
+                     double reduction, cv::Mat& selection, Relay& relay);
 // Empty when the rectangle lies inside the image, otherwise why not.
 std::string checkRect(const QxwImage& image, int x, int y, int width, int height);
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -162,6 +163,50 @@ TEST(GrabCutEntry, ASessionGoesOnFromItsModelsAndReportsOnce) {
     endSession(r);
 }
 
+TEST(GrabCutEntry, AFirstCutWithoutStrokesLearnsBothSidesColours) {
+    // A disc of bright orange and dark brown squares on a noisy near-black ground, the
+    // rectangle as the region and no stroke, as a plug-in calls it. The brown is close to the
+    // ground: one Gaussian a side (a bright-centred subject, a dark ground) gives the brown
+    // squares to the ground, so the cut keeps about half the disc; mixtures of several
+    // components keep them apart.
+    const int w = 240, h = 240;
+    const double r = 72;
+    HostPlane image(w, h, 4, 0), mask(w, h, 1, 126), result(w, h, 1, 0);
+    const unsigned char orange[3] = {40, 140, 230}, brown[3] = {50, 52, 62},
+                        ground[3] = {70, 50, 40};
+    cv::RNG noise(3);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const bool in = std::hypot(x - w / 2.0, y - h / 2.0) < r;
+            const unsigned char* c = !in ? ground : ((x / 30 + y / 30) % 2 ? brown : orange);
+            for (int b = 0; b < 3; ++b)
+                image.at(x, y, b) = cv::saturate_cast<unsigned char>(c[b] + noise.uniform(-12, 13));
+        }
+    GrabCutRequest req = test::requestOver(&image, mask, &result);
+    req.roiLeft = req.roiTop = 28;  // the disc's box and 20 pixels
+    req.roiWidth = req.roiHeight = 184;
+    auto discIou = [&] {
+        long both = 0, either = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const bool a = result.at(x, y) >= 128;
+                const bool b = std::hypot(x - w / 2.0, y - h / 2.0) < r;
+                both += a && b;
+                either += a || b;
+            }
+        return double(both) / double(either);
+    };
+    ASSERT_EQ(qxGrabCut(&req, 0), 1);
+    const auto* c = static_cast<GrabCutControl*>(req.control);
+    EXPECT_EQ(c->constsSum, 0.0);
+    EXPECT_GT(discIou(), 0.9);
+    // The same request again goes on from the learnt models and keeps the selection.
+    ASSERT_EQ(qxGrabCut(&req, 0), 1);
+    EXPECT_EQ(c->constsSum, 0.0);
+    EXPECT_GT(discIou(), 0.9);
+    endSession(req);
+}
+
 TEST(GrabCutEntry, TheSameRequestGivesTheSameSelectionWhateverRanBefore) {
     // Noisy colours and a stroke, so that the models are seeded by k-means.
     TwoColourScene s(150, 150, {30, 40, 70, 60});
@@ -272,7 +317,10 @@ TEST(GrabCutSizes, LargeImagesAreHalvedFirstAndBroughtBack) {
     const auto* c = static_cast<GrabCutControl*>(r.control);
     EXPECT_EQ(c->width, 207);
     EXPECT_EQ(c->height, 27);
-    EXPECT_EQ(wrongPixels(s.result, s.subject, {8, 8, 3284, 404}, 16), 0);
+    // A working pixel is 16 image pixels. The one that straddles the subject's edge holds a
+    // third colour, a blend, which the learnt mixtures may give to either side: the edge may
+    // come back up to two working pixels off.
+    EXPECT_EQ(wrongPixels(s.result, s.subject, {8, 8, 3284, 404}, 32), 0);
     EXPECT_GT(iou(s.result, s.subject), 0.97);
     endSession(r);
 }
