@@ -22,6 +22,7 @@
 #include <opencv2/imgproc/detail/gcgraph.hpp>
 #include <vector>
 
+#include "frame/progress.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {
@@ -367,9 +368,15 @@ void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& a
     const int overlap = 2 * r;
     std::atomic<int> done{0};
     // An exception must not leave a parallel region: the first is kept and thrown after it.
+    // The cancel flag is the calling thread's: the team reads it through this pointer, and the
+    // job stops after the strips under way.
     std::exception_ptr failure;
+    qx::checkCancel();
+    const volatile int32_t* cancel = qx::cancelFlag();
 #pragma omp parallel for schedule(dynamic)
     for (int i = 0; i < strips; ++i) {
+        if (cancel && __atomic_load_n(const_cast<const int32_t*>(cancel), __ATOMIC_RELAXED))
+            continue;
         try {
             const int y0 = i * kStripRows, y1 = std::min(box.height, y0 + kStripRows);
             cutStrip(image, open, labels, fg, bg, beta, std::max(0, y0 - overlap),
@@ -383,6 +390,7 @@ void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& a
         if (omp_get_thread_num() == 0) relay.reportPart(0.35 + 0.6 * finished / strips);
     }
     if (failure) std::rethrow_exception(failure);
+    qx::checkCancel();
     dropDetached(labels, cut);
     cut.copyTo(selection(box));
     relay.reportPart(1.0);
