@@ -56,8 +56,46 @@ inline float weight(float a, float b) {
     return kFbEpsilon + g * std::sqrt(g);
 }
 
-// One half-sweep: the pixels whose global x + y has the parity `colour`.
-void halfSweep(FbLevel& L, int colour) {
+// What a relaxation reads besides F and B, worked out once a level: which pixels are solved,
+// and the weights to the right and lower neighbours (0 past the border).
+struct Links {
+    std::vector<uint8_t> solved;
+    std::vector<float> right, down;
+};
+
+// Pixels of alpha 0 or 1 with the same alpha on all four sides take the image as their F
+// (alpha 1) or B (alpha 0) once and are not solved.
+Links prepare(FbLevel& L) {
+    const int w = L.w, h = L.h;
+    Links k;
+    k.solved.assign(size_t(w) * h, 0);
+    k.right.assign(size_t(w) * h, 0.f);
+    k.down.assign(size_t(w) * h, 0.f);
+    const float* A = L.A.data();
+#pragma omp parallel for schedule(static) if (w * h >= kParallelPixels)
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const size_t p = size_t(y) * w + x;
+            const float a0 = A[p];
+            if (x + 1 < w) k.right[p] = weight(a0, A[p + 1]);
+            if (y + 1 < h) k.down[p] = weight(a0, A[p + w]);
+            bool flat = a0 <= 0.f || a0 >= 1.f;
+            if (flat && x > 0) flat = A[p - 1] == a0;
+            if (flat && x + 1 < w) flat = A[p + 1] == a0;
+            if (flat && y > 0) flat = A[p - w] == a0;
+            if (flat && y + 1 < h) flat = A[p + w] == a0;
+            k.solved[p] = !flat;
+            if (flat) {
+                float* known = a0 >= 1.f ? L.F.data() : L.B.data();
+                for (int c = 0; c < 3; ++c) known[3 * p + c] = L.I[3 * p + c];
+            }
+        }
+    }
+    return k;
+}
+
+// One half-sweep: the solved pixels whose global x + y has the parity `colour`.
+void halfSweep(FbLevel& L, const Links& k, int colour) {
     const int w = L.w, h = L.h;
     const float* A = L.A.data();
     const float* I = L.I.data();
@@ -69,44 +107,38 @@ void halfSweep(FbLevel& L, int colour) {
         const size_t row = size_t(y) * w;
         for (int x = first; x < w; x += 2) {
             const size_t p = row + x;
-            const float a0 = A[p];
+            if (!k.solved[p]) continue;
+            const float a0 = A[p], a1 = 1.f - a0;
             size_t nb[4];
+            float wt[4];
             int n = 0;
-            if (x > 0) nb[n++] = p - 1;
-            if (x + 1 < w) nb[n++] = p + 1;
-            if (y > 0) nb[n++] = p - w;
-            if (y + 1 < h) nb[n++] = p + w;
-            bool flat = a0 <= 0.f || a0 >= 1.f;
-            for (int i = 0; i < n && flat; ++i) flat = A[nb[i]] == a0;
-            if (flat) {
-                float* known = a0 >= 1.f ? F : B;
-                for (int k = 0; k < 3; ++k) known[3 * p + k] = I[3 * p + k];
-                continue;
-            }
-            const float a1 = 1.f - a0;
+            if (x > 0) nb[n] = p - 1, wt[n++] = k.right[p - 1];
+            if (x + 1 < w) nb[n] = p + 1, wt[n++] = k.right[p];
+            if (y > 0) nb[n] = p - w, wt[n++] = k.down[p - w];
+            if (y + 1 < h) nb[n] = p + w, wt[n++] = k.down[p];
             float m00 = a0 * a0, m11 = a1 * a1;
             const float m01 = a0 * a1;
             float f[3], b[3];
-            for (int k = 0; k < 3; ++k) {
-                f[k] = a0 * I[3 * p + k];
-                b[k] = a1 * I[3 * p + k];
+            for (int c = 0; c < 3; ++c) {
+                f[c] = a0 * I[3 * p + c];
+                b[c] = a1 * I[3 * p + c];
             }
             for (int i = 0; i < n; ++i) {
                 const size_t q = nb[i];
-                const float d = weight(a0, A[q]);
+                const float d = wt[i];
                 m00 += d;
                 m11 += d;
-                for (int k = 0; k < 3; ++k) {
-                    f[k] += d * F[3 * q + k];
-                    b[k] += d * B[3 * q + k];
+                for (int c = 0; c < 3; ++c) {
+                    f[c] += d * F[3 * q + c];
+                    b[c] += d * B[3 * q + c];
                 }
             }
             const float inv = 1.f / (m00 * m11 - m01 * m01);
-            for (int k = 0; k < 3; ++k) {
-                const float fs = inv * (m11 * f[k] - m01 * b[k]);
-                const float bs = inv * (m00 * b[k] - m01 * f[k]);
-                float& fo = F[3 * p + k];
-                float& bo = B[3 * p + k];
+            for (int c = 0; c < 3; ++c) {
+                const float fs = inv * (m11 * f[c] - m01 * b[c]);
+                const float bs = inv * (m00 * b[c] - m01 * f[c]);
+                float& fo = F[3 * p + c];
+                float& bo = B[3 * p + c];
                 fo = std::clamp(fo + kFbOmega * (fs - fo), 0.f, 1.f);
                 bo = std::clamp(bo + kFbOmega * (bs - bo), 0.f, 1.f);
             }
@@ -117,9 +149,10 @@ void halfSweep(FbLevel& L, int colour) {
 }  // namespace
 
 void fbRelax(FbLevel& L, const std::function<void()>& tick) {
+    const Links links = prepare(L);
     for (int it = 0; it < kFbIterations; ++it) {
-        halfSweep(L, 0);
-        halfSweep(L, 1);
+        halfSweep(L, links, 0);
+        halfSweep(L, links, 1);
         if (tick) tick();
     }
 }

@@ -39,7 +39,7 @@ struct FbLevel {
     std::vector<float> F, B;  // the unknowns, 3 a pixel
 
     // Bytes a level or piece of w x h holds while it is relaxed.
-    static double bytesFor(int64_t w, int64_t h) { return double(w) * double(h) * 50.0; }
+    static double bytesFor(int64_t w, int64_t h) { return double(w) * double(h) * 60.0; }
 };
 
 // The next coarser level: 2 x 2 means of image and alpha (the last row or column repeated on
