@@ -20,6 +20,8 @@
 namespace qx {
 namespace {
 
+constexpr int kLargestPiece = 1024;
+
 const unsigned char* rangeEnd(const unsigned char* p, int step, int width, int height, int bpp) {
     return p + int64_t(height - 1) * step + int64_t(width) * bpp;
 }
@@ -102,12 +104,14 @@ int recoverJob(const ForegroundRequest& r) {
     const double outBytes = 3.0 * W * H;
 
     // The pieces of the full-size level: one, or the largest squares that fit.
+    // Pieces of at most kLargestPiece on a side even when the budget would take the whole:
+    // they stay in the caches, and take less memory, for a halo's worth of extra work.
     int tile = std::max(W, H), halo = 0;
-    if (coarseBytes + outBytes + FbLevel::bytesFor(W, H) > budget) {
+    if (tile > kLargestPiece || coarseBytes + outBytes + FbLevel::bytesFor(W, H) > budget) {
         halo = fbHalo();
         const double left = budget - coarseBytes - outBytes;
         const int side = left > 0 ? int(std::sqrt(left / FbLevel::bytesFor(1, 1))) : 0;
-        tile = side - 2 * halo;
+        tile = std::min(kLargestPiece, side - 2 * halo);
         if (tile < 64) return -1;
     }
     const int tilesX = (W + tile - 1) / tile, tilesY = (H + tile - 1) / tile;
