@@ -133,7 +133,11 @@ void halfSweep(FbLevel& L, const Links& k, int colour) {
                     b[c] += d * B[3 * q + c];
                 }
             }
-            const float inv = 1.f / (m00 * m11 - m01 * m01);
+            // A pixel without neighbours (a one-pixel image or level) has a singular system: its
+            // partial alpha says nothing of how to split the colour, and F and B stay as started.
+            const float det = m00 * m11 - m01 * m01;
+            if (!(det > 1e-20f)) continue;
+            const float inv = 1.f / det;
             for (int c = 0; c < 3; ++c) {
                 const float fs = inv * (m11 * f[c] - m01 * b[c]);
                 const float bs = inv * (m00 * b[c] - m01 * f[c]);
