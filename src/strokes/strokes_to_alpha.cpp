@@ -22,6 +22,10 @@
 namespace qx {
 namespace {
 
+// The closed-form solution as it comes: the tri-map job's sharpening and edge clean-up add to
+// its error (on the benchmark photos' strokes 4.88 against 5.50 mean SAD with a tri-map).
+constexpr MattingFinish kPlain{false, false};
+
 // The alpha a painted byte of the stroke coding stands for.
 inline unsigned char paintedAlpha(unsigned char v) {
     return static_cast<unsigned char>((v & 0xFE) + ((v >> 1) & 1));
@@ -96,9 +100,9 @@ int strokesJob(const StrokeMatteRequest& r) {
             Plane8 p0(boxW, boxH, plane[0], boxW), p1(boxW, boxH, plane[1], boxW),
                 p2(boxW, boxH, plane[2], boxW), m(boxW, boxH, mask.data(), boxW);
             Plane8* colour[3] = {&p0, &p1, &p2};
-            qxMaskProc(colour, m, 0, 255, 0, 255, 0);
+            qxMaskProc(colour, m, 0, 255, 0, 255, 0, kPlain);
         } else {
-            maskAlphaJob(&mr, unknown, 255, 0, 255, 0, budget);
+            maskAlphaJob(&mr, unknown, 255, 0, 255, 0, budget, kPlain);
         }
         out = tri;
         for (int y = 0; y < boxH; ++y)

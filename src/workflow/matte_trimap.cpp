@@ -65,8 +65,8 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     req.height = boxHeight;
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
-    const int status = qxMaskAlpha(&req, 0, static_cast<float>(unknownPixels), fgCode, bgCode,
-                                   levelHigh, levelLow);
+    const int status = qxMaskAlphaPlain(&req, static_cast<float>(unknownPixels), fgCode, bgCode,
+                                        levelHigh, levelLow);
     relay.uninstall();
     if (status != 1)
         return finishJob(job, QXW_FAILED, "matting failed with status " + std::to_string(status),

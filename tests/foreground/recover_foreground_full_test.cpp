@@ -178,8 +178,9 @@ TEST_F(RecoveryFull, SmallAndThinImages) {
         Job job(s);
         ASSERT_EQ(qxRecoverForegroundFull(&job.req), 1) << w << "x" << h;
         // A lone pixel of partial alpha keeps the image's colour: nothing tells its parts apart.
-        if (w * h == 1)
+        if (w * h == 1) {
             for (int c = 0; c < 3; ++c) EXPECT_EQ(job.colours[c], s.composite[c]);
+        }
     }
 }
 

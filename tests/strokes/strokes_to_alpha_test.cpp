@@ -64,7 +64,7 @@ TEST(StrokesToAlpha, NearTheTruthAndNoWorseThanTheTrimapJob) {
     ASSERT_EQ(qxwMatteTrimap(&image, s.strokes.data(), s.w, 255, 0, 255, 0, byTrimap.data(), s.w,
                              nullptr),
               QXW_OK);
-    EXPECT_LT(s.error(alpha), 16.0);  // 13.5 measured
+    EXPECT_LT(s.error(alpha), 9.0);  // 13.5 with the tri-map job's finishing steps
     EXPECT_LE(s.error(alpha), 1.05 * s.error(byTrimap));
 
     // The same image with four bytes a pixel gives the same alpha.
@@ -88,7 +88,10 @@ TEST(StrokesToAlpha, ASmallBudgetSolvesReducedAndStaysClose) {
     r.memoryBudgetMB = 20;  // far below the full-resolution solve's need
     ASSERT_EQ(qxStrokesToAlpha(&r), 1);
     EXPECT_NE(reduced, full);
-    EXPECT_LT(s.error(reduced), 2.0 * s.error(full) + 2.0);
+    // The reduced run keeps the tri-map job's finishing steps (18.7 today); the full-size solve
+    // goes without them.
+    EXPECT_LT(s.error(reduced), 21.0);
+    EXPECT_LT(s.error(full), 9.0);
 }
 
 TEST(StrokesToAlpha, RefusalsAndTooFewStrokesWriteNothing) {
