@@ -41,7 +41,8 @@ std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode) {
 }  // namespace
 
 QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
-                      int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job) {
+                      int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job,
+                      bool finished) {
     const int width = bgr.cols, height = bgr.rows;
     int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
     qxMaskBBox(0, trimap.data, static_cast<int>(trimap.step), width, height, &left, &boxWidth,
@@ -65,8 +66,10 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     req.height = boxHeight;
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
-    const int status = qxMaskAlphaPlain(&req, static_cast<float>(unknownPixels), fgCode, bgCode,
-                                        levelHigh, levelLow);
+    const float unknown = static_cast<float>(unknownPixels);
+    const int status =
+        finished ? qxMaskAlpha(&req, 0, unknown, fgCode, bgCode, levelHigh, levelLow)
+                 : qxMaskAlphaPlain(&req, unknown, fgCode, bgCode, levelHigh, levelLow);
     relay.uninstall();
     if (status != 1)
         return finishJob(job, QXW_FAILED, "matting failed with status " + std::to_string(status),
