@@ -212,12 +212,17 @@ static Extent extentOf(gint32 drawable) {
 static guchar* allocate(size_t bytes) { return g_try_malloc0(bytes ? bytes : 1); }
 
 /* Reads a region (in the drawable's own coordinates) in the drawable's own format. */
+static void readRegionAs(gint32 drawable, int x, int y, int width, int height,
+                         const Babl* format, guchar* out, int stride) {
+    GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
+    gegl_buffer_get(buffer, GEGL_RECTANGLE(x, y, width, height), 1.0, format, out, stride,
+                    GEGL_ABYSS_NONE);
+    g_object_unref(buffer);
+}
+
 static void readRegion(gint32 drawable, int x, int y, int width, int height, guchar* out,
                        int stride) {
-    GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
-    gegl_buffer_get(buffer, GEGL_RECTANGLE(x, y, width, height), 1.0,
-                    gimp_drawable_get_format(drawable), out, stride, GEGL_ABYSS_NONE);
-    g_object_unref(buffer);
+    readRegionAs(drawable, x, y, width, height, gimp_drawable_get_format(drawable), out, stride);
 }
 
 static void writeRegion(gint32 drawable, int x, int y, int width, int height, const guchar* data,
@@ -702,14 +707,9 @@ static guchar* channelPlane(const Extent* target, gint32 channel) {
     const int y1 = MIN(target->y + target->height, s.y + s.height);
     guchar* plane = allocate((size_t)target->width * target->height);
     if (!plane || x1 <= x0 || y1 <= y0) return plane;
-    {
-        GeglBuffer* buffer = gimp_drawable_get_buffer(channel);
-        gegl_buffer_get(buffer, GEGL_RECTANGLE(x0 - s.x, y0 - s.y, x1 - x0, y1 - y0), 1.0,
-                        babl_format("Y' u8"),
-                        plane + (size_t)(y0 - target->y) * target->width + (x0 - target->x),
-                        target->width, GEGL_ABYSS_NONE);
-        g_object_unref(buffer);
-    }
+    readRegionAs(channel, x0 - s.x, y0 - s.y, x1 - x0, y1 - y0, babl_format("Y' u8"),
+                 plane + (size_t)(y0 - target->y) * target->width + (x0 - target->x),
+                 target->width);
     return plane;
 }
 

@@ -76,11 +76,13 @@ void setCancelFlag(const volatile int32_t* flag) { job.cancel = flag; }
 
 const volatile int32_t* cancelFlag() { return job.cancel; }
 
-bool cancelRequested() {
+bool flagSet(const volatile int32_t* flag) {
     // The flag is written by another thread; an atomic load keeps the read from being hoisted.
-    return job.cancel != nullptr &&
-           __atomic_load_n(const_cast<const int32_t*>(job.cancel), __ATOMIC_RELAXED) != 0;
+    return flag != nullptr &&
+           __atomic_load_n(const_cast<const int32_t*>(flag), __ATOMIC_RELAXED) != 0;
 }
+
+bool cancelRequested() { return flagSet(job.cancel); }
 
 void checkCancel() {
     if (cancelRequested()) fail(Fault::Cancelled);

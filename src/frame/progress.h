@@ -45,6 +45,9 @@ ProgressSnapshot finishedJobState();
 // The calling thread's cancel flag (NULL: none).
 void setCancelFlag(const volatile int32_t* flag);
 const volatile int32_t* cancelFlag();
+// Whether a flag (of any thread; NULL: none) is set, read as another thread may write it.
+bool flagSet(const volatile int32_t* flag);
+// flagSet(cancelFlag()).
 bool cancelRequested();
 // Throws Fault::Cancelled when the flag is set.
 void checkCancel();

@@ -375,8 +375,7 @@ void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& a
     const volatile int32_t* cancel = qx::cancelFlag();
 #pragma omp parallel for schedule(dynamic)
     for (int i = 0; i < strips; ++i) {
-        if (cancel && __atomic_load_n(const_cast<const int32_t*>(cancel), __ATOMIC_RELAXED))
-            continue;
+        if (qx::flagSet(cancel)) continue;
         try {
             const int y0 = i * kStripRows, y1 = std::min(box.height, y0 + kStripRows);
             cutStrip(image, open, labels, fg, bg, beta, std::max(0, y0 - overlap),
