@@ -242,8 +242,10 @@ QX_API int qxVersion(int* major, int* minor, int* patch);
  * progress step or piece of work, returns QX_CANCELLED and leaves every host buffer as it came
  * in. The library only reads the flag: clear it before the next job. The jobs that stop so:
  * qxMaskAlpha, qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell, qxGrabCut,
- * qxStrokesToAlpha, qxRecoverForegroundFull. A direct factorisation is not interrupted: the
- * job stops after it. */
+ * qxStrokesToAlpha, qxRecoverForegroundFull. A direct factorisation can't be interrupted: while
+ * a flag is installed it runs on a thread of its own and the job waits for it, so a cancelled job
+ * returns at once and the solve finishes alone on memory it owns (the next direct solve waits
+ * for it; unloading the library waits for it). */
 #define QX_CANCELLED (-3)
 QX_API void qxSetCancelFlag(const volatile int32_t* flag);
 

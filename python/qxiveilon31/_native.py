@@ -198,6 +198,8 @@ _INSIDE = threading.local()
 
 # qxGrabCut reports only with a non-null parameter; the callback itself is the job's.
 _ANCHOR = c_int(1)
+# How often a job's cancel object is looked at while the call makes no report.
+_WATCH_SECONDS = 0.05
 GRABCUT_PARAM = ctypes.cast(ctypes.pointer(_ANCHOR), c_void_p)
 
 
@@ -250,9 +252,26 @@ class job:
         if getattr(_INSIDE, "active", False):
             raise RuntimeError("qxiveilon31: a job cannot start from inside a progress callback")
         self._poll()
+        # Between reports (a long factorisation makes none) a watcher raises the flag: the
+        # library looks at it every few milliseconds while it waits for such work.
+        self._done = threading.Event()
+        self._watcher = None
+        if self.cancel is not None:
+            self._watcher = threading.Thread(target=self._watch, daemon=True,
+                                             name="qxiveilon31-cancel")
+            self._watcher.start()
         return ctypes.byref(self.record)
 
+    def _watch(self):
+        while not self._done.wait(_WATCH_SECONDS):
+            self._poll()
+            if self._flag.value:
+                return
+
     def __exit__(self, *exc):
+        self._done.set()
+        if self._watcher is not None:
+            self._watcher.join()
         return False
 
     def check(self, status):

@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
 
 #include "frame/fault.h"
 #include "frame/progress.h"
@@ -31,6 +34,13 @@ struct ScopedArrays {
     template <typename T>
     T* add(T* p) {
         items[used++] = p;
+        return p;
+    }
+    // Hands an array over to a new owner.
+    template <typename T>
+    T* release(T* p) {
+        for (int i = 0; i < used; ++i)
+            if (items[i] == p) items[i] = nullptr;
         return p;
     }
     ~ScopedArrays() {
@@ -285,9 +295,20 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
             cleanMemAll();
             fail(Fault::ArrayMemory);
         }
+        // The solver owns the system from here on: a cancelled job may leave the solve running.
+        std::shared_ptr<detail::SystemArrays> system;
+        try {
+            system = std::make_shared<detail::SystemArrays>();
+        } catch (const std::bad_alloc&) {
+            cleanMemAll();
+            fail(Fault::ArrayMemory);
+        }
+        system->a = sys.release(af);
+        system->ia = sys.release(ia);
+        system->ja = sys.release(ja);
         int failed;
         try {
-            failed = pardisoSolver(n, af, ia, ja, alpha, x, 1, -2);
+            failed = pardisoSolverOwned(n, std::move(system), alpha, x, 1, -2);
         } catch (...) {
             cleanMemAll();
             throw;

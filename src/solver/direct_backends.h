@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <mutex>
 
 #include "frame/fault.h"
 #include "solver/direct_solver.h"
@@ -24,14 +25,21 @@ struct OutOfMemory {
 // form asks for it), each made once even when a solve moves to the other backend halfway.
 class PhaseKicks {
 public:
-    explicit PhaseKicks(bool afterAnalysis) : afterAnalysis_(afterAnalysis) {}
+    // sink null: progressKick().
+    PhaseKicks(bool afterAnalysis, void (*sink)(void*), void* param)
+        : afterAnalysis_(afterAnalysis), sink_(sink), param_(param) {}
     // Phase 1 analysis, 2 factorisation, 3 solve.
     void reached(int phase);
 
 private:
     bool afterAnalysis_;
+    void (*sink_)(void*);
+    void* param_;
     int done_ = 0;
 };
+
+// For tests: while the returned lock is held, no MUMPS solve gets past its start.
+std::unique_lock<std::mutex> holdMumps();
 
 // For the life of this object no other thread works or spins for the solve. The idle OpenMP
 // workers that the caller's last parallel region left spinning (for some milliseconds by default,

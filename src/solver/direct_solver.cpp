@@ -358,7 +358,7 @@ int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* i
                 const int* ja, float* b, float* x, int nrhs, DirectSolveStats& stats) {
     std::optional<QuietThreads> quiet;
     if (o.quietThreads) quiet.emplace();
-    PhaseKicks kicks(o.kickAfterAnalysis);
+    PhaseKicks kicks(o.kickAfterAnalysis, o.kick, o.kickParam);
     // The solution goes to a separate array first when it replaces b: a backend reads b to the end.
     std::vector<float> solution;
     float* out = x;
@@ -390,7 +390,12 @@ int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* i
 
 void PhaseKicks::reached(int phase) {
     for (; done_ < phase; ++done_)
-        if (done_ > 0 || afterAnalysis_) progressKick();
+        if (done_ > 0 || afterAnalysis_) {
+            if (sink_)
+                sink_(param_);
+            else
+                progressKick();
+        }
 }
 
 // OpenBLAS's thread count is set through its own entry points, looked up at run time so that the

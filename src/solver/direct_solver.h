@@ -39,6 +39,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
 namespace qx {
 
@@ -104,6 +105,9 @@ struct DirectSolveOptions {
     bool quietThreads = true;        // no OpenMP worker or BLAS thread runs during the solve
     int workspacePercent = 0;        // MUMPS ICNTL(14); 0: MUMPS's own default
     int maxWorkMB = 0;               // MUMPS ICNTL(23), the cap on its working memory; 0: none
+    // Where the phase kicks go; null: progressKick() on the calling thread.
+    void (*kick)(void* param) = nullptr;
+    void* kickParam = nullptr;
 };
 
 struct DirectSolveStats {
@@ -141,5 +145,37 @@ DirectSolveOptions inLineOptions();
 int directSolve(const DirectSolveOptions& options, int n, const float* a, const int* ia,
                 const int* ja, float* b, float* x, int nrhs, int mtype, DirectSolveStats* stats);
 
+// A system's arrays, allocated with malloc and freed with free by whoever holds them last.
+struct SystemArrays {
+    float* a = nullptr;
+    int* ia = nullptr;
+    int* ja = nullptr;
+    SystemArrays() = default;
+    ~SystemArrays();
+    SystemArrays(const SystemArrays&) = delete;
+    SystemArrays& operator=(const SystemArrays&) = delete;
+};
+
+// directSolve on arrays that the solve may keep after its caller has gone. While the calling
+// thread has a cancel flag installed (frame/progress.h), the solve runs on a thread of its own
+// and the caller waits for it, making the phase kicks itself and looking at the flag every few
+// milliseconds: once the flag is set the call throws Fault::Cancelled at once, and the solve,
+// which can't be stopped inside a factorisation, finishes on its own thread and frees what it
+// holds (the arrays, its copies of b and x). Nothing of the caller's is touched after the call
+// returns. A direct solve started later waits for it (one MUMPS instance runs at a time). The
+// library's unloading waits for such solves. Without a flag the solve runs on the calling thread
+// as directSolve does. Either way the results are the same bits.
+int directSolveOwned(const DirectSolveOptions& options, int n,
+                     std::shared_ptr<const SystemArrays> system, float* b, float* x, int nrhs,
+                     int mtype, DirectSolveStats* stats);
+
+// Solves running on threads of their own, waited for or left behind by cancelled jobs (for tests).
+int runningDetachedSolves();
+
 }  // namespace detail
+
+// pardisoSolver's contract (0 on success, 1 when memory ran out) through directSolveOwned.
+int pardisoSolverOwned(int n, std::shared_ptr<const detail::SystemArrays> system, float* b,
+                       float* x, int nrhs, int mtype);
+
 }  // namespace qx

@@ -34,6 +34,12 @@ std::mutex& mumpsLock() {
     return m;
 }
 
+}  // namespace
+
+std::unique_lock<std::mutex> holdMumps() { return std::unique_lock<std::mutex>(mumpsLock()); }
+
+namespace {
+
 // One MUMPS instance, ended (job -2, which frees all it holds) on every way out.
 struct Instance {
     std::lock_guard<std::mutex> only{mumpsLock()};

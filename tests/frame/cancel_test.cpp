@@ -3,11 +3,14 @@
 // thread, with the flag cleared, gives the result of an uncancelled run.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 #include <vector>
 
 #include "frame/progress.h"
+#include "solver/direct_backends.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
 
@@ -121,6 +124,52 @@ TEST(Cancel, TriMapJob) {
     const Scene s;
     std::vector<unsigned char> mask = s.trimap;
     checkCancel("qxMaskAlpha", {[&](Trigger* t) { return trimapJob(s, mask, t); }, {&mask}, 1});
+}
+
+// A factorisation can't be stopped from outside; the job stops waiting for it. Here the solve is
+// held at its start for as long as the test likes, so the job can only return by leaving it.
+TEST(Cancel, AJobStopsWaitingForItsFactorisation) {
+    const Scene s;
+    std::vector<unsigned char> plain = s.trimap;
+    Trigger noFlag;
+    ASSERT_EQ(trimapJob(s, plain, &noFlag), 1);
+
+    std::vector<unsigned char> mask = s.trimap;
+    Trigger t;
+    std::future<int> job;
+    {
+        auto hold = qx::detail::holdMumps();
+        job = std::async(std::launch::async, [&] {
+            qx::setCancelFlag(&t.flag);
+            const int status = trimapJob(s, mask, &t);
+            qx::setCancelFlag(nullptr);
+            return status;
+        });
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (qx::detail::runningDetachedSolves() == 0 &&
+               std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        ASSERT_EQ(qx::detail::runningDetachedSolves(), 1);
+        t.flag = 1;
+        ASSERT_EQ(job.wait_for(std::chrono::seconds(5)), std::future_status::ready)
+            << "the job waited for a solve that could not finish";
+        EXPECT_EQ(job.get(), QX_CANCELLED);
+        EXPECT_EQ(mask, s.trimap);
+        EXPECT_EQ(qx::detail::runningDetachedSolves(), 1);  // still held
+    }
+    // Once let go, the solve left behind finishes on its own, and the next job is right, with the
+    // same reports as without a flag.
+    mask = s.trimap;
+    Trigger again;
+    qx::setCancelFlag(&again.flag);
+    EXPECT_EQ(trimapJob(s, mask, &again), 1);
+    qx::setCancelFlag(nullptr);
+    EXPECT_EQ(mask, plain);
+    EXPECT_EQ(again.reports, noFlag.reports);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (qx::detail::runningDetachedSolves() != 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    EXPECT_EQ(qx::detail::runningDetachedSolves(), 0);
 }
 
 TEST(Cancel, StrokeJobs) {

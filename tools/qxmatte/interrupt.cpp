@@ -4,6 +4,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 
 namespace qxmatte {
@@ -57,5 +58,11 @@ void registerTemporary(const char* path) {
 }
 
 void clearTemporaries() { temporaryCount = 0; }
+
+int exitNow(int status) {
+    if (signalled == 0) return status;
+    std::fflush(nullptr);
+    _exit(status);
+}
 
 }  // namespace qxmatte

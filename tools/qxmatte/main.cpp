@@ -815,6 +815,17 @@ int runDemo(int argc, char** argv, bool showProgress) {
     return 0;
 }
 
+int runCommand(const std::string& command, int argc, char** argv, bool tty) {
+    if (command == "trimap") return runTrimap(argc, argv, tty);
+    if (command == "refine") return runRefine(argc, argv, tty);
+    if (command == "batch") return runBatch(argc, argv, tty);
+    if (command == "keepcut") return runKeepCut(argc, argv, tty);
+    if (command == "foreground") return runForeground(argc, argv);
+    if (command == "grabcut") return runGrabCutCommand(argc, argv, tty, false);
+    if (command == "cutout") return runGrabCutCommand(argc, argv, tty, true);
+    return runDemo(argc, argv, tty);
+}
+
 }  // namespace qxmatte
 
 int main(int argc, char** argv) {
@@ -845,12 +856,5 @@ int main(int argc, char** argv) {
     }
     const bool tty = isatty(STDERR_FILENO) != 0;
     qxmatte::installInterrupt();
-    if (command == "trimap") return runTrimap(argc - 2, argv + 2, tty);
-    if (command == "refine") return runRefine(argc - 2, argv + 2, tty);
-    if (command == "batch") return runBatch(argc - 2, argv + 2, tty);
-    if (command == "keepcut") return runKeepCut(argc - 2, argv + 2, tty);
-    if (command == "foreground") return runForeground(argc - 2, argv + 2);
-    if (command == "grabcut") return runGrabCutCommand(argc - 2, argv + 2, tty, false);
-    if (command == "cutout") return runGrabCutCommand(argc - 2, argv + 2, tty, true);
-    return runDemo(argc - 2, argv + 2, tty);
+    return qxmatte::exitNow(runCommand(command, argc - 2, argv + 2, tty));
 }
