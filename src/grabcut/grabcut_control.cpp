@@ -44,6 +44,25 @@ GrabCutControl::~GrabCutControl() {
     delete mask;
 }
 
+namespace {
+cv::Mat copyOf(const cv::Mat* m) { return m ? m->clone() : cv::Mat(); }
+void putBack(const cv::Mat& from, cv::Mat* to) {
+    if (to) from.copyTo(*to);
+}
+}  // namespace
+
+ControlSnapshot::ControlSnapshot(const GrabCutControl& c)
+    : constsSum_(c.constsSum), bgdModel_(copyOf(c.bgdModel)), fgdModel_(copyOf(c.fgdModel)),
+      mask_(copyOf(c.mask)), maskReady_(c.maskReady) {}
+
+void ControlSnapshot::restore(GrabCutControl& c) const {
+    c.constsSum = constsSum_;
+    putBack(bgdModel_, c.bgdModel);
+    putBack(fgdModel_, c.fgdModel);
+    putBack(mask_, c.mask);
+    c.maskReady = maskReady_;
+}
+
 GrabCutControl* grabcutCreateBuf(int width, int height) {
     auto* control = new (std::nothrow) GrabCutControl(width, height);
     if (control == nullptr) return nullptr;

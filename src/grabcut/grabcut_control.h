@@ -27,6 +27,18 @@ public:
     short maskReady;     // 0 until the first cut has set the start labels
 };
 
+// What a cut may change in a control, copied so that a cancelled cut can put it back.
+class ControlSnapshot {
+public:
+    explicit ControlSnapshot(const GrabCutControl& c);
+    void restore(GrabCutControl& c) const;
+
+private:
+    double constsSum_;
+    cv::Mat bgdModel_, fgdModel_, mask_;
+    short maskReady_;
+};
+
 // A new registered control, or null when an allocation failed (nothing is leaked then).
 GrabCutControl* grabcutCreateBuf(int width, int height);
 

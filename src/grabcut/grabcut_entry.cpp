@@ -3,6 +3,7 @@
 // models from one cut to the next. qxGrabCutDeleteBuf ends the session and turns the hard
 // selection into fixed codes for the matting stage that follows.
 #include <cstdint>
+#include <optional>
 
 #include "frame/export_guard.h"
 #include "frame/fault.h"
@@ -24,6 +25,11 @@ void cut(GrabCutRequest& request, int mode) {
                                  request.maskStep);
     GIMG<unsigned char> saved(w, h);
     Copy(maskView, saved);
+    // A cancelled cut leaves the session as it was: the control's models and labels (or no
+    // control, when this cut would have made it).
+    auto* const control = static_cast<GrabCutControl*>(request.control);
+    std::optional<ControlSnapshot> session;
+    if (cancelFlag() != nullptr && control != nullptr) session.emplace(*control);
     try {
         GIMG<unsigned char> flags(w, h);
         {
@@ -47,11 +53,25 @@ void cut(GrabCutRequest& request, int mode) {
             qxMapAlphaProcGrabCut(planes, &flags, &maskView,
                                   reinterpret_cast<GrabCutControl**>(&request.control), mode,
                                   true);
+            // The last look at the flag before the host's planes are written: a flag set
+            // during the cut (whose one report comes after the models are learnt) stops here.
+            checkCancel();
         }
         // Working values lose their low bit; user-fixed pixels come back as they were.
         prim::andC_8u_C1I(254, maskView.data, maskView.step, size);
         prim::copyMasked_8u_C1(saved.data, saved.step, maskView.data, maskView.step, size,
                                flags.data, flags.step);
+    } catch (int e) {
+        Copy(saved, maskView);
+        if (e == int(Fault::Cancelled)) {
+            if (session) {
+                session->restore(*control);
+            } else if (control == nullptr && request.control != nullptr) {
+                GrabCutDeleteBuf(static_cast<GrabCutControl*>(request.control));
+                request.control = nullptr;
+            }
+        }
+        throw;
     } catch (...) {
         Copy(saved, maskView);
         throw;

@@ -266,6 +266,70 @@ TEST(Cancel, AJobWhoseFlagIsSetDoesNotStart) {
     qx::setCancelFlag(nullptr);
 }
 
+// A cancelled cut leaves the session as it was: the next cut gives what it gives after the
+// earlier cuts alone, and a first cut that is cancelled leaves no control.
+TEST(Cancel, ACancelledCutLeavesTheSession) {
+    Scene s;
+    // A rectangle inside a 20-px frame of background, as a host paints it.
+    std::vector<unsigned char> start(W * H, 0);
+    for (int y = 20; y < H - 20; ++y)
+        for (int x = 20; x < W - 20; ++x) start[size_t(y) * W + x] = 126;
+    struct Session {
+        std::vector<unsigned char> codes, result;
+        GrabCutRequest r{};
+        Session(Scene& s, const std::vector<unsigned char>& start)
+            : codes(start), result(W * H, 0) {
+            r.image = s.bgra.data();
+            r.imageStep = W * 4;
+            r.mask = codes.data();
+            r.maskStep = W;
+            r.result = result.data();
+            r.resultStep = W;
+            r.width = r.roiWidth = W;
+            r.height = r.roiHeight = H;
+            r.progProc = [](int, int, void* self) { return Trigger::proc(0, 0, self); };
+        }
+        ~Session() { qxGrabCutDeleteBuf(&r); }
+        int cut(Trigger* t) {
+            r.progParam = t;
+            qx::setCancelFlag(&t->flag);
+            const int status = qxGrabCut(&r, 0);
+            qx::setCancelFlag(nullptr);
+            return status;
+        }
+    };
+    // A stroke of fixed foreground between the cuts, so that the second one learns again.
+    const auto paint = [](std::vector<unsigned char>& codes) {
+        for (int y = H / 2 - 5; y < H / 2 + 5; ++y)
+            for (int x = W / 2 - 5; x < W / 2 + 5; ++x) codes[size_t(y) * W + x] = 255;
+    };
+    Session plain(s, start), cancelled(s, start);
+    Trigger a1, a2;
+    ASSERT_EQ(plain.cut(&a1), 1);
+    paint(plain.codes);
+    const std::vector<unsigned char> firstCodes = plain.codes;
+    ASSERT_EQ(plain.cut(&a2), 1);
+    // A cut reports once, after cv::grabCut has learnt: a cancel there undoes that learning.
+    ASSERT_EQ(a1.reports, 1);
+    ASSERT_EQ(a2.reports, 1);
+
+    Trigger first;
+    first.cancelAt = 1;
+    EXPECT_EQ(cancelled.cut(&first), QX_CANCELLED);
+    EXPECT_EQ(cancelled.r.control, nullptr);
+    EXPECT_EQ(cancelled.codes, start);
+    Trigger b1, b2, b3;
+    ASSERT_EQ(cancelled.cut(&b1), 1);
+    paint(cancelled.codes);
+    EXPECT_EQ(cancelled.codes, firstCodes);
+    b2.cancelAt = 1;
+    EXPECT_EQ(cancelled.cut(&b2), QX_CANCELLED);
+    EXPECT_EQ(cancelled.codes, firstCodes);
+    ASSERT_EQ(cancelled.cut(&b3), 1);
+    EXPECT_EQ(cancelled.codes, plain.codes);
+    EXPECT_EQ(cancelled.result, plain.result);
+}
+
 // Two host threads run jobs at once: each gets the result it gets alone, and only its own
 // reports.
 TEST(Jobs, TwoThreadsAtOnceEqualOneAtATime) {
