@@ -5,6 +5,7 @@
 // pixel) for comparison.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "frame/memory.h"
+#include "frame/stage_clock.h"
 #include "solver/direct_solver.h"
 #include "measurement.h"
 #include "qxworkflow.h"
@@ -27,6 +29,7 @@ struct Row {
     int width = 0, height = 0, unknown = 0;
     double seconds = 0, cpuSeconds = 0, sad = 0, mse = 0, peakMB = 0, estimateMB = 0;
     qx::detail::DirectSolveTotals solver;  // the direct solves of the job
+    qx::StageTotals stages;                // the job's stages
     bool accuracy = false;
 };
 std::vector<Row> rows;
@@ -38,6 +41,7 @@ Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap
     r.width = image.cols;
     r.height = image.rows;
     qx::detail::resetDirectSolveTotals();
+    qx::resetStageTotals();
     // The box the workflow solves in, for the job's own budget estimate.
     int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
     qxMaskBBox(0, trimap.data, static_cast<int>(trimap.step), image.cols, image.rows, &left,
@@ -53,6 +57,7 @@ Row runCase(const std::string& name, const cv::Mat& image, const cv::Mat& trimap
     r.cpuSeconds = run.cpuSeconds();
     r.peakMB = run.peakAboveStartMB();
     r.solver = qx::detail::directSolveTotals();
+    r.stages = qx::stageTotals();
     r.unknown = boxWidth * boxHeight - fgCount - bgCount;
     r.estimateMB = (1920.0 * r.unknown + 12.0 * boxWidth * boxHeight) / (1024.0 * 1024.0);
     if (s != QXW_OK) {
@@ -152,6 +157,45 @@ void printReport() {
                     factor, solve, n);
 }
 
+// Where each job's time went: the stages of the tri-map job, the direct solve split into its
+// phases, and the rest of the workflow (the box, the cut to it, the copies) as what is left.
+void printStages() {
+    if (rows.empty()) return;
+    using qx::Stage;
+    const Stage order[] = {Stage::Reduce, Stage::Maps, Stage::Laplacian, Stage::Sort,
+                           Stage::Assembly, Stage::Output, Stage::Enlarge};
+    std::printf("\nseconds by stage\n%-22s %8s", "case", "box etc");
+    for (Stage s : order) std::printf(" %9s", qx::stageName(s));
+    std::printf(" %9s %9s %9s %8s %8s\n", "analyse", "factor", "solve", "total", "peak MB");
+    auto line = [&](const char* name, const Row& r, double scale) {
+        double known = r.stages.seconds[int(Stage::Solver)];
+        for (Stage s : order) known += r.stages.seconds[int(s)];
+        std::printf("%-22s %8.3f", name, (r.seconds - known) * scale);
+        for (Stage s : order) std::printf(" %9.3f", r.stages.seconds[int(s)] * scale);
+        const double solverOther = r.stages.seconds[int(Stage::Solver)] -
+                                   r.solver.analysisSeconds - r.solver.factorSeconds -
+                                   r.solver.solveSeconds;
+        // The solver stage's own copies and thread hand-over count with the solve phase.
+        std::printf(" %9.3f %9.3f %9.3f %8.2f %8.0f\n", r.solver.analysisSeconds * scale,
+                    r.solver.factorSeconds * scale,
+                    (r.solver.solveSeconds + solverOther) * scale, r.seconds * scale, r.peakMB);
+    };
+    Row sum;
+    int n = 0;
+    for (const Row& r : rows) {
+        line(r.name.c_str(), r, 1.0);
+        if (!r.accuracy) continue;
+        ++n;
+        sum.seconds += r.seconds;
+        sum.peakMB = std::max(sum.peakMB, r.peakMB);
+        sum.solver.analysisSeconds += r.solver.analysisSeconds;
+        sum.solver.factorSeconds += r.solver.factorSeconds;
+        sum.solver.solveSeconds += r.solver.solveSeconds;
+        for (int i = 0; i < int(Stage::Count); ++i) sum.stages.seconds[i] += r.stages.seconds[i];
+    }
+    if (n) line("benchmark images (sum)", sum, 1.0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -180,5 +224,6 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     printReport();
+    printStages();
     return 0;
 }

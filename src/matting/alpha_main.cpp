@@ -8,11 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <new>
 #include <utility>
 
 #include "frame/fault.h"
 #include "frame/progress.h"
+#include "frame/stage_clock.h"
 #include "matting/cfmatt.h"
 #include "solver/cg_solver.h"
 #include "solver/direct_solver.h"
@@ -184,6 +186,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
                       Plane8& mask) {
     const int64_t pixels = static_cast<int64_t>(width) * height;
 
+    std::optional<StageClock> clock(Stage::Sort);
     if (!sortTriplesByRow(pixels, tripleCount, lapRows, lapCols, lapVals)) {
         cleanMemAll();
         fail(Fault::ArrayMemory);
@@ -191,6 +194,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     progressKick();
     const int m = sortAndMergeRuns(tripleCount, lapRows, lapCols, lapVals, width);
     progressKick();
+    clock.emplace(Stage::Assembly);
 
     ErodeMap3x3(core);
     double coreSum = 0.0;
@@ -288,6 +292,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     ia[n] = pos + 1;
     freeLaplacian();
     progressKick();
+    clock.emplace(Stage::Solver);
 
     if (direct) {
         float* x = sys.add(allocArray<float>(n));
@@ -334,6 +339,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         }
     }
 
+    clock.emplace(Stage::Output);
     const prim::Size row{n, 1};
     const int rowStep = static_cast<int>(std::min<int64_t>(4 * static_cast<int64_t>(n), INT32_MAX));
     prim::mulC_32f_C1I(255.0f, alpha, rowStep, row);

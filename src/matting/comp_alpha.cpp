@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "frame/progress.h"
+#include "frame/stage_clock.h"
 #include "matting/cfmatt.h"
 
 namespace qx {
@@ -21,6 +22,7 @@ int CFMatt::compAlphaInner(int width, int height, Plane8& mask, Build&& build) {
     Plane8 known(width, height);
     Plane8 core(width, height);
     {
+        const StageClock clock(Stage::Maps);
         Plane8 fgMap(width, height);
         compMap(1, mask, known, fgMap);
     }
@@ -29,13 +31,18 @@ int CFMatt::compAlphaInner(int width, int height, Plane8& mask, Build&& build) {
     Copy(known, core);
     ErodeMap3x3(core);
     int count = 0;
-    const int result = build(core, &count);
+    int result = 0;
+    {
+        const StageClock clock(Stage::Laplacian);
+        result = build(core, &count);
+    }
     if (result != 0) return result;
     progressKick();
 
     alphaMain(width, height, count, known, core, mask);
     progressKick();
 
+    const StageClock clock(Stage::Output);
     outAlpha(alpha, width, height, known, core, mask);
     std::free(alpha);
     alpha = nullptr;
@@ -62,6 +69,7 @@ int CFMatt::CompAlpha(unsigned char* const* planes, int planeStep, int width, in
     Copy(caller, work);
     CompAlpha(planes, planeStep, width, height, work);
     progressKick();
+    const StageClock clock(Stage::Output);
     if (sharpen > 0.2f) SharpenAlpha(work);
     Copy(work, caller);
     return 0;

@@ -10,12 +10,14 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <optional>
 
 #include "frame/args.h"
 #include "frame/fault.h"
 #include "frame/host_snapshot.h"
 #include "frame/memory.h"
 #include "frame/progress.h"
+#include "frame/stage_clock.h"
 #include "matting/cfmatt.h"
 #include "qxiveilon31.h"
 #include "resample/cblf.h"
@@ -130,6 +132,7 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
         qxMaskProc(full, *mask, 0, fgCode, bgCode, levelHigh, levelLow, finish);
     } else {
         const bool half = run.kind == RunKind::Half;
+        std::optional<StageClock> clock(Stage::Reduce);
         PlanePtr small[3];
         for (auto& p : small) p = std::make_unique<Plane8>(run.width, run.height);
         Plane8 smallMask(run.width, run.height);
@@ -154,10 +157,12 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
         else reduceTo(*mask, smallMask, 0);
         progressKick();
 
+        clock.reset();
         Plane8* reduced[3] = {small[0].get(), small[1].get(), small[2].get()};
         // A reduced run keeps both finishing steps whatever was asked: the doubling back is
         // guided by them (without, the error of a halved run grows by half).
         qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow);
+        clock.emplace(Stage::Enlarge);
 
         if (half) {
             Plane8* smallList[2] = {&smallMask, nullptr};
@@ -170,6 +175,7 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
         }
     }
     for (auto& c : colour) c.reset();
+    const StageClock clock(Stage::Enlarge);
     hardValueRule(*mask, savedTri);
     return 1;
 }
@@ -228,6 +234,7 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
         matt.cleanMemAll();
     }
 
+    const StageClock clock(Stage::Output);
     unsigned char* maskList[1] = {mask.data};
     if (finish.smoothEdges)
         CBLFRGB(width, height, maskList, mask.step, 1, planes, colour[0]->step, 3, 1, 10.0f,
