@@ -162,7 +162,7 @@ void printReport() {
 void printStages() {
     if (rows.empty()) return;
     using qx::Stage;
-    const Stage order[] = {Stage::Reduce, Stage::Maps, Stage::Laplacian, Stage::Sort,
+    const Stage order[] = {Stage::Reduce, Stage::Maps, Stage::Laplacian, Stage::Windows,
                            Stage::Assembly, Stage::Output, Stage::Enlarge};
     std::printf("\nseconds by stage\n%-22s %8s", "case", "box etc");
     for (Stage s : order) std::printf(" %9s", qx::stageName(s));

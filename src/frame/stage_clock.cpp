@@ -21,7 +21,7 @@ const char* stageName(Stage s) {
     case Stage::Reduce: return "reduce";
     case Stage::Maps: return "maps";
     case Stage::Laplacian: return "laplacian";
-    case Stage::Sort: return "sort";
+    case Stage::Windows: return "windows";
     case Stage::Assembly: return "assembly";
     case Stage::Solver: return "solver";
     case Stage::Output: return "output";

@@ -10,8 +10,8 @@ enum class Stage {
     Reduce,     // a reduced run's halving of the colour and the tri-map
     Maps,       // the known and core maps of the tri-map
     Laplacian,  // the window affinities, as (row, column, value) triples
-    Sort,       // the triples sorted by row and merged
-    Assembly,   // the system in compressed rows
+    Windows,    // the windows' ordinals by centre, for the rows to gather their triples
+    Assembly,   // the triples merged, row by row, into the system in compressed rows
     Solver,     // the direct solve: analysis, factorisation, solve (split in DirectSolveTotals)
     Output,     // alpha from the solution, sharpening, bilateral clean-up, levels
     Enlarge,    // a reduced run's guided doubling back, border repair, hard-value rule

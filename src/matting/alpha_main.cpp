@@ -1,6 +1,8 @@
-// From the Laplacian's triples to alpha: sort and merge the triples into one sparse symmetric
-// system (upper triangle, compressed rows, one-based) over the pixels that need solving, solve
-// (L + C) x = C a, and scale the solution to 0..255.
+// From the Laplacian's triples to alpha: merge the triples into one sparse symmetric system
+// (upper triangle, compressed rows, one-based) over the pixels that need solving, solve
+// (L + C) x = C a, and scale the solution to 0..255. The triples stand window by window; each row
+// gathers its own from the (at most nine) windows that hold its pixel, in the order a stable sort
+// by row would leave them, so no sort of the whole Laplacian is needed.
 //
 // Peak memory matters more than anything here: every array is released at the first point it
 // is no longer needed, and the Laplacian's arrays are gone before the solver allocates.
@@ -23,6 +25,8 @@ namespace qx {
 namespace {
 
 constexpr int kMaxSystemPixels = 2000000;
+// The most triples one row can have: nine windows, 9 - a of them in the window where it is a.
+constexpr int kLongestRun = 45;
 
 template <typename T>
 T* allocArray(int64_t count) {
@@ -31,7 +35,7 @@ T* allocArray(int64_t count) {
 
 // Frees the arrays it holds when it goes out of scope, also on a throw from the solver.
 struct ScopedArrays {
-    void* items[6] = {};
+    void* items[8] = {};
     int used = 0;
     template <typename T>
     T* add(T* p) {
@@ -49,44 +53,6 @@ struct ScopedArrays {
         for (int i = 0; i < used; ++i) std::free(items[i]);
     }
 };
-
-// Sorts the triples by row in linear time: a counting sort over the image's raster indices.
-// The order among triples of one row stays their window order. Returns false when an array
-// could not be allocated.
-bool sortTriplesByRow(int64_t pixels, int count, int*& rows, int*& cols, float*& vals) {
-    int* perm = allocArray<int>(count);
-    int* start = static_cast<int*>(std::calloc(static_cast<size_t>(pixels) + 1, sizeof(int)));
-    if (!perm || !start) {
-        std::free(perm);
-        std::free(start);
-        return false;
-    }
-    for (int t = 0; t < count; ++t) ++start[rows[t] + 1];
-    for (int64_t p = 0; p < pixels; ++p) start[p + 1] += start[p];
-    for (int t = 0; t < count; ++t) perm[start[rows[t]]++] = t;
-    std::free(start);
-
-    // Apply the permutation through one scratch array: the old column array then takes the
-    // permuted values.
-    int* scratch = allocArray<int>(count);
-    if (!scratch) {
-        std::free(perm);
-        return false;
-    }
-#pragma omp parallel for schedule(static)
-    for (int t = 0; t < count; ++t) scratch[t] = rows[perm[t]];
-    std::swap(rows, scratch);
-#pragma omp parallel for schedule(static)
-    for (int t = 0; t < count; ++t) scratch[t] = cols[perm[t]];
-    std::swap(cols, scratch);
-    float* sortedVals = reinterpret_cast<float*>(scratch);
-#pragma omp parallel for schedule(static)
-    for (int t = 0; t < count; ++t) sortedVals[t] = vals[perm[t]];
-    std::free(vals);
-    vals = sortedVals;
-    std::free(perm);
-    return true;
-}
 
 // Stable insertion sort of one run by column, carrying the values.
 void sortRun(int begin, int end, int* cols, float* vals) {
@@ -132,52 +98,72 @@ inline int neighbourSlot(int offset, int width) {
     return -1;
 }
 
-// Sorts each run of one row by column and adds up the triples of equal row and column, in the
-// order they stand (window order), so that every sum is formed as a stable sort followed by a
-// merge would form it. A run's columns lie in its pixel's 5x5 neighbourhood, so the sort is a
-// bucket per neighbour; anything else falls back to a plain sort. The last run is merged as the
-// row sort left it, unsorted: a run is sorted only when the next one begins. Returns the merged
-// count.
-int sortAndMergeRuns(int count, int* rows, int* cols, float* vals, int width) {
-    int w = 0;
-    int begin = 0;
-    while (begin < count) {
-        int end = begin + 1;
-        while (end < count && rows[end] == rows[begin]) ++end;
-        if (end == count) return mergeRange(begin, end, w, rows, cols, vals);
-
-        const int row = rows[begin];
-        float sum[13];
-        bool used[13] = {};
-        bool bucketed = width >= 5;
-        for (int t = begin; t < end && bucketed; ++t) {
-            const int slot = neighbourSlot(cols[t] - row, width);
-            if (slot < 0) {
-                bucketed = false;
-            } else if (used[slot]) {
-                sum[slot] += vals[t];
-            } else {
-                used[slot] = true;
-                sum[slot] = vals[t];
-            }
-        }
-        if (bucketed) {
-            static constexpr int kDx[13] = {0, 1, 2, -2, -1, 0, 1, 2, -2, -1, 0, 1, 2};
-            static constexpr int kDy[13] = {0, 0, 0, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2};
-            for (int slot = 0; slot < 13; ++slot) {
-                if (!used[slot]) continue;
-                rows[w] = row;
-                cols[w] = row + kDy[slot] * width + kDx[slot];
-                vals[w] = sum[slot];
-                ++w;
-            }
+// Adds up the entries of one row's run (its triples as a stable sort by row leaves them: in
+// window order) of equal column, so that every sum is formed as a stable sort by column followed
+// by a merge would form it. A run's columns lie in its pixel's 5x5 neighbourhood, so the sort is
+// a bucket per neighbour; anything else falls back to a plain sort. The last run of the whole
+// Laplacian (`sorted` false) is merged as it stands, unsorted. Returns the merged count, written
+// over the run.
+int mergeRun(int row, int count, int* cols, float* vals, int width, bool sorted) {
+    if (!sorted) {
+        int rows[kLongestRun];
+        std::fill(rows, rows + count, row);
+        return mergeRange(0, count, 0, rows, cols, vals);
+    }
+    float sum[13];
+    bool used[13] = {};
+    bool bucketed = width >= 5;
+    for (int t = 0; t < count && bucketed; ++t) {
+        const int slot = neighbourSlot(cols[t] - row, width);
+        if (slot < 0) {
+            bucketed = false;
+        } else if (used[slot]) {
+            sum[slot] += vals[t];
         } else {
-            sortRun(begin, end, cols, vals);
-            w = mergeRange(begin, end, w, rows, cols, vals);
+            used[slot] = true;
+            sum[slot] = vals[t];
         }
-        begin = end;
+    }
+    if (!bucketed) {
+        int rows[kLongestRun];
+        std::fill(rows, rows + count, row);
+        sortRun(0, count, cols, vals);
+        return mergeRange(0, count, 0, rows, cols, vals);
+    }
+    static constexpr int kDx[13] = {0, 1, 2, -2, -1, 0, 1, 2, -2, -1, 0, 1, 2};
+    static constexpr int kDy[13] = {0, 0, 0, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2};
+    int w = 0;
+    for (int slot = 0; slot < 13; ++slot) {
+        if (!used[slot]) continue;
+        cols[w] = row + kDy[slot] * width + kDx[slot];
+        vals[w] = sum[slot];
+        ++w;
     }
     return w;
+}
+
+// The run of pixel (px, py): the triples (pixel, column, value) that the windows containing it
+// hold with the pixel as their row, in window order (centres in raster order, then each window's
+// pairs a <= b). Window k's 45 values stand at 45k, pair (a, b) at 9a - a(a-1)/2 + b - a.
+int gatherRun(int px, int py, int width, int height, const int* windowAt, const float* values,
+              int* cols, float* vals) {
+    int count = 0;
+    for (int cy = py - 1; cy <= py + 1; ++cy) {
+        if (cy < 1 || cy > height - 2) continue;
+        for (int cx = px - 1; cx <= px + 1; ++cx) {
+            if (cx < 1 || cx > width - 2) continue;
+            const int window = windowAt[static_cast<int64_t>(cy) * width + cx];
+            if (window < 0) continue;
+            const int a = (py - cy + 1) * 3 + (px - cx + 1);
+            const float* v = values + 45 * static_cast<int64_t>(window) + 9 * a - a * (a - 1) / 2;
+            for (int b = a; b < 9; ++b) {
+                cols[count] = (cy - 1 + b / 3) * width + (cx - 1 + b % 3);
+                vals[count] = v[b - a];
+                ++count;
+            }
+        }
+    }
+    return count;
 }
 
 }  // namespace
@@ -186,13 +172,30 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
                       Plane8& mask) {
     const int64_t pixels = static_cast<int64_t>(width) * height;
 
-    std::optional<StageClock> clock(Stage::Sort);
-    if (!sortTriplesByRow(pixels, tripleCount, lapRows, lapCols, lapVals)) {
+    // Window ordinals by centre, from the map that chose the windows (before the erosion below).
+    std::optional<StageClock> clock(Stage::Windows);
+    ScopedArrays sys;
+    int* windowAt = sys.add(allocArray<int>(pixels));
+    if (!windowAt) {
+        cleanMemAll();
+        fail(Fault::ArrayMemory);
+    }
+    int windows = 0, lastRunPixel = -1;
+    for (int y = 0; y < height; ++y) {
+        const unsigned char* c = core.row(y);
+        int* at = windowAt + static_cast<int64_t>(y) * width;
+        for (int x = 0; x < width; ++x) {
+            const bool window = y >= 1 && y <= height - 2 && x >= 1 && x <= width - 2 && c[x] == 0;
+            at[x] = window ? windows++ : -1;
+            // The last window's last pixel has the highest index of any triple's row.
+            if (window) lastRunPixel = (y + 1) * width + x + 1;
+        }
+    }
+    if (45 * static_cast<int64_t>(windows) != tripleCount) {
         cleanMemAll();
         fail(Fault::ArrayMemory);
     }
     progressKick();
-    const int m = sortAndMergeRuns(tripleCount, lapRows, lapCols, lapVals, width);
     progressKick();
     clock.emplace(Stage::Assembly);
 
@@ -235,14 +238,11 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         fail(Fault::ArrayMemory);
     }
 
-    // Rows of pixels that belong to no window hold their diagonal alone, an entry that is not
-    // among the m merged triples: they are counted so that the arrays always suffice.
-    int rowsWithTriples = 0;
-    for (int i = 0; i < m; ++i) rowsWithTriples += (i == 0 || lapRows[i] != lapRows[i - 1]);
-    const int64_t entries = static_cast<int64_t>(m) + std::max(0, n - rowsWithTriples) + 9;
+    // A merged row has at most 13 entries (its forward 5x5 neighbours); the last run, merged
+    // unsorted, at most kLongestRun.
+    const int64_t entries = 13 * static_cast<int64_t>(n) + kLongestRun + 9;
 
     const bool direct = useDirectSolver != 0;
-    ScopedArrays sys;
     int* ia = sys.add(allocArray<int>(static_cast<int64_t>(n) + 8));
     int* ja = sys.add(allocArray<int>(entries));
     float* af = direct ? sys.add(allocArray<float>(entries)) : nullptr;
@@ -254,42 +254,72 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         fail(Fault::ArrayMemory);
     }
 
-    // Assembly: one row per system pixel, its diagonal first. A row whose pixel belongs to no
-    // window keeps the constraint weight alone (0 for an undecided pixel).
-    int t = 0;
-    int pos = 0;
-    for (int row = 0; row < n; ++row) {
-        if (direct) {
-            alpha[row] = static_cast<float>(knownBytes[row]) * static_cast<float>(maskBytes[row]) / 255.0f;
-        } else {
-            xd[row] = maskBytes[row] / 255.0;
-            bd[row] = xd[row] * knownBytes[row];
-        }
-        ia[row] = pos + 1;
-        while (t < m && unknownIndex[lapRows[t]] < row) ++t;  // cannot happen; keeps the walk safe
-        const int r = t < m ? unknownIndex[lapRows[t]] : n;
-        if (r > row) {
-            if (direct) af[pos] = knownBytes[row]; else ad[pos] = knownBytes[row];
-            ja[pos] = row + 1;
-            ++pos;
-            continue;
-        }
-        for (; t < m && unknownIndex[lapRows[t]] == row; ++t) {
-            const int c = unknownIndex[lapCols[t]];
-            float v;
-            if (c == row) {
-                v = knownBytes[row] + lapDiag[lapRows[t]] - lapVals[t];
-            } else if (c > row) {
-                v = 0 - lapVals[t];
+    // Assembly: one row per system pixel, its diagonal first (except in the last run). A row
+    // whose pixel belongs to no window keeps the constraint weight alone (0 for an undecided
+    // pixel). Columns outside the system are dropped. Rows are built in parallel, each at 13 times
+    // its index with its length in ia (the last run, which may be longer, on the side), then
+    // moved together in order.
+    const int64_t lastPixel = lastRunPixel;
+    const int lastRow = lastPixel >= 0 && lastPixel < pixels ? unknownIndex[lastPixel] : -1;
+    int lastCols[kLongestRun];
+    float lastFloats[kLongestRun];
+    double lastDoubles[kLongestRun];
+#pragma omp parallel for schedule(dynamic, 16)
+    for (int y = 0; y < height; ++y) {
+        int runCols[kLongestRun];
+        float runVals[kLongestRun];
+        for (int x = 0; x < width; ++x) {
+            const int64_t p = static_cast<int64_t>(y) * width + x;
+            const int row = unknownIndex[p];
+            if (row < 0) continue;
+            if (direct) {
+                alpha[row] = static_cast<float>(knownBytes[row]) * static_cast<float>(maskBytes[row]) / 255.0f;
             } else {
-                continue;
+                xd[row] = maskBytes[row] / 255.0;
+                bd[row] = xd[row] * knownBytes[row];
             }
-            if (direct) af[pos] = v; else ad[pos] = v;
-            ja[pos] = c + 1;
-            ++pos;
+            const int64_t at = 13 * static_cast<int64_t>(row);
+            const bool last = row == lastRow;
+            int* cols = last ? lastCols : ja + at;
+            float* fv = last ? lastFloats : direct ? af + at : nullptr;
+            double* dv = last ? lastDoubles : direct ? nullptr : ad + at;
+            int written = 0;
+            auto put = [&](int column, float v) {
+                cols[written] = column;
+                if (direct) fv[written] = v; else dv[written] = v;
+                ++written;
+            };
+            int count = gatherRun(x, y, width, height, windowAt, lapVals, runCols, runVals);
+            if (count == 0) {
+                put(row + 1, knownBytes[row]);
+            } else {
+                count = mergeRun(static_cast<int>(p), count, runCols, runVals, width, p != lastPixel);
+                for (int t = 0; t < count; ++t) {
+                    const int c = unknownIndex[runCols[t]];
+                    if (c == row)
+                        put(c + 1, knownBytes[row] + lapDiag[p] - runVals[t]);
+                    else if (c > row)
+                        put(c + 1, 0 - runVals[t]);
+                }
+            }
+            ia[row] = written;
         }
     }
+    int pos = 0;
+    for (int row = 0; row < n; ++row) {
+        const int count = ia[row];
+        const int64_t at = 13 * static_cast<int64_t>(row);
+        const bool last = row == lastRow;
+        std::memmove(ja + pos, last ? lastCols : ja + at, sizeof(int) * size_t(count));
+        if (direct)
+            std::memmove(af + pos, last ? lastFloats : af + at, sizeof(float) * size_t(count));
+        else
+            std::memmove(ad + pos, last ? lastDoubles : ad + at, sizeof(double) * size_t(count));
+        ia[row] = pos + 1;
+        pos += count;
+    }
     ia[n] = pos + 1;
+    std::free(sys.release(windowAt));
     freeLaplacian();
     progressKick();
     clock.emplace(Stage::Solver);
@@ -340,11 +370,11 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     }
 
     clock.emplace(Stage::Output);
-    const prim::Size row{n, 1};
+    const prim::Size solution{n, 1};
     const int rowStep = static_cast<int>(std::min<int64_t>(4 * static_cast<int64_t>(n), INT32_MAX));
-    prim::mulC_32f_C1I(255.0f, alpha, rowStep, row);
-    prim::clampAbove_32f_C1I(alpha, rowStep, row, 255.0f);
-    prim::clampBelow_32f_C1I(alpha, rowStep, row, 0.0f);
+    prim::mulC_32f_C1I(255.0f, alpha, rowStep, solution);
+    prim::clampAbove_32f_C1I(alpha, rowStep, solution, 255.0f);
+    prim::clampBelow_32f_C1I(alpha, rowStep, solution, 0.0f);
     return 0;
 }
 

@@ -17,8 +17,6 @@ void freeAndNull(T*& p) {
 void CFMatt::cleanMemAll() {
     freeAndNull(lapVals);
     freeAndNull(lapDiag);
-    freeAndNull(lapRows);
-    freeAndNull(lapCols);
     freeAndNull(reservedArray);
     freeAndNull(unknownIndex);
     freeAndNull(knownBytes);
@@ -28,8 +26,6 @@ void CFMatt::cleanMemAll() {
 
 void CFMatt::freeLaplacian() {
     freeAndNull(lapDiag);
-    freeAndNull(lapRows);
-    freeAndNull(lapCols);
     freeAndNull(unknownIndex);
     freeAndNull(lapVals);
 }

@@ -33,7 +33,10 @@ public:
     // Without it, known = tri <= bgCode or >= fgCode and the tri-map stays.
     void compMap(int applyLevels, Plane8& tri, Plane8& known, Plane8& fgMap);
 
-    // Laplacian triples from the eroded map and three byte planes with a common step.
+    // Laplacian triples from the eroded map and three byte planes with a common step: the values
+    // in lapVals, 45 a window (windows at the centres that are 0 in core, inside the frame, in
+    // raster order; in each the pairs a <= b of its pixels in raster order), the row sums in
+    // lapDiag. Rows and columns follow from that layout and are not stored.
     // Returns 0 on success, 4 when no window is to be used; *count receives the number of
     // triples (or the first estimate when not successful). Throws -1 when the estimate is over
     // 400,000,000 triples.
@@ -43,9 +46,10 @@ public:
     // The same over one interleaved 3-channel byte image.
     int compMatLap(Plane8& core, const IMG3<unsigned char>& image, int* count);
 
-    // Sorts and merges the triples into one sparse system over the pixels with 0 in `core`
-    // after a second erosion (done here, in place), solves it and leaves the result, 0..255,
-    // in `alpha`. Returns 0; throws on failure.
+    // Merges the triples into one sparse system over the pixels with 0 in `core` after a second
+    // erosion (done here, in place), with the sums a stable sort by row and column followed by a
+    // merge would form; solves it and leaves the result, 0..255, in `alpha`. Returns 0; throws
+    // on failure.
     int alphaMain(int width, int height, int tripleCount, Plane8& known, Plane8& core,
                   Plane8& mask);
 
@@ -66,8 +70,6 @@ public:
 
     float* lapVals = nullptr;
     float* lapDiag = nullptr;
-    int* lapRows = nullptr;
-    int* lapCols = nullptr;
     void* reservedArray = nullptr;
     int* unknownIndex = nullptr;
     unsigned char* knownBytes = nullptr;

@@ -1,8 +1,8 @@
 // The matting Laplacian over 3x3 windows. Each window with its centre undecided in `core` gets a
 // local colour model (mean and regularised covariance); it contributes the affinity
 // (1 + (Ia - mu)^T inv(cov + eps/9 E) (Ib - mu)) / 9 between each pair of its nine pixels. All
-// 81 values go into the row sums, the 45 on or above the diagonal into the triples (window
-// indices ascend, so a <= b is exactly win[a] <= win[b]).
+// 81 values go into the row sums, the 45 on or above the diagonal into the triples' values, 45 a
+// window (window indices ascend, so a <= b is exactly win[a] <= win[b]).
 #include <algorithm>
 #include <cstdlib>
 #include <vector>
@@ -76,14 +76,12 @@ int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
         rowFirst[y + 1] = rowFirst[y] + n;
     }
     const int64_t triples = 45 * rowFirst[height - 1];
-    const int64_t length = std::max(capacity, triples);
+    const int64_t length = std::max<int64_t>(triples, 1);
 
     const int64_t pixels = static_cast<int64_t>(width) * height;
     lapVals = static_cast<float*>(std::malloc(sizeof(float) * length));
-    lapRows = static_cast<int*>(std::malloc(sizeof(int) * length));
-    lapCols = static_cast<int*>(std::malloc(sizeof(int) * length));
     lapDiag = static_cast<float*>(std::calloc(static_cast<size_t>(pixels), sizeof(float)));
-    if (!lapVals || !lapRows || !lapCols || !lapDiag) {
+    if (!lapVals || !lapDiag) {
         cleanMemAll();
         fail(Fault::ArrayMemory);
     }
@@ -111,12 +109,7 @@ int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
                     for (int b = 0; b < 9; ++b) {
                         const float v = static_cast<float>(T[9 * a + b]);
                         *diag += v;
-                        if (a <= b) {
-                            lapRows[n] = win[a];
-                            lapCols[n] = win[b];
-                            lapVals[n] = v;
-                            ++n;
-                        }
+                        if (a <= b) lapVals[n++] = v;
                     }
                 }
             }
