@@ -449,7 +449,7 @@ TEST(WorkflowRefine, ACoarseMaskComesBackCloseToTheTruth) {
         coarse += std::abs(mask[i] - truth[i]);
         refined += std::abs(alpha[i] - truth[i]);
     }
-    EXPECT_LT(refined, 0.55 * coarse) << "coarse " << coarse;  // today 0.48
+    EXPECT_LT(refined, 0.35 * coarse) << "coarse " << coarse << " refined " << refined;  // today 0.23
     EXPECT_FALSE(untouched(colours));
 
     // A mask of one value has no edge: refused, outputs as they were.
