@@ -42,6 +42,15 @@ struct ScopedArrays {
         items[used++] = p;
         return p;
     }
+    // Gives back the tail of an array beyond `count` elements (in place or moved).
+    template <typename T>
+    T* shrink(T* p, int64_t count) {
+        void* q = std::realloc(p, static_cast<size_t>(std::max<int64_t>(count, 1)) * sizeof(T));
+        if (!q) return p;  // keeps the larger block
+        for (int i = 0; i < used; ++i)
+            if (items[i] == p) items[i] = q;
+        return static_cast<T*>(q);
+    }
     // Hands an array over to a new owner.
     template <typename T>
     T* release(T* p) {
@@ -320,6 +329,9 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     }
     ia[n] = pos + 1;
     std::free(sys.release(windowAt));
+    // The rows were built at 13 entries apiece; the solver keeps only what they hold.
+    ja = sys.shrink(ja, pos);
+    if (direct) af = sys.shrink(af, pos); else ad = sys.shrink(ad, pos);
     freeLaplacian();
     progressKick();
     clock.emplace(Stage::Solver);
