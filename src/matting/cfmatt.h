@@ -81,6 +81,8 @@ public:
     unsigned char bgCode = 0;
     unsigned char fgCode = 255;
     float sharpen = 0.0f;
+    // Window affinities through the covariance's eigenvectors (windowAffinitiesStable).
+    bool stableAffinities = false;
 
 private:
     // Frees the Laplacian's arrays and the pixel numbering once the system stands.

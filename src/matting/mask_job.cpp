@@ -227,7 +227,8 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
         CFMatt matt;
         matt.bgCode = bgCode;
         matt.fgCode = fgCode;
-        matt.epsilon = 1e-7;
+        matt.epsilon = finish.epsilon;
+        matt.stableAffinities = finish.stableAffinities;
         matt.sharpen = finish.sharpen ? 3.0f : 0.0f;
         matt.CompAlpha(planes, colour[0]->step, width, height, mask.data, mask.step);
         progressKick();
@@ -287,5 +288,5 @@ extern "C" QX_API int qxMaskAlpha(MaskRequest* request, int /*reserved*/, float 
 extern "C" QX_API int qxMaskAlphaPlain(MaskRequest* request, float unknownPixels, int fgCode,
                                        int bgCode, int levelHigh, int levelLow) {
     return qx::maskAlphaExport(request, unknownPixels, fgCode, bgCode, levelHigh, levelLow,
-                               qx::MattingFinish{false, false});
+                               qx::MattingFinish::plain());
 }

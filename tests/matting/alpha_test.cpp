@@ -111,6 +111,54 @@ TEST(CompAlpha, RecoversAKnownSoftEdge) {
     EXPECT_EQ(m.alpha, nullptr);
 }
 
+// The eigenvector form of the window affinities computes the same quantity as the adjugate form:
+// on windows of random colours (well conditioned) the two Laplacians agree to float rounding.
+TEST(CompAlpha, StableAffinitiesEqualTheAdjugateOnesForColours) {
+    const int w = 23, h = 17;
+    qxtest::RandomPlanes random(w, h, 11);
+    unsigned char* ptrs[3] = {random.planes[0].data(), random.planes[1].data(),
+                              random.planes[2].data()};
+    PaddedPlane all(w, h, 2, 128);  // every window is used
+    Plane8 core = view(all);
+    qx::Set(static_cast<unsigned char>(0), core);
+    std::vector<float> vals[2], diag[2];
+    for (int stable = 0; stable < 2; ++stable) {
+        CFMatt m;
+        m.stableAffinities = stable != 0;
+        int count = 0;
+        ASSERT_EQ(m.compMatLap(core, ptrs, random.step(), &count), 0);
+        vals[stable].assign(m.lapVals, m.lapVals + count);
+        diag[stable].assign(m.lapDiag, m.lapDiag + w * h);
+        m.cleanMemAll();
+    }
+    ASSERT_EQ(vals[0].size(), size_t(45 * (w - 2) * (h - 2)));
+    for (size_t i = 0; i < vals[0].size(); ++i)
+        ASSERT_NEAR(vals[1][i], vals[0][i], 1e-5 * (1.0 + std::fabs(vals[0][i]))) << i;
+    for (size_t i = 0; i < diag[0].size(); ++i)
+        ASSERT_NEAR(diag[1][i], diag[0][i], 1e-4 * (1.0 + std::fabs(diag[0][i]))) << i;
+}
+
+// A grey image has a covariance of rank one in every window. With a small regularisation the
+// adjugate's cancellation spoils the affinities; the eigenvector form keeps the colour-line
+// solution of a grey composite.
+TEST(CompAlpha, StableAffinitiesKeepGreyImagesExact) {
+    qxtest::Composite comp(90, 70, 14, 24, 3);
+    for (int c = 1; c < 3; ++c) comp.planes[c] = comp.planes[0];
+    double error[2];
+    for (int stable = 0; stable < 2; ++stable) {
+        PaddedPlane mask = comp.trimap;
+        CFMatt m;
+        m.epsilon = 1e-9;
+        m.stableAffinities = stable != 0;
+        Plane8 v = view(mask);
+        ASSERT_EQ(m.CompAlpha(comp.planeArray(), comp.planes[0].step, comp.width, comp.height, v),
+                  0);
+        error[stable] = comp.meanError(mask);
+    }
+    EXPECT_LT(error[1], 0.005);        // 0.0017
+    EXPECT_GT(error[0], 5 * error[1]);  // 0.034
+}
+
 TEST(CompAlpha, OuterFormSharpensAndKicksProgress) {
     qxtest::Composite comp(60, 50, 8, 16, 3);
     PaddedPlane mask = comp.trimap;
@@ -120,7 +168,7 @@ TEST(CompAlpha, OuterFormSharpensAndKicksProgress) {
     m.sharpen = 3.0f;
     EXPECT_EQ(m.CompAlpha(comp.planeArray(), comp.planes[0].step, comp.width, comp.height,
                           mask.data(), mask.step), 0);
-    // compMap, Laplacian, two in the sort and merge, assembly, three solver phases, after the
+    // compMap, Laplacian, two for the windows' map, assembly, three solver phases, after the
     // solve, and the outer form's own.
     EXPECT_EQ(kicks, 10);
     EXPECT_LT(comp.meanError(mask), 0.02);
