@@ -203,7 +203,8 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
         if (d->done) break;
         if (cancelRequested()) {
             g.unlock();
-            checkCancel();
+            checkCancel();  // throws, unless the host has cleared the flag meanwhile
+            g.lock();
         }
     }
     g.unlock();
