@@ -285,6 +285,28 @@ static guchar* readColour(gint32 drawable, QxwImage* image) {
     return pixels;
 }
 
+/* What a procedure's job reads and writes: the layer's colour, the alpha and, when asked, the
+ * subject's colours (RGB). */
+typedef struct {
+    guchar *pixels, *alpha, *rgb;
+} JobPlanes;
+
+/* Reads the layer into `colour` and allocates the outputs. FALSE when out of memory; the planes
+ * are freed with freePlanes() either way. */
+static gboolean readPlanes(gint32 layer, QxwImage* colour, gboolean withRgb, JobPlanes* p) {
+    const Extent e = extentOf(layer);
+    p->pixels = readColour(layer, colour);
+    p->alpha = allocate((size_t)e.width * e.height);
+    p->rgb = withRgb ? allocate((size_t)e.width * e.height * 3) : NULL;
+    return p->pixels && p->alpha && (!withRgb || p->rgb);
+}
+
+static void freePlanes(JobPlanes* p) {
+    g_free(p->pixels);
+    g_free(p->alpha);
+    g_free(p->rgb);
+}
+
 /* The part of `source` over the layer `target` (both in image coordinates), converted row by row
  * by `convert` into a plane of the layer's size that starts filled with `fill`. *covered says
  * whether the source covers the whole layer. NULL when out of memory. */
@@ -536,7 +558,8 @@ static GimpPDBStatusType matteFromTrimap(gint32 image, gint32 layer, const Trima
     QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
-    guchar *pixels = NULL, *trimap = NULL, *alpha = NULL;
+    guchar* trimap = NULL;
+    JobPlanes planes = {NULL, NULL, NULL};
     guchar undecided;
     gboolean covered;
     int bad;
@@ -564,26 +587,23 @@ static GimpPDBStatusType matteFromTrimap(gint32 image, gint32 layer, const Trima
                     "black, white and grey only",
                     name, gimp_item_get_name(v->trimap), bad % e.width, bad / e.width);
     }
-    pixels = readColour(layer, &colour);
-    alpha = allocate((size_t)e.width * e.height);
-    if (!pixels || !alpha) {
+    if (!readPlanes(layer, &colour, FALSE, &planes)) {
         status = FAIL("%s: out of memory", name);
     } else {
         startJob(&job, &progress, 1, "Matting from the tri-map");
-        result = qxwMatteTrimap(&colour, trimap, e.width, v->fgCode, v->bgCode, 255, 0, alpha,
-                                e.width, &job);
+        result = qxwMatteTrimap(&colour, trimap, e.width, v->fgCode, v->bgCode, 255, 0,
+                                planes.alpha, e.width, &job);
         if (result != QXW_OK) {
             status = workflowFailure(result, &job, name);
         } else {
             gimp_image_undo_group_start(image);
-            alphaToMask(layer, alpha);
+            alphaToMask(layer, planes.alpha);
             gimp_image_undo_group_end(image);
             status = GIMP_PDB_SUCCESS;
         }
     }
-    g_free(pixels);
+    freePlanes(&planes);
     g_free(trimap);
-    g_free(alpha);
     return status;
 }
 
@@ -594,7 +614,8 @@ static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const Stro
     QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
-    guchar *pixels = NULL, *strokes = NULL, *alpha = NULL, *rgb = NULL;
+    guchar* strokes = NULL;
+    JobPlanes planes = {NULL, NULL, NULL};
     QxwStatus result;
 
     if ((status = checkSource(image, layer, v->strokes, "stroke layer", name)) != GIMP_PDB_SUCCESS)
@@ -602,20 +623,17 @@ static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const Stro
     if (!gimp_item_is_layer(v->strokes))
         return FAIL("%s: the strokes must be painted on a layer", name);
     if ((status = readStrokes(&e, v->strokes, name, &strokes)) != GIMP_PDB_SUCCESS) return status;
-    pixels = readColour(layer, &colour);
-    alpha = allocate((size_t)e.width * e.height);
-    rgb = allocate((size_t)e.width * e.height * 3);
-    if (!pixels || !alpha || !rgb) {
+    if (!readPlanes(layer, &colour, TRUE, &planes)) {
         status = FAIL("%s: out of memory", name);
     } else {
-        const QxwColourOut out = {rgb, e.width * 3};
+        const QxwColourOut out = {planes.rgb, e.width * 3};
         startJob(&job, &progress, 2, "Matting from the strokes");
         result = qxwMatteStrokes(&colour, strokes, e.width,
-                                 v->pyramid ? QXW_ENGINE_PYRAMID : QXW_ENGINE_STROKES, alpha,
-                                 e.width, &job);
+                                 v->pyramid ? QXW_ENGINE_PYRAMID : QXW_ENGINE_STROKES,
+                                 planes.alpha, e.width, &job);
         if (result == QXW_OK) {
             progress.stage = 1;
-            result = qxwRecoverForeground(&colour, alpha, e.width, QXW_FG_FULL, &out,
+            result = qxwRecoverForeground(&colour, planes.alpha, e.width, QXW_FG_FULL, &out,
                                           &job);
         }
         if (result != QXW_OK) {
@@ -623,15 +641,13 @@ static GimpPDBStatusType matteFromStrokes(gint32 image, gint32 layer, const Stro
         } else {
             gchar* title = g_strdup_printf("%s matte", gimp_item_get_name(layer));
             gimp_image_undo_group_start(image);
-            status = addColourLayer(image, layer, title, rgb, alpha, name);
+            status = addColourLayer(image, layer, title, planes.rgb, planes.alpha, name);
             gimp_image_undo_group_end(image);
             g_free(title);
         }
     }
-    g_free(pixels);
+    freePlanes(&planes);
     g_free(strokes);
-    g_free(alpha);
-    g_free(rgb);
     return status;
 }
 
@@ -642,7 +658,8 @@ static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const Subject
     QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
-    guchar *pixels = NULL, *strokes = NULL, *alpha = NULL, *rgb = NULL;
+    guchar* strokes = NULL;
+    JobPlanes planes = {NULL, NULL, NULL};
     gboolean nonEmpty = FALSE;
     int x1, y1, x2, y2;
     QxwStatus result;
@@ -668,33 +685,29 @@ static GimpPDBStatusType selectSubject(gint32 image, gint32 layer, const Subject
         if ((status = readStrokes(&e, v->strokes, name, &strokes)) != GIMP_PDB_SUCCESS)
             return status;
     }
-    pixels = readColour(layer, &colour);
-    alpha = allocate((size_t)e.width * e.height);
-    if (v->output == OUTPUT_LAYER) rgb = allocate((size_t)e.width * e.height * 3);
-    if (!pixels || !alpha || (v->output == OUTPUT_LAYER && !rgb)) {
+    if (!readPlanes(layer, &colour, v->output == OUTPUT_LAYER, &planes)) {
         status = FAIL("%s: out of memory", name);
     } else {
-        const QxwColourOut out = {rgb, e.width * 3};
+        const QxwColourOut out = {planes.rgb, e.width * 3};
         startJob(&job, &progress, 1, "Selecting the subject");
         result = qxwCutoutFromRect(&colour, strokes, e.width, x1, y1, x2 - x1, y2 - y1, v->band,
-                                   alpha, e.width, rgb ? &out : NULL, &job);
+                                   planes.alpha, e.width, planes.rgb ? &out : NULL, &job);
         if (result != QXW_OK) {
             status = workflowFailure(result, &job, name);
         } else {
             status = GIMP_PDB_SUCCESS;
             gimp_image_undo_group_start(image);
             if (v->output == OUTPUT_SELECTION) {
-                if (!alphaToSelection(image, layer, alpha)) status = FAIL("%s: out of memory", name);
+                if (!alphaToSelection(image, layer, planes.alpha))
+                    status = FAIL("%s: out of memory", name);
             }
-            else if (v->output == OUTPUT_MASK) alphaToMask(layer, alpha);
-            else status = addColourLayer(image, layer, "Subject", rgb, alpha, name);
+            else if (v->output == OUTPUT_MASK) alphaToMask(layer, planes.alpha);
+            else status = addColourLayer(image, layer, "Subject", planes.rgb, planes.alpha, name);
             gimp_image_undo_group_end(image);
         }
     }
-    g_free(pixels);
+    freePlanes(&planes);
     g_free(strokes);
-    g_free(alpha);
-    g_free(rgb);
     return status;
 }
 
@@ -720,7 +733,8 @@ static GimpPDBStatusType refineEdge(gint32 image, gint32 layer, const RefineValu
     QxwJob job;
     ProgressState progress;
     GimpPDBStatusType status;
-    guchar *pixels = NULL, *mask = NULL, *alpha = NULL, *rgb = NULL;
+    guchar* mask = NULL;
+    JobPlanes planes = {NULL, NULL, NULL};
     gint32 channel;
     QxwStatus result;
 
@@ -740,32 +754,27 @@ static GimpPDBStatusType refineEdge(gint32 image, gint32 layer, const RefineValu
     }
     mask = channelPlane(&e, channel);
     if (!mask) return FAIL("%s: out of memory", name);
-    pixels = readColour(layer, &colour);
-    alpha = allocate((size_t)e.width * e.height);
-    rgb = allocate((size_t)e.width * e.height * 3);
-    if (!pixels || !alpha || !rgb) {
+    if (!readPlanes(layer, &colour, TRUE, &planes)) {
         status = FAIL("%s: out of memory", name);
     } else {
-        const QxwColourOut out = {rgb, e.width * 3};
+        const QxwColourOut out = {planes.rgb, e.width * 3};
         startJob(&job, &progress, 1, "Refining the edge");
-        result = qxwRefineMask(&colour, mask, e.width, alpha, e.width, &out, &job);
+        result = qxwRefineMask(&colour, mask, e.width, planes.alpha, e.width, &out, &job);
         if (result != QXW_OK) {
             status = workflowFailure(result, &job, name);
         } else {
             gimp_image_undo_group_start(image);
             if (v->output == OUTPUT_MASK) {
-                alphaToMask(layer, alpha);
+                alphaToMask(layer, planes.alpha);
                 status = GIMP_PDB_SUCCESS;
             } else {
-                status = addColourLayer(image, layer, "Refined", rgb, alpha, name);
+                status = addColourLayer(image, layer, "Refined", planes.rgb, planes.alpha, name);
             }
             gimp_image_undo_group_end(image);
         }
     }
-    g_free(pixels);
+    freePlanes(&planes);
     g_free(mask);
-    g_free(alpha);
-    g_free(rgb);
     return status;
 }
 

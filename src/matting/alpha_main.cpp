@@ -64,12 +64,12 @@ struct ScopedArrays {
 };
 
 // Stable insertion sort of one run by column, carrying the values.
-void sortRun(int begin, int end, int* cols, float* vals) {
-    for (int i = begin + 1; i < end; ++i) {
+void sortRun(int count, int* cols, float* vals) {
+    for (int i = 1; i < count; ++i) {
         const int c = cols[i];
         const float v = vals[i];
         int j = i - 1;
-        while (j >= begin && cols[j] > c) {
+        while (j >= 0 && cols[j] > c) {
             cols[j + 1] = cols[j];
             vals[j + 1] = vals[j];
             --j;
@@ -79,14 +79,13 @@ void sortRun(int begin, int end, int* cols, float* vals) {
     }
 }
 
-// Adds up neighbouring triples of equal row and column of [begin, end) into the write position
-// *w (at or before begin); returns the new write position.
-int mergeRange(int begin, int end, int w, int* rows, int* cols, float* vals) {
-    for (int t = begin; t < end; ++t) {
-        if (w > 0 && rows[t] == rows[w - 1] && cols[t] == cols[w - 1]) {
+// Adds up neighbouring entries of one run with equal columns, in place; returns the new count.
+int mergeNeighbours(int count, int* cols, float* vals) {
+    int w = 0;
+    for (int t = 0; t < count; ++t) {
+        if (w > 0 && cols[t] == cols[w - 1]) {
             vals[w - 1] += vals[t];
         } else {
-            rows[w] = rows[t];
             cols[w] = cols[t];
             vals[w] = vals[t];
             ++w;
@@ -114,11 +113,7 @@ inline int neighbourSlot(int offset, int width) {
 // Laplacian (`sorted` false) is merged as it stands, unsorted. Returns the merged count, written
 // over the run.
 int mergeRun(int row, int count, int* cols, float* vals, int width, bool sorted) {
-    if (!sorted) {
-        int rows[kLongestRun];
-        std::fill(rows, rows + count, row);
-        return mergeRange(0, count, 0, rows, cols, vals);
-    }
+    if (!sorted) return mergeNeighbours(count, cols, vals);
     float sum[13];
     bool used[13] = {};
     bool bucketed = width >= 5;
@@ -134,10 +129,8 @@ int mergeRun(int row, int count, int* cols, float* vals, int width, bool sorted)
         }
     }
     if (!bucketed) {
-        int rows[kLongestRun];
-        std::fill(rows, rows + count, row);
-        sortRun(0, count, cols, vals);
-        return mergeRange(0, count, 0, rows, cols, vals);
+        sortRun(count, cols, vals);
+        return mergeNeighbours(count, cols, vals);
     }
     static constexpr int kDx[13] = {0, 1, 2, -2, -1, 0, 1, 2, -2, -1, 0, 1, 2};
     static constexpr int kDy[13] = {0, 0, 0, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2};

@@ -17,14 +17,19 @@ namespace {
 constexpr int64_t kMaxTriples = 400000000;
 constexpr double kNinth = 0.1111111111111111;
 
-// The window's 9x9 affinity block from its 27 colour values (channel-major, window order).
-void windowAffinities(double I[27], double epsilon, double T[81]) {
-    double mu[3];
+// The mean of each channel of a window's 27 colour values (channel-major).
+void windowMeans(const double I[27], double mu[3]) {
     for (int c = 0; c < 3; ++c) {
         double s = 0.0;
         for (int k = 0; k < 9; ++k) s += I[9 * c + k];
         mu[c] = s / 9.0;
     }
+}
+
+// The window's 9x9 affinity block from its 27 colour values (channel-major, window order).
+void windowAffinities(double I[27], double epsilon, double T[81]) {
+    double mu[3];
+    windowMeans(I, mu);
     double cov[9];
     for (int i = 0; i < 3; ++i) {
         for (int j = 0; j < 3; ++j) {
@@ -89,11 +94,7 @@ void symmetricEigen3(double A[3][3], double V[3][3], double w[3]) {
 // difference of entries of order 1/eps).
 void windowAffinitiesStable(double I[27], double epsilon, double T[81]) {
     double mu[3];
-    for (int c = 0; c < 3; ++c) {
-        double s = 0.0;
-        for (int k = 0; k < 9; ++k) s += I[9 * c + k];
-        mu[c] = s / 9.0;
-    }
+    windowMeans(I, mu);
     for (int c = 0; c < 3; ++c)
         for (int k = 0; k < 9; ++k) I[9 * c + k] -= mu[c];
     double cov[3][3];

@@ -47,7 +47,8 @@ int Relay::proc(int current, int total, void* param) {
 void Relay::install(int total) { qx::setProgProc(&Relay::proc, this, total, 1); }
 
 void Relay::uninstall() {
-    // The library keeps the last job's callback installed; a relay that has gone must not be.
+    // A job refused before it started leaves the callback installed; a relay that has gone
+    // must not be.
     if (qx::progressState().param == this) qx::setProgProc(nullptr, nullptr, 0, 0);
 }
 

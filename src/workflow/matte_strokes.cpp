@@ -22,7 +22,6 @@ int runTiled(const cv::Mat& bgr, cv::Mat& plane, bool hiRes, Relay& relay) {
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     const int status = qxKeepCutToAlpha(&req, hiRes ? 1 : 0);
-    relay.uninstall();
     return status;
 }
 
@@ -59,7 +58,6 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
         status = qxStrokesToAlpha(&req);
-        relay.uninstall();
     } else {
         status = runTiled(bgr, plane, engine == QXW_ENGINE_KDTREE, relay);
         // Back from the stroke coding: keep 255, cut 0, computed alpha as it is.

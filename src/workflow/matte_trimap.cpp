@@ -70,7 +70,6 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     const int status =
         finished ? qxMaskAlpha(&req, 0, unknown, fgCode, bgCode, levelHigh, levelLow)
                  : qxMaskAlphaPlain(&req, unknown, fgCode, bgCode, levelHigh, levelLow);
-    relay.uninstall();
     if (status != 1)
         return finishJob(job, QXW_FAILED, "matting failed with status " + std::to_string(status),
                          status);

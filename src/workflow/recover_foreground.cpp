@@ -54,7 +54,6 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
     // This job reports through the callback installed before it (total 20000).
     relay.install(20000);
     const int64_t status = qxRecoverForeground(&req, 0);
-    relay.uninstall();
     if (status != 0)
         return finishJob(job, QXW_FAILED,
                          "foreground recovery failed with status " + std::to_string(status),

@@ -93,7 +93,6 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
         relay.span(at(0.25), at(0.5));
         status = qxGrabCut(&req, 0);
     }
-    relay.uninstall();
     if (status != 1)
         return finishJob(job, QXW_FAILED, "GrabCut failed with status " + std::to_string(status),
                          status);

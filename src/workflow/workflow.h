@@ -14,8 +14,9 @@ namespace qx::workflow {
 // Where a workflow's progress goes. Each library job it runs is given a span [lo, hi] of the
 // whole; the job's (current, total) reports are mapped into that span and never allowed to go
 // back (the library's counter falls back to half its total when a job overruns its estimate).
-// The relay installs itself for a job and uninstalls itself when the job is done, so that no
-// report reaches the host after the workflow has returned.
+// Jobs take the relay through their request's progress fields, and the library takes a job's
+// callback out when the job returns. A job without such fields reports through the callback
+// installed before it (install); the relay takes itself out at its end if the job left it.
 class Relay {
 public:
     explicit Relay(QxwJob* job) : job_(job) {}
@@ -34,9 +35,9 @@ public:
     void* param() { return this; }
     // For jobs that report through the library's installed callback.
     void install(int total);
-    void uninstall();
 
 private:
+    void uninstall();
     QxwJob* job_;
     double lo_ = 0.0, hi_ = 1.0, last_ = -1.0;
 };

@@ -80,6 +80,48 @@ int colourJob(const Scene& s, std::vector<unsigned char>& out, Trigger* t) {
     return qxRecoverForegroundFull(&r);
 }
 
+// The keep-cut request over the whole scene: its BGRA image, `alpha` read (and for the stroke
+// engine written), colours into `dst`.
+KeepCutRequest keepCutRequest(Scene& s, std::vector<unsigned char>& alpha,
+                              std::vector<unsigned char>& dst, std::vector<unsigned char>& aux) {
+    KeepCutRequest r{};
+    r.srcImage = s.bgra.data();
+    r.srcStep = r.dstStep = W * 4;
+    r.alphaPlane = alpha.data();
+    r.alphaStep = r.auxStep = W;
+    r.dstImage = dst.data();
+    r.auxPlane = aux.data();
+    r.fullWidth = r.roiWidth = W;
+    r.fullHeight = r.roiHeight = H;
+    return r;
+}
+
+// A GrabCut session over the scene, cut with a trigger's flag and reports.
+struct GrabCutSession {
+    std::vector<unsigned char> codes, result;
+    GrabCutRequest r{};
+    GrabCutSession(Scene& s, const std::vector<unsigned char>& start, unsigned char resultFill)
+        : codes(start), result(W * H, resultFill) {
+        r.image = s.bgra.data();
+        r.imageStep = W * 4;
+        r.mask = codes.data();
+        r.maskStep = W;
+        r.result = result.data();
+        r.resultStep = W;
+        r.width = r.roiWidth = W;
+        r.height = r.roiHeight = H;
+        r.progProc = &Trigger::proc;
+    }
+    ~GrabCutSession() { qxGrabCutDeleteBuf(&r); }
+    int cut(Trigger* t) {
+        r.progParam = t;
+        qx::setCancelFlag(&t->flag);
+        const int status = qxGrabCut(&r, 0);
+        qx::setCancelFlag(nullptr);
+        return status;
+    }
+};
+
 // One job: runs on the buffers it owns and returns its status; `out` is every buffer the host
 // lends it.
 struct Job {
@@ -196,15 +238,7 @@ TEST(Cancel, StrokeJobs) {
                                      1});
     std::vector<unsigned char> plane = coded, aux(W * H, 0), dst = s.bgra;
     checkCancel("qxKeepCutToAlpha", {[&](Trigger* t) {
-                                         KeepCutRequest r{};
-                                         r.srcImage = s.bgra.data();
-                                         r.srcStep = r.dstStep = W * 4;
-                                         r.alphaPlane = plane.data();
-                                         r.alphaStep = r.auxStep = W;
-                                         r.dstImage = dst.data();
-                                         r.auxPlane = aux.data();
-                                         r.fullWidth = r.roiWidth = W;
-                                         r.fullHeight = r.roiHeight = H;
+                                         KeepCutRequest r = keepCutRequest(s, plane, dst, aux);
                                          r.progProc = &Trigger::proc;
                                          r.progParam = t;
                                          return qxKeepCutToAlpha(&r, 1);
@@ -220,15 +254,7 @@ TEST(Cancel, ColourRecovery) {
                 {[&](Trigger* t) { return colourJob(s, out, t); }, {&out}, 1});
     // The quarter-scale recovery reports to no host callback; a flag set before it stops it.
     std::vector<unsigned char> dst = s.bgra, alpha = s.truth, aux(W * H, 0);
-    KeepCutRequest r{};
-    r.srcImage = s.bgra.data();
-    r.srcStep = r.dstStep = W * 4;
-    r.alphaPlane = alpha.data();
-    r.alphaStep = r.auxStep = W;
-    r.dstImage = dst.data();
-    r.auxPlane = aux.data();
-    r.fullWidth = r.roiWidth = W;
-    r.fullHeight = r.roiHeight = H;
+    KeepCutRequest r = keepCutRequest(s, alpha, dst, aux);
     volatile int32_t flag = 1;
     qx::setCancelFlag(&flag);
     EXPECT_EQ(qxRecoverForeground(&r, 0), QX_CANCELLED);
@@ -243,27 +269,16 @@ TEST(Cancel, ColourRecovery) {
 // the session's control, which is not created.
 TEST(Cancel, AJobWhoseFlagIsSetDoesNotStart) {
     Scene s;
-    std::vector<unsigned char> codes(W * H, 126), result(W * H, 3);
-    GrabCutRequest r{};
-    r.image = s.bgra.data();
-    r.imageStep = W * 4;
-    r.mask = codes.data();
-    r.maskStep = W;
-    r.result = result.data();
-    r.resultStep = W;
-    r.width = r.roiWidth = W;
-    r.height = r.roiHeight = H;
-    volatile int32_t flag = 1;
-    qx::setCancelFlag(&flag);
-    EXPECT_EQ(qxGrabCut(&r, 0), QX_CANCELLED);
-    EXPECT_EQ(r.control, nullptr);
-    EXPECT_EQ(codes, std::vector<unsigned char>(W * H, 126));
-    EXPECT_EQ(result, std::vector<unsigned char>(W * H, 3));
-    flag = 0;
-    EXPECT_EQ(qxGrabCut(&r, 0), 1);
-    EXPECT_NE(r.control, nullptr);
-    qxGrabCutDeleteBuf(&r);
-    qx::setCancelFlag(nullptr);
+    GrabCutSession session(s, std::vector<unsigned char>(W * H, 126), 3);
+    Trigger t;
+    t.flag = 1;
+    EXPECT_EQ(session.cut(&t), QX_CANCELLED);
+    EXPECT_EQ(session.r.control, nullptr);
+    EXPECT_EQ(session.codes, std::vector<unsigned char>(W * H, 126));
+    EXPECT_EQ(session.result, std::vector<unsigned char>(W * H, 3));
+    t.flag = 0;
+    EXPECT_EQ(session.cut(&t), 1);
+    EXPECT_NE(session.r.control, nullptr);
 }
 
 // A cancelled cut leaves the session as it was: the next cut gives what it gives after the
@@ -274,36 +289,12 @@ TEST(Cancel, ACancelledCutLeavesTheSession) {
     std::vector<unsigned char> start(W * H, 0);
     for (int y = 20; y < H - 20; ++y)
         for (int x = 20; x < W - 20; ++x) start[size_t(y) * W + x] = 126;
-    struct Session {
-        std::vector<unsigned char> codes, result;
-        GrabCutRequest r{};
-        Session(Scene& s, const std::vector<unsigned char>& start)
-            : codes(start), result(W * H, 0) {
-            r.image = s.bgra.data();
-            r.imageStep = W * 4;
-            r.mask = codes.data();
-            r.maskStep = W;
-            r.result = result.data();
-            r.resultStep = W;
-            r.width = r.roiWidth = W;
-            r.height = r.roiHeight = H;
-            r.progProc = [](int, int, void* self) { return Trigger::proc(0, 0, self); };
-        }
-        ~Session() { qxGrabCutDeleteBuf(&r); }
-        int cut(Trigger* t) {
-            r.progParam = t;
-            qx::setCancelFlag(&t->flag);
-            const int status = qxGrabCut(&r, 0);
-            qx::setCancelFlag(nullptr);
-            return status;
-        }
-    };
     // A stroke of fixed foreground between the cuts, so that the second one learns again.
     const auto paint = [](std::vector<unsigned char>& codes) {
         for (int y = H / 2 - 5; y < H / 2 + 5; ++y)
             for (int x = W / 2 - 5; x < W / 2 + 5; ++x) codes[size_t(y) * W + x] = 255;
     };
-    Session plain(s, start), cancelled(s, start);
+    GrabCutSession plain(s, start, 0), cancelled(s, start, 0);
     Trigger a1, a2;
     ASSERT_EQ(plain.cut(&a1), 1);
     paint(plain.codes);
