@@ -348,7 +348,10 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         system->ja = sys.release(ja);
         int failed;
         try {
-            failed = pardisoSolverOwned(n, std::move(system), alpha, x, 1, -2);
+            detail::DirectSolveOptions options;
+            options.refinementSteps = refinementSteps;
+            failed = !detail::directSolveOwned(options, n, std::move(system), alpha, x, 1, -2,
+                                               nullptr);
         } catch (...) {
             cleanMemAll();
             throw;

@@ -81,8 +81,10 @@ public:
     unsigned char bgCode = 0;
     unsigned char fgCode = 255;
     float sharpen = 0.0f;
-    // Window affinities through the covariance's eigenvectors (windowAffinitiesStable).
+    // Window affinities through a Cholesky factor of the covariance (windowAffinitiesStable).
     bool stableAffinities = false;
+    // Refinement steps of the direct solve (DirectSolveOptions::refinementSteps).
+    int refinementSteps = 2;
 
 private:
     // Frees the Laplacian's arrays and the pixel numbering once the system stands.

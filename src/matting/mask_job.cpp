@@ -229,6 +229,7 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
         matt.fgCode = fgCode;
         matt.epsilon = finish.epsilon;
         matt.stableAffinities = finish.stableAffinities;
+        matt.refinementSteps = finish.refinementSteps;
         matt.sharpen = finish.sharpen ? 3.0f : 0.0f;
         matt.CompAlpha(planes, colour[0]->step, width, height, mask.data, mask.step);
         progressKick();

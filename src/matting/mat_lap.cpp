@@ -4,6 +4,7 @@
 // 81 values go into the row sums, the 45 on or above the diagonal into the triples' values, 45 a
 // window (window indices ascend, so a <= b is exactly win[a] <= win[b]).
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
@@ -51,47 +52,13 @@ void windowAffinities(double I[27], double epsilon, double T[81]) {
     for (int k = 0; k < 81; ++k) T[k] = (T[k] + 1.0) * kNinth;
 }
 
-// Eigenvalues (w) and eigenvectors (columns of V) of a symmetric 3x3 matrix, by cyclic Jacobi
-// rotations; A is destroyed.
-void symmetricEigen3(double A[3][3], double V[3][3], double w[3]) {
-    for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 3; ++c) V[r][c] = r == c ? 1.0 : 0.0;
-    for (int sweep = 0; sweep < 32; ++sweep) {
-        const double off = A[0][1] * A[0][1] + A[0][2] * A[0][2] + A[1][2] * A[1][2];
-        const double on = A[0][0] * A[0][0] + A[1][1] * A[1][1] + A[2][2] * A[2][2];
-        if (off <= 1e-36 * on || off == 0.0) break;
-        static constexpr int kPairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
-        for (const auto& pq : kPairs) {
-            const int p = pq[0], q = pq[1];
-            if (A[p][q] == 0.0) continue;
-            const double theta = (A[q][q] - A[p][p]) / (2.0 * A[p][q]);
-            const double t = (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
-            const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
-            for (int k = 0; k < 3; ++k) {
-                const double kp = A[k][p], kq = A[k][q];
-                A[k][p] = c * kp - s * kq;
-                A[k][q] = s * kp + c * kq;
-            }
-            for (int k = 0; k < 3; ++k) {
-                const double pk = A[p][k], qk = A[q][k];
-                A[p][k] = c * pk - s * qk;
-                A[q][k] = s * pk + c * qk;
-            }
-            for (int k = 0; k < 3; ++k) {
-                const double kp = V[k][p], kq = V[k][q];
-                V[k][p] = c * kp - s * kq;
-                V[k][q] = s * kp + c * kq;
-            }
-        }
-    }
-    for (int i = 0; i < 3; ++i) w[i] = A[i][i];
-}
-
-// windowAffinities through the covariance's eigenvectors instead of its adjugate: the same
-// quantity, (1 + d_a^T inv(cov + eps/9 E) d_b) / 9, without the cancellation that the adjugate
-// of a nearly singular covariance suffers (a window of greys has a covariance of rank one, and
-// the deviations d lie in its range, where the inverse is small; the adjugate forms it as the
-// difference of entries of order 1/eps).
+// windowAffinities through a Cholesky factor of the regularised covariance instead of its
+// adjugate: the same quantity, (1 + d_a^T inv(cov + eps/9 E) d_b) / 9, as the dot product of the
+// deviations whitened by L^-1 (L L^T = cov + eps/9 E), without the cancellation that the adjugate
+// of a nearly singular covariance suffers. A window of greys has a covariance of rank one and the
+// deviations d lie in its range, where the inverse is small; the adjugate forms that inverse as
+// the difference of entries of order 1/eps, while the factorisation's rounding stays of the
+// order of the covariance's entries, far below eps/9.
 void windowAffinitiesStable(double I[27], double epsilon, double T[81]) {
     double mu[3];
     windowMeans(I, mu);
@@ -99,19 +66,32 @@ void windowAffinitiesStable(double I[27], double epsilon, double T[81]) {
         for (int k = 0; k < 9; ++k) I[9 * c + k] -= mu[c];
     double cov[3][3];
     for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) {
+        for (int j = 0; j <= i; ++j) {
             double s = 0.0;
             for (int k = 0; k < 9; ++k) s += I[9 * i + k] * I[9 * j + k];
-            cov[i][j] = s / 9.0;
+            cov[i][j] = s / 9.0 + (i == j ? epsilon / 9.0 : 0.0);
         }
-    double V[3][3], w[3];
-    symmetricEigen3(cov, V, w);
-    double scale[3];
-    for (int i = 0; i < 3; ++i) scale[i] = 1.0 / std::sqrt(std::max(w[i], 0.0) + epsilon / 9.0);
-    double P[9][3];  // each pixel's deviation in the whitened eigenbasis
-    for (int k = 0; k < 9; ++k)
-        for (int i = 0; i < 3; ++i)
-            P[k][i] = (V[0][i] * I[k] + V[1][i] * I[9 + k] + V[2][i] * I[18 + k]) * scale[i];
+    // L L^T = cov (lower triangle). A pivot that rounding (or a regularisation of 0) leaves at or
+    // below 0 is taken as the smallest positive double, which whitens its direction to nothing
+    // rather than to infinity.
+    double L[3][3] = {};
+    for (int j = 0; j < 3; ++j) {
+        double d = cov[j][j];
+        for (int k = 0; k < j; ++k) d -= L[j][k] * L[j][k];
+        L[j][j] = std::sqrt(std::max(d, DBL_MIN));
+        for (int i = j + 1; i < 3; ++i) {
+            double s = cov[i][j];
+            for (int k = 0; k < j; ++k) s -= L[i][k] * L[j][k];
+            L[i][j] = s / L[j][j];
+        }
+    }
+    double P[9][3];  // each pixel's deviation whitened: L^-1 d
+    for (int k = 0; k < 9; ++k) {
+        const double p0 = I[k] / L[0][0];
+        const double p1 = (I[9 + k] - L[1][0] * p0) / L[1][1];
+        const double p2 = (I[18 + k] - L[2][0] * p0 - L[2][1] * p1) / L[2][2];
+        P[k][0] = p0, P[k][1] = p1, P[k][2] = p2;
+    }
     for (int a = 0; a < 9; ++a)
         for (int b = 0; b < 9; ++b)
             T[9 * a + b] =

@@ -221,11 +221,4 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
 }
 
 }  // namespace detail
-
-int pardisoSolverOwned(int n, std::shared_ptr<const detail::SystemArrays> system, float* b,
-                       float* x, int nrhs, int mtype) {
-    return !detail::directSolveOwned(detail::DirectSolveOptions{}, n, std::move(system), b, x, nrhs,
-                                     mtype, nullptr);
-}
-
 }  // namespace qx

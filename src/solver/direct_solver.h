@@ -173,9 +173,4 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
 int runningDetachedSolves();
 
 }  // namespace detail
-
-// pardisoSolver's contract (0 on success, 1 when memory ran out) through directSolveOwned.
-int pardisoSolverOwned(int n, std::shared_ptr<const detail::SystemArrays> system, float* b,
-                       float* x, int nrhs, int mtype);
-
 }  // namespace qx

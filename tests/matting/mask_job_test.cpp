@@ -9,6 +9,7 @@
 
 #include "frame/memory.h"
 #include "matting/mask_job.h"
+#include "solver/direct_solver.h"
 #include "matting_fixtures.h"
 #include "qxiveilon31.h"
 
@@ -74,6 +75,23 @@ TEST_F(MaskAlpha, DirectRunRecoversAKnownAlpha) {
     // Twelve kicks of 10 on a total of 130: 130 itself is never reported.
     const std::vector<int> want = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120};
     EXPECT_EQ(job.progress, want);
+}
+
+// The workflows' solve refines its single-precision solution once: that must still reach the
+// accuracy the double-precision path would be asked for (a fallback would double the time), and
+// the unsharpened closed-form solution is at least as close to the truth as the finished one.
+TEST_F(MaskAlpha, PlainRunRefinesOnceWithoutFallingBack) {
+    Job finished(160, 120, 25, 40, 4), plain(160, 120, 25, 40, 4);
+    ASSERT_EQ(finished.run(), 1);
+    qx::detail::resetDirectSolveTotals();
+    ASSERT_EQ(qxMaskAlphaPlain(&plain.req, static_cast<float>(plain.comp.unknownCount()), 255, 0,
+                               255, 0),
+              1);
+    const auto totals = qx::detail::directSolveTotals();
+    EXPECT_EQ(totals.solves, 1);
+    EXPECT_EQ(totals.fallbacks, 0);
+    EXPECT_LE(plain.comp.meanError(plain.mask), finished.comp.meanError(finished.mask));
+    plain.expectHardValueRule();
 }
 
 TEST_F(MaskAlpha, NaNCountRunsAndInfiniteCountIsRefused) {
