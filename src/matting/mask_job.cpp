@@ -159,9 +159,9 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
 
         clock.reset();
         Plane8* reduced[3] = {small[0].get(), small[1].get(), small[2].get()};
-        // A reduced run keeps both finishing steps whatever was asked: the doubling back is
-        // guided by them (without, the error of a halved run grows by half).
-        qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow);
+        // With the settled regularisation the doubling back needs both finishing steps (without,
+        // the error of a halved run grows by half); the plain solve's smaller one needs neither.
+        qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow, finish);
         clock.emplace(Stage::Enlarge);
 
         if (half) {

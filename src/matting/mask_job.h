@@ -9,8 +9,9 @@ namespace qx {
 enum class RunKind { Direct, Half, Free };
 
 // How a run solves and finishes. qxMaskAlpha takes the defaults. The workflows' plain solve
-// (plain()) takes neither finishing step at full resolution (on the benchmark photos they add 12%
-// to the closed-form solve's error), and both in a reduced run, whose guided doubling needs them;
+// (plain()) takes neither finishing step (on the benchmark photos they add 12% to the closed-form
+// solve's error; in a reduced run the settled regularisation needs them for the guided doubling,
+// the plain one doesn't);
 // it regularises the colour model ten times less (mean SAD 4.79 against 4.88 on the benchmark
 // photos) with window affinities that stay exact for windows of greys, where the adjugate's
 // cancellation made a smaller regularisation cost up to 8%, and refines its solve once.

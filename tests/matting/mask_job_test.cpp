@@ -114,6 +114,20 @@ TEST_F(MaskAlpha, HalfSizeRunOnALargeImage) {
     EXPECT_EQ(job.progress.back(), 65);
 }
 
+// The plain solve's reduced run takes no finishing step: its smaller regularisation keeps the
+// doubled alpha as close to the truth as the sharpened, cleaned-up one of the settled solve.
+TEST_F(MaskAlpha, PlainHalfSizeRunIsAsCloseAsTheFinishedOne) {
+    Job finished(1300, 1200, 300, 360, 6), plain(1300, 1200, 300, 360, 6);
+    ASSERT_EQ(finished.run(), 1);
+    ASSERT_EQ(qxMaskAlphaPlain(&plain.req, static_cast<float>(plain.comp.unknownCount()), 255, 0,
+                               255, 0),
+              1);
+    EXPECT_EQ(plain.progress.size(), 13u);  // a half-size run: one more kick for the reduction
+    EXPECT_LE(plain.comp.meanError(plain.mask), finished.comp.meanError(finished.mask));
+    EXPECT_LT(plain.comp.meanError(plain.mask), 0.01);
+    plain.expectHardValueRule();
+}
+
 TEST_F(MaskAlpha, FreeSizeRunUnderATightBudget) {
     Job job(1300, 1200, 300, 360, 6);
     // need = 1920 * unknowns + 12 * pixels; a budget of need / 9 gives scale 3.
