@@ -29,7 +29,7 @@
  * and the symbol version QXIVEILON31_<major> change with it) and at least this minor version. */
 #define QXIVEILON31_VERSION_MAJOR 0
 #define QXIVEILON31_VERSION_MINOR 2
-#define QXIVEILON31_VERSION_PATCH 1
+#define QXIVEILON31_VERSION_PATCH 2
 
 #if defined(QX_BUILDING_LIBRARY)
 #define QX_API __attribute__((visibility("default")))
