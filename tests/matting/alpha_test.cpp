@@ -111,7 +111,7 @@ TEST(CompAlpha, RecoversAKnownSoftEdge) {
     EXPECT_EQ(m.alpha, nullptr);
 }
 
-// The eigenvector form of the window affinities computes the same quantity as the adjugate form:
+// The Cholesky form of the window affinities computes the same quantity as the adjugate form:
 // on windows of random colours (well conditioned) the two Laplacians agree to float rounding.
 TEST(CompAlpha, StableAffinitiesEqualTheAdjugateOnesForColours) {
     const int w = 23, h = 17;
@@ -139,7 +139,7 @@ TEST(CompAlpha, StableAffinitiesEqualTheAdjugateOnesForColours) {
 }
 
 // A grey image has a covariance of rank one in every window. With a small regularisation the
-// adjugate's cancellation spoils the affinities; the eigenvector form keeps the colour-line
+// adjugate's cancellation spoils the affinities; the Cholesky form keeps the colour-line
 // solution of a grey composite.
 TEST(CompAlpha, StableAffinitiesKeepGreyImagesExact) {
     qxtest::Composite comp(90, 70, 14, 24, 3);
