@@ -158,11 +158,8 @@ QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv
     const double solveShare = colours ? 0.8 : 1.0;
     // The growing solves share [0.05, growEnd]; the last, plain solve takes the rest.
     const double growEnd = 0.05 + (solveShare - 0.05) * 0.8;
-    relay.span(0.0, 0.05);
-    cv::Mat trimap = firstTrimap(bgr, mask);
-    if (cv::countNonZero(trimap == 128) == 0) {
-        // Nothing undecided (a mask of hard 0 and 255 with no edge the band could take).
-        cv::Mat result = trimap;
+    // The alpha out, with its colours when asked for.
+    auto deliver = [&](const cv::Mat& result) {
         if (colours) {
             relay.span(solveShare, 1.0);
             const QxwStatus s = recoverForeground(bgr, result, QXW_FG_FULL, colours, relay, job);
@@ -170,7 +167,11 @@ QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv
         }
         *alpha = result;
         return finishJob(job, QXW_OK);
-    }
+    };
+    relay.span(0.0, 0.05);
+    cv::Mat trimap = firstTrimap(bgr, mask);
+    // Nothing undecided: a mask of hard 0 and 255 with no edge the band could take.
+    if (cv::countNonZero(trimap == 128) == 0) return deliver(trimap);
     cv::Mat result, solvedBand;
     for (int step = 0; step <= kGrowSteps; ++step) {
         // Each solve a share of what is left: the first solve is the largest part of the work.
@@ -195,13 +196,7 @@ QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv
         if (s == QXW_CANCELLED) return s;
         if (s == QXW_OK) result = plain;  // else keep the sharpened solve of the same band
     }
-    if (colours) {
-        relay.span(solveShare, 1.0);
-        const QxwStatus s = recoverForeground(bgr, result, QXW_FG_FULL, colours, relay, job);
-        if (s != QXW_OK) return s;
-    }
-    *alpha = result;
-    return finishJob(job, QXW_OK);
+    return deliver(result);
 }
 
 }  // namespace qx::workflow
