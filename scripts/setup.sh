@@ -13,7 +13,7 @@ cd "$(dirname "$0")/.."
 # Pillow reads the files of its README example);
 # GIMP's development files build the plug-in and gimp-console tests it (its dialogs on Xvfb,
 # driven by xdotool).
-packages=(build-essential cmake pkg-config libopencv-dev libsuitesparse-dev libopenblas0-pthread
+packages=(build-essential cmake pkg-config libopencv-dev libjpeg-dev zlib1g-dev libsuitesparse-dev libopenblas0-pthread
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-dev libomp-dev
           python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip

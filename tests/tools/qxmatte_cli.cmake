@@ -90,6 +90,41 @@ expect_failure("cut-out without alpha" ${OUTPUT} "cut\\.jpg: cannot write the im
 expect_failure("one path for two outputs" ${OUTPUT} "out\\.png: named for two outputs"
                keepcut ${WORK}/image.ppm ${WORK}/decided.pgm -o ${WORK}/out.png
                --foreground ${WORK}/out.png)
+# No output may be an input, under any spelling: refused before any work, the input untouched.
+file(SHA256 ${WORK}/image.ppm image_before)
+file(SHA256 ${WORK}/undecided.pgm trimap_before)
+file(MAKE_DIRECTORY ${WORK}/sub)
+foreach(spelling "${WORK}/image.ppm" "${WORK}/./image.ppm" "${WORK}/sub/../image.ppm")
+  expect_failure("output is the image (${spelling})" ${OUTPUT} "image\\.ppm: is an input"
+                 trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${spelling})
+endforeach()
+expect_failure("foreground onto the alpha" ${OUTPUT} "undecided\\.pgm: is an input"
+               foreground ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/undecided.pgm)
+expect_failure("keep-cut cut-out onto the strokes" ${OUTPUT} "is an input"
+               keepcut ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png
+               --foreground ${WORK}/./undecided.pgm)
+expect_failure("grabcut tri-map onto the strokes" ${OUTPUT} "is an input"
+               grabcut ${WORK}/image.ppm --rect 0,0,10,10 --strokes ${WORK}/undecided.pgm
+               -o ${WORK}/out.png --trimap ${WORK}/undecided.pgm)
+expect_failure("refine onto the photo" ${OUTPUT} "is an input"
+               refine ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png
+               --alpha ${WORK}/image.ppm)
+file(SHA256 ${WORK}/image.ppm image_after)
+file(SHA256 ${WORK}/undecided.pgm trimap_after)
+if(NOT image_before STREQUAL image_after OR NOT trimap_before STREQUAL trimap_after)
+  message(FATAL_ERROR "a refused command changed its input")
+endif()
+# Only regular files are read: a pipe is refused at once rather than waited on.
+execute_process(COMMAND mkfifo ${WORK}/pipe.png RESULT_VARIABLE fifo_rc)
+if(fifo_rc EQUAL 0)
+  expect_failure("a pipe as the photo" ${INPUT} "pipe\\.png: not a regular file"
+                 trimap ${WORK}/pipe.png ${WORK}/undecided.pgm -o ${WORK}/out.png)
+  file(REMOVE ${WORK}/pipe.png)
+endif()
+expect_failure("pixel limit option" ${USAGE} "--max-megapixels takes"
+               trimap ${WORK}/image.ppm ${WORK}/undecided.pgm -o ${WORK}/out.png
+               --max-megapixels 0)
+
 file(MAKE_DIRECTORY ${WORK}/blocked_demo/composite.png)
 expect_failure("demo output blocked" ${OUTPUT} "composite\\.png: cannot write the image \\(it is a folder\\)"
                demo -o ${WORK}/blocked_demo --megapixels 0.02)
@@ -192,3 +227,31 @@ expect_success("cutout" FILES ${WORK}/cut.png ${WORK}/cut_alpha.png
 expect_success("foreground sampling" FILES ${WORK}/fgs.png
                ARGS foreground ${WORK}/demo/image.png ${WORK}/demo/alpha.png -o ${WORK}/fgs.png
                --method sampling)
+
+# Batch: the output folder under the single commands' rules, every photo format the commands
+# read, skipped photos named, a --only that matches nothing is a failure.
+file(MAKE_DIRECTORY ${WORK}/batch_in ${WORK}/batch_out)
+expect_success("a WebP photo" FILES ${WORK}/batch_in/w.webp
+               ARGS foreground ${WORK}/demo/image.png ${WORK}/demo/alpha.png
+               -o ${WORK}/batch_in/w.webp --method sampling)
+file(COPY_FILE ${WORK}/demo/trimap.png ${WORK}/batch_in/w.trimap.png)
+file(COPY_FILE ${WORK}/demo/image.png ${WORK}/batch_in/alone.png)
+file(GLOB batch_inputs ${WORK}/batch_in/*)
+expect_failure("batch into its own folder" ${OUTPUT} "is the input folder"
+               batch ${WORK}/batch_in -o ${WORK}/batch_in/.)
+expect_failure("batch into a missing folder" ${OUTPUT} "batch_nowhere: no such folder"
+               batch ${WORK}/batch_in -o ${WORK}/batch_nowhere)
+expect_failure("batch --only matching nothing" ${INPUT} "--only zz: no photo zz"
+               batch ${WORK}/batch_in -o ${WORK}/batch_out --only zz)
+expect_failure("batch --only a photo without a partner" ${INPUT} "alone\\.png: skipped, no partner"
+               batch ${WORK}/batch_in -o ${WORK}/batch_out --only alone)
+file(GLOB batch_after ${WORK}/batch_in/*)
+if(NOT batch_after STREQUAL batch_inputs OR EXISTS ${WORK}/batch_nowhere)
+  message(FATAL_ERROR "a refused batch changed the folders: ${batch_after}")
+endif()
+expect_success("batch" FILES ${WORK}/batch_out/w.png
+               ARGS batch ${WORK}/batch_in -o ${WORK}/batch_out)
+if(NOT out MATCHES "^batch: 1 written, 0 up to date, 0 failed, 1 without a partner\n"
+   OR NOT out MATCHES "\n  alone\\.png: skipped, no partner alone\\.mask\\.png")
+  message(FATAL_ERROR "batch report: '${out}'")
+endif()

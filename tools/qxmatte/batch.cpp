@@ -1,10 +1,13 @@
-// qxmatte batch IN -o OUT [-j N] [--only NAME]: every photo (or the one named)  of a folder with a partner file to an RGBA cut-out,
-// as the single commands make it. Photos run N at once on threads of this process (the library
+// qxmatte batch IN -o OUT [-j N] [--only NAME]: every photo (or the one named) of a folder with a
+// partner file to an RGBA cut-out, as the single commands make it. Photos run N at once on threads of this process (the library
 // runs jobs on several threads side by side); a photo whose output is newer than its inputs is
 // left alone; a failing photo is listed at the end and doesn't stop the others.
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -17,11 +20,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
+enum class State { Pending, Written, Failed, Interrupted };
+
 struct Item {
     std::string name;  // the photo's name without its extension: the output is OUT/name.png
     fs::path image, partner, output;
     Partner kind = Partner::Mask;
-    std::string failure;  // empty: done
+    State state = State::Pending;
+    std::string failure;
 };
 
 std::string lower(std::string s) {
@@ -29,13 +35,20 @@ std::string lower(std::string s) {
     return s;
 }
 
+// The photo formats the single commands read.
+const char* const kPhotoExtensions[] = {".png", ".jpg", ".jpeg", ".tif", ".tiff", ".webp"};
+const std::pair<const char*, Partner> kPartners[] = {{".mask.png", Partner::Mask},
+                                                     {".trimap.png", Partner::Trimap},
+                                                     {".strokes.png", Partner::Strokes}};
+
 bool isPhoto(const fs::path& p) {
     const std::string ext = lower(p.extension().string());
-    if (ext != ".png" && ext != ".jpg" && ext != ".jpeg" && ext != ".tif" && ext != ".tiff")
+    if (std::none_of(std::begin(kPhotoExtensions), std::end(kPhotoExtensions),
+                     [&](const char* e) { return ext == e; }))
         return false;
     const std::string stem = lower(p.stem().string());
-    for (const char* suffix : {".mask", ".trimap", ".strokes"}) {
-        const std::string s(suffix);
+    for (const auto& partner : kPartners) {
+        const std::string s(partner.first, std::strlen(partner.first) - 4);  // less ".png"
         if (stem.size() > s.size() && stem.compare(stem.size() - s.size(), s.size(), s) == 0)
             return false;
     }
@@ -49,6 +62,19 @@ bool upToDate(const Item& it) {
     const auto out = fs::last_write_time(it.output, ec);
     if (ec) return false;
     return out >= fs::last_write_time(it.image, ec) && out >= fs::last_write_time(it.partner, ec);
+}
+
+// The output folder under the single commands' rules: it exists, is writable, and is not the
+// input folder (whose photos NAME.png the cut-outs NAME.png would replace). Empty when usable.
+std::string checkOutputFolder(const std::string& in, const std::string& out) {
+    std::error_code ec;
+    if (!fs::exists(out, ec)) return out + ": no such folder (make it first)";
+    if (!fs::is_directory(out, ec)) return out + ": not a folder";
+    if (access(out.c_str(), W_OK | X_OK) != 0) return out + ": the folder is not writable";
+    if (sameFile(in, out))
+        return out + ": is the input folder; the cut-outs NAME.png would replace the photos, "
+                     "name another folder";
+    return {};
 }
 
 }  // namespace
@@ -75,26 +101,25 @@ int runBatch(int argc, char** argv, bool showProgress) {
     const fs::path in(positional[0]), out(outDir);
     std::error_code ec;
     if (!fs::is_directory(in, ec)) return fail(kExitInput, positional[0] + ": not a folder");
-    fs::create_directories(out, ec);
-    if (!fs::is_directory(out, ec)) return fail(kExitOutput, outDir + ": cannot make the folder");
+    const std::string folderError = checkOutputFolder(positional[0], outDir);
+    if (!folderError.empty()) return fail(kExitOutput, folderError);
 
-    // The photos with a partner, in name order.
+    // The photos with a partner, in name order; the others are named as skipped.
     std::vector<fs::path> photos;
     for (const auto& e : fs::directory_iterator(in, ec))
         if (e.is_regular_file(ec) && isPhoto(e.path())) photos.push_back(e.path());
     std::sort(photos.begin(), photos.end());
     std::vector<Item> items;
     std::map<std::string, fs::path> names;
-    int alone = 0;
+    std::vector<std::string> skipped;
+    bool onlyFound = false;
     for (const fs::path& p : photos) {
         Item it;
         it.name = p.stem().string();
         it.image = p;
         if (!only.empty() && it.name != only) continue;
-        const std::pair<const char*, Partner> partners[] = {
-            {".mask.png", Partner::Mask}, {".trimap.png", Partner::Trimap},
-            {".strokes.png", Partner::Strokes}};
-        for (const auto& [suffix, kind] : partners) {
+        onlyFound = true;
+        for (const auto& [suffix, kind] : kPartners) {
             const fs::path candidate = in / (it.name + suffix);
             if (fs::exists(candidate, ec)) {
                 it.partner = candidate;
@@ -103,19 +128,27 @@ int runBatch(int argc, char** argv, bool showProgress) {
             }
         }
         if (it.partner.empty()) {
-            ++alone;
+            skipped.push_back(p.filename().string() + ": skipped, no partner " + it.name +
+                              ".mask.png, " + it.name + ".trimap.png or " + it.name +
+                              ".strokes.png");
             continue;
         }
         it.output = out / (it.name + ".png");
-        if (!names.emplace(it.name, p).second)
+        if (!names.emplace(it.name, p).second) {
+            it.state = State::Failed;
             it.failure = "another photo (" + names[it.name].filename().string() +
                          ") has the same name and output";
+        }
         items.push_back(std::move(it));
     }
+    if (!only.empty() && !onlyFound)
+        return fail(kExitInput, "--only " + only + ": no photo " + only +
+                                    ".png, .jpg, .jpeg, .tif, .tiff or .webp in " + positional[0]);
+    if (!only.empty() && items.empty()) return fail(kExitInput, skipped.front());
     std::vector<Item*> todo;
     int current = 0;
     for (Item& it : items) {
-        if (!it.failure.empty()) continue;
+        if (it.state == State::Failed) continue;
         if (upToDate(it)) ++current;
         else todo.push_back(&it);
     }
@@ -141,9 +174,17 @@ int runBatch(int argc, char** argv, bool showProgress) {
             cv::Mat rgba;
             int rc = cutoutOf(it.kind, it.image.string(), it.partner.string(), job, &rgba, nullptr);
             if (rc == kExitOk) rc = writeAll({{it.output.string(), rgba}});
-            if (rc == kExitOk) it.failure.clear();
-            else if (it.failure.empty()) it.failure = "failed with exit status " + std::to_string(rc);
             captureFailures(nullptr);
+            if (rc == kExitOk) {
+                it.state = State::Written;
+                it.failure.clear();
+            } else if (interruptedBy() != 0) {
+                it.state = State::Interrupted;
+            } else {
+                it.state = State::Failed;
+                if (it.failure.empty())
+                    it.failure = "failed with exit status " + std::to_string(rc);
+            }
             ++finished;
             bar();
         }
@@ -154,20 +195,26 @@ int runBatch(int argc, char** argv, bool showProgress) {
     work();
     for (std::thread& t : threads) t.join();
     if (showProgress) std::fprintf(stderr, "\r%*s\r", 50, "");
-    if (interruptedBy() != 0) {
-        std::fprintf(stderr, "qxmatte: interrupted; the photos done so far are written\n");
-        return 128 + interruptedBy();
-    }
 
     int failed = 0, done = 0;
-    for (const Item* it : todo) (it->failure.empty() ? done : failed) += 1;
-    for (const Item& it : items)
-        if (!it.failure.empty() && std::find(todo.begin(), todo.end(), &it) == todo.end()) ++failed;
+    for (const Item& it : items) {
+        failed += it.state == State::Failed;
+        done += it.state == State::Written;
+    }
+    if (interruptedBy() != 0) {
+        const int left = int(todo.size()) - done;
+        std::fprintf(stderr, "qxmatte: interrupted; %s, %d photo%s not done\n",
+                     done == 0 ? "no photo written"
+                               : (std::to_string(done) + " written").c_str(),
+                     left, left == 1 ? "" : "s");
+        return 128 + interruptedBy();
+    }
     std::printf("batch: %d written, %d up to date, %d failed, %d without a partner\n", done,
-                current, failed, alone);
+                current, failed, int(skipped.size()));
     for (const Item& it : items)
-        if (!it.failure.empty())
+        if (it.state == State::Failed)
             std::printf("  %s: %s\n", it.image.filename().string().c_str(), it.failure.c_str());
+    for (const std::string& line : skipped) std::printf("  %s\n", line.c_str());
     return failed ? kExitInput : kExitOk;
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "image_io.h"
 #include "interrupt.h"
 #include "qxworkflow.h"
 
@@ -26,28 +27,15 @@ bool parseInt(const char* text, int lo, int hi, int* out);
 // -q, positional names, and a refusal of any other option: kExitOk when taken.
 int otherArgument(const std::string& a, bool* showProgress, std::vector<std::string>* positional);
 
-// Reads a colour image and a grey plane of the same size; an empty string when it worked.
-std::string readImageAndPlane(const std::string& imagePath, const std::string& planePath,
-                              const char* planeWhat, cv::Mat* image, cv::Mat* plane);
-
-// An output to check before any work: its path (empty: not asked for) and whether the image
-// written to it has an alpha channel that the format must keep.
-struct Output {
-    std::string path;
-    bool alpha = false;
-};
-
-std::string checkOutputs(const std::vector<Output>& outputs);
-// Writes every named image or none (temporary names, renamed when all are written); entries with
-// an empty path are skipped. The exit status.
-int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files);
-
 // The record of one command's workflow calls: the progress bar (when shown) and the cancel flag
 // that SIGINT and SIGTERM raise.
 struct Job {
     QxwJob job{};
     int last = -1;
     bool bar;
+    // The share of the command's one bar that the next workflow call fills: a command of several
+    // calls draws one bar from 0 to 100%, each call its own stretch of it.
+    double from = 0.0, to = 1.0;
     explicit Job(bool showProgress) : bar(showProgress) {
         job.cancel = qxmatte::cancelFlag();
         if (bar) {
@@ -55,13 +43,19 @@ struct Job {
             job.progressData = this;
         }
     }
-    ~Job() {
+    ~Job() { clear(); }
+    void stage(double lo, double hi) {
+        from = lo;
+        to = hi;
+    }
+    // Takes the bar off the terminal's line (before printing text); the next report redraws it.
+    void clear() {
         if (bar && last >= 0) std::fprintf(stderr, "\r%*s\r", 40, "");
     }
     static void draw(double fraction, void* data) {
         auto* self = static_cast<Job*>(data);
-        const int percent = static_cast<int>(fraction * 100);
-        if (percent == self->last) return;
+        const int percent = static_cast<int>((self->from + (self->to - self->from) * fraction) * 100);
+        if (percent <= self->last) return;
         self->last = percent;
         const int filled = percent * 30 / 100;
         std::fprintf(stderr, "\r[%.*s%.*s] %3d%%", filled, "##############################",

@@ -62,7 +62,8 @@ void clearTemporaries() { temporaryCount = 0; }
 int exitNow(int status) {
     if (signalled == 0) return status;
     std::fflush(nullptr);
-    _exit(status);
+    // A command that failed while a signal was stopping it was stopped by the signal.
+    _exit(status == 0 ? 0 : 128 + signalled);
 }
 
 }  // namespace qxmatte

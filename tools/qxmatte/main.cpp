@@ -29,6 +29,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <string>
@@ -45,12 +46,13 @@ namespace qxmatte {
 const char* const kExitCodes =
     "exit codes:\n"
     "  0  done\n"
-    "  1  an input can't be used: missing, unreadable, of the wrong size, a colour image\n"
-    "     where a grey plane is needed, nothing to solve\n"
+    "  1  an input can't be used: missing, not a regular file, unreadable or damaged,\n"
+    "     too large, of the wrong size, a colour image where a grey plane is needed,\n"
+    "     nothing to solve\n"
     "  2  the command line is wrong\n"
-    "  3  an output can't be written: unknown format, no such folder, not writable\n"
-    "     (checked before any work)\n"
-    "  4  the library's job failed (its status is shown)\n"
+    "  3  an output can't be written: unknown format, no such folder, not writable,\n"
+    "     the same file as an input (checked before any work)\n"
+    "  4  the library's job failed (the message says why)\n"
     "  130, 143  stopped by SIGINT or SIGTERM (128 + the signal): nothing written\n";
 
 struct Command {
@@ -80,7 +82,7 @@ const Command kCommands[] = {
      "cut-out with them."},
     {"foreground",
      "qxmatte foreground IMAGE ALPHA -o FG.png [--method full|least-squares|sampling]\n"
-     "                     [--cutout OUT.png]",
+     "                     [--cutout OUT.png] [-q]",
      "the subject's true colours under a grey alpha from any source;\n"
      "--method full (default) solves at full resolution, least-squares\n"
      "at a quarter of the size, sampling picks nearby sample pairs."},
@@ -104,12 +106,14 @@ const Command kCommands[] = {
      "writes the alpha."},
     {"batch",
      "qxmatte batch IN -o OUT [-j N] [--only NAME] [-q]",
-     "every photo NAME.png/.jpg/.tif in IN with a partner NAME.mask.png\n"
-     "(refine), NAME.trimap.png (trimap --cutout) or NAME.strokes.png\n"
-     "(keepcut --cutout) to OUT/NAME.png, as those commands make it.\n"
+     "every photo NAME.png/.jpg/.tif/.webp in IN with a partner\n"
+     "NAME.mask.png (refine), NAME.trimap.png (trimap --cutout) or\n"
+     "NAME.strokes.png (keepcut --cutout) to OUT/NAME.png, as those\n"
+     "commands make it. OUT must be an existing folder other than IN.\n"
      "Outputs newer than their inputs are kept; a failing photo doesn't\n"
-     "stop the rest (listed at the end, exit 1); -j N photos at once;\n"
-     "--only NAME does the photo NAME alone (as a cluster's task does)."},
+     "stop the rest (listed at the end with the photos skipped, exit 1);\n"
+     "-j N photos at once; --only NAME does the photo NAME alone (as a\n"
+     "cluster's task does)."},
     {"demo", "qxmatte demo [-o DIR] [--megapixels N] [-q]",
      "a synthetic scene with a known alpha and foreground, through the\n"
      "tri-map and the keep-cut workflows; writes the images to DIR\n"
@@ -118,7 +122,11 @@ const Command kCommands[] = {
 };
 const char* const kCommonOptions =
     "-q: no progress bar. Outputs with alpha (--cutout, cutout -o) need a\n"
-    "format that keeps it: PNG, TIFF or WebP.\n";
+    "format that keeps it: PNG, TIFF or WebP. No output may be an input.\n"
+    "Images read: PNG, JPEG, TIFF, WebP (8 or 16 bits, or floating-point\n"
+    "0..1); a damaged file is refused. --max-megapixels N (any command)\n"
+    "raises the limit on an image's size, checked before decoding\n"
+    "(default 400).\n";
 
 const Command* findCommand(const std::string& name) {
     for (const Command& c : kCommands)
@@ -152,17 +160,6 @@ void commandHelp(const Command& c) {
     std::printf("\n%s\n%s", kCommonOptions, kExitCodes);
 }
 
-// Where a batch item's messages go instead of the standard error (one a thread).
-thread_local std::string* failCapture = nullptr;
-
-int fail(int code, const std::string& message) {
-    if (failCapture) *failCapture = message;
-    else std::fprintf(stderr, "qxmatte: %s\n", message.c_str());
-    return code;
-}
-
-void captureFailures(std::string* into) { failCapture = into; }
-
 // A command line that names too little: one line, and where to look.
 int usageError(const char* command, const std::string& what) {
     return fail(kExitUsage, std::string(command) + ": " + what + " (qxmatte " + command +
@@ -175,153 +172,6 @@ bool parseInt(const char* text, int lo, int hi, int* out) {
     if (!text[0] || *end || v < lo || v > hi) return false;
     *out = static_cast<int>(v);
     return true;
-}
-
-// Reads an image; an empty string when it worked, otherwise the reason.
-std::string readImage(const std::string& path, int flags, cv::Mat* out) {
-    std::error_code ec;
-    if (!std::filesystem::exists(path, ec)) return path + ": no such file";
-    try {
-        *out = cv::imread(path, flags);
-    } catch (const cv::Exception&) {
-        out->release();
-    }
-    if (out->empty()) return path + ": not a readable image (PNG, JPEG or TIFF)";
-    // 16-bit to 8 by 65535 -> 255; floating-point images are on the 0..1 scale.
-    const int depth = out->depth();
-    if (depth == CV_32F || depth == CV_64F) out->convertTo(*out, CV_8U, 255.0);
-    else if (depth != CV_8U) out->convertTo(*out, CV_8U, 1.0 / 257.0);
-    return {};
-}
-
-// Reads a grey plane (a tri-map, strokes, an alpha). A colour image is refused rather than
-// turned into grey by luminance, which would make its codes meaningless; one whose colour
-// channels are all equal (a grey image saved as colour) is taken as grey, any alpha channel
-// ignored. An empty string when it worked.
-std::string readPlane(const std::string& path, const char* what, cv::Mat* out) {
-    // Any colour and depth as stored (and turned upright by its orientation tag, as the image
-    // is), so that a colour file is seen as colour.
-    std::string err = readImage(path, cv::IMREAD_ANYCOLOR | cv::IMREAD_ANYDEPTH, out);
-    if (!err.empty()) return err;
-    if (out->channels() == 1) return {};
-    if (out->channels() >= 3) {
-        std::vector<cv::Mat> ch;
-        cv::split(*out, ch);
-        if (cv::countNonZero(ch[0] != ch[1]) == 0 && cv::countNonZero(ch[0] != ch[2]) == 0) {
-            *out = ch[0];
-            return {};
-        }
-    }
-    out->release();
-    return path + ": " + what + " is a colour image; give a grey image (one value a pixel)";
-}
-
-// Reads a colour image and a grey plane of the same size; an empty string when it worked.
-std::string readImageAndPlane(const std::string& imagePath, const std::string& planePath,
-                              const char* planeWhat, cv::Mat* image, cv::Mat* plane) {
-    std::string err = readImage(imagePath, cv::IMREAD_COLOR, image);
-    if (!err.empty()) return err;
-    err = readPlane(planePath, planeWhat, plane);
-    if (!err.empty()) return err;
-    if (image->size() != plane->size())
-        return planePath + ": " + planeWhat + " is " + std::to_string(plane->cols) + "x" +
-               std::to_string(plane->rows) + ", image is " + std::to_string(image->cols) + "x" +
-               std::to_string(image->rows);
-    return {};
-}
-
-
-bool keepsAlpha(const std::string& path) {
-    std::string ext = std::filesystem::path(path).extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
-    return ext == ".png" || ext == ".tif" || ext == ".tiff" || ext == ".webp";
-}
-
-// Checks before any work that each named output can be written: a known image format (one that
-// keeps alpha where the output has it), an existing writable folder, not a folder itself, and
-// no path named twice. An empty string when they can.
-std::string checkOutputs(const std::vector<Output>& outputs) {
-    namespace fs = std::filesystem;
-    std::vector<fs::path> seen;
-    for (const Output& o : outputs) {
-        const std::string& path = o.path;
-        if (path.empty()) continue;
-        bool known = false;
-        try {
-            known = cv::haveImageWriter(path);
-        } catch (const cv::Exception&) {
-            known = false;
-        }
-        if (!known) return path + ": cannot write the image (unknown extension)";
-        if (o.alpha && !keepsAlpha(path))
-            return path + ": cannot write the image (the format keeps no alpha; use PNG, TIFF or "
-                          "WebP)";
-        std::error_code ec;
-        const fs::path parent = fs::path(path).parent_path();
-        if (!parent.empty() && !fs::is_directory(parent, ec))
-            return path + ": cannot write the image (no folder " + parent.string() + ")";
-        if (fs::is_directory(path, ec)) return path + ": cannot write the image (it is a folder)";
-        const std::string folder = parent.empty() ? "." : parent.string();
-        if (access(folder.c_str(), W_OK | X_OK) != 0)
-            return path + ": cannot write the image (folder " + folder + " is not writable)";
-        const fs::path canonical = fs::weakly_canonical(path, ec);
-        if (std::find(seen.begin(), seen.end(), canonical) != seen.end())
-            return path + ": named for two outputs";
-        seen.push_back(canonical);
-    }
-    return {};
-}
-
-// Writes every named image or none: each goes to a temporary name in its own folder first, and
-// only when all are written are they renamed to their names. Entries with an empty path are
-// skipped. The exit status; on failure nothing is left behind.
-int writeAll(const std::vector<std::pair<std::string, cv::Mat>>& files) {
-    namespace fs = std::filesystem;
-    std::vector<std::pair<fs::path, fs::path>> written;  // temporary name, final name
-    std::error_code ec;
-    auto removeTemporaries = [&](size_t from) {
-        for (size_t i = from; i < written.size(); ++i) fs::remove(written[i].first, ec);
-    };
-    for (const auto& [path, image] : files) {
-        if (path.empty()) continue;
-        const fs::path target(path);
-        const fs::path temp = target.parent_path() / (".qxmatte-" + std::to_string(getpid()) +
-                                                       "-" + target.filename().string());
-        bool ok = false;
-        qxmatte::registerTemporary(temp.c_str());
-        try {
-            ok = cv::imwrite(temp.string(), image);
-        } catch (const cv::Exception&) {
-            ok = false;
-        }
-        if (!ok) {
-            fs::remove(temp, ec);
-            removeTemporaries(0);
-            qxmatte::clearTemporaries();
-            return fail(kExitOutput,
-                        path + ": cannot write the image (unknown extension or unwritable folder)");
-        }
-        written.emplace_back(temp, target);
-    }
-    if (qxmatte::interruptedBy() != 0) {  // stopped while writing: nothing is left
-        removeTemporaries(0);
-        qxmatte::clearTemporaries();
-        return 128 + qxmatte::interruptedBy();
-    }
-    for (size_t i = 0; i < written.size(); ++i) {
-        fs::rename(written[i].first, written[i].second, ec);
-        if (ec) {
-            const std::string reason = ec.message();
-            removeTemporaries(i);
-            // The ones already renamed go too: all or nothing.
-            for (size_t k = 0; k < i; ++k) fs::remove(written[k].second, ec);
-            qxmatte::clearTemporaries();
-            return fail(kExitOutput,
-                        written[i].second.string() + ": cannot write the image (" + reason + ")");
-        }
-    }
-    qxmatte::clearTemporaries();
-    return kExitOk;
 }
 
 // --keep/--cut X0,Y0,X1,Y1,R (R >= 0): false when the text is off.
@@ -374,10 +224,7 @@ int otherArgument(const std::string& a, bool* showProgress, std::vector<std::str
 
 // The exit status of a failed workflow: the input's fault, or the library's.
 int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job) {
-    if (status == QXW_CANCELLED) {
-        std::fprintf(stderr, "\nqxmatte: interrupted, nothing written\n");
-        return 128 + qxmatte::interruptedBy();
-    }
+    if (status == QXW_CANCELLED) return fail(128 + interruptedBy(), "interrupted, nothing written");
     return fail(status == QXW_BAD_INPUT ? kExitInput : kExitJob, source + ": " + job.message);
 }
 
@@ -387,6 +234,9 @@ QxwImage imageOf(const cv::Mat& bgr) {
 
 // The subject's colours under an alpha (the full-resolution recovery unless said otherwise);
 // the workflow's status, with the colours in *out.
+// The share of a command's bar for the alpha when the colours are recovered after it.
+constexpr double kSolveShare = 0.75;
+
 QxwStatus recover(const cv::Mat& image, const cv::Mat& alpha, Job& job, cv::Mat* out,
                   QxwForegroundMethod method = QXW_FG_FULL) {
     const QxwImage img = imageOf(image);
@@ -416,6 +266,7 @@ int cutoutOf(Partner kind, const std::string& imagePath, const std::string& part
                           static_cast<int>(alpha.step), &colours, job);
         if (s != QXW_OK) return jobFailure(partnerPath, s, job.job);
     } else {
+        job.stage(0.0, kSolveShare);
         s = kind == Partner::Trimap
                 ? qxwMatteTrimap(&img, plane.data, static_cast<int>(plane.step), 255, 0, 255, 0,
                                  alpha.data, static_cast<int>(alpha.step), job)
@@ -423,6 +274,7 @@ int cutoutOf(Partner kind, const std::string& imagePath, const std::string& part
                                   QXW_ENGINE_STROKES, alpha.data, static_cast<int>(alpha.step),
                                   job);
         if (s != QXW_OK) return jobFailure(partnerPath, s, job.job);
+        job.stage(kSolveShare, 1.0);
         if ((s = recover(image, alpha, job, &fg)) != QXW_OK)
             return jobFailure(imagePath, s, job.job);
     }
@@ -443,7 +295,7 @@ int runRefine(int argc, char** argv, bool showProgress) {
     }
     if (positional.size() != 2 || output.empty())
         return usageError("refine", "needs IMAGE, MASK and -o CUTOUT");
-    const std::string err = checkOutputs({{output, true}, {alphaPath}});
+    const std::string err = checkOutputs({{output, true}, {alphaPath}}, positional);
     if (!err.empty()) return fail(kExitOutput, err);
     Job job(showProgress);
     cv::Mat rgba, alpha;
@@ -481,7 +333,7 @@ int runTrimap(int argc, char** argv, bool showProgress) {
     if (positional.size() != 2 || output.empty())
         return usageError("trimap", "needs IMAGE, TRIMAP and -o ALPHA");
     if (bgCode >= fgCode) return fail(kExitUsage, "--bg-code must be below --fg-code");
-    std::string err = checkOutputs({{output}, {cutout, true}});
+    std::string err = checkOutputs({{output}, {cutout, true}}, positional);
     if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, trimap;
     err = readImageAndPlane(positional[0], positional[1], "tri-map", &image, &trimap);
@@ -489,10 +341,12 @@ int runTrimap(int argc, char** argv, bool showProgress) {
     Job job(showProgress);
     const QxwImage img = imageOf(image);
     cv::Mat alpha(image.size(), CV_8UC1), fg;
+    if (!cutout.empty()) job.stage(0.0, kSolveShare);
     QxwStatus s = qxwMatteTrimap(&img, trimap.data, static_cast<int>(trimap.step), fgCode,
                                  bgCode, levelHigh, levelLow, alpha.data,
                                  static_cast<int>(alpha.step), job);
     if (s != QXW_OK) return jobFailure(positional[1], s, job.job);
+    job.stage(kSolveShare, 1.0);
     if (!cutout.empty() && (s = recover(image, alpha, job, &fg)) != QXW_OK)
         return jobFailure(positional[0], s, job.job);
     return writeAll({{output, alpha}, {cutout, cutout.empty() ? cv::Mat() : qxmatte::withAlpha(fg, alpha)}});
@@ -531,31 +385,33 @@ int runKeepCut(int argc, char** argv, bool showProgress) {
     if (positional.empty() || positional.size() > 2 || output.empty() ||
         (positional.size() == 1 && vectors.empty()))
         return usageError("keepcut", "needs IMAGE, STROKES or --keep/--cut, and -o ALPHA");
-    std::string err = checkOutputs({{output}, {foreground}, {cutout, true}});
+    std::string err = checkOutputs({{output}, {foreground}, {cutout, true}}, positional);
     if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, strokes;
     const std::string& strokeSource = positional.size() == 2 ? positional[1] : positional[0];
     if (positional.size() == 2) {
         err = readImageAndPlane(positional[0], positional[1], "stroke image", &image, &strokes);
     } else {
-        err = readImage(positional[0], cv::IMREAD_COLOR, &image);
+        err = readImage(positional[0], &image);
     }
     if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
     Job job(showProgress);
     const QxwImage img = imageOf(image);
     cv::Mat alpha(image.size(), CV_8UC1), fg;
+    const bool colours = !foreground.empty() || !cutout.empty();
+    if (colours) job.stage(0.0, kSolveShare);
     QxwStatus s = qxwMatteStrokes(&img, strokes.data, static_cast<int>(strokes.step), engine,
                                   alpha.data, static_cast<int>(alpha.step), job);
     if (s != QXW_OK) return jobFailure(strokeSource, s, job.job);
-    if ((!foreground.empty() || !cutout.empty()) && (s = recover(image, alpha, job, &fg)) != QXW_OK)
+    job.stage(kSolveShare, 1.0);
+    if (colours && (s = recover(image, alpha, job, &fg)) != QXW_OK)
         return jobFailure(positional[0], s, job.job);
     return writeAll({{output, alpha}, {foreground, fg},
                      {cutout, cutout.empty() ? cv::Mat() : qxmatte::withAlpha(fg, alpha)}});
 }
 
-int runForeground(int argc, char** argv) {
-    bool showProgress = false;  // no progress to show; -q is taken all the same
+int runForeground(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
     std::string output, cutout;
     QxwForegroundMethod method = QXW_FG_FULL;
@@ -578,12 +434,12 @@ int runForeground(int argc, char** argv) {
     }
     if (positional.size() != 2 || output.empty())
         return usageError("foreground", "needs IMAGE, ALPHA and -o FG");
-    std::string err = checkOutputs({{output}, {cutout, true}});
+    std::string err = checkOutputs({{output}, {cutout, true}}, positional);
     if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, alpha, fg;
     err = readImageAndPlane(positional[0], positional[1], "alpha", &image, &alpha);
     if (!err.empty()) return fail(kExitInput, err);
-    Job job(false);
+    Job job(showProgress);
     const QxwStatus s = recover(image, alpha, job, &fg, method);
     if (s != QXW_OK) return jobFailure(positional[0], s, job.job);
     return writeAll({{output, fg}, {cutout, cutout.empty() ? cv::Mat() : qxmatte::withAlpha(fg, alpha)}});
@@ -626,11 +482,12 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
     if (std::sscanf(rectText.c_str(), "%d,%d,%d,%d%c", &r[0], &r[1], &r[2], &r[3], &tail) != 4 ||
         r[2] < 1 || r[3] < 1)
         return fail(kExitUsage, "--rect takes X,Y,W,H with W and H at least 1");
-    std::string err = checkOutputs({{output, cutoutCommand}, {trimapPath}, {alphaPath}});
+    std::string err = checkOutputs({{output, cutoutCommand}, {trimapPath}, {alphaPath}},
+                                   {positional[0], strokesPath});
     if (!err.empty()) return fail(kExitOutput, err);
     cv::Mat image, strokes;
     err = strokesPath.empty()
-              ? readImage(positional[0], cv::IMREAD_COLOR, &image)
+              ? readImage(positional[0], &image)
               : readImageAndPlane(positional[0], strokesPath, "stroke image", &image, &strokes);
     if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
@@ -737,7 +594,7 @@ int runDemo(int argc, char** argv, bool showProgress) {
                                  "keepcut_alpha", "keepcut_foreground", "keepcut_composite"};
     std::vector<Output> outputs;
     for (const char* name : names) outputs.push_back({dir + "/" + name + ".png"});
-    if (err.empty()) err = checkOutputs(outputs);
+    if (err.empty()) err = checkOutputs(outputs, {});
     if (!err.empty()) return fail(kExitOutput, err);
     // 4:3, 1200 x 900 at the default size.
     const int width = std::max(40, static_cast<int>(std::lround(std::sqrt(megapixels * 1e6 * 4 / 3))));
@@ -762,13 +619,15 @@ int runDemo(int argc, char** argv, bool showProgress) {
                &boxWidth, &top, &boxHeight, &fgCount, &bgCount, 0, 255, 0);
     cv::Mat alpha(scene.image.size(), CV_8UC1);
     qxmatte::Measurement run;
+    Job job(showProgress);  // one bar for both jobs
     {
-        Job job(showProgress);
+        job.stage(0.0, 0.4);
         const QxwStatus s = qxwMatteTrimap(&img, scene.trimap.data,
                                            static_cast<int>(scene.trimap.step), 255, 0, 255, 0,
                                            alpha.data, static_cast<int>(alpha.step), job);
         if (s != QXW_OK) return jobFailure("demo", s, job.job);
     }
+    job.clear();
     const qxmatte::Accuracy acc = qxmatte::measureAccuracy(alpha, scene.truth, scene.trimap);
     std::printf("tri-map:  box %dx%d at (%d,%d), %d undecided pixels, solved in %.2f s, "
                 "peak %.0f MB\n",
@@ -782,13 +641,15 @@ int runDemo(int argc, char** argv, bool showProgress) {
     cv::Mat kalpha(scene.image.size(), CV_8UC1), kfg;
     qxmatte::Measurement krun;
     {
-        Job job(showProgress);
+        job.stage(0.4, 0.4 + 0.6 * kSolveShare);
         QxwStatus s = qxwMatteStrokes(&img, strokes.data, static_cast<int>(strokes.step),
                                       QXW_ENGINE_STROKES, kalpha.data,
                                       static_cast<int>(kalpha.step), job);
+        job.stage(0.4 + 0.6 * kSolveShare, 1.0);
         if (s == QXW_OK) s = recover(scene.image, kalpha, job, &kfg);
         if (s != QXW_OK) return jobFailure("demo: keep-cut", s, job.job);
     }
+    job.clear();
     const double seconds = krun.seconds(), peak = qxmatte::peakResidentMB();
     const qxmatte::Accuracy kacc = qxmatte::measureAccuracy(kalpha, scene.truth, strokes);
     std::printf("keep-cut: edge-band strokes, alpha and foreground in %.2f s, peak %.0f MB\n",
@@ -820,7 +681,7 @@ int runCommand(const std::string& command, int argc, char** argv, bool tty) {
     if (command == "refine") return runRefine(argc, argv, tty);
     if (command == "batch") return runBatch(argc, argv, tty);
     if (command == "keepcut") return runKeepCut(argc, argv, tty);
-    if (command == "foreground") return runForeground(argc, argv);
+    if (command == "foreground") return runForeground(argc, argv, tty);
     if (command == "grabcut") return runGrabCutCommand(argc, argv, tty, false);
     if (command == "cutout") return runGrabCutCommand(argc, argv, tty, true);
     return runDemo(argc, argv, tty);
@@ -854,7 +715,27 @@ int main(int argc, char** argv) {
             return kExitOk;
         }
     }
+    // --max-megapixels applies to every command's reading: taken out before the command's own
+    // arguments are parsed.
+    std::vector<char*> args;
+    double limit = kDefaultMegapixels;
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--max-megapixels") == 0) {
+            char* end = nullptr;
+            limit = i + 1 < argc ? std::strtod(argv[i + 1], &end) : 0.0;
+            if (!end || *end || !(limit >= 1.0 && limit <= 1e6))
+                return fail(kExitUsage, "--max-megapixels takes 1 to 1000000");
+            ++i;
+        } else {
+            args.push_back(argv[i]);
+        }
+    }
+    setPixelLimit(limit);
+    // OpenCV's decoders write their own multi-line complaints to std::cerr; this tool says what
+    // went wrong in one line of its own.
+    std::cerr.setstate(std::ios::badbit);
     const bool tty = isatty(STDERR_FILENO) != 0;
     qxmatte::installInterrupt();
-    return qxmatte::exitNow(runCommand(command, argc - 2, argv + 2, tty));
+    return qxmatte::exitNow(
+        runCommand(command, static_cast<int>(args.size()), args.data(), tty));
 }
