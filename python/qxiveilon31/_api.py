@@ -76,17 +76,18 @@ class _Progress:
         return False
 
 
-def _outputs(shape, channels=1):
+def _outputs(shape, channels=1, name="output"):
+    """A new uint8 result (compact rows) with its address and row stride for the library."""
     out = np.empty(tuple(shape) + ((channels,) if channels > 1 else ()), np.uint8)
-    return out, out.ctypes.data, out.strides[0]
+    return (out,) + arrays.rows(out, name)
 
 
 # ---- Matting -------------------------------------------------------------------------------
 
 
 def _matte(record, tri, fg_code, bg_code, levels, report):
-    alpha, ptr, stride = _outputs(tri.shape)
-    native.run("qxwMatteTrimap", report, ctypes.byref(record), tri.ctypes.data, tri.strides[0],
+    alpha, ptr, stride = _outputs(tri.shape, name="alpha output")
+    native.run("qxwMatteTrimap", report, ctypes.byref(record), *arrays.rows(tri, "trimap"),
                fg_code, bg_code, levels[0], levels[1], ptr, stride)
     return alpha
 
@@ -123,9 +124,9 @@ def _engine(engine, pyramid):
 
 
 def _strokes_alpha(record, strokes, engine, report):
-    alpha, ptr, stride = _outputs(strokes.shape)
-    native.run("qxwMatteStrokes", report, ctypes.byref(record), strokes.ctypes.data,
-               strokes.strides[0], engine, ptr, stride)
+    alpha, ptr, stride = _outputs(strokes.shape, name="alpha output")
+    native.run("qxwMatteStrokes", report, ctypes.byref(record), *arrays.rows(strokes, "strokes"),
+               engine, ptr, stride)
     return alpha
 
 
@@ -157,10 +158,10 @@ def matte_strokes(image, strokes, *, engine="strokes", pyramid=False, with_foreg
 
 
 def _recover(record, alpha, method, report):
-    colours, ptr, stride = _outputs(alpha.shape, 3)
+    colours, ptr, stride = _outputs(alpha.shape, 3, "colour output")
     out = native.ColourOut(ptr, stride)
-    native.run("qxwRecoverForeground", report, ctypes.byref(record), alpha.ctypes.data,
-               alpha.strides[0], method, ctypes.byref(out))
+    native.run("qxwRecoverForeground", report, ctypes.byref(record), *arrays.rows(alpha, "alpha"),
+               method, ctypes.byref(out))
     return colours
 
 
@@ -200,13 +201,13 @@ def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=Fals
     img, record, is_float = arrays.image8(image, bgr)
     x, y, w, h = arrays.rect4(rect, img.shape[:2])
     plane = None if strokes is None else arrays.strokes8(strokes, img.shape[:2])
-    selection, sel_ptr, sel_stride = _outputs(img.shape[:2])
-    tri, tri_ptr, tri_stride = _outputs(img.shape[:2]) if with_trimap else (None, None, 0)
+    selection, sel_ptr, sel_stride = _outputs(img.shape[:2], name="selection output")
+    tri, tri_ptr, tri_stride = (_outputs(img.shape[:2], name="trimap output") if with_trimap
+                                else (None, None, 0))
     with _Progress(progress, "grabcut", cancel=cancel) as p:
         native.run("qxwSelectSubject", p.next(), ctypes.byref(record),
-                   None if plane is None else plane.ctypes.data,
-                   0 if plane is None else plane.strides[0], x, y, w, h, band, sel_ptr,
-                   sel_stride, tri_ptr, tri_stride)
+                   *arrays.rows(plane, "strokes"), x, y, w, h, band, sel_ptr, sel_stride,
+                   tri_ptr, tri_stride)
     selection = arrays.mask_out(selection, is_float)
     return (selection, arrays.trimap_out(tri, is_float)) if with_trimap else selection
 
@@ -266,14 +267,14 @@ class GrabCutSession:
         self._result = np.zeros(shape, np.uint8)
         self._selection, self._closed, self._lock = None, False, threading.Lock()
         req = self._req = native.GrabCutRequest()
-        req.image, req.imageStep = self._src.ctypes.data, self._src.strides[0]
-        req.result, req.resultStep = self._result.ctypes.data, self._result.strides[0]
+        req.image, req.imageStep = arrays.rows(self._src, "the session's image buffer")
+        req.result, req.resultStep = arrays.rows(self._result, "the session's result buffer")
         req.width, req.height = shape[1], shape[0]
         req.roiLeft, req.roiTop, req.roiWidth, req.roiHeight = self.region
         self._point_mask_at(self._codes)
 
     def _point_mask_at(self, plane):
-        self._req.mask, self._req.maskStep = plane.ctypes.data, plane.strides[0]
+        self._req.mask, self._req.maskStep = arrays.rows(plane, "the session's mask buffer")
 
     def __enter__(self):
         return self
@@ -378,10 +379,10 @@ def refine(image, mask, *, bgr=False, progress=None, cancel=None):
     img, record, is_float = arrays.image8(image, bgr)
     shape = img.shape[:2]
     m = arrays.alpha8(mask, shape)
-    colours, c_ptr, c_stride = _outputs(shape, 3)
-    alpha, a_ptr, a_stride = _outputs(shape)
+    colours, c_ptr, c_stride = _outputs(shape, 3, "colour output")
+    alpha, a_ptr, a_stride = _outputs(shape, name="alpha output")
     with _Progress(progress, "refine", cancel=cancel) as p:
-        native.run("qxwRefineMask", p.next(), ctypes.byref(record), m.ctypes.data, m.strides[0],
+        native.run("qxwRefineMask", p.next(), ctypes.byref(record), *arrays.rows(m, "mask"),
                    a_ptr, a_stride, ctypes.byref(native.ColourOut(c_ptr, c_stride)))
     rgba = np.empty(shape + (4,), np.uint8)
     rgba[:, :, :3], rgba[:, :, 3] = colours, alpha
@@ -414,13 +415,12 @@ def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=25
         band = arrays.band_width(band)
         x, y, w, h = arrays.rect4(rect, shape)
         plane = None if strokes is None else arrays.strokes8(strokes, shape)
-        colours, c_ptr, c_stride = _outputs(shape, 3)
-        alpha, a_ptr, a_stride = _outputs(shape)
+        colours, c_ptr, c_stride = _outputs(shape, 3, "colour output")
+        alpha, a_ptr, a_stride = _outputs(shape, name="alpha output")
         with _Progress(progress, "cutout", cancel=cancel) as p:
             native.run("qxwCutoutFromRect", p.next(), ctypes.byref(record),
-                       None if plane is None else plane.ctypes.data,
-                       0 if plane is None else plane.strides[0], x, y, w, h, band, a_ptr,
-                       a_stride, ctypes.byref(native.ColourOut(c_ptr, c_stride)))
+                       *arrays.rows(plane, "strokes"), x, y, w, h, band, a_ptr, a_stride,
+                       ctypes.byref(native.ColourOut(c_ptr, c_stride)))
     else:
         if trimap is not None:
             fg_code, bg_code = arrays.codes(fg_code, bg_code)

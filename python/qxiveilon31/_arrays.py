@@ -2,16 +2,19 @@
 
 Every check here runs before any library call: a bad shape, dtype or argument raises ValueError.
 An array whose rows the library can read as they are (bytes of a pixel side by side, rows at a
-positive stride) is handed over as it is, any other is copied once; the library never writes
-an input, and outputs are new arrays.
+positive stride that fits the C interface's 32-bit int) is handed over as it is, any other is
+copied once into compact rows; the library never writes an input, and outputs are new arrays.
 """
 
 import numpy as np
 
 from . import _native as native
 
-# Row strides and sizes go to the library as 32-bit ints.
-_MAX_SIDE = (2 ** 31 - 1) // 4
+# Row strides, widths and heights go to the library as signed 32-bit ints, which ctypes cuts to
+# 32 bits without a word. A side is held to a quarter of that: a row of 4 bytes a pixel (the
+# GrabCut session's buffer) must fit.
+INT_MAX = 2 ** 31 - 1
+_MAX_SIDE = INT_MAX // 4
 KEEP, CUT, UNPAINTED = 255, 0, 128
 
 
@@ -37,13 +40,41 @@ def _to_8bit(values, name):
     return np.rint(np.clip(values.astype(np.float64) * 255.0, 0.0, 255.0)).astype(np.uint8)
 
 
+def _row_bytes(a):
+    return a.shape[1] * a.itemsize * (a.shape[2] if a.ndim == 3 else 1)
+
+
+def _fits(a):
+    """Whether the library can read a's rows as they lie: a pixel's bytes side by side, rows at
+    a positive stride of at least a row's bytes that its 32-bit int holds."""
+    packed = a.strides[1:] == ((a.shape[2], 1) if a.ndim == 3 else (1,))
+    return packed and _row_bytes(a) <= a.strides[0] <= INT_MAX
+
+
 def _readable(a):
-    """a as it is when the library can read its rows, else a C-contiguous copy."""
-    inner = a.strides[1:]
-    packed = inner == ((a.shape[2], 1) if a.ndim == 3 else (1,))
-    if packed and a.strides[0] >= a.shape[1] * a.itemsize * (a.shape[2] if a.ndim == 3 else 1):
-        return a
-    return np.ascontiguousarray(a)
+    """a as it is when the library can read its rows, else a C-contiguous copy: among others a
+    view whose rows lie 2 GiB or more apart (every Nth row of a very large array), whose
+    stride the library's 32-bit int can't hold."""
+    return a if _fits(a) else np.ascontiguousarray(a)
+
+
+def rows(a, name):
+    """(address, row stride) of a 2-D or 3-D uint8 array for a library call, (None, 0) for
+    None. The last check before any call: rows the library can't read as they lie, or a
+    stride or side that its 32-bit ints don't hold (ctypes would cut it, and the library would
+    read other rows), raise ValueError naming the array."""
+    if a is None:
+        return None, 0
+    for what, side in (("height", a.shape[0]), ("width", a.shape[1])):
+        if side > INT_MAX:
+            raise ValueError("%s: its %s of %d pixels does not fit the library's 32-bit int "
+                             "(at most %d)" % (name, what, side, INT_MAX))
+    if not _fits(a):
+        raise ValueError("%s: its rows are not laid out as the library reads them: a pixel's "
+                         "bytes side by side and rows at a stride from one row's bytes (%d) "
+                         "to %d, the most a 32-bit int holds; got strides %s"
+                         % (name, _row_bytes(a), INT_MAX, a.strides))
+    return a.ctypes.data, a.strides[0]
 
 
 def image8(image, bgr, name="image"):
@@ -53,8 +84,12 @@ def image8(image, bgr, name="image"):
     if a.ndim != 3 or a.shape[2] != 3:
         raise ValueError("%s must be an H x W x 3 array (RGB%s), got shape %s"
                          % (name, "" if bgr else ", or BGR with bgr=True", a.shape))
-    if not (1 <= a.shape[0] <= _MAX_SIDE and 1 <= a.shape[1] <= _MAX_SIDE):
-        raise ValueError("%s is empty or too large (%d x %d)" % (name, a.shape[0], a.shape[1]))
+    for what, side in (("height", a.shape[0]), ("width", a.shape[1])):
+        if not 1 <= side <= _MAX_SIDE:
+            raise ValueError("%s: its %s of %d pixels is %s (the library takes 1 to %d: a row "
+                             "of 4 bytes a pixel must fit its 32-bit int)"
+                             % (name, what, side, "empty" if side < 1 else "too large",
+                                _MAX_SIDE))
     is_float = np.issubdtype(a.dtype, np.floating)
     if is_float:
         a = _to_8bit(a, name)
@@ -62,7 +97,7 @@ def image8(image, bgr, name="image"):
         raise ValueError("%s must be uint8 (0..255) or floating-point (0..1), got %s"
                          % (name, a.dtype))
     a = _readable(a)
-    record = native.Image(a.ctypes.data, a.strides[0], 3, a.shape[1], a.shape[0],
+    record = native.Image(*rows(a, name), 3, a.shape[1], a.shape[0],
                           native.QXW_BGR if bgr else native.QXW_RGB)
     return a, record, is_float
 

@@ -2,11 +2,11 @@
 
 Each photo with a partner file is one task, and a task is ``qxmatte batch IN -o OUT --only
 NAME``: the command-line tool's own rules for partners, kept outputs and failures, and its own
-image files, so that the outputs are byte for byte those of ``qxmatte batch``. Without a
-scheduler the tasks run on local threads; with the address of a dask.distributed scheduler each
-task runs on one of the cluster's workers, which must reach IN and OUT under the same paths (a
-shared file system) and have the package and ``qxmatte`` installed (the setup command installs
-both).
+image files, so that the outputs are byte for byte those of ``qxmatte batch``. The arguments are
+checked as the tool checks them, before any task. Without a scheduler the tasks run on local
+threads; with the address of a dask.distributed scheduler each task runs on one of the
+cluster's workers, which must reach IN and OUT under the same paths (a shared file system) and
+have the package and ``qxmatte`` installed (the setup command installs both).
 """
 import os
 import re
@@ -14,9 +14,10 @@ import shutil
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 
+from . import _arrays as arrays
 from . import _native as native
 
-PHOTO_EXTENSIONS = (".png", ".jpg", ".jpeg", ".tif", ".tiff")
+PHOTO_EXTENSIONS = (".png", ".jpg", ".jpeg", ".tif", ".tiff", ".webp")
 PARTNERS = (".mask.png", ".trimap.png", ".strokes.png")
 
 
@@ -41,8 +42,9 @@ def qxmatte_path():
 
 def photos_with_partners(in_dir):
     """The names (file names less extension) of the photos in in_dir that have a partner file,
-    sorted, and the number without one."""
-    names, alone = [], 0
+    sorted, each once (photos of one name and two extensions are one task, which the tool
+    fails for the second), and {file name: why} of the photos skipped."""
+    names, skipped = [], {}
     for entry in sorted(os.listdir(in_dir)):
         path = os.path.join(in_dir, entry)
         stem, ext = os.path.splitext(entry)
@@ -51,13 +53,55 @@ def photos_with_partners(in_dir):
         if any(stem.lower().endswith(p[:-4]) for p in PARTNERS):
             continue
         if any(os.path.exists(os.path.join(in_dir, stem + p)) for p in PARTNERS):
-            names.append(stem)
+            if stem not in names:
+                names.append(stem)
         else:
-            alone += 1
-    return names, alone
+            skipped[entry] = "no partner %s.mask.png, %s.trimap.png or %s.strokes.png" \
+                % (stem, stem, stem)
+    return names, skipped
 
 
-_LINE = re.compile(r"^batch: (\d+) written, (\d+) up to date, (\d+) failed")
+def check_arguments(in_dir, out_dir, jobs):
+    """The tool's checks of IN, OUT and -j, made before any task: (in_dir, out_dir) as
+    absolute paths, or ValueError saying what is wrong. OUT must be an existing, writable
+    folder other than IN (the cut-outs NAME.png would replace the photos NAME.png); it is
+    never made."""
+    if jobs is not None and not arrays._is_int(jobs, 1, float("inf")):
+        raise ValueError("jobs takes None or an int of at least 1, got %r" % (jobs,))
+    paths = []
+    for what, value, needed in (("in_dir", in_dir, "the folder of photos"),
+                                ("out_dir", out_dir, "an existing folder for the cut-outs")):
+        path = os.fsdecode(os.fspath(value)) if value is not None else ""
+        if not path:
+            raise ValueError("%s is needed: %s" % (what, needed))
+        paths.append(os.path.abspath(path))
+    in_dir, out_dir = paths
+    if not os.path.isdir(in_dir):
+        raise ValueError("%s: not a folder" % in_dir)
+    if not os.path.exists(out_dir):
+        raise ValueError("%s: no such folder (make it first)" % out_dir)
+    if not os.path.isdir(out_dir):
+        raise ValueError("%s: not a folder" % out_dir)
+    if not os.access(out_dir, os.W_OK | os.X_OK):
+        raise ValueError("%s: the folder is not writable" % out_dir)
+    if os.path.samefile(in_dir, out_dir):
+        raise ValueError("the output folder is the input folder: %s; the cut-outs NAME.png "
+                         "would replace the photos, name another folder" % out_dir)
+    return in_dir, out_dir
+
+
+_HEAD = re.compile(r"^batch: (\d+) written, (\d+) up to date, (\d+) failed")
+_ENTRY = re.compile(r"^  (.+?): (.*)$")
+
+
+def failure_reason(lines, name):
+    """The reason on the first of the tool's lines "  FILE: reason" whose FILE is a photo of
+    this name (failures come before any other such lines)."""
+    for line in lines:
+        entry = _ENTRY.match(line)
+        if entry and os.path.splitext(entry.group(1))[0] == name:
+            return entry.group(2)
+    return "failed"
 
 
 def run_photo(tool, in_dir, out_dir, name):
@@ -67,37 +111,36 @@ def run_photo(tool, in_dir, out_dir, name):
     done = subprocess.run([tool, "batch", in_dir, "-o", out_dir, "--only", name, "-q"],
                           capture_output=True, text=True)
     lines = done.stdout.splitlines()
-    head = _LINE.match(lines[0]) if lines else None
+    head = next(filter(None, map(_HEAD.match, lines)), None)
     if head is None:
         return name, "failed", (done.stderr.strip() or "qxmatte exited with %d" % done.returncode)
     written, current, failed = (int(v) for v in head.groups())
     if failed:
-        reason = lines[1].split(": ", 1)[1] if len(lines) > 1 else "failed"
-        return name, "failed", reason
+        return name, "failed", failure_reason(lines, name)
     return name, "written" if written else "current", ""
 
 
-def batch(in_dir, out_dir, scheduler=None, *, jobs=None):
-    """Every photo NAME.png / .jpg / .tif in in_dir with a partner NAME.mask.png (refine),
-    NAME.trimap.png (tri-map job) or NAME.strokes.png (strokes) becomes out_dir/NAME.png, an
-    RGBA cut-out byte for byte what ``qxmatte batch`` writes. An output newer than its inputs
-    is kept; a failing photo does not stop the others.
+def batch(in_dir, out_dir=None, scheduler=None, *, jobs=None):
+    """Every photo NAME.png / .jpg / .jpeg / .tif / .tiff / .webp in in_dir with a partner
+    NAME.mask.png (refine), NAME.trimap.png (tri-map job) or NAME.strokes.png (strokes) becomes
+    out_dir/NAME.png, an RGBA cut-out byte for byte what ``qxmatte batch`` writes. An output
+    newer than its inputs is kept; a failing photo does not stop the others.
 
-    scheduler: None (local threads, ``jobs`` at once, default 2), or the address of a
-    dask.distributed scheduler ("tcp://host:8786") or a ``distributed.Client``: each photo is
-    a task on the cluster's workers.
+    out_dir: an existing, writable folder, not in_dir itself (compared by device and inode);
+    it is not made. Anything else raises ValueError before any photo is read.
+    scheduler: None (local threads, ``jobs`` at once: None for 2, or an int of at least 1), or
+    the address of a dask.distributed scheduler ("tcp://host:8786") or a
+    ``distributed.Client``: each photo is a task on the cluster's workers.
 
-    Returns a dict: ``written``, ``current`` (kept) and ``failed`` ({name: reason}), and
-    ``without_partner`` (how many photos had none).
+    Returns a dict: ``written``, ``current`` (kept) and ``failed`` ({name: reason}),
+    ``skipped`` ({file name: reason}: the photos without a partner) and ``without_partner``
+    (how many those are).
     """
-    in_dir, out_dir = os.path.abspath(in_dir), os.path.abspath(out_dir)
-    if not os.path.isdir(in_dir):
-        raise ValueError("%s: not a folder" % in_dir)
-    os.makedirs(out_dir, exist_ok=True)
-    names, alone = photos_with_partners(in_dir)
+    in_dir, out_dir = check_arguments(in_dir, out_dir, jobs)
+    names, skipped = photos_with_partners(in_dir)
     if scheduler is None:
         tool = qxmatte_path()
-        with ThreadPoolExecutor(jobs or 2) as pool:
+        with ThreadPoolExecutor(2 if jobs is None else int(jobs)) as pool:
             results = list(pool.map(lambda n: run_photo(tool, in_dir, out_dir, n), names))
     else:
         from distributed import Client
@@ -109,7 +152,8 @@ def batch(in_dir, out_dir, scheduler=None, *, jobs=None):
         finally:
             if client is not scheduler:
                 client.close()
-    summary = {"written": [], "current": [], "failed": {}, "without_partner": alone}
+    summary = {"written": [], "current": [], "failed": {}, "without_partner": len(skipped),
+               "skipped": skipped}
     for name, state, reason in results:
         if state == "failed":
             summary["failed"][name] = reason

@@ -56,6 +56,11 @@ class GrabCutRequest(ctypes.Structure):
                 ("roiTop", c_int32)]
 
 
+# ctypes cuts a larger value to 32 bits without a word when it fills these records' int32 fields
+# and the prototypes' c_int arguments: row strides come only through _arrays.rows, widths and
+# heights only after _arrays.image8 has checked the image's sides (every plane has its size),
+# and both refuse what does not fit.
+
 # The sizes and offsets the C headers fix.
 assert ctypes.sizeof(Image) == 32 and ctypes.sizeof(ColourOut) == 16
 assert ctypes.sizeof(Job) == 544 and Job.message.offset == 20 and Job.cancel.offset == 536

@@ -1,6 +1,7 @@
 """The package against the command-line tool on one input, and the README's example."""
 
 import glob
+import json
 import os
 import re
 import signal
@@ -102,12 +103,15 @@ def test_batch_locally_on_a_cluster_and_by_the_tool_gives_the_same_files(qxmatte
                                                                           monkeypatch):
     folder = tmp_path / "in"
     _batch_folder(folder, disc)
+    for out in ("tool", "local", "cluster"):
+        (tmp_path / out).mkdir()
     tool = subprocess.run([os.environ["QXMATTE"], "batch", folder, "-o", tmp_path / "tool",
                            "-j", "2", "-q"], capture_output=True, text=True)
     assert tool.returncode == 1 and "3 written, 0 up to date, 3 failed, 1 without" in tool.stdout
     local = qx.batch(folder, tmp_path / "local")
     assert sorted(local["written"]) == ["a", "b", "c"] and local["without_partner"] == 1
     assert sorted(local["failed"]) == ["d", "e", "g"] and "all one value" in local["failed"]["e"]
+    assert local["skipped"] == {"f.png": "no partner f.mask.png, f.trimap.png or f.strokes.png"}
     # A second run keeps what is newer than its inputs.
     again = qx.batch(folder, tmp_path / "local")
     assert again["written"] == [] and sorted(again["current"]) == ["a", "b", "c"]
@@ -138,3 +142,95 @@ def test_refine_equals_the_tool(qxmatte, tmp_path, disc):
         0.5 * np.abs(coarse[band] / 255.0 - disc.alpha[band]).mean()
     with pytest.raises(ValueError, match="all one value"):
         qx.refine(disc.image, np.zeros_like(coarse))
+
+
+def test_batch_refuses_bad_folders_and_jobs_before_any_file_is_touched(tmp_path, disc,
+                                                                       monkeypatch):
+    folder = tmp_path / "in"
+    _batch_folder(folder, disc)
+    before = {p.name: p.read_bytes() for p in folder.iterdir()}
+    work, out = tmp_path / "work", tmp_path / "out"
+    work.mkdir()
+    out.mkdir()
+    monkeypatch.chdir(work)  # where an empty out_dir used to put the cut-outs
+    (tmp_path / "link").symlink_to(folder)
+    (tmp_path / "file").write_bytes(b"")
+    refused = [((folder, ""), {}, "out_dir"), ((folder, None), {}, "out_dir"),
+               ((folder,), {}, "out_dir"), (("", out), {}, "in_dir"),
+               ((folder, tmp_path / "missing"), {}, "missing: no such folder"),
+               ((folder, tmp_path / "file"), {}, "file: not a folder"),
+               ((tmp_path / "nowhere", out), {}, "nowhere: not a folder")]
+    # The input folder under other names: itself, a relative spelling, a symbolic link.
+    for args in ((folder, folder), (folder, "../in/."), (tmp_path / "link", folder),
+                 (folder, tmp_path / "link")):
+        refused.append((args, {}, "the output folder is the input folder"))
+    for jobs in (0, -2, True, 2.0, "2"):
+        refused.append(((folder, out), {"jobs": jobs}, "jobs"))
+    for args, kwargs, message in refused:
+        with pytest.raises(ValueError, match=message):
+            qx.batch(*args, **kwargs)
+    assert {p.name: p.read_bytes() for p in folder.iterdir()} == before
+    assert os.listdir(work) == [] and os.listdir(out) == []
+    assert not (tmp_path / "missing").exists()
+
+
+def test_batch_takes_webp_photos_and_names_the_photos_it_skips(qxmatte, tmp_path, disc):
+    folder, out = tmp_path / "in", tmp_path / "out"
+    folder.mkdir()
+    out.mkdir()
+    Image.fromarray(disc.image).save(folder / "w.webp", lossless=True)
+    Image.fromarray(disc.trimap).save(folder / "w.trimap.png")
+    Image.fromarray(disc.image).save(folder / "x.webp", lossless=True)
+    Image.fromarray(disc.image).save(folder / "y.tiff")
+    assert np.array_equal(np.asarray(Image.open(folder / "w.webp")), disc.image)
+    summary = qx.batch(folder, out, jobs=np.int64(1))
+    assert (summary["written"], summary["current"], summary["failed"]) == (["w"], [], {})
+    assert summary["without_partner"] == 2 and sorted(summary["skipped"]) == ["x.webp", "y.tiff"]
+    for name, reason in summary["skipped"].items():
+        stem = name.split(".")[0]
+        assert all(stem + p in reason for p in (".mask.png", ".trimap.png", ".strokes.png"))
+    assert np.array_equal(np.asarray(Image.open(out / "w.png")),
+                          qx.cutout(disc.image, trimap=disc.trimap))
+    assert sorted(os.listdir(out)) == ["w.png"]
+
+
+FAKE_TOOL = """#!%s
+# Stands in for qxmatte: logs its arguments and answers for the photo named after --only.
+import json, sys
+name = sys.argv[sys.argv.index("--only") + 1]
+with open(%r, "a") as log:
+    log.write(json.dumps(sys.argv[1:]) + "\\n")
+answers = {
+    "a": ["batch: 0 written, 0 up to date, 1 failed, 1 without a partner",
+          "  ab.png: skipped, no partner ab.mask.png, ab.trimap.png or ab.strokes.png",
+          "  a.png: the partner a.mask.png is 8 x 8: the photo 9 x 9"],
+    "b": ["batch: 1 written, 0 up to date, 0 failed, 1 without a partner",
+          "  ab.png: skipped, no partner ab.mask.png, ab.trimap.png or ab.strokes.png", ""],
+    "c": ["batch: 0 written, 1 up to date, 0 failed, 0 without a partner"],
+}
+if name in answers:
+    print("\\n".join(answers[name]))
+else:
+    sys.exit("qxmatte: %%s: the tool broke" %% name)
+"""
+
+
+def test_batch_reads_each_tasks_outcome_from_the_tools_lines(tmp_path, monkeypatch):
+    folder, out = tmp_path / "in", tmp_path / "out"
+    folder.mkdir()
+    out.mkdir()
+    for name in ("a.png", "a.jpg", "a.mask.png", "b.tif", "b.strokes.png", "c.jpeg",
+                 "c.trimap.png", "d.png", "d.mask.png", "ab.png"):
+        (folder / name).write_bytes(b"")
+    tool, log = tmp_path / "qxmatte", tmp_path / "log"
+    tool.write_text(FAKE_TOOL % (sys.executable, str(log)))
+    tool.chmod(0o755)
+    monkeypatch.setenv("QXMATTE", str(tool))
+    summary = qx.batch(folder, out, jobs=3)
+    assert summary["written"] == ["b"] and summary["current"] == ["c"]
+    assert summary["failed"] == {"a": "the partner a.mask.png is 8 x 8: the photo 9 x 9",
+                                 "d": "qxmatte: d: the tool broke"}
+    assert list(summary["skipped"]) == ["ab.png"] and summary["without_partner"] == 1
+    # One task a name (a.png and a.jpg are one), each the tool's batch of that photo alone.
+    calls = sorted(json.loads(line) for line in log.read_text().splitlines())
+    assert calls == [["batch", str(folder), "-o", str(out), "--only", n, "-q"] for n in "abcd"]

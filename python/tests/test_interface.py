@@ -9,6 +9,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
+from numpy.lib.stride_tricks import as_strided
 
 import qxiveilon31 as qx
 from qxiveilon31 import _native
@@ -39,6 +40,75 @@ def test_orders_kinds_and_strides_give_the_same_bytes(disc):
         image[disc.image == 255] = 1.5  # saturates
         result = qx.matte_trimap(image, disc.trimap / 255.0)
         assert result.dtype == np.float64 and np.array_equal(np.rint(result * 255), alpha)
+
+
+def _rows_apart(path, a, step):
+    """A read-only view of a's rows `step` bytes apart (negative: each row below the one
+    before) in a sparse file: a row stride the C interface's 32-bit int can't hold, with only
+    the rows themselves stored. Cut to 32 bits, each step below reads the zeros a row's bytes
+    away instead of the next row, and stays inside the file."""
+    row = a[0].nbytes
+    span = (a.shape[0] - 1) * abs(step) + a.nbytes + row
+    first = 0 if step > 0 else span - a.nbytes - row
+    with open(path, "wb") as f:
+        f.truncate(span)
+        for k, values in enumerate(np.ascontiguousarray(a)):
+            os.pwrite(f.fileno(), values.tobytes(), first + k * step)
+    buffer = np.memmap(path, np.uint8, "r", shape=(span,))
+    return as_strided(buffer[first:], shape=a.shape, strides=(step,) + a.strides[1:],
+                      writeable=False)
+
+
+def test_rows_further_apart_than_a_32_bit_stride_are_copied_not_cut(disc, square_scene,
+                                                                    tmp_path):
+    square, _, _ = square_scene
+    rect = (30, 20, 110, 105)
+    marks = np.full(square.shape[:2], 128, np.uint8)  # keep on the disc, cut in a corner
+    marks[65:75, 75:85], marks[22:30, 32:40] = 255, 0
+    coarse = np.where(disc.alpha >= 0.5, 255, 0).astype(np.uint8)
+
+    def results(image, trimap, strokes, mask, square, marks):
+        with qx.GrabCutSession(square, rect) as session:
+            session.add_strokes(marks)
+            cut = session.cut()
+        return {"matte_trimap": qx.matte_trimap(image, trimap),
+                "matte_strokes": qx.matte_strokes(image, strokes),
+                "foreground": qx.foreground(image, mask),
+                "refine": qx.refine(image, mask),
+                "grabcut": qx.grabcut(square, rect, marks),
+                "cutout": qx.cutout(square, rect, strokes=marks),
+                "session": cut}
+
+    arrays = (disc.image, disc.trimap, disc.strokes, coarse, square, marks)
+    want = results(*arrays)
+    for step in (2 ** 32 + disc.image[0].nbytes, -(2 ** 32 - disc.image[0].nbytes)):
+        far = [_rows_apart(tmp_path / ("%d-%d" % (k, step)), a, step)
+               for k, a in enumerate(arrays)]
+        assert all(abs(v.strides[0]) > 2 ** 31 - 1 and np.array_equal(v, a)
+                   for v, a in zip(far, arrays))
+        got = results(*far)
+        for name in want:
+            assert np.array_equal(got[name], want[name]), (name, step)
+    # The sparse files hold a few pages each, however long they say they are.
+    assert sum(os.stat(p).st_blocks for p in tmp_path.iterdir()) * 512 < 2 ** 26
+    for p in tmp_path.iterdir():
+        p.unlink()
+
+
+def test_sides_and_strides_the_c_ints_cannot_hold_are_refused(no_library):
+    byte = np.zeros(4, np.uint8)  # every view below lies over these 4 bytes
+    for shape, side in (((2 ** 31, 1, 3), "height"), ((1, 2 ** 31, 3), "width")):
+        huge = as_strided(byte, shape=shape, strides=(0, 0, 1))
+        with pytest.raises(ValueError, match="image: its %s of %d pixels" % (side, 2 ** 31)):
+            qx.foreground(huge, huge[:, :, 0])
+    # The last check before a call, on arrays the package makes itself (outputs, a GrabCut
+    # session's buffers): a stride ctypes would cut to 32 bits is named, never handed over.
+    from qxiveilon31 import _arrays
+    assert _arrays.rows(byte.reshape(2, 2), "mask") == (byte.ctypes.data, 2)
+    for strides in ((2 ** 32 + 2, 1), (2 ** 31, 1), (-2, 1), (2, 2)):
+        view = as_strided(byte, shape=(2, 2), strides=strides)
+        with pytest.raises(ValueError, match=r"mask: .*strides \(%d, %d\)" % strides):
+            _arrays.rows(view, "mask")
 
 
 def test_stroke_forms_agree(disc):
