@@ -143,8 +143,12 @@ QX_API int qxwDefaultBand(int width, int height);
 
 /* Paints a straight brush stroke of `value` (QXW_KEEP or QXW_CUT for a stroke plane) from
  * (x0, y0) to (x1, y1), 2 * radius + 1 pixels wide with round ends, clipped to the plane: any
- * coordinates are safe. Returns 1, or 0 (nothing painted) for a NULL plane, a size below 1, a
- * stride shorter than a row or a negative radius. */
+ * coordinates and radius are safe, and the time is bounded by the plane's size. Strokes paint
+ * the brush's chain of discs, except one so large for the plane (radius or length far beyond
+ * its size) that the chain would cost over about a thousand fills of it: that one paints the
+ * pixels within radius + 1/2 of the segment, which agrees with the chain to within a pixel.
+ * Returns 1, or 0 (nothing painted) for a NULL plane, a size below 1, a stride shorter than a
+ * row or a negative radius. */
 QX_API int qxwPaintStroke(unsigned char* plane, int stride, int width, int height, int x0,
                           int y0, int x1, int y1, int radius, unsigned char value);
 

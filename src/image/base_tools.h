@@ -162,5 +162,15 @@ int drawCircle(uint8_t* data, int step, int width, int height, int cx, int cy, i
 // round ends; a negative radius draws nothing. Returns 1.
 int drawLineW(uint8_t* data, int step, int width, int height, int x0, int y0, int x1, int y1,
               int radius, uint8_t value);
+// Filled capsule: every pixel whose centre lies within `reach` of the segment from (x0,y0) to
+// (x1,y1). Each row's covered part is one interval worked out directly, so any coordinates and
+// reach take time in proportion to the plane. A negative or NaN reach draws nothing. Returns 1.
+int fillCapsule(uint8_t* data, int step, int width, int height, int x0, int y0, int x1, int y1,
+                double reach, uint8_t value);
+// The stroke of drawLineW, pixel for pixel, while its walk costs at most about a thousand fills
+// of the plane; beyond that (a radius or length far beyond the plane) the capsule of reach
+// radius + 1/2, which agrees with the walk to within a pixel. Returns 1.
+int drawStroke(uint8_t* data, int step, int width, int height, int x0, int y0, int x1, int y1,
+               int radius, uint8_t value);
 
 }  // namespace qx

@@ -1,0 +1,226 @@
+// Strokes of any size: qxwPaintStroke against the geometry of a round-ended stroke (the points
+// within its radius of the segment), and against the disc walk it keeps for ordinary strokes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "image/base_tools.h"
+#include "qxworkflow.h"
+
+namespace {
+
+constexpr uint8_t kPaint = 200, kPad = 0x5C;
+
+// A plane of w x h bytes, 0, with 7 marked pad bytes after every row.
+struct Plane {
+    int w, h, step;
+    std::vector<uint8_t> buf;
+    Plane(int w, int h) : w(w), h(h), step(w + 7), buf(size_t(step) * h, kPad) {
+        for (int y = 0; y < h; ++y) std::fill_n(buf.begin() + size_t(y) * step, w, uint8_t(0));
+    }
+    uint8_t* data() { return buf.data(); }
+    bool painted(int x, int y) const { return buf[size_t(y) * step + x] == kPaint; }
+    long count() const {
+        long n = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) n += painted(x, y);
+        return n;
+    }
+    bool padsKept() const {
+        for (int y = 0; y < h; ++y)
+            for (int i = w; i < step; ++i)
+                if (buf[size_t(y) * step + i] != kPad) return false;
+        return true;
+    }
+    bool operator==(const Plane& o) const { return buf == o.buf; }
+};
+
+Plane paint(int w, int h, int x0, int y0, int x1, int y1, int radius) {
+    Plane p(w, h);
+    EXPECT_EQ(qxwPaintStroke(p.data(), p.step, w, h, x0, y0, x1, y1, radius, kPaint), 1);
+    EXPECT_TRUE(p.padsKept());
+    return p;
+}
+
+// Distance from the pixel centre (x, y) to the segment, in long double from exact differences.
+long double distance(int x, int y, int x0, int y0, int x1, int y1) {
+    const long double dx = (long double)x1 - x0, dy = (long double)y1 - y0;
+    const long double px = (long double)x - x0, py = (long double)y - y0;
+    const long double len2 = dx * dx + dy * dy;
+    long double t = len2 > 0 ? (px * dx + py * dy) / len2 : 0;
+    t = std::clamp<long double>(t, 0, 1);
+    return std::hypot(px - t * dx, py - t * dy);
+}
+
+// Every row and every column of the painted pixels is one run: a convex region cut by the grid.
+void expectRunsAreSingle(const Plane& p) {
+    for (int y = 0; y < p.h; ++y) {
+        int runs = 0;
+        for (int x = 0; x < p.w; ++x) runs += p.painted(x, y) && (x == 0 || !p.painted(x - 1, y));
+        ASSERT_LE(runs, 1) << "row " << y;
+    }
+    for (int x = 0; x < p.w; ++x) {
+        int runs = 0;
+        for (int y = 0; y < p.h; ++y) runs += p.painted(x, y) && (y == 0 || !p.painted(x, y - 1));
+        ASSERT_LE(runs, 1) << "column " << x;
+    }
+}
+
+// Where two renderings of one stroke differ, the pixel lies within about a pixel of the
+// stroke's edge: both paint the points within the radius of the segment.
+void expectSameWithinAPixel(const Plane& a, const Plane& b, int x0, int y0, int x1, int y1,
+                            int radius) {
+    long differ = 0;
+    for (int y = 0; y < a.h; ++y)
+        for (int x = 0; x < a.w; ++x)
+            if (a.painted(x, y) != b.painted(x, y)) {
+                ++differ;
+                const long double d = distance(x, y, x0, y0, x1, y1);
+                ASSERT_GT(d, radius - 1.0L) << x << "," << y;
+                ASSERT_LT(d, radius + 1.5L) << x << "," << y;
+            }
+    EXPECT_LT(differ, std::max(a.count(), b.count()) / 10 + 1);
+}
+
+TEST(StrokeOfAnySize, HugeRadiusThroughThePlaneFillsItAll) {
+    // The brief's stroke: a radius of a billion along a row of a 640 x 480 plane.
+    const Plane whole = paint(640, 480, -2000000000, 5, 2000000000, 5, 1000000000);
+    EXPECT_EQ(whole.count(), 640L * 480);
+    // A radius just beyond the plane's diagonal (800) from an end far outside it.
+    EXPECT_EQ(paint(640, 480, -2147483647, -2147483647, 320, 240, 801).count(), 640L * 480);
+    // Extreme ends and radius.
+    EXPECT_EQ(paint(64, 48, INT32_MIN, INT32_MAX, INT32_MAX, INT32_MIN, INT32_MAX).count(),
+              64L * 48);
+}
+
+TEST(StrokeOfAnySize, FarAwayLeavesThePlaneUntouched) {
+    // Rows at distance above a billion and a half from the segment.
+    EXPECT_EQ(paint(640, 480, -2000000000, -1000000010, 2000000000, -1000000010, 1000000000)
+                  .count(),
+              0);
+    // Round end short of the plane: the nearest pixel (0, 0) is 2^31 - 1 - 2^30 away.
+    EXPECT_EQ(paint(640, 480, -2147483647, 0, -2147483647 - 1, 0, 1073741823).count(), 0);
+    // A diagonal far beyond the far corner.
+    EXPECT_EQ(paint(100, 80, 2000000000, 0, 0, 2000000000, 1000000000).count(), 0);
+}
+
+TEST(StrokeOfAnySize, HugeStrokeCuttingThePlanePaintsItsSideOfTheEdge) {
+    // A row segment a billion less 100 rows above the plane, radius a billion: its edge runs
+    // along row 100 (pixel centres within half a pixel beyond the radius count).
+    const Plane band = paint(640, 480, -2000000000, -999999900, 2000000000, -999999900,
+                             1000000000);
+    for (int y = 0; y < 480; ++y)
+        for (int x = 0; x < 640; ++x) ASSERT_EQ(band.painted(x, y), y <= 100) << x << "," << y;
+
+    // A diagonal segment along x + y = c: its edge is the line x + y = c + sqrt(2) (r + 1/2),
+    // here x + y = 501.08.
+    const int a = 1500000000, c = -1414213062, r = 1000000000;
+    const Plane diagonal = paint(640, 480, -a, c + a, c + a, -a, r);
+    for (int y = 0; y < 480; ++y)
+        for (int x = 0; x < 640; ++x) {
+            if (x + y <= 500) {
+                ASSERT_TRUE(diagonal.painted(x, y)) << x << "," << y;
+            } else if (x + y >= 503) {
+                ASSERT_FALSE(diagonal.painted(x, y)) << x << "," << y;
+            }
+        }
+    expectRunsAreSingle(diagonal);
+
+    // A round end: (x - ax)^2 + (y - ay)^2 <= (r + 1/2)^2 exactly, in integers; the same from
+    // the capsule fill itself.
+    const int ax = -1000000000 + 300, ay = 240;
+    const Plane cap = paint(640, 480, ax, ay, -2100000000, ay, r);
+    Plane capsule(640, 480);
+    qx::fillCapsule(capsule.data(), capsule.step, 640, 480, ax, ay, -2100000000, ay, r + 0.5,
+                    kPaint);
+    long inside = 0;
+    for (int y = 0; y < 480; ++y)
+        for (int x = 0; x < 640; ++x) {
+            const __int128 dx = 2 * (__int128(x) - ax), dy = 2 * (__int128(y) - ay);
+            const __int128 reach = 2 * __int128(r) + 1;
+            const bool in = dx * dx + dy * dy <= reach * reach;
+            inside += in;
+            ASSERT_EQ(cap.painted(x, y), in) << x << "," << y;
+            ASSERT_EQ(capsule.painted(x, y), in) << x << "," << y;
+        }
+    EXPECT_EQ(inside, 301L * 480);  // columns 0 to 300: the arc bends by 1/35000 of a pixel
+    expectRunsAreSingle(cap);
+}
+
+TEST(StrokeOfAnySize, OrdinaryStrokesPaintWhatTheDiscWalkPaints) {
+    std::mt19937 rng(20240611);
+    const int w = 173, h = 121;
+    std::uniform_int_distribution<int> xs(-90, w + 90), ys(-90, h + 90), radii(0, 60);
+    for (int i = 0; i < 400; ++i) {
+        const int x0 = xs(rng), y0 = ys(rng), r = radii(rng);
+        const int x1 = i % 10 == 0 ? x0 : xs(rng), y1 = i % 10 == 0 ? y0 : ys(rng);
+        const Plane byWorkflow = paint(w, h, x0, y0, x1, y1, r);
+        Plane byWalk(w, h);
+        qx::drawLineW(byWalk.data(), byWalk.step, w, h, x0, y0, x1, y1, r, kPaint);
+        ASSERT_TRUE(byWorkflow == byWalk)
+            << x0 << "," << y0 << " -> " << x1 << "," << y1 << " radius " << r;
+    }
+    // A broad brush across a 24-megapixel plane.
+    const int bw = 6000, bh = 4000;
+    const Plane broad = paint(bw, bh, -50, 300, bw + 50, bh - 300, 300);
+    Plane walk(bw, bh);
+    qx::drawLineW(walk.data(), walk.step, bw, bh, -50, 300, bw + 50, bh - 300, 300, kPaint);
+    EXPECT_TRUE(broad == walk);
+}
+
+TEST(StrokeOfAnySize, CapsuleAndDiscWalkAgreeWithinAPixel) {
+    struct Case {
+        int w, h, x0, y0, x1, y1, r;
+    };
+    // Moderate strokes, where both ways are cheap.
+    const Case cases[] = {{200, 150, 20, 30, 170, 110, 40},   {200, 150, 100, 75, 100, 75, 33},
+                          {200, 150, -30, 140, 230, 10, 25},  {200, 150, 60, -20, 75, 170, 12},
+                          {90, 70, 45, 35, 46, 90, 5},        {120, 90, -500, -400, 600, 500, 70}};
+    for (const Case& c : cases) {
+        Plane walk(c.w, c.h), capsule(c.w, c.h);
+        qx::drawLineW(walk.data(), walk.step, c.w, c.h, c.x0, c.y0, c.x1, c.y1, c.r, kPaint);
+        qx::fillCapsule(capsule.data(), capsule.step, c.w, c.h, c.x0, c.y0, c.x1, c.y1,
+                        c.r + 0.5, kPaint);
+        EXPECT_TRUE(capsule.padsKept());
+        SCOPED_TRACE(std::to_string(c.x0) + "," + std::to_string(c.y0) + " radius " +
+                     std::to_string(c.r));
+        expectSameWithinAPixel(walk, capsule, c.x0, c.y0, c.x1, c.y1, c.r);
+        expectRunsAreSingle(capsule);
+    }
+    // Strokes whose walk costs more than the plane allows (qxwPaintStroke fills their capsule)
+    // yet is still quick enough to run here: the plane is small, the radius 30000.
+    const Case large[] = {{64, 48, -40000, -29980, 40000, -29980, 30000},
+                          {64, 48, -30000, -30000, 30000, 30000, 30000},
+                          {64, 48, 20000, -62366, -22366, -20000, 30000}};
+    for (const Case& c : large) {
+        Plane walk(c.w, c.h);
+        qx::drawLineW(walk.data(), walk.step, c.w, c.h, c.x0, c.y0, c.x1, c.y1, c.r, kPaint);
+        const Plane stroke = paint(c.w, c.h, c.x0, c.y0, c.x1, c.y1, c.r);
+        SCOPED_TRACE(std::to_string(c.x0) + "," + std::to_string(c.y0) + " radius " +
+                     std::to_string(c.r));
+        expectSameWithinAPixel(walk, stroke, c.x0, c.y0, c.x1, c.y1, c.r);
+    }
+}
+
+TEST(StrokeOfAnySize, RefusalsAndEdgeCases) {
+    Plane p(10, 10);
+    EXPECT_EQ(qxwPaintStroke(nullptr, 10, 10, 10, 0, 0, 5, 5, 2, kPaint), 0);
+    EXPECT_EQ(qxwPaintStroke(p.data(), 9, 10, 10, 0, 0, 5, 5, 2, kPaint), 0);
+    EXPECT_EQ(qxwPaintStroke(p.data(), p.step, 10, 10, 0, 0, 5, 5, -1, kPaint), 0);
+    EXPECT_EQ(p.count(), 0);
+    // Radius 0 paints the segment's own pixels; a point stroke its disc.
+    EXPECT_EQ(paint(10, 10, 0, 0, 9, 9, 0).count(), 10);
+    EXPECT_EQ(paint(10, 10, 5, 5, 5, 5, 1).count(), 5);
+    Plane none(10, 10);
+    EXPECT_EQ(qx::fillCapsule(none.data(), none.step, 10, 10, 0, 0, 9, 9, -1.0, kPaint), 1);
+    EXPECT_EQ(qx::fillCapsule(none.data(), none.step, 10, 10, 0, 0, 9, 9, std::nan(""), kPaint),
+              1);
+    EXPECT_EQ(none.count(), 0);
+}
+
+}  // namespace
