@@ -92,7 +92,9 @@ typedef enum QxwForegroundMethod {
 } QxwForegroundMethod;
 
 /* Alpha from a tri-map: codes <= bgCode background, >= fgCode foreground, others undecided;
- * the final levels stretch [levelLow, levelHigh] to [0, 255] (255 and 0: none). */
+ * the final levels stretch [levelLow, levelHigh] to [0, 255] (255 and 0: none). QXW_BAD_INPUT,
+ * before any work, for a tri-map with no undecided pixel, or with undecided pixels but no
+ * background or no foreground pixel (the message says which is missing). */
 QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned char* trimap,
                                 int trimapStride, int fgCode, int bgCode, int levelHigh,
                                 int levelLow, unsigned char* alpha, int alphaStride,
@@ -133,7 +135,9 @@ QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* s
  * mask and the image: the mask's soft parts, a band along its edge that is wide where the image
  * has little contrast and narrow where an image edge agrees with it, pixels near the edge whose
  * colour belongs to the other side (hair outside the mask, holes inside it), and more band
- * where the solved edge runs on past it. QXW_BAD_INPUT for a mask that is all one value. */
+ * where the solved edge runs on past it. QXW_BAD_INPUT for a mask that is all one value. A mask
+ * whose values are only 0 and 1, both present (a binary mask saved as 0/1), is read as 0 and
+ * 255. */
 QX_API QxwStatus qxwRefineMask(const QxwImage* image, const unsigned char* mask, int maskStride,
                                unsigned char* alpha, int alphaStride, const QxwColourOut* colours,
                                QxwJob* job);

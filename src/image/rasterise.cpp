@@ -156,7 +156,8 @@ int fillCapsule(uint8_t* data, int step, int width, int height, int x0, int y0, 
             const double ry = y - ay;
             const auto along = linearRange(ux, ry * uy, 0.0, length);
             const auto across = linearRange(-uy, ry * ux, -reach, reach);
-            add(ax + std::max(along.first, across.first), ax + std::min(along.second, across.second));
+            add(ax + std::max(along.first, across.first),
+                ax + std::min(along.second, across.second));
         }
         if (!(lo <= hi)) continue;
         const double left = std::max(std::ceil(lo), 0.0);

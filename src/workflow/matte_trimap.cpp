@@ -8,6 +8,8 @@
 namespace qx::workflow {
 namespace {
 
+constexpr const char* kNothingUndecided = "the tri-map has no undecided pixel";
+
 // Why qxMaskBBox gave no box: no undecided pixel, or too few rows for the job. The box rule:
 // rows from the first to the last with an undecided pixel, 12 more on each side, clipped to the
 // image; under 24 rows is no box.
@@ -24,7 +26,7 @@ std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode) {
             }
         }
     }
-    if (first < 0) return "the tri-map has no undecided pixel";
+    if (first < 0) return kNothingUndecided;
     if (trimap.rows < kLeastRows)
         return "too few rows for the tri-map job: the image is " + std::to_string(trimap.rows) +
                " rows high, the job needs at least " + std::to_string(kLeastRows);
@@ -36,6 +38,30 @@ std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode) {
     return "too few undecided rows for the tri-map job: the undecided pixels lie on " + rows +
            ", " + std::to_string(bottom - top + 1) + " rows with 12 rows of margin, the job " +
            "needs at least " + std::to_string(kLeastRows) + " (widen the undecided band)";
+}
+
+// Why a tri-map can't be solved at all: nothing is undecided, or the undecided pixels have no
+// definite background or no definite subject to take their colours from. Empty when it has
+// all three.
+std::string unusableTrimap(const cv::Mat& trimap, int fgCode, int bgCode) {
+    bool background = false, subject = false, undecided = false;
+    for (int y = 0; y < trimap.rows && !(background && subject && undecided); ++y) {
+        const unsigned char* t = trimap.ptr<unsigned char>(y);
+        for (int x = 0; x < trimap.cols; ++x) {
+            background |= t[x] <= bgCode;
+            subject |= t[x] >= fgCode;
+            undecided |= t[x] > bgCode && t[x] < fgCode;
+        }
+    }
+    if (!undecided) return kNothingUndecided;
+    const std::string bg = "no code at or below " + std::to_string(bgCode);
+    const std::string fg = "no code at or above " + std::to_string(fgCode);
+    if (!background && !subject)
+        return "the tri-map has neither background (" + bg + ") nor subject (" + fg +
+               "): mark some of each";
+    if (!background) return "the tri-map has no background (" + bg + "): mark some background";
+    if (!subject) return "the tri-map has no subject (" + fg + "): mark some of the subject";
+    return {};
 }
 
 }  // namespace
@@ -100,6 +126,7 @@ extern "C" QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned
         err = "the codes need 0 <= background < foreground <= 255";
     if (err.empty() && (levelHigh < 0 || levelHigh > 255 || levelLow < 0 || levelLow > 255))
         err = "the levels take 0 to 255";
+    if (err.empty()) err = unusableTrimap(planeView(trimap, trimapStride, *image), fgCode, bgCode);
     return runEntry(job, err, "matting", [&](Relay& relay) {
         cv::Mat out;
         const QxwStatus s = matteTrimap(toBgr(*image), planeView(trimap, trimapStride, *image),

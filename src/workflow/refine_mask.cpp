@@ -147,14 +147,16 @@ bool growBand(cv::Mat& trimap, const cv::Mat& alpha) {
 
 }  // namespace
 
-QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv::Mat* colours,
+QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& coarse, cv::Mat* alpha, cv::Mat* colours,
                      Relay& relay, QxwJob* job) {
     double lo = 0.0, hi = 0.0;
-    cv::minMaxLoc(mask, &lo, &hi);
+    cv::minMaxLoc(coarse, &lo, &hi);
     if (lo == hi)
         return finishJob(job, QXW_BAD_INPUT,
                          "the mask is all one value (" + std::to_string(int(lo)) +
                              "): there is no edge to refine");
+    // A binary mask saved as 0 and 1 means what 0 and 255 mean.
+    const cv::Mat mask = hi == 1 ? cv::Mat(coarse * 255) : coarse;
     const double solveShare = colours ? 0.8 : 1.0;
     // The growing solves share [0.05, growEnd]; the last, plain solve takes the rest.
     const double growEnd = 0.05 + (solveShare - 0.05) * 0.8;

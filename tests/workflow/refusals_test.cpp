@@ -1,0 +1,177 @@
+// What the workflows make of inputs a user gets wrong: a tri-map without one of its sides is
+// refused before any work, saying which side is missing; a binary mask saved as 0 and 1 is
+// refined as the same mask saved as 0 and 255.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "qxworkflow.h"
+
+namespace {
+
+constexpr unsigned char kSentinel = 0x5A;
+
+// A disc of one colour on another (BGR), and its tri-map: 255 inside, 0 outside, 128 on a ring
+// of 6 pixels along the edge.
+struct Disc {
+    int w = 96, h = 72;
+    std::vector<unsigned char> image, trimap;
+    Disc() : image(size_t(w) * h * 3), trimap(size_t(w) * h) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const size_t i = size_t(y) * w + x;
+                const double d = std::hypot(x - w / 2.0, y - h / 2.0) - 22.0;
+                const bool in = d < 0;
+                image[3 * i] = in ? 30 : 200;
+                image[3 * i + 1] = in ? 190 : 60;
+                image[3 * i + 2] = in ? 70 : 150;
+                trimap[i] = std::fabs(d) <= 3 ? 128 : in ? 255 : 0;
+            }
+    }
+    QxwImage view() const { return {image.data(), w * 3, 3, w, h, QXW_BGR}; }
+};
+
+struct Calls {
+    int count = 0;
+    static void record(double, void* data) { ++static_cast<Calls*>(data)->count; }
+};
+
+// Runs the tri-map workflow on `trimap`; expects a refusal that wrote nothing and reported no
+// progress, and returns its message.
+std::string refusal(const Disc& d, const std::vector<unsigned char>& trimap, int fg, int bg) {
+    const QxwImage img = d.view();
+    std::vector<unsigned char> alpha(trimap.size(), kSentinel);
+    Calls calls;
+    QxwJob job{};
+    job.progress = &Calls::record;
+    job.progressData = &calls;
+    EXPECT_EQ(qxwMatteTrimap(&img, trimap.data(), d.w, fg, bg, 255, 0, alpha.data(), d.w, &job),
+              QXW_BAD_INPUT);
+    EXPECT_TRUE(std::all_of(alpha.begin(), alpha.end(), [](auto v) { return v == kSentinel; }));
+    EXPECT_EQ(calls.count, 0);
+    EXPECT_EQ(job.libraryStatus, 0);
+    return job.message;
+}
+
+TEST(TrimapSides, ATrimapWithoutBackgroundOrSubjectIsRefusedSayingWhich) {
+    const Disc d;
+    std::vector<unsigned char> noBackground = d.trimap, noSubject = d.trimap;
+    std::replace(noBackground.begin(), noBackground.end(), (unsigned char)0, (unsigned char)128);
+    std::replace(noSubject.begin(), noSubject.end(), (unsigned char)255, (unsigned char)128);
+    EXPECT_EQ(refusal(d, noBackground, 255, 0),
+              "the tri-map has no background (no code at or below 0): mark some background");
+    EXPECT_EQ(refusal(d, noSubject, 255, 0),
+              "the tri-map has no subject (no code at or above 255): mark some of the subject");
+    const std::vector<unsigned char> undecided(d.trimap.size(), 128);
+    EXPECT_EQ(refusal(d, undecided, 255, 0),
+              "the tri-map has neither background (no code at or below 0) nor subject (no code "
+              "at or above 255): mark some of each");
+
+    // Other codes: the sides are what lies at or beyond them, and the message names them.
+    std::vector<unsigned char> coded = d.trimap;
+    for (auto& v : coded) v = v == 255 ? 230 : v == 0 ? 20 : 128;
+    const std::string m = refusal(d, coded, 240, 20);
+    EXPECT_NE(m.find("no subject (no code at or above 240)"), std::string::npos) << m;
+    EXPECT_NE(refusal(d, coded, 230, 10).find("no background (no code at or below 10)"),
+              std::string::npos);
+}
+
+TEST(TrimapSides, BothSidesAndAnUndecidedBandAreSolved) {
+    const Disc d;
+    const QxwImage img = d.view();
+    // One background pixel in a corner is enough of a side.
+    std::vector<unsigned char> tri = d.trimap;
+    std::replace(tri.begin(), tri.end(), (unsigned char)0, (unsigned char)128);
+    tri[0] = 0;
+    std::vector<unsigned char> alpha(tri.size(), kSentinel);
+    QxwJob job{};
+    ASSERT_EQ(qxwMatteTrimap(&img, tri.data(), d.w, 255, 0, 255, 0, alpha.data(), d.w, &job),
+              QXW_OK)
+        << job.message;
+    // The codes given on both sides with the defaults: the usual answer, the disc.
+    ASSERT_EQ(qxwMatteTrimap(&img, d.trimap.data(), d.w, 255, 0, 255, 0, alpha.data(), d.w, &job),
+              QXW_OK);
+    int wrong = 0;
+    for (int y = 0; y < d.h; ++y)
+        for (int x = 0; x < d.w; ++x) {
+            const bool in = std::hypot(x - d.w / 2.0, y - d.h / 2.0) < 22.0;
+            wrong += std::abs(alpha[size_t(y) * d.w + x] - (in ? 255 : 0)) > 64;
+        }
+    EXPECT_LT(wrong, 10);
+    // A tri-map with nothing undecided keeps its own message.
+    const std::vector<unsigned char> decided(tri.size(), 255);
+    EXPECT_EQ(refusal(d, decided, 255, 0), "the tri-map has no undecided pixel");
+}
+
+// The workflows that make their tri-maps themselves still run: the cut-out's band from a
+// rectangle over the whole image (no background outside it), and refine's band.
+TEST(TrimapSides, WorkflowsThatMakeTheirOwnTrimapsAreUnaffected) {
+    const Disc d;
+    const QxwImage img = d.view();
+    std::vector<unsigned char> alpha(d.trimap.size(), kSentinel);
+    QxwJob job{};
+    ASSERT_EQ(qxwCutoutFromRect(&img, nullptr, 0, 0, 0, d.w, d.h, 4, alpha.data(), d.w, nullptr,
+                                &job),
+              QXW_OK)
+        << job.message;
+    EXPECT_EQ(alpha[size_t(d.h / 2) * d.w + d.w / 2], 255);
+    std::vector<unsigned char> mask(d.trimap.size());
+    for (size_t i = 0; i < mask.size(); ++i) mask[i] = d.trimap[i] == 0 ? 0 : 255;
+    ASSERT_EQ(qxwRefineMask(&img, mask.data(), d.w, alpha.data(), d.w, nullptr, &job), QXW_OK)
+        << job.message;
+    EXPECT_EQ(alpha[size_t(d.h / 2) * d.w + d.w / 2], 255);
+    EXPECT_EQ(alpha[0], 0);
+}
+
+// The demonstration scene's truth cut at half: one mask saved as 0/255 and as 0/1.
+TEST(RefineBinaryMask, ZeroOneMaskRefinesAsTheZero255Mask) {
+    const int w = 240, h = 180;
+    std::vector<unsigned char> image(size_t(w) * h * 3), truth(size_t(w) * h);
+    const QxwColourOut img{image.data(), w * 3};
+    ASSERT_EQ(qxwDemoScene(w, h, 5, &img, nullptr, 0, truth.data(), w, nullptr, nullptr, 0),
+              QXW_OK);
+    std::vector<unsigned char> mask255(truth.size()), mask01(truth.size());
+    for (size_t i = 0; i < truth.size(); ++i) {
+        mask255[i] = truth[i] >= 128 ? 255 : 0;
+        mask01[i] = truth[i] >= 128 ? 1 : 0;
+    }
+    const QxwImage view{image.data(), w * 3, 3, w, h, QXW_BGR};
+    std::vector<unsigned char> a255(truth.size(), kSentinel), a01(truth.size(), kSentinel);
+    std::vector<unsigned char> c255(image.size(), kSentinel), c01(image.size(), kSentinel);
+    const QxwColourOut o255{c255.data(), w * 3}, o01{c01.data(), w * 3};
+    QxwJob job{};
+    ASSERT_EQ(qxwRefineMask(&view, mask255.data(), w, a255.data(), w, &o255, &job), QXW_OK)
+        << job.message;
+    ASSERT_EQ(qxwRefineMask(&view, mask01.data(), w, a01.data(), w, &o01, &job), QXW_OK)
+        << job.message;
+    EXPECT_EQ(a01, a255);
+    EXPECT_EQ(c01, c255);
+    // And the answer is the subject, not an empty alpha: closer to the truth than the hard mask.
+    double hard = 0, refined = 0;
+    long subject = 0;
+    for (size_t i = 0; i < truth.size(); ++i) {
+        hard += std::abs(mask255[i] - truth[i]);
+        refined += std::abs(a01[i] - truth[i]);
+        subject += a01[i] >= 128;
+    }
+    EXPECT_LT(refined, hard);
+    EXPECT_GT(subject, long(truth.size() / 20));
+
+    // Only 0 and 1 make a binary mask: 0, 1 and 2 are a soft mask's values, all near nothing.
+    std::vector<unsigned char> faint = mask01, faintAlpha(truth.size(), kSentinel);
+    faint[0] = 2;
+    ASSERT_EQ(qxwRefineMask(&view, faint.data(), w, faintAlpha.data(), w, nullptr, &job), QXW_OK)
+        << job.message;
+    EXPECT_EQ(*std::max_element(faintAlpha.begin(), faintAlpha.end()), 0);
+    // All 1 is one value: refused as before.
+    const std::vector<unsigned char> ones(truth.size(), 1);
+    std::vector<unsigned char> kept(truth.size(), kSentinel);
+    EXPECT_EQ(qxwRefineMask(&view, ones.data(), w, kept.data(), w, nullptr, &job), QXW_BAD_INPUT);
+    EXPECT_TRUE(std::all_of(kept.begin(), kept.end(), [](auto v) { return v == kSentinel; }));
+}
+
+}  // namespace
