@@ -1,6 +1,6 @@
-// What the commands share, for the commands that live in files of their own (batch.cpp): exit
-// codes, failure messages, reading and all-or-nothing writing, and the job record with its
-// progress bar.
+// What the commands (commands/*.cpp) share: exit codes, failure messages, arguments, reading and
+// all-or-nothing writing, the job record with its progress bar, and the steps around a workflow
+// call.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -22,10 +22,24 @@ enum Exit { kExitOk = 0, kExitInput = 1, kExitUsage = 2, kExitOutput = 3, kExitJ
 int fail(int code, const std::string& message);
 // From now on this thread's failure messages go into *into instead (nullptr: back to stderr).
 void captureFailures(std::string* into);
+// A command line that names too little: one line, and where to look.
 int usageError(const char* command, const std::string& what);
 bool parseInt(const char* text, int lo, int hi, int* out);
-// -q, positional names, and a refusal of any other option: kExitOk when taken.
+// The arguments every command takes alike: -q, the positional names, and a refusal of any other
+// option. kExitOk when taken, otherwise the exit status.
 int otherArgument(const std::string& a, bool* showProgress, std::vector<std::string>* positional);
+
+// --keep/--cut X0,Y0,X1,Y1,R (R >= 0), added to list; false when the text is off.
+struct VectorStroke {
+    int v[5];
+    bool keep;
+};
+bool addVectorStroke(const std::string& option, const std::string& text,
+                     std::vector<VectorStroke>* list);
+constexpr const char* kVectorStrokeUsage = " takes X0,Y0,X1,Y1,R (integers, R at least 0)";
+// Paints vector strokes into the stroke image, making an unpainted one first when there is none.
+void applyVectorStrokes(const cv::Size& size, const std::vector<VectorStroke>& list,
+                        cv::Mat* strokes);
 
 // The record of one command's workflow calls: the progress bar (when shown) and the cancel flag
 // that SIGINT and SIGTERM raise.
@@ -69,6 +83,15 @@ struct Job {
 // The exit status of a failed workflow: the input's fault, the library's, or a signal's.
 int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job);
 
+// The record of a BGR image for the workflows.
+QxwImage imageOf(const cv::Mat& bgr);
+// The share of a command's bar for the alpha when the colours are recovered after it.
+constexpr double kSolveShare = 0.75;
+// The subject's colours under an alpha (the full-resolution recovery unless said otherwise);
+// the workflow's status, with the colours in *out.
+QxwStatus recover(const cv::Mat& image, const cv::Mat& alpha, Job& job, cv::Mat* out,
+                  QxwForegroundMethod method = QXW_FG_FULL);
+
 // What a photo's partner file asks for.
 enum class Partner { Mask, Trimap, Strokes };
 // The RGBA cut-out (BGRA) of a photo and its partner, exactly as `refine`, `trimap --cutout`
@@ -76,6 +99,13 @@ enum class Partner { Mask, Trimap, Strokes };
 int cutoutOf(Partner kind, const std::string& imagePath, const std::string& partnerPath, Job& job,
              cv::Mat* rgba, cv::Mat* alpha);
 
+// The commands, each in commands/: its arguments after the command's name; the exit status.
+int runTrimap(int argc, char** argv, bool showProgress);
+int runKeepCut(int argc, char** argv, bool showProgress);
+int runForeground(int argc, char** argv, bool showProgress);
+int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutCommand);
+int runRefine(int argc, char** argv, bool showProgress);
 int runBatch(int argc, char** argv, bool showProgress);
+int runDemo(int argc, char** argv, bool showProgress);
 
 }  // namespace qxmatte

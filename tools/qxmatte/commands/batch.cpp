@@ -13,7 +13,7 @@
 #include <mutex>
 #include <thread>
 
-#include "cli.h"
+#include "../cli.h"
 
 namespace qxmatte {
 namespace {
