@@ -58,9 +58,13 @@ typedef void (*QxwProgressFn)(double fraction, void* data);
 /* In: where progress goes (progress may be NULL), and a cancel flag (may be NULL) that any thread
  * may set to nonzero while the call runs: the call then returns QXW_CANCELLED at its next
  * progress step, with every output as it was. Out: a one-line message (empty on QXW_OK), and
- * the status of the library job that failed (0 when none did). A workflow may be given a NULL
- * job. The fraction reaches 1 only when the call succeeds. Calls on different threads run at
- * the same time, each with its own job. */
+ * the status of the library job that failed (0 when none did). The message is in words, never
+ * a status number; running out of memory says what the job asked for when that is known, and
+ * what is free (available memory and swap, within the process's address-space and container
+ * limits): "out of memory: the job needs another 36 MB and 7.9 MB is free; close other
+ * programs or use a smaller image". A workflow may be given a NULL job. The fraction reaches
+ * 1 only when the call succeeds. Calls on different threads run at the same time, each with its
+ * own job. */
 typedef struct QxwJob {
     QxwProgressFn progress;
     void* progressData;

@@ -3,6 +3,8 @@
 // place where each export's status is made from a failure.
 #pragma once
 
+#include <cstdint>
+#include <exception>
 #include <new>
 
 #include "frame/fpmode.h"
@@ -49,6 +51,33 @@ constexpr int kCancelledStatus = -3;
 
 int statusFor(Export which, int failure);
 
+// The failure an export's status stands for, as far as the status tells: a fault's value,
+// kNoMemory or kUnknownFailure; kRefused for a refused request; 0 for success. A status that
+// stands for several failures gives one of them (qxKeepCutToAlpha's -1: SizeLimit, also no
+// memory; qxMaskAlpha's -1000: kUnknownFailure, also no memory): the thread's failure note
+// below tells them apart.
+constexpr int kRefused = -2147483646;
+int failureOf(Export which, int status);
+
+// True for the failures that mean memory ran out.
+bool isMemoryFailure(int failure);
+
+// What the calling thread's last job export (guardedExport) met: the failure it caught (0 when
+// it returned without one) and, for an exception whose message says memory ran out (OpenCV's
+// "Failed to allocate N bytes"), memory set and the bytes asked for (0: not said).
+struct FailureNote {
+    int failure = 0;
+    bool memory = false;
+    uint64_t bytes = 0;
+};
+FailureNote lastFailure();
+void noteFailure(int failure, const char* message = nullptr);
+
+// The bytes an allocation failure's message names ("Failed to allocate N bytes"); 0 for none.
+uint64_t allocationBytes(const char* message);
+// True when an exception's message says memory ran out.
+bool memoryMessage(const char* message);
+
 // Takes the job's progress callback out when an export returns, however it returns: nothing
 // calls the host back after its job.
 // Throws Fault::Cancelled when the calling thread's cancel flag is set (frame/progress.h).
@@ -62,19 +91,27 @@ struct JobEnd {
 };
 
 // Runs body() with the library's floating-point mode; whatever it throws becomes the export's
-// status through statusFor() (a cancelled job: kCancelledStatus).
+// status through statusFor() (a cancelled job: kCancelledStatus), and the thread's failure note.
 template <typename Body>
 int guardedExport(Export which, Body&& body) {
     FpModeGuard fp;
     JobEnd end;
     try {
         checkCancelled();  // a job whose flag is already set does not start
-        return body();
+        const int status = body();
+        noteFailure(0);
+        return status;
     } catch (int e) {
+        noteFailure(e);
         return e == int(Fault::Cancelled) ? kCancelledStatus : statusFor(which, e);
     } catch (const std::bad_alloc&) {
+        noteFailure(kNoMemory);
         return statusFor(which, kNoMemory);
+    } catch (const std::exception& e) {
+        noteFailure(kUnknownFailure, e.what());
+        return statusFor(which, kUnknownFailure);
     } catch (...) {
+        noteFailure(kUnknownFailure);
         return statusFor(which, kUnknownFailure);
     }
 }

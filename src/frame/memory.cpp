@@ -109,6 +109,13 @@ void overrideMemStatus(const MemStatus* status, bool fail) {
     if (status) overrideValue = *status;
 }
 
+bool freeMemory(uint64_t* bytes) {
+    MemStatus s{};
+    if (!queryMemStatus(&s)) return false;
+    *bytes = std::min(s.availPageFile, s.availVirtual);
+    return true;
+}
+
 int usableMemInMB() {
     MemStatus s{};
     if (!queryMemStatus(&s)) return 0;

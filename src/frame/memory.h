@@ -21,6 +21,11 @@ bool queryMemStatus(MemStatus* out);
 // `fail` makes the query fail. Pass nullptr/false to go back to the real figures.
 void overrideMemStatus(const MemStatus* status, bool fail = false);
 
+// What a job can still have, in bytes: available memory plus free swap (or what the cgroup has
+// left, when less), limited by the address space the process may still map. False when the
+// status cannot be read.
+bool freeMemory(uint64_t* bytes);
+
 // The budget in units of 1000 bytes: the least of the three figures over 1300 (a safety factor
 // of 1.3), capped at 3,500,000; 0 when the status cannot be read.
 int usableMemInMB();

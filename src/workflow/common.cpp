@@ -2,7 +2,9 @@
 #include <cstdio>
 #include <cstring>
 #include <opencv2/imgproc.hpp>
+#include <sstream>
 
+#include "frame/memory.h"
 #include "frame/progress.h"
 #include "workflow/workflow.h"
 
@@ -50,6 +52,139 @@ void Relay::uninstall() {
     // A job refused before it started leaves the callback installed; a relay that has gone
     // must not be.
     if (qx::progressState().param == this) qx::setProgProc(nullptr, nullptr, 0, 0);
+}
+
+namespace {
+
+// A byte count in decimal units: "512 bytes", "7.9 MB", "36 MB", "3.2 GB".
+std::string bytesInWords(uint64_t bytes) {
+    static const char* const units[] = {"bytes", "kB", "MB", "GB", "TB", "PB", "EB"};
+    double v = static_cast<double>(bytes);
+    int u = 0;
+    while (v >= 1000.0 && u < 6) v /= 1000.0, ++u;
+    char text[40];
+    if (u == 0)
+        std::snprintf(text, sizeof text, "%d bytes", static_cast<int>(bytes));
+    else
+        std::snprintf(text, sizeof text, v < 9.95 ? "%.1f %s" : "%.0f %s", v, units[u]);
+    return text;
+}
+
+const char* jobName(qx::Export which) {
+    switch (which) {
+        case qx::Export::MaskAlpha: return "matting";
+        case qx::Export::KeepCut: return "keep-cut matting";
+        case qx::Export::StrokesToAlpha: return "stroke matting";
+        case qx::Export::GrabCut: return "GrabCut";
+        case qx::Export::ForegroundRecovery:
+        case qx::Export::ForegroundFull: return "foreground recovery";
+    }
+    return "the job";
+}
+
+// The words for a failure (a fault's value, qx::kNoMemory, qx::kUnknownFailure or qx::kRefused)
+// in job `what`; memory: whether it means memory ran out, bytes what was asked for (0: not
+// known). strokes: a job of keep and cut strokes, whose one-piece limit the user can move.
+std::string failureWords(const std::string& what, int failure, bool memory, uint64_t bytes,
+                         bool strokes) {
+    using qx::Fault;
+    if (failure == int(Fault::Cancelled)) return "cancelled";
+    if (memory || qx::isMemoryFailure(failure) || failure == int(Fault::TraceBuffer))
+        return outOfMemoryWords(bytes);
+    const std::string failed = what + " failed: ";
+    switch (failure) {
+        case qx::kRefused:
+            return failed + "the library refused the job's request (an internal fault)";
+        case int(Fault::GuardRow):
+            return failed + "a working image was written past its end (an internal fault)";
+        case int(Fault::FilterSize): return failed + "a smoothing filter could not be set up";
+        case int(Fault::SolverAnalysis):
+            return failed + "the sparse solver could not analyse the system";
+        case int(Fault::SolverFactorisation):
+            return failed + "the sparse solver could not factorise the system";
+        case int(Fault::SolverSolve):
+            return failed + "the sparse solver could not solve the system";
+        case int(Fault::SizeLimit):
+            return strokes ? "an area without enough strokes is too large to solve in one piece: "
+                             "add keep and cut strokes across the subject"
+                           : failed + "the system to solve is too large";
+        case int(Fault::TooFewStrokes):
+            return "too few strokes: paint at least one keep and one cut stroke";
+        case int(Fault::TransposeTooLarge):
+            return failed + "a piece of the recovery is too large for its solver";
+        default: return failed + "an unexpected internal failure";
+    }
+}
+
+// An exception's text as one line: its lines trimmed (OpenCV marks the lines of a long message
+// with "> ") and joined by spaces.
+std::string oneLine(const std::string& text) {
+    std::string line, out;
+    std::istringstream lines(text);
+    while (std::getline(lines, line)) {
+        const size_t first = line.find_first_not_of(" \t>"), last = line.find_last_not_of(" \t\r");
+        if (first == std::string::npos) continue;
+        if (!out.empty()) out += ' ';
+        out.append(line, first, last - first + 1);
+    }
+    return out.empty() ? "an unexpected internal failure" : out;
+}
+
+}  // namespace
+
+std::string outOfMemoryWords(uint64_t askedBytes) {
+    uint64_t free = 0;
+    const bool known = qx::freeMemory(&free);
+    std::string words = "out of memory: ";
+    if (askedBytes > 0 && (!known || askedBytes > free)) {
+        words += "the job needs another " + bytesInWords(askedBytes);
+        if (known) words += " and " + bytesInWords(free) + " is free";
+    } else if (known) {
+        words += "the job needs more than the " + bytesInWords(free) + " that is free";
+        if (askedBytes > 0)
+            words += " (it asked for another " + bytesInWords(askedBytes) + " when memory ran out)";
+    } else {
+        words += "the job needs more memory than is free";
+    }
+    return words + "; close other programs or use a smaller image";
+}
+
+std::string jobFailureWords(qx::Export which, int status) {
+    int failure = qx::failureOf(which, status);
+    bool memory = false;
+    uint64_t bytes = 0;
+    // The export's own failure, when the note is the one that made this status.
+    const qx::FailureNote note = qx::lastFailure();
+    if (note.failure != 0 && qx::statusFor(which, note.failure) == status) {
+        failure = note.failure;
+        memory = note.memory;
+        bytes = note.bytes;
+    }
+    return failureWords(jobName(which), failure, memory, bytes,
+                        which == qx::Export::KeepCut || which == qx::Export::StrokesToAlpha);
+}
+
+QxwStatus jobFailed(QxwJob* job, qx::Export which, int status) {
+    return finishJob(job, QXW_FAILED, jobFailureWords(which, status), status);
+}
+
+std::string thrownWords(const char* what) {
+    try {
+        throw;
+    } catch (const cv::Exception& e) {
+        if (e.code == cv::Error::StsNoMem || qx::memoryMessage(e.err.c_str()))
+            return outOfMemoryWords(qx::allocationBytes(e.err.c_str()));
+        return std::string(what) + " failed: " + oneLine(e.err);
+    } catch (const std::bad_alloc&) {
+        return outOfMemoryWords(0);
+    } catch (const std::exception& e) {
+        if (qx::memoryMessage(e.what())) return outOfMemoryWords(qx::allocationBytes(e.what()));
+        return std::string(what) + " failed: " + oneLine(e.what());
+    } catch (int e) {
+        return failureWords(what, e, false, 0, false);
+    } catch (...) {
+        return std::string(what) + " failed: an unexpected internal failure";
+    }
 }
 
 KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux) {

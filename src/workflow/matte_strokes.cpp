@@ -74,14 +74,10 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
             return finishJob(job, QXW_OK);
         case -5:
             return finishJob(job, QXW_BAD_INPUT, kTooFewStrokes, status);
-        case -1:
-            return finishJob(job, QXW_FAILED,
-                             "an area without enough strokes is too large to solve in one piece, "
-                             "or memory ran out: add keep and cut strokes across the subject",
-                             status);
         default:
-            return finishJob(job, QXW_FAILED,
-                             "keep-cut matting failed with status " + std::to_string(status),
+            return jobFailed(job,
+                             engine == QXW_ENGINE_STROKES ? qx::Export::StrokesToAlpha
+                                                          : qx::Export::KeepCut,
                              status);
     }
 }

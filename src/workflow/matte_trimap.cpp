@@ -96,9 +96,7 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     const int status =
         finished ? qxMaskAlpha(&req, 0, unknown, fgCode, bgCode, levelHigh, levelLow)
                  : qxMaskAlphaPlain(&req, unknown, fgCode, bgCode, levelHigh, levelLow);
-    if (status != 1)
-        return finishJob(job, QXW_FAILED, "matting failed with status " + std::to_string(status),
-                         status);
+    if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
 
     cv::Mat out(height, width, CV_8UC1);
     for (int y = 0; y < height; ++y) {

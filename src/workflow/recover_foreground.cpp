@@ -26,12 +26,7 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
         const int status = qxRecoverForegroundFull(&req);
-        if (status != 1)
-            return finishJob(job, QXW_FAILED,
-                             status == -1 ? "foreground recovery: not enough memory"
-                                          : "foreground recovery failed with status " +
-                                                std::to_string(status),
-                             status);
+        if (status != 1) return jobFailed(job, qx::Export::ForegroundFull, status);
         *colours = out;
         return finishJob(job, QXW_OK);
     }
@@ -55,9 +50,7 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
     relay.install(20000);
     const int64_t status = qxRecoverForeground(&req, 0);
     if (status != 0)
-        return finishJob(job, QXW_FAILED,
-                         "foreground recovery failed with status " + std::to_string(status),
-                         static_cast<int>(status));
+        return jobFailed(job, qx::Export::ForegroundRecovery, static_cast<int>(status));
     cv::cvtColor(dst, *colours, cv::COLOR_BGRA2BGR);
     return finishJob(job, QXW_OK);
 }

@@ -93,9 +93,7 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
         relay.span(at(0.25), at(0.5));
         status = qxGrabCut(&req, 0);
     }
-    if (status != 1)
-        return finishJob(job, QXW_FAILED, "GrabCut failed with status " + std::to_string(status),
-                         status);
+    if (status != 1) return jobFailed(job, qx::Export::GrabCut, status);
     // The result holds 0 and 254 with in-between values along the edge, and the strokes' fixed
     // codes; outside the rectangle it stays 0.
     *selection = result >= 128;

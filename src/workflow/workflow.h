@@ -7,6 +7,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 
+#include "frame/fault.h"
 #include "qxworkflow.h"
 
 namespace qx::workflow {
@@ -64,9 +65,23 @@ private:
 };
 QxwStatus cancelled(QxwJob* job);
 
+// A workflow's failures in words: one line, never a status number. Out of memory says what the
+// job asked for when that is known, and what is free (qx::freeMemory): "out of memory: the job
+// needs another 36 MB and 7.9 MB is free; close other programs or use a smaller image".
+std::string outOfMemoryWords(uint64_t askedBytes);
+// What it means that library job `which` returned `status` (not its success): what failed and
+// why. The failure the calling thread's last job export noted (qx::lastFailure) tells apart what
+// one status stands for, and gives the bytes an allocation asked for.
+std::string jobFailureWords(qx::Export which, int status);
+// Ends a workflow whose library job failed: QXW_FAILED, those words, the status in
+// libraryStatus.
+QxwStatus jobFailed(QxwJob* job, qx::Export which, int status);
+// The words for the exception being handled (only inside a catch block) in workflow `what`.
+std::string thrownWords(const char* what);
+
 // The frame of every C entry: a refusal (when not empty) returns QXW_BAD_INPUT with nothing run;
 // otherwise body(relay) runs with a relay over the whole call, 1 is reported when it returns
-// QXW_OK, and an escaped exception becomes QXW_FAILED ("<what> failed: ...").
+// QXW_OK, and an escaped exception becomes QXW_FAILED with its words (thrownWords).
 // A cancelled call (the job's flag set, seen by a library job or between stages) returns
 // QXW_CANCELLED whatever status the stage reported.
 template <class Body>
@@ -80,11 +95,9 @@ QxwStatus runEntry(QxwJob* job, const std::string& refusal, const char* what, Bo
         if (s != QXW_OK && cancel.requested()) return cancelled(job);
         if (s == QXW_OK) relay.finish();
         return s;
-    } catch (const std::exception& e) {
-        return finishJob(job, QXW_FAILED, std::string(what) + " failed: " + e.what());
-    } catch (int e) {
+    } catch (...) {
         if (cancel.requested()) return cancelled(job);
-        return finishJob(job, QXW_FAILED, std::string(what) + " failed with " + std::to_string(e));
+        return finishJob(job, QXW_FAILED, thrownWords(what));
     }
 }
 

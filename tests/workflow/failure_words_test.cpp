@@ -1,0 +1,355 @@
+// Failures in words: every status the library's jobs return reads as one line without the
+// number, and a job that really runs out of memory under a lowered address-space limit (in a
+// process of its own) says what it needed and what is free.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/fault.h"
+#include "frame/memory.h"
+#include "workflow/workflow.h"
+
+extern char** environ;
+
+namespace {
+
+using qx::Export;
+using qx::workflow::jobFailureWords;
+
+// The machine's figures replaced for the length of a test: 1.1 GB free.
+struct FreeMemory {
+    explicit FreeMemory(uint64_t free) {
+        const qx::MemStatus s{8000000000ull, free, uint64_t(1) << 46};
+        qx::overrideMemStatus(&s);
+    }
+    ~FreeMemory() { qx::overrideMemStatus(nullptr); }
+};
+
+constexpr char kCloseOthers[] = "; close other programs or use a smaller image";
+
+// One line, and no number that is the status (a byte count may hold its digits: "1.1 GB"; a
+// status 0 is no number to find).
+void expectWordsWithoutStatus(const std::string& m, int status) {
+    EXPECT_FALSE(m.empty());
+    EXPECT_EQ(m.find('\n'), std::string::npos) << m;
+    EXPECT_EQ(m.find("status"), std::string::npos) << m;
+    if (status == 0) return;
+    const std::regex numbers(R"(-?\d+(\.\d+)?)");
+    std::smatch number;
+    for (auto it = m.cbegin(); std::regex_search(it, m.cend(), number, numbers);
+         it = number[0].second)
+        EXPECT_NE(std::stod(number[0]), double(status)) << m;
+}
+
+// The statuses each job's documentation gives, and whether each means memory ran out.
+struct Case {
+    Export job;
+    int status;
+    bool memory;
+};
+const Case kStatuses[] = {
+    // qxMaskAlpha: the fault less 1000.
+    {Export::MaskAlpha, -898, true}, {Export::MaskAlpha, -897, false},
+    {Export::MaskAlpha, -892, false}, {Export::MaskAlpha, -888, true},
+    {Export::MaskAlpha, -887, true}, {Export::MaskAlpha, -1001, false},
+    {Export::MaskAlpha, -879, false}, {Export::MaskAlpha, -878, false},
+    {Export::MaskAlpha, -877, false}, {Export::MaskAlpha, -875, true},
+    {Export::MaskAlpha, -870, true}, {Export::MaskAlpha, -1000, false},
+    // qxRecoverForeground: the same, and a refusal.
+    {Export::ForegroundRecovery, -879, false}, {Export::ForegroundRecovery, -870, true},
+    {Export::ForegroundRecovery, -898, true}, {Export::ForegroundRecovery, -989, false},
+    {Export::ForegroundRecovery, -1000, false}, {Export::ForegroundRecovery, -2, false},
+    // qxKeepCutToAlpha: the fault itself.
+    {Export::KeepCut, -1, false}, {Export::KeepCut, 102, true}, {Export::KeepCut, 103, false},
+    {Export::KeepCut, 112, true}, {Export::KeepCut, 113, true}, {Export::KeepCut, 121, false},
+    {Export::KeepCut, 122, false}, {Export::KeepCut, 123, false}, {Export::KeepCut, 125, true},
+    {Export::KeepCut, 130, true}, {Export::KeepCut, -1000, false},
+    // qxStrokesToAlpha, qxRecoverForegroundFull: -1 memory.
+    {Export::StrokesToAlpha, -1, true}, {Export::StrokesToAlpha, -5, false},
+    {Export::StrokesToAlpha, -2, false}, {Export::StrokesToAlpha, -1000, false},
+    {Export::ForegroundFull, -1, true}, {Export::ForegroundFull, -2, false},
+    {Export::ForegroundFull, -1000, false},
+    // qxGrabCut: a thrown image failure as it stands, 0 a refusal.
+    {Export::GrabCut, 102, true}, {Export::GrabCut, 103, false}, {Export::GrabCut, 112, true},
+    {Export::GrabCut, 113, true}, {Export::GrabCut, -1000, false}, {Export::GrabCut, 0, false},
+};
+
+TEST(FailureWords, EveryStatusOfTheJobsReadsAsOneLineWithoutItsNumber) {
+    const FreeMemory free(1100000000ull);
+    for (const Case& c : kStatuses) {
+        qx::noteFailure(0);  // no export has failed on this thread
+        const std::string m = jobFailureWords(c.job, c.status);
+        SCOPED_TRACE(m);
+        expectWordsWithoutStatus(m, c.status);
+        if (c.memory) {
+            EXPECT_EQ(m, std::string("out of memory: the job needs more than the 1.1 GB that is "
+                                     "free") + kCloseOthers);
+        } else {
+            EXPECT_EQ(m.find("memory"), std::string::npos);
+        }
+    }
+    // The library's cancelled status.
+    EXPECT_EQ(jobFailureWords(Export::MaskAlpha, QX_CANCELLED), "cancelled");
+    // Some in full.
+    EXPECT_EQ(jobFailureWords(Export::MaskAlpha, -878),
+              "matting failed: the sparse solver could not factorise the system");
+    EXPECT_EQ(jobFailureWords(Export::GrabCut, 103),
+              "GrabCut failed: a working image was written past its end (an internal fault)");
+    EXPECT_EQ(jobFailureWords(Export::KeepCut, -1),
+              "an area without enough strokes is too large to solve in one piece: add keep and "
+              "cut strokes across the subject");
+}
+
+TEST(FailureWords, WhatTheExportNotedTellsApartWhatOneStatusStandsFor) {
+    const FreeMemory free(1100000000ull);
+    // -1000 of the tri-map job: no memory, or anything else.
+    qx::noteFailure(qx::kNoMemory);
+    EXPECT_EQ(jobFailureWords(Export::MaskAlpha, -1000),
+              std::string("out of memory: the job needs more than the 1.1 GB that is free") +
+                  kCloseOthers);
+    // -1 of the keep-cut job: no memory, or an area too large.
+    EXPECT_EQ(jobFailureWords(Export::KeepCut, -1).rfind("out of memory: ", 0), 0u);
+    qx::noteFailure(int(qx::Fault::SizeLimit));
+    EXPECT_EQ(jobFailureWords(Export::KeepCut, -1).rfind("an area without enough strokes", 0),
+              0u);
+    // An allocation the job asked OpenCV for, larger than what is free, and smaller.
+    qx::noteFailure(qx::kUnknownFailure,
+                    "OpenCV(4.6.0) alloc.cpp:73: error: (-4:Insufficient memory) Failed to "
+                    "allocate 3200000000 bytes in function 'OutOfMemoryError'\n");
+    EXPECT_EQ(jobFailureWords(Export::StrokesToAlpha, -1000),
+              std::string("out of memory: the job needs another 3.2 GB and 1.1 GB is free") +
+                  kCloseOthers);
+    qx::noteFailure(qx::kUnknownFailure, "Failed to allocate 36000000 bytes");
+    EXPECT_EQ(jobFailureWords(Export::GrabCut, -1000),
+              std::string("out of memory: the job needs more than the 1.1 GB that is free (it "
+                          "asked for another 36 MB when memory ran out)") +
+                  kCloseOthers);
+    // A note that did not make this status (left by an earlier job) is not taken.
+    qx::noteFailure(int(qx::Fault::GuardRow));
+    EXPECT_EQ(jobFailureWords(Export::MaskAlpha, -875).rfind("out of memory: ", 0), 0u);
+    qx::noteFailure(0);
+}
+
+TEST(FailureWords, WhatIsFreeComesFromTheMemoryStatus) {
+    using qx::workflow::outOfMemoryWords;
+    {
+        const FreeMemory free(512);
+        EXPECT_EQ(outOfMemoryWords(0),
+                  std::string("out of memory: the job needs more than the 512 bytes that is "
+                              "free") + kCloseOthers);
+        EXPECT_EQ(outOfMemoryWords(36000000),
+                  std::string("out of memory: the job needs another 36 MB and 512 bytes is "
+                              "free") + kCloseOthers);
+    }
+    {
+        // Available memory and swap 9.9 GB, the address space 7.9 MB: the less counts.
+        const qx::MemStatus s{16000000000ull, 9900000000ull, 7900000ull};
+        qx::overrideMemStatus(&s);
+        EXPECT_NE(outOfMemoryWords(0).find("the 7.9 MB that is free"), std::string::npos);
+        const qx::MemStatus t{16000000000ull, 9900000000ull, uint64_t(1) << 46};
+        qx::overrideMemStatus(&t);
+        EXPECT_NE(outOfMemoryWords(0).find("the 9.9 GB that is free"), std::string::npos);
+        qx::overrideMemStatus(nullptr, true);  // the status can't be read
+        EXPECT_EQ(outOfMemoryWords(0),
+                  std::string("out of memory: the job needs more memory than is free") +
+                      kCloseOthers);
+        qx::overrideMemStatus(nullptr);
+    }
+}
+
+// What escapes a workflow's body: an OpenCV exception in its own one line, an allocation
+// failure, a fault's value.
+TEST(FailureWords, AnExceptionThatReachesTheWorkflowFrameIsOneLine) {
+    const FreeMemory free(1100000000ull);
+    const auto run = [](auto thrower) {
+        QxwJob job{};
+        EXPECT_EQ(qx::workflow::runEntry(&job, "", "matting",
+                                         [&](qx::workflow::Relay&) {
+                                             thrower();
+                                             return QXW_OK;
+                                         }),
+                  QXW_FAILED);
+        EXPECT_EQ(job.libraryStatus, 0);
+        return std::string(job.message);
+    };
+    EXPECT_EQ(run([] {
+                  throw cv::Exception(cv::Error::StsNoMem, "Failed to allocate 36000000 bytes",
+                                      "OutOfMemoryError", "alloc.cpp", 73);
+              }),
+              std::string("out of memory: the job needs more than the 1.1 GB that is free (it "
+                          "asked for another 36 MB when memory ran out)") +
+                  kCloseOthers);
+    EXPECT_EQ(run([] {
+                  throw cv::Exception(cv::Error::StsBadArg, "sizes differ\nin the second plane",
+                                      "f", "file.cpp", 1);
+              }),
+              "matting failed: sizes differ in the second plane");
+    EXPECT_EQ(run([] { throw std::bad_alloc(); }),
+              std::string("out of memory: the job needs more than the 1.1 GB that is free") +
+                  kCloseOthers);
+    EXPECT_EQ(run([] { throw int(qx::Fault::SolverAnalysis); }),
+              "matting failed: the sparse solver could not analyse the system");
+    const std::string other = run([] { throw 7777; });
+    EXPECT_EQ(other, "matting failed: an unexpected internal failure");
+}
+
+// ---- A job in a process of its own, under a lowered address-space limit ----------------------
+//
+// The test below runs this file's program again with QX_OOM_CASE set: there, the job runs
+// under the limit and writes its status and message to QX_OOM_REPORT. Run as a test of its own
+// (no QX_OOM_CASE), it runs both jobs without a limit: they succeed, so a failure under the
+// limit is the limit's doing.
+
+// Virtual memory the process maps now, in bytes.
+uint64_t mappedBytes() {
+    std::ifstream statm("/proc/self/statm");
+    uint64_t pages = 0;
+    statm >> pages;
+    return pages * uint64_t(sysconf(_SC_PAGESIZE));
+}
+
+// The two jobs: "copy", strokes painted everywhere on 4000 x 3000 (the answer is the strokes;
+// the image's first copy, 36,000,000 bytes, is what runs out); "budget", colour recovery on
+// 3000 x 2000 under a soft alpha (the memory budget can't hold its pieces).
+QxwStatus runJob(const std::string& which, uint64_t limitAbove, QxwJob* job) {
+    const bool copy = which == "copy";
+    const int w = copy ? 4000 : 3000, h = copy ? 3000 : 2000;
+    std::vector<unsigned char> image(size_t(w) * h * 3), plane(size_t(w) * h),
+        out(size_t(w) * h * 3);
+    for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<unsigned char>(i * 7);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) plane[size_t(y) * w + x] = copy ? 255 : x * 255 / (w - 1);
+    const QxwImage img{image.data(), w * 3, 3, w, h, QXW_BGR};
+    const QxwColourOut colours{out.data(), w * 3};
+    if (limitAbove > 0) {
+        const rlimit limit{mappedBytes() + limitAbove, RLIM_INFINITY};
+        if (setrlimit(RLIMIT_AS, &limit) != 0) return QxwStatus(-1);
+    }
+    return copy ? qxwMatteStrokes(&img, plane.data(), w, QXW_ENGINE_STROKES, out.data(), w, job)
+                : qxwRecoverForeground(&img, plane.data(), w, QXW_FG_FULL, &colours, job);
+}
+
+TEST(OutOfMemoryProcess, TheJobsRunWithoutTheLimit) {
+    const char* which = std::getenv("QX_OOM_CASE");
+    if (which != nullptr) {  // the run under the limit
+        QxwJob job{};
+        const QxwStatus s = runJob(which, std::strtoull(std::getenv("QX_OOM_LIMIT"), nullptr, 10),
+                                   &job);
+        std::ofstream(std::getenv("QX_OOM_REPORT")) << int(s) << ' ' << job.libraryStatus << '\n'
+                                                    << job.message;
+        return;
+    }
+    for (const char* c : {"copy", "budget"}) {
+        QxwJob job{};
+        EXPECT_EQ(runJob(c, 0, &job), QXW_OK) << c << ": " << job.message;
+    }
+}
+
+struct Report {
+    int status = -99, libraryStatus = -99;
+    std::string message;
+};
+
+// Runs one job under the limit in a new process of this program, one thread (every thread's
+// stack would count against the limit).
+Report runUnderLimit(const std::string& which, uint64_t limitAbove) {
+    const std::string dir = ::testing::TempDir();
+    const std::string report = dir + "qx_oom_" + which + ".txt", log = report + ".log";
+    std::remove(report.c_str());
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) env.emplace_back(*e);
+    env.push_back("QX_OOM_CASE=" + which);
+    env.push_back("QX_OOM_LIMIT=" + std::to_string(limitAbove));
+    env.push_back("QX_OOM_REPORT=" + report);
+    env.push_back("OMP_THREAD_LIMIT=1");
+    env.push_back("OPENBLAS_NUM_THREADS=1");
+    std::vector<char*> envp, argv;
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::string self = "/proc/self/exe", filter =
+        "--gtest_filter=OutOfMemoryProcess.TheJobsRunWithoutTheLimit";
+    argv = {self.data(), filter.data(), nullptr};
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&files, 1, 2);
+    pid_t pid = 0;
+    const int spawned = posix_spawn(&pid, self.c_str(), &files, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&files);
+    EXPECT_EQ(spawned, 0);
+    if (spawned != 0) return {};
+    // A job under the limit ends: a hang fails the test instead of holding the suite.
+    int wstatus = 0;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    while (waitpid(pid, &wstatus, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > until) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &wstatus, 0);
+            ADD_FAILURE() << which << ": the job under the limit did not end in 120 s";
+            return {};
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::stringstream output;
+    output << std::ifstream(log).rdbuf();
+    EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << output.str();
+    Report r;
+    std::ifstream in(report);
+    in >> r.status >> r.libraryStatus;
+    in.ignore(1);
+    std::getline(in, r.message, '\0');
+    return r;
+}
+
+// "... and 7.9 MB is free" or "... the 7.9 MB that is free": the figure in bytes.
+double freeBytesSaid(const std::string& m) {
+    std::smatch said;
+    if (!std::regex_search(m, said, std::regex(R"(([0-9.]+) (bytes|kB|MB|GB)( is| that is) free)")))
+        return -1;
+    const std::string unit = said[2];
+    const double scale = unit == "bytes" ? 1 : unit == "kB" ? 1e3 : unit == "MB" ? 1e6 : 1e9;
+    return std::stod(said[1]) * scale;
+}
+
+TEST(OutOfMemoryProcess, AnOpenCvAllocationSaysWhatItAskedForAndWhatIsFree) {
+    const uint64_t limit = 16000000;  // the image's copy takes 36,000,000 bytes
+    const Report r = runUnderLimit("copy", limit);
+    EXPECT_EQ(r.status, QXW_FAILED) << r.message;
+    SCOPED_TRACE(r.message);
+    expectWordsWithoutStatus(r.message, r.libraryStatus);
+    EXPECT_EQ(r.message.rfind("out of memory: the job needs another 36 MB and ", 0), 0u);
+    EXPECT_NE(r.message.find(kCloseOthers), std::string::npos);
+    const double free = freeBytesSaid(r.message);
+    EXPECT_GE(free, 0.0);
+    EXPECT_LE(free, double(limit));
+}
+
+TEST(OutOfMemoryProcess, ALibraryJobsMemoryStatusSaysWhatIsFree) {
+    // The image's copy and the colour output (18,000,000 bytes each) fit; the recovery's
+    // pieces (some 150 MB for 6 megapixels) do not.
+    const uint64_t limit = 64000000;
+    const Report r = runUnderLimit("budget", limit);
+    EXPECT_EQ(r.status, QXW_FAILED) << r.message;
+    EXPECT_EQ(r.libraryStatus, -1);
+    SCOPED_TRACE(r.message);
+    expectWordsWithoutStatus(r.message, r.libraryStatus);
+    EXPECT_EQ(r.message.rfind("out of memory: the job needs more than the ", 0), 0u);
+    const double free = freeBytesSaid(r.message);
+    EXPECT_GT(free, 0.0);
+    EXPECT_LE(free, double(limit));
+}
+
+}  // namespace
