@@ -69,12 +69,14 @@ assert GrabCutRequest.control.offset == 128 and GrabCutRequest.roiTop.offset == 
 
 
 class QxError(RuntimeError):
-    """A job of the library failed. ``status`` is the status the failing job returned,
-    ``meaning`` the workflow's message, ``function`` the C function that was called."""
+    """A job of the library failed. The message is the workflow's own line in words (out of
+    memory says what the job needed and what was free); ``status`` is the status the failing
+    job returned, for programs, ``meaning`` the workflow's message, ``function`` the C function
+    that was called."""
 
     def __init__(self, function, status, text="unknown failure"):
         self.function, self.status, self.meaning = function, status, text
-        super().__init__("%s failed with status %d: %s" % (function, status, text))
+        super().__init__("%s: %s" % (function, text))
 
     def __reduce__(self):
         return (type(self), (self.function, self.status, self.meaning))

@@ -171,6 +171,8 @@ def test_what_the_workflows_refuse_or_fail_comes_out_as_their_message(disc, monk
     e = caught.value
     assert (e.function, e.status, e.meaning) == ("qxwMatteTrimap", -875,
                                                  "the direct solver ran out of memory")
+    # The message is the workflow's line; the status is for programs, not for people.
+    assert str(e) == "qxwMatteTrimap: the direct solver ran out of memory"
 
 
 def test_progress_reaches_each_callers_callback_on_its_thread(disc, capsys):
