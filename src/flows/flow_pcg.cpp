@@ -1,0 +1,91 @@
+#include "flows/flow_pcg.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "frame/progress.h"
+
+namespace qx::flows {
+namespace {
+
+constexpr int kBlock = 4096;
+constexpr int kCheckEvery = 16;
+// Below this many unknowns a parallel region costs more than it saves.
+constexpr int kParallelRows = 16384;
+
+// Sums term(i) over 0..n in fixed blocks (each in order, then the blocks in order).
+template <typename Term>
+double blockSum(int n, std::vector<double>& partial, Term term) {
+    const int blocks = (n + kBlock - 1) / kBlock;
+    partial.assign(size_t(blocks), 0.0);
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
+    for (int b = 0; b < blocks; ++b) {
+        const int end = std::min(n, (b + 1) * kBlock);
+        double s = 0.0;
+        for (int i = b * kBlock; i < end; ++i) s += term(i);
+        partial[size_t(b)] = s;
+    }
+    double s = 0.0;
+    for (double v : partial) s += v;
+    return s;
+}
+
+}  // namespace
+
+PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, int maxIterations,
+                       void (*poll)(void*), void* pollParam) {
+    const int n = system.n;
+    PcgResult result;
+    if (n == 0) return result;
+    const size_t count = static_cast<size_t>(n);
+    std::vector<double> r(count), z(count), p(count), q(count), inv(count);
+    std::vector<double> scratch, partial;
+    for (int i = 0; i < n; ++i) {
+        const double d = system.diagonal[size_t(i)];
+        inv[size_t(i)] = d > 0.0 ? 1.0 / d : 1.0;
+    }
+    const double* b = system.rhs.data();
+    const double bNorm = std::sqrt(blockSum(n, partial, [&](int i) { return b[i] * b[i]; }));
+    system.apply(x, q.data(), scratch);
+    double rr = blockSum(n, partial, [&](int i) {
+        r[size_t(i)] = b[i] - q[size_t(i)];
+        return r[size_t(i)] * r[size_t(i)];
+    });
+    const double goal = tolerance * (bNorm > 0.0 ? bNorm : 1.0);
+    double rz = blockSum(n, partial, [&](int i) {
+        z[size_t(i)] = inv[size_t(i)] * r[size_t(i)];
+        p[size_t(i)] = z[size_t(i)];
+        return r[size_t(i)] * z[size_t(i)];
+    });
+    int it = 0;
+    while (std::sqrt(rr) > goal && it < maxIterations) {
+        system.apply(p.data(), q.data(), scratch);
+        const double pq = blockSum(n, partial, [&](int i) { return p[size_t(i)] * q[size_t(i)]; });
+        if (!(pq > 0.0)) break;  // no curvature left along p: a singular direction
+        const double alpha = rz / pq;
+        rr = blockSum(n, partial, [&](int i) {
+            x[i] += alpha * p[size_t(i)];
+            r[size_t(i)] -= alpha * q[size_t(i)];
+            return r[size_t(i)] * r[size_t(i)];
+        });
+        const double rzNew = blockSum(n, partial, [&](int i) {
+            z[size_t(i)] = inv[size_t(i)] * r[size_t(i)];
+            return r[size_t(i)] * z[size_t(i)];
+        });
+        const double beta = rzNew / rz;
+        rz = rzNew;
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
+        for (int i = 0; i < n; ++i) p[size_t(i)] = z[size_t(i)] + beta * p[size_t(i)];
+        ++it;
+        if (it % kCheckEvery == 0) {
+            checkCancel();
+            if (poll) poll(pollParam);
+        }
+    }
+    result.iterations = it;
+    result.relativeResidual = std::sqrt(rr) / (bNorm > 0.0 ? bNorm : 1.0);
+    return result;
+}
+
+}  // namespace qx::flows

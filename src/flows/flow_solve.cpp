@@ -1,0 +1,95 @@
+#include "flows/flow_solve.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <vector>
+
+#include "flows/flow_pcg.h"
+#include "flows/local_laplacian.h"
+#include "frame/progress.h"
+
+namespace qx::flows {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double since(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+// Between two pieces of work: the cancel flag, then the caller's poll.
+void between(const FlowOptions& o) {
+    checkCancel();
+    if (o.poll) o.poll(o.pollParam);
+}
+
+}  // namespace
+
+void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char* alpha,
+               int alphaStep, FlowStats* stats) {
+    FlowStats local;
+    FlowStats& st = stats ? *stats : local;
+    st = FlowStats{};
+    const PixelSets sets = classifyPixels(image);
+    const int n = static_cast<int>(sets.unknown.size());
+    st.unknowns = n;
+    const FlowWeights& w = options.weights;
+
+    WeightRows mixture, intra, laplacian;
+    KnownUnknownEstimate estimate;
+    auto t = Clock::now();
+    if (n > 0 && w.colourMixture != 0.0) mixture = colourMixtureWeights(image, sets, options.mixture);
+    st.seconds[0] = since(t);
+    between(options);
+    t = Clock::now();
+    if (n > 0 && (w.knownUnknown != 0.0 || options.startFromEstimate))
+        estimate = knownUnknownFlow(image, sets, options.known);
+    for (float c : estimate.confidence) st.meanConfidence += c / n;
+    st.seconds[1] = since(t);
+    between(options);
+    t = Clock::now();
+    if (n > 0 && w.unknownUnknown != 0.0) intra = unknownUnknownWeights(image, sets, options.intra);
+    st.seconds[2] = since(t);
+    between(options);
+    t = Clock::now();
+    if (n > 0 && w.local != 0.0) laplacian = localLaplacianRows(image, sets, options.localEpsilon);
+    st.seconds[3] = since(t);
+    between(options);
+
+    t = Clock::now();
+    std::vector<double> x(size_t(n), 0.5);
+    if (n > 0) {
+        FlowTerms terms;
+        terms.mixture = &mixture;
+        terms.local = &laplacian;
+        terms.unknownUnknown = &intra;
+        terms.knownUnknown = &estimate;
+        const FlowSystem system = assembleFlowSystem(sets, terms, w);
+        if (options.startFromEstimate && estimate.alpha.size() == size_t(n))
+            for (int i = 0; i < n; ++i) x[size_t(i)] = estimate.alpha[size_t(i)];
+        const PcgResult r = solveFlowPcg(system, x.data(), options.tolerance,
+                                         options.maxIterations, options.poll, options.pollParam);
+        st.iterations = r.iterations;
+        st.relativeResidual = r.relativeResidual;
+    }
+    st.seconds[4] = since(t);
+
+    for (int y = 0; y < image.height; ++y) {
+        unsigned char* out = alpha + static_cast<int64_t>(y) * alphaStep;
+        for (int xx = 0; xx < image.width; ++xx) {
+            const int p = y * image.width + xx;
+            const PixelKind k = sets.kind[size_t(p)];
+            if (k != PixelKind::Unknown) {
+                out[xx] = k == PixelKind::Foreground ? 255 : 0;
+                continue;
+            }
+            const double a = std::clamp(x[size_t(sets.unknownIndex[size_t(p)])], 0.0, 1.0);
+            int v = static_cast<int>(std::lround(a * 255.0));
+            if (options.hardValueRule) v = std::clamp(v, 1, 254);
+            out[xx] = static_cast<unsigned char>(v);
+        }
+    }
+}
+
+}  // namespace qx::flows

@@ -1,0 +1,197 @@
+#include "flows/flow_system.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace qx::flows {
+namespace {
+
+// Below this many unknowns a parallel region costs more than it saves.
+constexpr int kParallelRows = 16384;
+
+double knownAlpha(const PixelSets& sets, int p) {
+    return sets.kind[size_t(p)] == PixelKind::Foreground ? 1.0 : 0.0;
+}
+
+// Sorts one row's (column, value) pairs by column and adds up equal columns, in place; returns
+// the merged length. Pairs of one column are added in the order they were put in.
+int mergeRow(std::pair<int, double>* row, int count) {
+    std::stable_sort(row, row + count,
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    int m = 0;
+    for (int t = 0; t < count; ++t) {
+        if (m > 0 && row[m - 1].first == row[t].first)
+            row[m - 1].second += row[t].second;
+        else
+            row[m++] = row[t];
+    }
+    return m;
+}
+
+// Rows built at fixed bounds, in parallel, then packed in order.
+template <typename FillRow>
+SparseRows buildRows(int n, const std::vector<int>& bound, FillRow fill) {
+    std::vector<int64_t> at(size_t(n) + 1, 0);
+    for (int r = 0; r < n; ++r) at[size_t(r) + 1] = at[size_t(r)] + bound[size_t(r)];
+    std::vector<std::pair<int, double>> work(static_cast<size_t>(at[size_t(n)]));
+    std::vector<int> length(size_t(n), 0);
+#pragma omp parallel for schedule(dynamic, 512)
+    for (int r = 0; r < n; ++r) {
+        std::pair<int, double>* row = work.data() + at[size_t(r)];
+        const int count = fill(r, row);
+        length[size_t(r)] = mergeRow(row, count);
+    }
+    SparseRows out;
+    out.start.assign(size_t(n) + 1, 0);
+    for (int r = 0; r < n; ++r) out.start[size_t(r) + 1] = out.start[size_t(r)] + length[size_t(r)];
+    out.cols.resize(size_t(out.start[size_t(n)]));
+    out.values.resize(out.cols.size());
+#pragma omp parallel for schedule(static)
+    for (int r = 0; r < n; ++r) {
+        const std::pair<int, double>* row = work.data() + at[size_t(r)];
+        for (int t = 0; t < length[size_t(r)]; ++t) {
+            out.cols[size_t(out.start[size_t(r)] + t)] = row[t].first;
+            out.values[size_t(out.start[size_t(r)] + t)] = static_cast<float>(row[t].second);
+        }
+    }
+    return out;
+}
+
+SparseRows transpose(const SparseRows& m, int n) {
+    SparseRows t;
+    t.start.assign(size_t(n) + 1, 0);
+    for (int c : m.cols) ++t.start[size_t(c) + 1];
+    for (int i = 0; i < n; ++i) t.start[size_t(i) + 1] += t.start[size_t(i)];
+    t.cols.resize(m.cols.size());
+    t.values.resize(m.cols.size());
+    std::vector<int> fill(t.start.begin(), t.start.end() - 1);
+    for (int r = 0; r < n; ++r)
+        for (int e = m.start[size_t(r)]; e < m.start[size_t(r) + 1]; ++e) {
+            const int q = fill[size_t(m.cols[size_t(e)])]++;
+            t.cols[size_t(q)] = r;
+            t.values[size_t(q)] = m.values[size_t(e)];
+        }
+    return t;
+}
+
+}  // namespace
+
+FlowSystem assembleFlowSystem(const PixelSets& sets, const FlowTerms& terms,
+                              const FlowWeights& weights) {
+    const int n = static_cast<int>(sets.unknown.size());
+    FlowSystem s;
+    s.n = n;
+    s.rhs.assign(size_t(n), 0.0);
+    s.diagonal.assign(size_t(n), 0.0);
+    const WeightRows* local = weights.local != 0.0 ? terms.local : nullptr;
+    const WeightRows* uu = weights.unknownUnknown != 0.0 ? terms.unknownUnknown : nullptr;
+    const KnownUnknownEstimate* ku = weights.knownUnknown != 0.0 ? terms.knownUnknown : nullptr;
+    const WeightRows* cm = weights.colourMixture != 0.0 ? terms.mixture : nullptr;
+    if (local && local->rows() != n) local = nullptr;
+    if (uu && uu->rows() != n) uu = nullptr;
+    if (cm && cm->rows() != n) cm = nullptr;
+
+    // The explicit part, and what the decided pixels move to the right-hand side.
+    std::vector<int> bound(size_t(n), 1);
+    for (int r = 0; r < n; ++r) {
+        if (local) bound[size_t(r)] += local->start[size_t(r) + 1] - local->start[size_t(r)];
+        if (uu) bound[size_t(r)] += uu->start[size_t(r) + 1] - uu->start[size_t(r)];
+    }
+    const double sL = weights.local, sUU = weights.unknownUnknown, sKU = weights.knownUnknown;
+    s.explicitPart = buildRows(n, bound, [&](int r, std::pair<int, double>* row) {
+        int m = 0;
+        double diag = 0.0, b = 0.0;
+        if (local)
+            for (int e = local->start[size_t(r)]; e < local->start[size_t(r) + 1]; ++e) {
+                const int p = local->cols[size_t(e)];
+                const double v = sL * local->weights[size_t(e)];
+                const int c = sets.unknownIndex[size_t(p)];
+                if (c >= 0) row[m++] = {c, v};
+                else b -= v * knownAlpha(sets, p);
+            }
+        if (uu)
+            for (int e = uu->start[size_t(r)]; e < uu->start[size_t(r) + 1]; ++e) {
+                const double v = sUU * uu->weights[size_t(e)];
+                row[m++] = {uu->cols[size_t(e)], -v};
+                diag += v;
+            }
+        if (ku) {
+            const double c = sKU * ku->confidence[size_t(r)];
+            diag += c;
+            b += c * ku->alpha[size_t(r)];
+        }
+        row[m++] = {r, diag};
+        s.rhs[size_t(r)] = b;
+        return m;
+    });
+    for (int r = 0; r < n; ++r)
+        for (int e = s.explicitPart.start[size_t(r)]; e < s.explicitPart.start[size_t(r) + 1]; ++e)
+            if (s.explicitPart.cols[size_t(e)] == r) s.diagonal[size_t(r)] += s.explicitPart.values[size_t(e)];
+
+    // The colour-mixture rows: 1 at the pixel, minus its weights at its neighbours; decided
+    // neighbours make the constant c, and the right-hand side takes -sCM M^T c.
+    if (cm) {
+        s.mixtureWeight = weights.colourMixture;
+        std::vector<double> constant(size_t(n), 0.0);
+        std::vector<int> mbound(static_cast<size_t>(n));
+        for (int r = 0; r < n; ++r)
+            mbound[size_t(r)] = 1 + cm->start[size_t(r) + 1] - cm->start[size_t(r)];
+        s.mixture = buildRows(n, mbound, [&](int r, std::pair<int, double>* row) {
+            int m = 0;
+            row[m++] = {r, 1.0};
+            double c = 0.0;
+            for (int e = cm->start[size_t(r)]; e < cm->start[size_t(r) + 1]; ++e) {
+                const int p = cm->cols[size_t(e)];
+                const double w = cm->weights[size_t(e)];
+                const int col = sets.unknownIndex[size_t(p)];
+                if (col >= 0) row[m++] = {col, -w};
+                else c -= w * knownAlpha(sets, p);
+            }
+            constant[size_t(r)] = c;
+            return m;
+        });
+        s.mixtureT = transpose(s.mixture, n);
+        const double sCM = weights.colourMixture;
+#pragma omp parallel for schedule(static)
+        for (int i = 0; i < n; ++i) {
+            double d = 0.0, b = 0.0;
+            for (int e = s.mixtureT.start[size_t(i)]; e < s.mixtureT.start[size_t(i) + 1]; ++e) {
+                const double v = s.mixtureT.values[size_t(e)];
+                d += v * v;
+                b += v * constant[size_t(s.mixtureT.cols[size_t(e)])];
+            }
+            s.diagonal[size_t(i)] += sCM * d;
+            s.rhs[size_t(i)] -= sCM * b;
+        }
+    }
+    return s;
+}
+
+void FlowSystem::apply(const double* x, double* y, std::vector<double>& scratch) const {
+    const bool mix = mixtureWeight != 0.0 && !mixture.cols.empty();
+    if (mix) {
+        scratch.resize(size_t(n));
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
+        for (int r = 0; r < n; ++r) {
+            double s = 0.0;
+            for (int e = mixture.start[size_t(r)]; e < mixture.start[size_t(r) + 1]; ++e)
+                s += double(mixture.values[size_t(e)]) * x[mixture.cols[size_t(e)]];
+            scratch[size_t(r)] = s;
+        }
+    }
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
+    for (int i = 0; i < n; ++i) {
+        double s = 0.0;
+        for (int e = explicitPart.start[size_t(i)]; e < explicitPart.start[size_t(i) + 1]; ++e)
+            s += double(explicitPart.values[size_t(e)]) * x[explicitPart.cols[size_t(e)]];
+        if (mix) {
+            double t = 0.0;
+            for (int e = mixtureT.start[size_t(i)]; e < mixtureT.start[size_t(i) + 1]; ++e)
+                t += double(mixtureT.values[size_t(e)]) * scratch[size_t(mixtureT.cols[size_t(e)])];
+            s += mixtureWeight * t;
+        }
+        y[i] = s;
+    }
+}
+
+}  // namespace qx::flows

@@ -1,0 +1,100 @@
+#include "flows/local_laplacian.h"
+
+#include <vector>
+
+#include "matting/cfmatt.h"
+
+namespace qx::flows {
+
+WeightRows localLaplacianRows(const FlowImage& image, const PixelSets& sets, double epsilon) {
+    const int w = image.width, h = image.height;
+    const int n = static_cast<int>(sets.unknown.size());
+    WeightRows out;
+    out.start.assign(size_t(n) + 1, 0);
+    if (n == 0 || w < 3 || h < 3) return out;
+
+    // Window centres: the decided map eroded once leaves 0 wherever a window holds an undecided
+    // pixel (the matting job's `core`).
+    Plane8 core(w, h);
+    for (int y = 0; y < h; ++y) {
+        unsigned char* c = core.row(y);
+        for (int x = 0; x < w; ++x)
+            c[x] = sets.kind[size_t(y) * w + x] == PixelKind::Unknown ? 0 : 255;
+    }
+    ErodeMap3x3(core);
+    CFMatt matt;
+    matt.epsilon = epsilon;
+    matt.stableAffinities = true;
+    unsigned char* planes[3] = {const_cast<unsigned char*>(image.planes[0]),
+                                const_cast<unsigned char*>(image.planes[1]),
+                                const_cast<unsigned char*>(image.planes[2])};
+    int count = 0;
+    if (matt.compMatLap(core, planes, image.planeStep, &count) != 0) return out;
+
+    std::vector<int> windowAt(size_t(w) * h, -1);
+    int windows = 0;
+    for (int y = 1; y < h - 1; ++y) {
+        const unsigned char* c = core.row(y);
+        for (int x = 1; x < w - 1; ++x)
+            if (c[x] == 0) windowAt[size_t(y) * w + x] = windows++;
+    }
+
+    // Every row has at most 25 entries: its 5x5 neighbourhood, in raster order.
+    out.cols.assign(size_t(n) * 25, 0);
+    out.weights.assign(size_t(n) * 25, 0.0f);
+    std::vector<int> length(size_t(n), 0);
+    const float* vals = matt.lapVals;
+    const float* diag = matt.lapDiag;
+#pragma omp parallel for schedule(static)
+    for (int r = 0; r < n; ++r) {
+        const int p = sets.unknown[size_t(r)];
+        const int px = p % w, py = p / w;
+        double sum[25] = {};
+        bool used[25] = {};
+        double self = 0.0;
+        for (int cy = py - 1; cy <= py + 1; ++cy) {
+            if (cy < 1 || cy > h - 2) continue;
+            for (int cx = px - 1; cx <= px + 1; ++cx) {
+                if (cx < 1 || cx > w - 2) continue;
+                const int win = windowAt[size_t(cy) * w + cx];
+                if (win < 0) continue;
+                const int a = (py - cy + 1) * 3 + (px - cx + 1);
+                const float* t = vals + 45 * int64_t(win);
+                for (int b = 0; b < 9; ++b) {
+                    const int lo = a < b ? a : b, hi = a < b ? b : a;
+                    const double v = t[9 * lo - lo * (lo - 1) / 2 + hi - lo];
+                    const int qx = cx - 1 + b % 3, qy = cy - 1 + b / 3;
+                    const int slot = (qy - py + 2) * 5 + (qx - px + 2);
+                    if (b == a) self += v;
+                    sum[slot] = (used[slot] ? sum[slot] : 0.0) - v;
+                    used[slot] = true;
+                }
+            }
+        }
+        int m = 0;
+        for (int slot = 0; slot < 25; ++slot) {
+            if (!used[slot]) continue;
+            const int qx = px + slot % 5 - 2, qy = py + slot / 5 - 2;
+            const double v = slot == 12 ? diag[p] - self : sum[slot];
+            out.cols[size_t(r) * 25 + m] = qy * w + qx;
+            out.weights[size_t(r) * 25 + m] = static_cast<float>(v);
+            ++m;
+        }
+        length[size_t(r)] = m;
+    }
+    // Packed in row order.
+    int pos = 0;
+    for (int r = 0; r < n; ++r) {
+        for (int t = 0; t < length[size_t(r)]; ++t) {
+            out.cols[size_t(pos) + t] = out.cols[size_t(r) * 25 + t];
+            out.weights[size_t(pos) + t] = out.weights[size_t(r) * 25 + t];
+        }
+        pos += length[size_t(r)];
+        out.start[size_t(r) + 1] = pos;
+    }
+    out.cols.resize(size_t(pos));
+    out.weights.resize(size_t(pos));
+    return out;
+}
+
+}  // namespace qx::flows

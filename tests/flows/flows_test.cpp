@@ -1,0 +1,413 @@
+// The flows' solve: the neighbour search against brute force, the weights' invariants (mixtures
+// sum to one and rebuild what they can, intra-unknown links symmetric, local rows summing to
+// zero), the combined system symmetric positive definite, and the whole solve on composites
+// I = a F + (1 - a) B with a known alpha, where background seen through holes deep inside the
+// undecided band is what the local solve alone gets wrong.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "flows/colour_mixture.h"
+#include "flows/feature_space.h"
+#include "flows/flow_pcg.h"
+#include "flows/flow_solve.h"
+#include "flows/flow_system.h"
+#include "flows/known_unknown.h"
+#include "flows/local_laplacian.h"
+#include "flows/unknown_unknown.h"
+#include "frame/fault.h"
+#include "frame/progress.h"
+
+using namespace qx::flows;
+
+namespace {
+
+// A composite with its truth: three colour planes, tri-map and alpha on 0..1.
+struct Scene {
+    int width = 0, height = 0;
+    std::vector<unsigned char> planes[3];
+    std::vector<unsigned char> tri;
+    std::vector<double> alpha;
+    std::vector<unsigned char> holes;  // 1 where background shows through a hole
+
+    FlowImage image() const {
+        FlowImage f;
+        f.width = width;
+        f.height = height;
+        for (int c = 0; c < 3; ++c) f.planes[c] = planes[c].data();
+        f.planeStep = width;
+        f.tri = tri.data();
+        f.triStep = width;
+        return f;
+    }
+};
+
+// Background: dark colours that spread in all three directions (red across, green down, blue in
+// 6-pixel checks); foreground: a square of light colours in 4-pixel checks, its red growing
+// downwards, with a soft rim 3 pixels wide. Each layer spans the colour space, so no one affine
+// function of the colour is 1 on the one and 0 on the other. Holes (discs of radius 3 where alpha is 0, the background
+// showing) sit 7 pixels inside the square's edge, in the undecided band (`band` pixels either
+// side of the edge) but surrounded by foreground: no decided pixel is near them.
+Scene holesScene(int size = 96, int band = 12, bool withHoles = true) {
+    Scene s;
+    s.width = s.height = size;
+    const int n = size * size;
+    for (auto& p : s.planes) p.resize(size_t(n));
+    s.tri.resize(size_t(n));
+    s.alpha.resize(size_t(n));
+    s.holes.assign(size_t(n), 0);
+    const int lo = size / 4, hi = size - size / 4;  // the square [lo, hi)
+    const int depth = 7;
+    std::vector<std::pair<int, int>> centres;
+    if (withHoles)
+        for (int t = lo + 10; t < hi - 10; t += 12) {
+            centres.push_back({t, lo + depth});
+            centres.push_back({lo + depth, t});
+            centres.push_back({t, hi - 1 - depth});
+            centres.push_back({hi - 1 - depth, t});
+        }
+    for (int y = 0; y < size; ++y)
+        for (int x = 0; x < size; ++x) {
+            const int p = y * size + x;
+            // Distance to the square's edge, inside positive.
+            const int inside = std::min({x - lo, hi - 1 - x, y - lo, hi - 1 - y});
+            double a = std::clamp((inside + 1.5) / 3.0, 0.0, 1.0);
+            for (const auto& c : centres)
+                if (std::hypot(x - c.first, y - c.second) <= 3.0) {
+                    a = 0.0;
+                    s.holes[size_t(p)] = 1;
+                }
+            s.alpha[size_t(p)] = a;
+            const bool fCheck = ((x / 4) + (y / 4)) % 2 == 0;
+            const bool bCheck = ((x / 6) + (y / 6)) % 2 == 0;
+            const double F[3] = {(fCheck ? 200.0 : 230.0) + 20.0 * y / size,
+                                 fCheck ? 220.0 : 190.0, fCheck ? 180.0 : 215.0};
+            const double B[3] = {40.0 + 60.0 * x / size, 40.0 + 60.0 * y / size,
+                                 bCheck ? 40.0 : 100.0};
+            for (int c = 0; c < 3; ++c)
+                s.planes[c][size_t(p)] =
+                    static_cast<unsigned char>(std::lround(a * F[c] + (1 - a) * B[c]));
+            s.tri[size_t(p)] = std::abs(inside) <= band ? 128 : inside > 0 ? 255 : 0;
+        }
+    return s;
+}
+
+// Mean |alpha - truth| over the pixels where `where` is 1 (or all undecided pixels when empty).
+double meanError(const Scene& s, const std::vector<unsigned char>& out,
+                 const std::vector<unsigned char>& where = {}) {
+    double sum = 0.0;
+    int count = 0;
+    for (int p = 0; p < s.width * s.height; ++p) {
+        if (where.empty() ? s.tri[size_t(p)] != 128 : where[size_t(p)] == 0) continue;
+        sum += std::abs(out[size_t(p)] / 255.0 - s.alpha[size_t(p)]);
+        ++count;
+    }
+    return count ? sum / count : 0.0;
+}
+
+std::vector<unsigned char> solve(const Scene& s, const FlowOptions& o) {
+    std::vector<unsigned char> out(s.tri.size(), 77);
+    flowAlpha(s.image(), o, out.data(), s.width);
+    return out;
+}
+
+FlowOptions localOnly() {
+    FlowOptions o;
+    o.weights = {0.0, 1.0, 0.0, 0.0};
+    o.startFromEstimate = false;
+    return o;
+}
+
+// n points of the feature space, uniform in the unit cube.
+std::vector<float> randomPoints(int n, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(0.0f, 1.0f);
+    std::vector<float> pts(size_t(n) * kFeatureDims);
+    for (auto& v : pts) v = u(rng);
+    return pts;
+}
+
+}  // namespace
+
+TEST(FlowsNeighbours, ExactSearchMatchesBruteForce) {
+    const int n = 3000, k = 9;
+    std::vector<float> pts = randomPoints(n, 5);
+    // Coarse copies: many points share their colour, as 8-bit pixels do.
+    for (int i = 0; i < n; i += 3) pts[size_t(i) * kFeatureDims] = 0.5f;
+    KdTree tree;
+    tree.build(pts.data(), n);
+    for (int q = 0; q < 200; ++q) {
+        const int self = q * 7;
+        const float* query = pts.data() + int64_t(self) * kFeatureDims;
+        int names[k];
+        float dist[k];
+        ASSERT_EQ(tree.nearest(query, k, self, names, dist), k);
+        std::vector<float> all;
+        for (int i = 0; i < n; ++i) {
+            if (i == self) continue;
+            float d = 0.0f;
+            for (int c = 0; c < kFeatureDims; ++c) {
+                const float t = pts[size_t(i) * kFeatureDims + c] - query[c];
+                d += t * t;
+            }
+            all.push_back(d);
+        }
+        std::sort(all.begin(), all.end());
+        for (int j = 0; j < k; ++j) {
+            EXPECT_FLOAT_EQ(dist[j], all[size_t(j)]) << "query " << q << " rank " << j;
+            EXPECT_NE(names[j], self);
+        }
+    }
+}
+
+TEST(FlowsNeighbours, BudgetedSearchGivesDistinctNeighboursNearFirst) {
+    const int n = 5000, k = 20;
+    const std::vector<float> pts = randomPoints(n, 8);
+    KdTree tree;
+    tree.build(pts.data(), n);
+    std::vector<int> self(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) self[size_t(i)] = i;
+    const std::vector<int> found = nearestAll(tree, pts.data(), n, k, self, 32);
+    for (int i = 0; i < n; ++i) {
+        std::vector<int> row(found.begin() + int64_t(i) * k, found.begin() + int64_t(i + 1) * k);
+        for (int v : row) {
+            EXPECT_GE(v, 0);
+            EXPECT_NE(v, i);
+        }
+        std::sort(row.begin(), row.end());
+        EXPECT_EQ(std::unique(row.begin(), row.end()), row.end());
+    }
+}
+
+TEST(FlowsWeights, MixtureRebuildsAnAffineCombination) {
+    // The target is 0.4 n0 + 0.2 n1 + 0.3 n2 + 0.1 n3 of four affinely independent points: the
+    // only affine weights that rebuild it exactly.
+    const float nb[12] = {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
+    const float target[3] = {0.2f, 0.3f, 0.1f};
+    double w[4];
+    mixtureWeights(target, nb, 4, 3, 1e-7, w);
+    EXPECT_NEAR(w[0], 0.4, 1e-4);
+    EXPECT_NEAR(w[1], 0.2, 1e-4);
+    EXPECT_NEAR(w[2], 0.3, 1e-4);
+    EXPECT_NEAR(w[3], 0.1, 1e-4);
+}
+
+TEST(FlowsWeights, MixtureOfEqualNeighboursIsEven) {
+    const float nb[9] = {0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f};
+    const float target[3] = {0.5f, 0.5f, 0.5f};
+    double w[3];
+    mixtureWeights(target, nb, 3, 3, 1e-3, w);
+    for (double v : w) EXPECT_NEAR(v, 1.0 / 3.0, 1e-12);
+}
+
+TEST(FlowsWeights, ColourMixtureRowsSumToOne) {
+    const Scene s = holesScene(64, 8);
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    for (int dims : {3, 5}) {
+        ColourMixtureOptions o;
+        o.rebuildDims = dims;
+        const WeightRows w = colourMixtureWeights(image, sets, o);
+        ASSERT_EQ(w.rows(), static_cast<int>(sets.unknown.size()));
+        for (int r = 0; r < w.rows(); ++r) {
+            double sum = 0.0;
+            for (int e = w.start[size_t(r)]; e < w.start[size_t(r) + 1]; ++e) {
+                sum += w.weights[size_t(e)];
+                EXPECT_NE(w.cols[size_t(e)], sets.unknown[size_t(r)]);
+            }
+            ASSERT_NEAR(sum, 1.0, 1e-5) << "row " << r;
+        }
+    }
+}
+
+TEST(FlowsWeights, IntraUnknownLinksAreSymmetricAndBounded) {
+    const Scene s = holesScene(64, 8);
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    const WeightRows w = unknownUnknownWeights(image, sets, {});
+    auto at = [&](int r, int c) {
+        for (int e = w.start[size_t(r)]; e < w.start[size_t(r) + 1]; ++e)
+            if (w.cols[size_t(e)] == c) return double(w.weights[size_t(e)]);
+        return 0.0;
+    };
+    int links = 0;
+    for (int r = 0; r < w.rows(); ++r)
+        for (int e = w.start[size_t(r)]; e < w.start[size_t(r) + 1]; ++e) {
+            const int c = w.cols[size_t(e)];
+            EXPECT_NE(c, r);
+            EXPECT_GT(w.weights[size_t(e)], 0.0f);
+            EXPECT_LE(w.weights[size_t(e)], 2.0f);  // a link found from both ends counts twice
+            EXPECT_EQ(w.weights[size_t(e)], at(c, r));
+            ++links;
+        }
+    EXPECT_GE(links, w.rows());  // every pixel links to its neighbours
+}
+
+TEST(FlowsWeights, LocalRowsSumToZeroAndAreSymmetric) {
+    const Scene s = holesScene(48, 6);
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    const WeightRows L = localLaplacianRows(image, sets, 1e-8);
+    ASSERT_EQ(L.rows(), static_cast<int>(sets.unknown.size()));
+    auto at = [&](int r, int pixel) {
+        for (int e = L.start[size_t(r)]; e < L.start[size_t(r) + 1]; ++e)
+            if (L.cols[size_t(e)] == pixel) return double(L.weights[size_t(e)]);
+        return 0.0;
+    };
+    for (int r = 0; r < L.rows(); ++r) {
+        double sum = 0.0, scale = 0.0;
+        for (int e = L.start[size_t(r)]; e < L.start[size_t(r) + 1]; ++e) {
+            sum += L.weights[size_t(e)];
+            scale = std::max(scale, std::abs(double(L.weights[size_t(e)])));
+            const int q = sets.unknownIndex[size_t(L.cols[size_t(e)])];
+            if (q >= 0)
+                EXPECT_NEAR(L.weights[size_t(e)], at(q, sets.unknown[size_t(r)]), 1e-4 * scale);
+        }
+        EXPECT_NEAR(sum, 0.0, 1e-4 * scale) << "row " << r;
+        EXPECT_GT(at(r, sets.unknown[size_t(r)]), 0.0);
+    }
+}
+
+TEST(FlowsWeights, KnownUnknownEstimateFollowsTheMixture) {
+    // Flat layers: every undecided colour is an exact mixture of the two, so the foreground's
+    // share of the rebuilding weights is alpha, and the confidence is the layers' distance.
+    const int size = 48;
+    Scene s = holesScene(size, 6, false);
+    const double F[3] = {40, 60, 220}, B[3] = {200, 120, 30};
+    for (int p = 0; p < size * size; ++p)
+        for (int c = 0; c < 3; ++c)
+            s.planes[c][size_t(p)] = static_cast<unsigned char>(
+                std::lround(s.alpha[size_t(p)] * F[c] + (1 - s.alpha[size_t(p)]) * B[c]));
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    const KnownUnknownEstimate e = knownUnknownFlow(image, sets, {});
+    double d2 = 0.0;
+    for (int c = 0; c < 3; ++c) d2 += (F[c] - B[c]) * (F[c] - B[c]) / (255.0 * 255.0);
+    for (size_t r = 0; r < sets.unknown.size(); ++r) {
+        EXPECT_NEAR(e.alpha[r], s.alpha[size_t(sets.unknown[r])], 0.02) << "pixel " << r;
+        EXPECT_NEAR(e.confidence[r], d2 / 3.0, 0.02);
+    }
+}
+
+TEST(FlowsSystem, SymmetricPositiveDefiniteOnTheUnknowns) {
+    const Scene s = holesScene(32, 4);
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    const int n = static_cast<int>(sets.unknown.size());
+    ASSERT_GT(n, 50);
+    ASSERT_LT(n, 1000);
+    const WeightRows cm = colourMixtureWeights(image, sets, {});
+    const WeightRows uu = unknownUnknownWeights(image, sets, {});
+    const WeightRows L = localLaplacianRows(image, sets, 1e-8);
+    const KnownUnknownEstimate ku = knownUnknownFlow(image, sets, {});
+    for (const FlowWeights& w : {FlowWeights{1, 1, 0.01, 0.05}, FlowWeights{1, 0, 0, 0.05},
+                                 FlowWeights{0, 1, 0, 0}, FlowWeights{0, 0, 1, 0.05}}) {
+        const FlowSystem sys = assembleFlowSystem(sets, {&cm, &L, &uu, &ku}, w);
+        // A column by column through the product.
+        std::vector<double> A(size_t(n) * n), e(size_t(n), 0.0), col(static_cast<size_t>(n)), scratch;
+        for (int j = 0; j < n; ++j) {
+            e[size_t(j)] = 1.0;
+            sys.apply(e.data(), col.data(), scratch);
+            e[size_t(j)] = 0.0;
+            for (int i = 0; i < n; ++i) A[size_t(i) * n + j] = col[size_t(i)];
+            EXPECT_NEAR(sys.diagonal[size_t(j)], col[size_t(j)], 1e-7 * std::abs(col[size_t(j)]));
+        }
+        double scale = 0.0;
+        for (double v : A) scale = std::max(scale, std::abs(v));
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < i; ++j)
+                ASSERT_NEAR(A[size_t(i) * n + j], A[size_t(j) * n + i], 1e-6 * scale);
+        // Cholesky: every pivot positive.
+        for (int j = 0; j < n; ++j) {
+            double d = A[size_t(j) * n + j];
+            for (int t = 0; t < j; ++t) d -= A[size_t(j) * n + t] * A[size_t(j) * n + t];
+            ASSERT_GT(d, 1e-12 * scale) << "pivot " << j;
+            const double l = std::sqrt(d);
+            A[size_t(j) * n + j] = l;
+            for (int i = j + 1; i < n; ++i) {
+                double v = A[size_t(i) * n + j];
+                for (int t = 0; t < j; ++t) v -= A[size_t(i) * n + t] * A[size_t(j) * n + t];
+                A[size_t(i) * n + j] = v / l;
+            }
+        }
+    }
+}
+
+TEST(FlowsSystem, ConjugateGradientsReachTheMinimum) {
+    // At the solution the gradient A x - b vanishes: checked through the product itself.
+    const Scene s = holesScene(40, 5);
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    const WeightRows cm = colourMixtureWeights(image, sets, {});
+    const WeightRows L = localLaplacianRows(image, sets, 1e-8);
+    const KnownUnknownEstimate ku = knownUnknownFlow(image, sets, {});
+    const FlowSystem sys = assembleFlowSystem(sets, {&cm, &L, nullptr, &ku}, {});
+    std::vector<double> x(size_t(sys.n), 0.5), y(size_t(sys.n)), scratch;
+    const PcgResult r = solveFlowPcg(sys, x.data(), 1e-9, 20000);
+    EXPECT_GT(r.iterations, 0);
+    sys.apply(x.data(), y.data(), scratch);
+    double res = 0.0, b = 0.0;
+    for (int i = 0; i < sys.n; ++i) {
+        res += (y[size_t(i)] - sys.rhs[size_t(i)]) * (y[size_t(i)] - sys.rhs[size_t(i)]);
+        b += sys.rhs[size_t(i)] * sys.rhs[size_t(i)];
+    }
+    EXPECT_LE(std::sqrt(res), 1.01e-9 * std::sqrt(b));
+}
+
+TEST(FlowsSolve, KnownPixelsStayExact) {
+    const Scene s = holesScene(64, 8);
+    const std::vector<unsigned char> out = solve(s, FlowOptions{});
+    for (size_t p = 0; p < out.size(); ++p) {
+        if (s.tri[p] == 0) {
+            ASSERT_EQ(out[p], 0) << p;
+        } else if (s.tri[p] == 255) {
+            ASSERT_EQ(out[p], 255) << p;
+        }
+    }
+}
+
+TEST(FlowsSolve, RecoversHolesTheLocalSolveMisses) {
+    const Scene s = holesScene(96, 12);
+    const std::vector<unsigned char> flows = solve(s, FlowOptions{});
+    const std::vector<unsigned char> local = solve(s, localOnly());
+    const double flowHoles = meanError(s, flows, s.holes);
+    const double localHoles = meanError(s, local, s.holes);
+    const double flowBand = meanError(s, flows);
+    const double localBand = meanError(s, local);
+    std::printf("holes: flows %.3f local %.3f; band: flows %.3f local %.3f\n", flowHoles,
+                localHoles, flowBand, localBand);
+    EXPECT_LT(flowHoles, 0.08);
+    EXPECT_GT(localHoles, 0.25);
+    EXPECT_LT(flowBand, 0.03);
+    EXPECT_LT(flowBand, 0.5 * localBand);
+}
+
+TEST(FlowsSolve, HardValueRuleKeepsUndecidedOffTheEnds) {
+    const Scene s = holesScene(64, 8);
+    FlowOptions o;
+    o.hardValueRule = true;
+    const std::vector<unsigned char> out = solve(s, o);
+    for (size_t p = 0; p < out.size(); ++p)
+        if (s.tri[p] == 128) {
+            EXPECT_GE(out[p], 1);
+            EXPECT_LE(out[p], 254);
+        }
+}
+
+TEST(FlowsSolve, StopsWhenCancelled) {
+    const Scene s = holesScene(64, 8);
+    volatile int32_t flag = 1;
+    qx::setCancelFlag(&flag);
+    int thrown = 0;
+    try {
+        solve(s, FlowOptions{});
+    } catch (int e) {
+        thrown = e;
+    }
+    qx::setCancelFlag(nullptr);
+    EXPECT_EQ(thrown, int(qx::Fault::Cancelled));
+}
