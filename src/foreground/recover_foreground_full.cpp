@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "foreground/multilevel_fb.h"
@@ -21,6 +22,31 @@ namespace qx {
 namespace {
 
 constexpr int kLargestPiece = 1024;
+
+// Seconds an image pixel of the job's three stages, for laying out its progress (only their
+// ratios matter; measured on 2 cores at 12 MP): making the coarse levels, relaxing them, and
+// relaxing the full-size level piece by piece.
+constexpr double kMakeSeconds = 5e-8;
+constexpr double kCoarseSeconds = 5e-8;
+constexpr double kFullSeconds = 4e-7;
+
+// The kicks of a stage's sweeps; for the progress listener each sweep also moves the stage by
+// its level's share of the stage's pixels.
+class Sweeps {
+public:
+    explicit Sweeps(double pixels) : total_(pixels * kFbIterations) {}
+    // What fbRelax calls after each sweep of a level of `pixels` pixels.
+    std::function<void()> of(double pixels) {
+        return [this, pixels] {
+            progressKick();
+            done_ += pixels;
+            progressWithin(total_ > 0.0 ? done_ / total_ : 1.0);
+        };
+    }
+
+private:
+    double total_, done_ = 0.0;
+};
 
 const unsigned char* rangeEnd(const unsigned char* p, int step, int width, int height, int bpp) {
     return p + int64_t(height - 1) * step + int64_t(width) * bpp;
@@ -83,6 +109,7 @@ FbLevel halfLevel(const ForegroundRequest& r) {
         const FbLevel strip = fbHalve(pieceFromBytes(r, 0, y, r.width, std::min(kStrip, r.height - y)));
         std::copy(strip.I.begin(), strip.I.end(), half.I.begin() + size_t(y / 2) * half.w * 3);
         std::copy(strip.A.begin(), strip.A.end(), half.A.begin() + size_t(y / 2) * half.w);
+        progressWithin(double(y + kStrip) / r.height);
     }
     return half;
 }
@@ -91,6 +118,9 @@ int recoverJob(const ForegroundRequest& r) {
     const int W = r.width, H = r.height;
     const double budget =
         r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6 : usableMemInMB() * 1000.0;
+    const double pixels = double(W) * H;
+    ProgressParts parts({kMakeSeconds * pixels, kCoarseSeconds * pixels, kFullSeconds * pixels},
+                        true);
 
     // The coarse levels, finest first.
     std::vector<FbLevel> coarse;
@@ -118,8 +148,11 @@ int recoverJob(const ForegroundRequest& r) {
 
     const int kicks = int(coarse.size() + size_t(tilesX) * tilesY) * kFbIterations;
     setProgProc(r.progProc, r.progParam, kicks + 1, 1);
-    const auto tick = [] { progressKick(); };
+    parts.next();
 
+    double coarsePixels = 0.0;
+    for (const FbLevel& L : coarse) coarsePixels += double(L.w) * L.h;
+    Sweeps coarseSweeps(coarsePixels);
     for (size_t k = coarse.size(); k-- > 0;) {
         FbLevel& L = coarse[k];
         if (k + 1 == coarse.size()) {
@@ -129,11 +162,23 @@ int recoverJob(const ForegroundRequest& r) {
             fbStartFrom(L, coarse[k + 1]);
             coarse[k + 1] = FbLevel();  // only the level just below is needed from here on
         }
-        fbRelax(L, tick);
+        fbRelax(L, coarseSweeps.of(double(L.w) * L.h));
         L.I = std::vector<float>();
         L.A = std::vector<float>();
     }
 
+    parts.next();
+
+    // A piece's pixels with its halo.
+    auto extent = [&](int start, int size, int end) {
+        return double(std::min(end, start + size + halo) - std::max(0, start - halo));
+    };
+    double piecePixels = 0.0;
+    for (int ty = 0; ty < tilesY; ++ty)
+        for (int tx = 0; tx < tilesX; ++tx)
+            piecePixels += extent(tx * tile, std::min(tile, W - tx * tile), W) *
+                           extent(ty * tile, std::min(tile, H - ty * tile), H);
+    Sweeps pieceSweeps(piecePixels);
     std::vector<unsigned char> out(size_t(W) * H * 3);
     for (int ty = 0; ty < tilesY; ++ty)
         for (int tx = 0; tx < tilesX; ++tx) {
@@ -148,7 +193,7 @@ int recoverJob(const ForegroundRequest& r) {
             } else {
                 fbStartFrom(piece, coarse.front());
             }
-            fbRelax(piece, tick);
+            fbRelax(piece, pieceSweeps.of(double(ew) * eh));
             for (int y = cy; y < cy + ch; ++y) {
                 const unsigned char* al = r.alpha + int64_t(y) * r.alphaStep;
                 const unsigned char* px = r.image + int64_t(y) * r.imageStep;

@@ -174,6 +174,9 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
                       Plane8& mask) {
     const int64_t pixels = static_cast<int64_t>(width) * height;
 
+    // The system's order is about the windows' count.
+    const double windowCount = tripleCount / 45.0;
+    ProgressParts parts({SolveSeconds::assembly(windowCount), SolveSeconds::solver(windowCount)});
     // Window ordinals by centre, from the map that chose the windows (before the erosion below).
     std::optional<StageClock> clock(Stage::Windows);
     ScopedArrays sys;
@@ -197,6 +200,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         cleanMemAll();
         fail(Fault::ArrayMemory);
     }
+    progressWithin(0.05);
     progressKick();
     progressKick();
     clock.emplace(Stage::Assembly);
@@ -233,6 +237,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
             ++k;
         }
     }
+    progressWithin(0.15);
 
     alpha = static_cast<float*>(std::malloc(4 * static_cast<size_t>(n) + 32));
     if (!alpha) {
@@ -266,46 +271,53 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     int lastCols[kLongestRun];
     float lastFloats[kLongestRun];
     double lastDoubles[kLongestRun];
+    // In bands of rows, so that a progress listener hears the assembly move.
+    constexpr int kBands = 4;
+    for (int band = 0; band < kBands; ++band) {
+        const int firstRow = static_cast<int>(int64_t(height) * band / kBands);
+        const int endRow = static_cast<int>(int64_t(height) * (band + 1) / kBands);
 #pragma omp parallel for schedule(dynamic, 16)
-    for (int y = 0; y < height; ++y) {
-        int runCols[kLongestRun];
-        float runVals[kLongestRun];
-        for (int x = 0; x < width; ++x) {
-            const int64_t p = static_cast<int64_t>(y) * width + x;
-            const int row = unknownIndex[p];
-            if (row < 0) continue;
-            if (direct) {
-                alpha[row] = static_cast<float>(knownBytes[row]) * static_cast<float>(maskBytes[row]) / 255.0f;
-            } else {
-                xd[row] = maskBytes[row] / 255.0;
-                bd[row] = xd[row] * knownBytes[row];
-            }
-            const int64_t at = 13 * static_cast<int64_t>(row);
-            const bool last = row == lastRow;
-            int* cols = last ? lastCols : ja + at;
-            float* fv = last ? lastFloats : direct ? af + at : nullptr;
-            double* dv = last ? lastDoubles : direct ? nullptr : ad + at;
-            int written = 0;
-            auto put = [&](int column, float v) {
-                cols[written] = column;
-                if (direct) fv[written] = v; else dv[written] = v;
-                ++written;
-            };
-            int count = gatherRun(x, y, width, height, windowAt, lapVals, runCols, runVals);
-            if (count == 0) {
-                put(row + 1, knownBytes[row]);
-            } else {
-                count = mergeRun(static_cast<int>(p), count, runCols, runVals, width, p != lastPixel);
-                for (int t = 0; t < count; ++t) {
-                    const int c = unknownIndex[runCols[t]];
-                    if (c == row)
-                        put(c + 1, knownBytes[row] + lapDiag[p] - runVals[t]);
-                    else if (c > row)
-                        put(c + 1, 0 - runVals[t]);
+        for (int y = firstRow; y < endRow; ++y) {
+            int runCols[kLongestRun];
+            float runVals[kLongestRun];
+            for (int x = 0; x < width; ++x) {
+                const int64_t p = static_cast<int64_t>(y) * width + x;
+                const int row = unknownIndex[p];
+                if (row < 0) continue;
+                if (direct) {
+                    alpha[row] = static_cast<float>(knownBytes[row]) * static_cast<float>(maskBytes[row]) / 255.0f;
+                } else {
+                    xd[row] = maskBytes[row] / 255.0;
+                    bd[row] = xd[row] * knownBytes[row];
                 }
+                const int64_t at = 13 * static_cast<int64_t>(row);
+                const bool last = row == lastRow;
+                int* cols = last ? lastCols : ja + at;
+                float* fv = last ? lastFloats : direct ? af + at : nullptr;
+                double* dv = last ? lastDoubles : direct ? nullptr : ad + at;
+                int written = 0;
+                auto put = [&](int column, float v) {
+                    cols[written] = column;
+                    if (direct) fv[written] = v; else dv[written] = v;
+                    ++written;
+                };
+                int count = gatherRun(x, y, width, height, windowAt, lapVals, runCols, runVals);
+                if (count == 0) {
+                    put(row + 1, knownBytes[row]);
+                } else {
+                    count = mergeRun(static_cast<int>(p), count, runCols, runVals, width, p != lastPixel);
+                    for (int t = 0; t < count; ++t) {
+                        const int c = unknownIndex[runCols[t]];
+                        if (c == row)
+                            put(c + 1, knownBytes[row] + lapDiag[p] - runVals[t]);
+                        else if (c > row)
+                            put(c + 1, 0 - runVals[t]);
+                    }
+                }
+                ia[row] = written;
             }
-            ia[row] = written;
         }
+        progressWithin(0.15 + 0.75 * (band + 1) / kBands);
     }
     int pos = 0;
     for (int row = 0; row < n; ++row) {
@@ -327,6 +339,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
     if (direct) af = sys.shrink(af, pos); else ad = sys.shrink(ad, pos);
     freeLaplacian();
     progressKick();
+    parts.next();
     clock.emplace(Stage::Solver);
 
     if (direct) {

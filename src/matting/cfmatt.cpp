@@ -1,6 +1,7 @@
 #include "matting/cfmatt.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 
 namespace qx {
@@ -13,6 +14,8 @@ void freeAndNull(T*& p) {
 }
 
 }  // namespace
+
+double SolveSeconds::solver(double n) { return 3.3e-6 * n + 4.5e-9 * std::pow(n, 1.5); }
 
 void CFMatt::cleanMemAll() {
     freeAndNull(lapVals);

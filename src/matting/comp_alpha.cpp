@@ -21,12 +21,24 @@ int CFMatt::compAlphaInner(int width, int height, Plane8& mask, Build&& build) {
 
     Plane8 known(width, height);
     Plane8 core(width, height);
+    const double p = double(pixels);
+    double n = expectedUnknowns > 0.0 ? expectedUnknowns : p;
+    ProgressParts parts({SolveSeconds::pass(p), SolveSeconds::laplacian(n),
+                         SolveSeconds::assembly(n) + SolveSeconds::solver(n), SolveSeconds::pass(p)});
     {
         const StageClock clock(Stage::Maps);
         Plane8 fgMap(width, height);
         compMap(1, mask, known, fgMap);
     }
+    if (progressSpanOpen()) {  // the undecided pixels, to weigh the stages to come
+        double knownSum = 0.0;
+        prim::sum_8u_C1(known.data, known.step, known.size(), &knownSum);
+        n = std::max(p - knownSum / 255.0, 1.0);
+        parts.weigh(1, SolveSeconds::laplacian(n));
+        parts.weigh(2, SolveSeconds::assembly(n) + SolveSeconds::solver(n));
+    }
     progressKick();
+    parts.next();
 
     Copy(known, core);
     ErodeMap3x3(core);
@@ -38,9 +50,11 @@ int CFMatt::compAlphaInner(int width, int height, Plane8& mask, Build&& build) {
     }
     if (result != 0) return result;
     progressKick();
+    parts.next();
 
     alphaMain(width, height, count, known, core, mask);
     progressKick();
+    parts.next();
 
     const StageClock clock(Stage::Output);
     outAlpha(alpha, width, height, known, core, mask);
@@ -64,11 +78,16 @@ int CFMatt::CompAlpha(GIMG<float>* const* planes, int width, int height, Plane8&
 
 int CFMatt::CompAlpha(unsigned char* const* planes, int planeStep, int width, int height,
                       unsigned char* mask, int maskStep) {
+    const double p = double(width) * height;
+    ProgressParts parts({SolveSeconds::whole(expectedUnknowns > 0.0 ? expectedUnknowns : p, p) +
+                             2 * SolveSeconds::pass(p),
+                         sharpen > 0.2f ? SolveSeconds::sharpen(p) : 0.0});
     Plane8 work(width, height);
     Plane8 caller(width, height, mask, maskStep);
     Copy(caller, work);
     CompAlpha(planes, planeStep, width, height, work);
     progressKick();
+    parts.next();
     const StageClock clock(Stage::Output);
     if (sharpen > 0.2f) SharpenAlpha(work);
     Copy(work, caller);

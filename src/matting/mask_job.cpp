@@ -97,6 +97,22 @@ double maskBudget() {
     return budget < 10.0 ? kFallbackBudget : budget;
 }
 
+// Seconds a pixel (see MaskJobSeconds): the halving of the colour and the tri-map, the guided
+// doubling with its border repair, the cross bilateral clean-up of the run.
+constexpr double kReduceSeconds = 5e-9;
+constexpr double kEnlargeSeconds = 6e-8;
+constexpr double kCleanUpSeconds = 4e-8;
+
+// The pixels between the codes: the undecided ones of a run's tri-map.
+double undecided(const Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
+    int64_t count = 0;
+    for (int y = 0; y < mask.height; ++y) {
+        const unsigned char* m = mask.row(y);
+        for (int x = 0; x < mask.width; ++x) count += m[x] > bgCode && m[x] < fgCode;
+    }
+    return double(count);
+}
+
 // Only pixels given as exactly 0 or 255 may come back as 0 or 255.
 void hardValueRule(Plane8& result, const Plane8& tri) {
     for (int y = 0; y < result.height; ++y) {
@@ -110,6 +126,27 @@ void hardValueRule(Plane8& result, const Plane8& tri) {
 }
 
 }  // namespace
+
+double maskProcSeconds(double pixels, double unknowns, const MattingFinish& finish) {
+    return SolveSeconds::whole(unknowns, pixels) + 2 * SolveSeconds::pass(pixels) +
+           (finish.sharpen ? SolveSeconds::sharpen(pixels) : 0.0) +
+           (finish.smoothEdges ? kCleanUpSeconds * pixels : 0.0);
+}
+
+MaskJobSeconds maskJobSeconds(int width, int height, float unknownPixels, const RunChoice& run,
+                              const MattingFinish& finish) {
+    const double pixels = double(width) * height, runPixels = double(run.width) * run.height;
+    const double unknowns = std::isfinite(unknownPixels) && unknownPixels >= 0.0f
+                                ? std::min(double(unknownPixels), pixels)
+                                : pixels;
+    MaskJobSeconds s;
+    s.solve = maskProcSeconds(runPixels, unknowns * runPixels / std::max(pixels, 1.0), finish);
+    if (run.kind != RunKind::Direct) {
+        s.reduce = kReduceSeconds * pixels;
+        s.enlarge = kEnlargeSeconds * pixels;
+    }
+    return s;
+}
 
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
                  unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes,
@@ -127,9 +164,16 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     const RunChoice run = chooseMaskRun(width, height, unknownPixels,
                                         budgetBytes > 0.0 ? budgetBytes : maskBudget());
     if (run.width < 1 || run.height < 1) return -1000;  // nothing written yet
+    // The job's stages for the progress listener: halving, solve, doubling and the last pass.
+    const MaskJobSeconds seconds = maskJobSeconds(width, height, unknownPixels, run, finish);
+    ProgressParts parts({seconds.reduce, seconds.solve,
+                         seconds.enlarge + SolveSeconds::pass(double(width) * height)},
+                        true);
     Plane8* full[3] = {colour[0].get(), colour[1].get(), colour[2].get()};
     if (run.kind == RunKind::Direct) {
+        parts.next();
         qxMaskProc(full, *mask, 0, fgCode, bgCode, levelHigh, levelLow, finish);
+        parts.next();
     } else {
         const bool half = run.kind == RunKind::Half;
         std::optional<StageClock> clock(Stage::Reduce);
@@ -156,12 +200,14 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
         if (half) CDnsampleQX2X(*mask, smallMask, 0);
         else reduceTo(*mask, smallMask, 0);
         progressKick();
+        parts.next();
 
         clock.reset();
         Plane8* reduced[3] = {small[0].get(), small[1].get(), small[2].get()};
         // With the settled regularisation the doubling back needs both finishing steps (without,
         // the error of a halved run grows by half); the plain solve's smaller one needs neither.
         qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow, finish);
+        parts.next();
         clock.emplace(Stage::Enlarge);
 
         if (half) {
@@ -223,8 +269,16 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
                unsigned char bgCode, int levelHigh, int levelLow, const MattingFinish& finish) {
     const int width = colour[0]->width, height = colour[0]->height;
     unsigned char* planes[3] = {colour[0]->data, colour[1]->data, colour[2]->data};
+    // The solve and the clean-up, for the progress listener.
+    const double pixels = double(width) * height;
+    const double unknowns = progressSpanOpen() ? undecided(mask, fgCode, bgCode) : pixels;
+    ProgressParts parts({maskProcSeconds(pixels, unknowns, finish) -
+                             (finish.smoothEdges ? kCleanUpSeconds * pixels : 0.0),
+                         (finish.smoothEdges ? kCleanUpSeconds * pixels : 0.0) +
+                             SolveSeconds::pass(pixels)});
     {
         CFMatt matt;
+        matt.expectedUnknowns = unknowns;
         matt.bgCode = bgCode;
         matt.fgCode = fgCode;
         matt.epsilon = finish.epsilon;
@@ -235,6 +289,7 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
         progressKick();
         matt.cleanMemAll();
     }
+    parts.next();
 
     const StageClock clock(Stage::Output);
     unsigned char* maskList[1] = {mask.data};

@@ -40,6 +40,18 @@ struct RunChoice {
 // undecided pixels or more never run at full size.
 RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budgetBytes);
 
+// Rough seconds of a tri-map job's stages, for laying out its progress (only their ratios
+// matter): the solve of the run with its finishing steps, and for a reduced run the halving
+// before it and the guided doubling after.
+struct MaskJobSeconds {
+    double reduce = 0.0, solve = 0.0, enlarge = 0.0;
+    double total() const { return reduce + solve + enlarge; }
+};
+MaskJobSeconds maskJobSeconds(int width, int height, float unknownPixels, const RunChoice& run,
+                              const MattingFinish& finish);
+// The same for qxMaskProc alone, on `pixels` pixels of which `unknowns` are undecided.
+double maskProcSeconds(double pixels, double unknowns, const MattingFinish& finish);
+
 // The tri-map job on a checked request: the run chosen for budgetBytes (0: the library's own
 // budget), solved, brought back to the request's size; only pixels given as exactly 0 or 255
 // may come back as 0 or 255. Returns 1; failures are thrown.

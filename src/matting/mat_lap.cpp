@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "frame/fault.h"
+#include "frame/progress.h"
 #include "matting/cfmatt.h"
 
 namespace qx {
@@ -170,6 +171,7 @@ int CFMatt::buildLaplacian(Plane8& core, int* count, ReadWindow&& readWindow) {
                 }
             }
         }
+        progressWithin((pass + 1) / 3.0);
     }
     *count = static_cast<int>(triples);
     return 0;

@@ -4,10 +4,13 @@
 // runs on a thread of its own, on memory it owns, and the job's thread only waits for it.
 #include <xmmintrin.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <exception>
+#include <initializer_list>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -37,6 +40,113 @@ std::atomic<int> running{0};
 // How often the waiting thread looks at the cancel flag between the solver's reports.
 constexpr auto kPoll = std::chrono::milliseconds(10);
 
+// A solve also runs on a thread of its own, without a cancel flag, when the thread's progress
+// listener would otherwise hear nothing for a noticeable part of the job: a solve of this many
+// unknowns takes about 0.2 s (1 s between kicks). Inside a job laid out in spans (the tri-map
+// job) the solve is a stage of its own; between kicks (the keep-cut engine's tiles) the kicks
+// come often and only a long solve leaves a gap.
+constexpr int kWatchedInSpan = 30000;
+constexpr int kWatchedBetweenKicks = 200000;
+
+// What a phase of the solve is expected to take, from what is known when it starts: the
+// analysis from the order of the system, the factorisation from the analysis's estimate of its
+// flops, the solve from the factor's entries, read once for the solve and once for each
+// refinement step. The rates start as measured on matting systems on 2 cores and then follow
+// the solves of the process (halfway, in proportion, to each phase's rate once it has run for
+// a twentieth of a second), so that they fit the machine. They only shape the listener's
+// progress.
+struct Rates {
+    std::atomic<double> analysisSecondsPerUnknown{1.2e-6};
+    std::atomic<double> flopsPerSecond{6.5e9};
+    std::atomic<double> entriesPerSecond{2.5e8};
+};
+Rates& rates() {
+    static Rates r;
+    return r;
+}
+constexpr double kLearnAfterSeconds = 0.05;
+// Before the analysis has run: the factor of a matting system of n unknowns takes about
+// 18 n^1.5 flops and has about 100 n entries.
+constexpr double kFlopsPerUnknown15 = 18.0;
+constexpr double kEntriesPerUnknown = 100.0;
+
+void learn(std::atomic<double>& rate, double seen) {
+    if (!(seen > 0.0) || !std::isfinite(seen)) return;
+    rate.store(std::sqrt(rate.load(std::memory_order_relaxed) * seen), std::memory_order_relaxed);
+}
+
+// The part of a phase done after `r` of its expected time: in proportion up to three quarters,
+// then closing in on the end without reaching it (as 1/r, at the same slope where the two
+// meet), so that a phase that overruns its estimate still moves: 0.96 at twice the estimate,
+// 0.98 at four times.
+double phasePart(double r) {
+    return r <= 0.75 ? std::max(r, 0.0) : 1.0 - 0.0625 / (r - 0.5);
+}
+
+// The job's thread, waiting for the solve, tells the thread's progress listener how far the
+// solve has got: the phase in hand's elapsed time against its expected time. Inside a span the
+// three phases are stages of it, weighed by their expected times; between kicks, each is a part
+// of the step its kick ends.
+class SolveWatch {
+public:
+    SolveWatch(const DirectSolveOptions& o, int n)
+        : n_(n), passes_(1 + std::max(o.refinementSteps, 0)),
+          afterAnalysis_(o.kickAfterAnalysis), start_(Clock::now()) {
+        Rates& r = rates();
+        expected_[0] = n * r.analysisSecondsPerUnknown.load(std::memory_order_relaxed);
+        expect(kFlopsPerUnknown15 * std::pow(double(n), 1.5), kEntriesPerUnknown * n);
+        parts_.emplace(std::initializer_list<double>{expected_[0], expected_[1], expected_[2]});
+    }
+
+    // Called as the solve has finished `phases` of its three phases, with its statistics so far.
+    void update(int phases, const DirectSolveStats& sofar) {
+        const Clock::time_point now = Clock::now();
+        if (phases > phase_) {
+            const double took = std::chrono::duration<double>(now - start_).count();
+            if (phases == phase_ + 1 && took >= kLearnAfterSeconds) learnFrom(took);
+            if (phase_ == 0 && sofar.factorFlops > 0.0) {
+                expect(sofar.factorFlops, sofar.factorEntries);
+                parts_->weigh(1, expected_[1]);
+                parts_->weigh(2, expected_[2]);
+            }
+            for (; phase_ < phases && phase_ < 3; ++phase_) parts_->next();
+            start_ = now;
+        }
+        if (phase_ >= 3) return;
+        // Between kicks without one after the analysis, the analysis shares its step with the
+        // factorisation: only the factorisation is told.
+        if (phase_ == 0 && !afterAnalysis_ && !progressSpanOpen()) return;
+        const double elapsed = std::chrono::duration<double>(now - start_).count();
+        progressWithin(phasePart(expected_[phase_] > 0.0 ? elapsed / expected_[phase_] : 1.0));
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void expect(double flops, double entries) {
+        Rates& r = rates();
+        expected_[1] = flops / r.flopsPerSecond.load(std::memory_order_relaxed);
+        expected_[2] = entries * passes_ / r.entriesPerSecond.load(std::memory_order_relaxed);
+        entries_ = entries;
+        flops_ = flops;
+    }
+
+    void learnFrom(double took) {
+        Rates& r = rates();
+        if (phase_ == 0) learn(r.analysisSecondsPerUnknown, took / n_);
+        if (phase_ == 1) learn(r.flopsPerSecond, flops_ / took);
+        if (phase_ == 2) learn(r.entriesPerSecond, entries_ * passes_ / took);
+    }
+
+    int n_, passes_;
+    bool afterAnalysis_;
+    int phase_ = 0;  // phases finished
+    Clock::time_point start_;  // when the phase in hand began, as the job's thread saw it
+    double expected_[3] = {};
+    double flops_ = 0.0, entries_ = 0.0;
+    std::optional<ProgressParts> parts_;
+};
+
 // Everything a solve on its own thread reads and writes: shared by the worker and the caller,
 // freed by whichever lets go last.
 struct Detached {
@@ -53,6 +163,8 @@ struct Detached {
     std::mutex lock;
     std::condition_variable changed;
     int kicks = 0;  // phase kicks the solve has made
+    int phases = 0;  // phases it has finished, and its statistics then
+    DirectSolveStats sofar;
     bool done = false;
 };
 
@@ -80,6 +192,14 @@ void countKick(void* param) {
     auto* d = static_cast<Detached*>(param);
     std::lock_guard<std::mutex> g(d->lock);
     ++d->kicks;
+    d->changed.notify_all();
+}
+
+void notePhase(void* param, int phase, const DirectSolveStats& sofar) {
+    auto* d = static_cast<Detached*>(param);
+    std::lock_guard<std::mutex> g(d->lock);
+    d->phases = phase;
+    d->sofar = sofar;
     d->changed.notify_all();
 }
 
@@ -145,7 +265,9 @@ int runningDetachedSolves() { return running.load(); }
 int directSolveOwned(const DirectSolveOptions& options, int n,
                      std::shared_ptr<const SystemArrays> system, float* b, float* x, int nrhs,
                      int mtype, DirectSolveStats* stats) {
-    if (!system || cancelFlag() == nullptr || n < 1 || nrhs < 1 || b == nullptr)
+    const bool watched =
+        progressListening() && n >= (progressSpanOpen() ? kWatchedInSpan : kWatchedBetweenKicks);
+    if (!system || (cancelFlag() == nullptr && !watched) || n < 1 || nrhs < 1 || b == nullptr)
         return directSolve(options, n, system ? system->a : nullptr, system ? system->ia : nullptr,
                            system ? system->ja : nullptr, b, x, nrhs, mtype, stats);
     checkCancel();
@@ -164,6 +286,7 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
     }
     d->options = options;
     d->options.kick = countKick;
+    d->options.reached = notePhase;
     d->options.kickParam = d.get();
     d->n = n;
     d->nrhs = nrhs;
@@ -180,17 +303,22 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
         --running;
         // No thread to be had: the solve runs here, uninterruptible as before.
         d->options.kick = options.kick;
+        d->options.reached = options.reached;
         d->options.kickParam = options.kickParam;
         return directSolve(d->options, n, d->system->a, d->system->ia, d->system->ja, b, x, nrhs,
                            mtype, stats);
     }
 
     // Kicks are made here, on the job's thread, in the order the solve reports them; any of them
-    // may end the job (a set flag), which leaves the worker to finish alone.
-    int relayed = 0;
+    // may end the job (a set flag), which leaves the worker to finish alone. Between them the
+    // listener hears how far the phase in hand has got.
+    std::optional<SolveWatch> watch;
+    if (progressListening()) watch.emplace(options, n);
+    int relayed = 0, phases = 0;
     std::unique_lock<std::mutex> g(d->lock);
     for (;;) {
-        d->changed.wait_for(g, kPoll, [&] { return d->done || d->kicks > relayed; });
+        d->changed.wait_for(g, kPoll,
+                            [&] { return d->done || d->kicks > relayed || d->phases > phases; });
         while (relayed < d->kicks) {
             ++relayed;
             g.unlock();
@@ -198,6 +326,15 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
                 options.kick(options.kickParam);
             else
                 progressKick();
+            g.lock();
+        }
+        if (d->phases > phases || watch) {
+            const int reached = d->phases;
+            const DirectSolveStats sofar = d->sofar;
+            g.unlock();
+            for (; phases < reached; ++phases)
+                if (options.reached) options.reached(options.kickParam, phases + 1, sofar);
+            if (watch) watch->update(reached, sofar);
             g.lock();
         }
         if (d->done) break;

@@ -22,19 +22,18 @@ struct OutOfMemory {
 };
 
 // The progress kicks of one solve: one after each of the three phases (the first only when the
-// form asks for it), each made once even when a solve moves to the other backend halfway.
+// form asks for it), each made once even when a solve moves to the other backend halfway; before
+// each kick the options' `reached` hears the phase and the statistics so far.
 class PhaseKicks {
 public:
-    // sink null: progressKick().
-    PhaseKicks(bool afterAnalysis, void (*sink)(void*), void* param)
-        : afterAnalysis_(afterAnalysis), sink_(sink), param_(param) {}
+    PhaseKicks(const DirectSolveOptions& o, const DirectSolveStats& stats)
+        : options_(o), stats_(stats) {}
     // Phase 1 analysis, 2 factorisation, 3 solve.
     void reached(int phase);
 
 private:
-    bool afterAnalysis_;
-    void (*sink_)(void*);
-    void* param_;
+    const DirectSolveOptions& options_;
+    const DirectSolveStats& stats_;
     int done_ = 0;
 };
 

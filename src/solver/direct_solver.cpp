@@ -358,7 +358,7 @@ int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* i
                 const int* ja, float* b, float* x, int nrhs, DirectSolveStats& stats) {
     std::optional<QuietThreads> quiet;
     if (o.quietThreads) quiet.emplace();
-    PhaseKicks kicks(o.kickAfterAnalysis, o.kick, o.kickParam);
+    PhaseKicks kicks(o, stats);
     // The solution goes to a separate array first when it replaces b: a backend reads b to the end.
     std::vector<float> solution;
     float* out = x;
@@ -389,13 +389,15 @@ int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* i
 }  // namespace
 
 void PhaseKicks::reached(int phase) {
-    for (; done_ < phase; ++done_)
-        if (done_ > 0 || afterAnalysis_) {
-            if (sink_)
-                sink_(param_);
+    for (; done_ < phase; ++done_) {
+        if (options_.reached) options_.reached(options_.kickParam, done_ + 1, stats_);
+        if (done_ > 0 || options_.kickAfterAnalysis) {
+            if (options_.kick)
+                options_.kick(options_.kickParam);
             else
                 progressKick();
         }
+    }
 }
 
 // OpenBLAS's thread count is set through its own entry points, looked up at run time so that the

@@ -87,6 +87,8 @@ namespace detail {
 enum class Backend { Mumps, Cholmod };
 enum class Ordering { Amd, Metis, Nesdis, Scotch, Pord, Amf };
 
+struct DirectSolveStats;
+
 struct DirectSolveOptions {
     Backend backend = Backend::Mumps;
     // Measured on matting-like grids (5 x 5 coupling): AMD orders a 100k system in 0.06 s and a
@@ -108,6 +110,10 @@ struct DirectSolveOptions {
     // Where the phase kicks go; null: progressKick() on the calling thread.
     void (*kick)(void* param) = nullptr;
     void* kickParam = nullptr;
+    // Told on the solving thread as each phase (1 analysis, 2 factorisation, 3 solve) ends,
+    // before its kick, with the statistics so far (after the analysis: its estimates of the
+    // factor's flops and entries); null: nobody. Its parameter is kickParam.
+    void (*reached)(void* param, int phase, const DirectSolveStats& sofar) = nullptr;
 };
 
 struct DirectSolveStats {
@@ -119,8 +125,8 @@ struct DirectSolveStats {
     int refinementSteps = 0;      // refinement steps kept
     double backwardError = 0.0;   // max|b - A*x| / (max|A| * max|x| + max|b|) at the end
     bool ldlFallback = false;     // CHOLMOD: factorised as LDL' after the shifts failed
-    double factorEntries = 0.0;   // entries of the factor
-    double factorFlops = 0.0;     // flops of the factorisation
+    double factorEntries = 0.0;   // entries of the factor (after the analysis: its estimate)
+    double factorFlops = 0.0;     // flops of the factorisation (the same)
     size_t peakBytes = 0;         // peak memory of the solver
     double analysisSeconds = 0.0; // wall time of each phase
     double factorSeconds = 0.0;
@@ -157,14 +163,16 @@ struct SystemArrays {
 };
 
 // directSolve on arrays that the solve may keep after its caller has gone. While the calling
-// thread has a cancel flag installed (frame/progress.h), the solve runs on a thread of its own
-// and the caller waits for it, making the phase kicks itself and looking at the flag every few
-// milliseconds: once the flag is set the call throws Fault::Cancelled at once, and the solve,
+// thread has a cancel flag installed (frame/progress.h), or a progress listener and a system
+// large enough to keep it waiting, the solve runs on a thread of its own and the caller waits
+// for it, making the phase kicks itself, telling the listener how far the phase in hand has got
+// (its elapsed time against an estimate) and looking at the flag every few milliseconds: once
+// the flag is set the call throws Fault::Cancelled at once, and the solve,
 // which can't be stopped inside a factorisation, finishes on its own thread and frees what it
 // holds (the arrays, its copies of b and x). Nothing of the caller's is touched after the call
 // returns. A direct solve started later waits for it (one MUMPS instance runs at a time). The
-// library's unloading waits for such solves. Without a flag the solve runs on the calling thread
-// as directSolve does. Either way the results are the same bits.
+// library's unloading waits for such solves. Otherwise the solve runs on the calling thread as
+// directSolve does. Either way the results are the same bits.
 int directSolveOwned(const DirectSolveOptions& options, int n,
                      std::shared_ptr<const SystemArrays> system, float* b, float* x, int nrhs,
                      int mtype, DirectSolveStats* stats);

@@ -202,6 +202,9 @@ Outcome mumpsSolve(const DirectSolveOptions& o, int n, const float* a, const int
     m.run(1);
     if (m.error()) fail(m.error(), kAnalysisFailed);
     stats.analysisSeconds = secondsSince(t0);
+    // The analysis's estimates, until the factorisation gives its own counts.
+    stats.factorFlops = double(id.RINFOG(1));
+    stats.factorEntries = id.INFOG(20) >= 0 ? double(id.INFOG(20)) : -1e6 * id.INFOG(20);
     kicks.reached(1);
 
     // Phase 2: numeric factorisation, once more on a larger workspace if the estimate was short.

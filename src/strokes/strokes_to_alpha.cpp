@@ -42,6 +42,12 @@ bool validRequest(const StrokeMatteRequest* r) {
 int strokesJob(const StrokeMatteRequest& r) {
     const int w = r.width, h = r.height;
     const size_t n = size_t(w) * h;
+    // For the progress listener: the tri-map and the box's planes, the solve (weighed once the
+    // box and the run are known), the alpha out.
+    const double pixels = double(n);
+    ProgressParts parts({3 * SolveSeconds::pass(pixels), SolveSeconds::whole(pixels, pixels),
+                         2 * SolveSeconds::pass(pixels)},
+                        true);
     std::vector<unsigned char> tri(n);
     int64_t unpainted = 0;
     bool high = false, low = false;
@@ -96,7 +102,13 @@ int strokesJob(const StrokeMatteRequest& r) {
         const float unknown = float(int64_t(boxW) * boxH - fg - bg);
         const double budget = r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
                                                    : usableMemInMB() * 1000.0;
-        if (chooseMaskRun(boxW, boxH, unknown, budget).scale <= 1.0) {
+        const RunChoice run = chooseMaskRun(boxW, boxH, unknown, budget);
+        // At full resolution, the one-piece solve's stages are those of a direct run.
+        const RunChoice direct{RunKind::Direct, boxW, boxH, run.scale};
+        parts.weigh(1, maskJobSeconds(boxW, boxH, unknown, run.scale <= 1.0 ? direct : run, kPlain)
+                           .total());
+        parts.next();
+        if (run.scale <= 1.0) {
             Plane8 p0(boxW, boxH, plane[0], boxW), p1(boxW, boxH, plane[1], boxW),
                 p2(boxW, boxH, plane[2], boxW), m(boxW, boxH, mask.data(), boxW);
             Plane8* colour[3] = {&p0, &p1, &p2};
@@ -104,6 +116,7 @@ int strokesJob(const StrokeMatteRequest& r) {
         } else {
             maskAlphaJob(&mr, unknown, 255, 0, 255, 0, budget, kPlain);
         }
+        parts.next();
         out = tri;
         for (int y = 0; y < boxH; ++y)
             std::copy_n(mask.data() + size_t(y) * boxW, boxW,

@@ -37,13 +37,11 @@ void Relay::report(double fraction) {
     if (job_ && job_->progress) job_->progress(fraction, job_->progressData);
 }
 
-int Relay::proc(int current, int total, void* param) {
+int Relay::proc(int, int, void*) { return 0; }
+
+void Relay::heard(double fraction, void* param) {
     auto* relay = static_cast<Relay*>(param);
-    if (total > 0) {
-        const double f = std::clamp(static_cast<double>(current) / total, 0.0, 1.0);
-        relay->report(relay->lo_ + (relay->hi_ - relay->lo_) * f);
-    }
-    return 0;
+    relay->report(relay->lo_ + (relay->hi_ - relay->lo_) * std::clamp(fraction, 0.0, 1.0));
 }
 
 void Relay::install(int total) { qx::setProgProc(&Relay::proc, this, total, 1); }

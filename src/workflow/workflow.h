@@ -8,19 +8,25 @@
 #include <string>
 
 #include "frame/fault.h"
+#include "frame/progress.h"
 #include "qxworkflow.h"
 
 namespace qx::workflow {
 
 // Where a workflow's progress goes. Each library job it runs is given a span [lo, hi] of the
-// whole; the job's (current, total) reports are mapped into that span and never allowed to go
-// back (the library's counter falls back to half its total when a job overruns its estimate).
-// Jobs take the relay through their request's progress fields, and the library takes a job's
-// callback out when the job returns. A job without such fields reports through the callback
+// whole; the job's position is mapped into that span and never allowed to go back (the
+// library's counter falls back to half its total when a job overruns its estimate). The relay
+// hears the jobs as the thread's progress listener (frame/progress.h), for its whole life: every
+// kick, and the finer positions inside the long steps (a factorisation, a reduced run's
+// doubling) that an export's own callback never hears. Jobs still take the relay through their
+// request's progress fields, so that they count as for any host, and the library takes a job's
+// callback out when the job returns. A job without such fields counts with the callback
 // installed before it (install); the relay takes itself out at its end if the job left it.
 class Relay {
 public:
-    explicit Relay(QxwJob* job) : job_(job) {}
+    // Without a callback of the job's there is nobody to tell: no listener.
+    explicit Relay(QxwJob* job)
+        : job_(job), listening_(job && job->progress ? &Relay::heard : nullptr, this) {}
     ~Relay() { uninstall(); }
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
@@ -31,7 +37,8 @@ public:
     double spanLow() const { return lo_; }
     double spanHigh() const { return hi_; }
     void finish() { report(1.0); }
-    // The callback and parameter for a request's progress fields.
+    // The callback and parameter for a request's progress fields (what they report, the
+    // listener hears).
     static int proc(int current, int total, void* param);
     void* param() { return this; }
     // For jobs that report through the library's installed callback.
@@ -39,8 +46,10 @@ public:
 
 private:
     void uninstall();
+    static void heard(double fraction, void* param);  // a job's position, 0..1
     QxwJob* job_;
     double lo_ = 0.0, hi_ = 1.0, last_ = -1.0;
+    qx::ProgressListenerScope listening_;
 };
 
 // Starts a job record (status 0, empty message); NULL is allowed.

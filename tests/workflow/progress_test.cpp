@@ -1,0 +1,447 @@
+// Progress that moves: the workflows hear the long steps of a job (the factorisation, the
+// Laplacian, a reduced run's doubling) through the thread's listener, while a host of the
+// library's own exports sees exactly the progProc calls it always saw.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "frame/progress.h"
+#include "qxiveilon31.h"
+#include "solver/direct_solver.h"
+#include "qxworkflow.h"
+
+namespace {
+
+// A w x h BGR scene: a disc (radius r) of one colour with a soft edge over a striped background;
+// the tri-map and the stroke plane leave `band` pixels either side of the edge undecided.
+struct Disc {
+    int w, h;
+    std::vector<unsigned char> bgr, trimap, strokes, alpha;
+};
+
+Disc discScene(int w, int h, double r, double band) {
+    Disc s{w, h, std::vector<unsigned char>(size_t(w) * h * 3), {}, {}, {}};
+    s.trimap.resize(size_t(w) * h);
+    s.strokes = s.alpha = s.trimap;
+    const unsigned char fg[3] = {40, 200, 60}, bg[3] = {210, 50, 170};
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const size_t i = size_t(y) * w + x;
+            const double d = std::hypot(x - w / 2.0, y - h / 2.0);
+            const double a = std::clamp((r + 1.5 - d) / 3.0, 0.0, 1.0);
+            const int stripe = (x * 7 + y * 3) % 23;
+            for (int c = 0; c < 3; ++c)
+                s.bgr[i * 3 + c] = static_cast<unsigned char>(
+                    std::lround(a * fg[c] + (1 - a) * std::min(255, bg[c] + stripe)));
+            s.alpha[i] = static_cast<unsigned char>(std::lround(255 * a));
+            const bool open = std::fabs(d - r) <= band;
+            s.trimap[i] = open ? 128 : d < r ? 255 : 0;
+            s.strokes[i] = open ? 128 : d < r ? QXW_KEEP : QXW_CUT;
+        }
+    return s;
+}
+
+// The (current, total) pairs a host's progProc is given.
+struct Calls {
+    std::vector<std::pair<int, int>> seen;
+    static int record(int current, int total, void* param) {
+        static_cast<Calls*>(param)->seen.push_back({current, total});
+        return 0;
+    }
+    int64_t sum() const {
+        int64_t s = 0;
+        for (const auto& c : seen) s += c.first;
+        return s;
+    }
+};
+
+// The tri-map job on the whole scene; the alpha comes back, the host's calls go to `calls`.
+std::vector<unsigned char> maskAlpha(const Disc& s, bool plain, Calls* calls) {
+    std::vector<unsigned char> planes[3];
+    unsigned char* ptr[3];
+    for (int c = 0; c < 3; ++c) {
+        planes[c].resize(size_t(s.w) * s.h);
+        for (size_t i = 0; i < planes[c].size(); ++i) planes[c][i] = s.bgr[i * 3 + c];
+        ptr[c] = planes[c].data();
+    }
+    std::vector<unsigned char> mask = s.trimap;
+    const float unknown = float(std::count(mask.begin(), mask.end(), 128));
+    MaskRequest req{};
+    req.planes = ptr;
+    req.planeStep = s.w;
+    req.mask = mask.data();
+    req.maskStep = s.w;
+    req.width = s.w;
+    req.height = s.h;
+    req.progProc = calls ? &Calls::record : nullptr;
+    req.progParam = calls;
+    const int status = plain ? qxMaskAlphaPlain(&req, unknown, 255, 0, 255, 0)
+                             : qxMaskAlpha(&req, 0, unknown, 255, 0, 255, 0);
+    EXPECT_EQ(status, 1);
+    return mask;
+}
+
+Calls maskAlphaCalls(const Disc& s, bool plain) {
+    Calls calls;
+    maskAlpha(s, plain, &calls);
+    return calls;
+}
+
+Calls strokesCalls(const Disc& s, int budgetMB) {
+    std::vector<unsigned char> coded(s.strokes.size()), alpha(s.strokes.size());
+    for (size_t i = 0; i < coded.size(); ++i)
+        coded[i] = s.strokes[i] == QXW_KEEP ? 255 : s.strokes[i] == QXW_CUT ? 1 : 128;
+    Calls calls;
+    StrokeMatteRequest req{};
+    req.image = s.bgr.data();
+    req.imageStep = s.w * 3;
+    req.imageChannels = 3;
+    req.strokes = coded.data();
+    req.strokesStep = s.w;
+    req.width = s.w;
+    req.height = s.h;
+    req.alpha = alpha.data();
+    req.alphaStep = s.w;
+    req.progProc = &Calls::record;
+    req.progParam = &calls;
+    req.memoryBudgetMB = budgetMB;
+    EXPECT_EQ(qxStrokesToAlpha(&req), 1);
+    return calls;
+}
+
+Calls keepCutCalls(const Disc& s, int hiRes) {
+    std::vector<unsigned char> src(size_t(s.w) * s.h * 4), plane(size_t(s.w) * s.h);
+    for (size_t i = 0; i < plane.size(); ++i) {
+        for (int c = 0; c < 3; ++c) src[i * 4 + c] = s.bgr[i * 3 + c];
+        src[i * 4 + 3] = 255;
+        plane[i] = s.strokes[i] == QXW_KEEP ? 255 : s.strokes[i] == QXW_CUT ? 1 : 128;
+    }
+    std::vector<unsigned char> dst = src, aux = plane;
+    Calls calls;
+    KeepCutRequest req{};
+    req.srcImage = src.data();
+    req.srcStep = s.w * 4;
+    req.alphaPlane = plane.data();
+    req.alphaStep = s.w;
+    req.dstImage = dst.data();
+    req.dstStep = s.w * 4;
+    req.auxPlane = aux.data();
+    req.auxStep = s.w;
+    req.fullWidth = req.roiWidth = s.w;
+    req.fullHeight = req.roiHeight = s.h;
+    req.progProc = &Calls::record;
+    req.progParam = &calls;
+    EXPECT_EQ(qxKeepCutToAlpha(&req, hiRes), 1);
+    return calls;
+}
+
+Calls foregroundCalls(const Disc& s) {
+    std::vector<unsigned char> colours(s.bgr.size());
+    Calls calls;
+    ForegroundRequest req{};
+    req.image = s.bgr.data();
+    req.imageStep = s.w * 3;
+    req.imageChannels = 3;
+    req.alpha = s.alpha.data();
+    req.alphaStep = s.w;
+    req.colours = colours.data();
+    req.coloursStep = s.w * 3;
+    req.coloursChannels = 3;
+    req.width = s.w;
+    req.height = s.h;
+    req.progProc = &Calls::record;
+    req.progParam = &calls;
+    EXPECT_EQ(qxRecoverForegroundFull(&req), 1);
+    return calls;
+}
+
+struct Expected {
+    const char* what;
+    size_t count;
+    int64_t sum;
+    int total;
+};
+
+void expectCalls(const Calls& c, const Expected& e) {
+    SCOPED_TRACE(e.what);
+    std::printf("%s: %zu calls, sum %lld, total %d\n", e.what, c.seen.size(),
+                static_cast<long long>(c.sum()), c.seen.empty() ? 0 : c.seen.back().second);
+    EXPECT_EQ(c.seen.size(), e.count);
+    EXPECT_EQ(c.sum(), e.sum);
+    if (!c.seen.empty()) {
+        EXPECT_EQ(c.seen.back().second, e.total);
+    }
+}
+
+// What each export's progProc was given before the workflows had a listener, counted on these
+// inputs with the library as it was: the listener must leave it exactly so.
+void expectTheExportsCallsAsTheyWere() {
+    const Disc small = discScene(320, 240, 80, 6);
+    expectCalls(maskAlphaCalls(small, false), {"qxMaskAlpha", 12, 780, 130});
+    expectCalls(maskAlphaCalls(small, true), {"qxMaskAlphaPlain", 12, 780, 130});
+    const Disc large = discScene(1300, 1200, 400, 3);  // 1.56 MP: a half-size run
+    expectCalls(maskAlphaCalls(large, true), {"qxMaskAlphaPlain half", 13, 845, 130});
+    expectCalls(strokesCalls(small, 0), {"qxStrokesToAlpha", 12, 780, 130});
+    expectCalls(strokesCalls(small, 1), {"qxStrokesToAlpha reduced", 0, 0, 0});
+    expectCalls(keepCutCalls(small, 1), {"qxKeepCutToAlpha", 256, 2269824, 20000});
+    expectCalls(keepCutCalls(small, 0), {"qxKeepCutToAlpha half", 123, 526194, 20000});
+    expectCalls(foregroundCalls(small), {"qxRecoverForegroundFull", 60, 1830, 61});
+}
+
+TEST(ExportProgress, TheExportsCallTheirHostsAsTheyDid) { expectTheExportsCallsAsTheyWere(); }
+
+// What a listener hears, and on which thread.
+struct Heard {
+    std::vector<double> at;
+    std::vector<std::thread::id> threads;
+    static void record(double fraction, void* param) {
+        auto* h = static_cast<Heard*>(param);
+        h->at.push_back(fraction);
+        h->threads.push_back(std::this_thread::get_id());
+    }
+    bool onThisThread() const {
+        return std::all_of(threads.begin(), threads.end(),
+                           [](std::thread::id t) { return t == std::this_thread::get_id(); });
+    }
+};
+
+// A workflow's listener takes nothing from the exports' hosts: with one installed the exports
+// call their progProc exactly as before, while the listener hears more.
+TEST(ExportProgress, AListenerTakesNothingFromTheExportsCalls) {
+    Heard heard;
+    {
+        const qx::ProgressListenerScope scope(&Heard::record, &heard);
+        expectTheExportsCallsAsTheyWere();
+    }
+    EXPECT_FALSE(qx::progressListening());
+    EXPECT_GT(heard.at.size(), 500u);
+    EXPECT_TRUE(heard.onThisThread());
+}
+
+// The reduced run of the stroke engine told its host nothing (its progProc is not handed to the
+// reduced tri-map job): a listener hears the whole job climb to its end.
+TEST(ExportProgress, TheStrokeEnginesReducedRunMovesForAListener) {
+    const Disc s = discScene(480, 360, 120, 30);
+    Heard heard;
+    Calls calls;
+    {
+        const qx::ProgressListenerScope scope(&Heard::record, &heard);
+        calls = strokesCalls(s, 2);
+    }
+    EXPECT_TRUE(calls.seen.empty());
+    ASSERT_GE(heard.at.size(), 10u);
+    EXPECT_TRUE(std::is_sorted(heard.at.begin(), heard.at.end()));
+    EXPECT_EQ(heard.at.front(), 0.0);
+    EXPECT_EQ(heard.at.back(), 1.0);
+    EXPECT_GE(std::set<double>(heard.at.begin(), heard.at.end()).size(), 10u);
+}
+
+// With a listener the tri-map job's solve runs on a thread of its own, so that the job's thread
+// can tell how far it has got; the alpha is the same to the bit as without.
+TEST(ExportProgress, AWatchedSolveGivesTheSameAlpha) {
+    const Disc s = discScene(640, 480, 190, 30);
+    const std::vector<unsigned char> alone = maskAlpha(s, true, nullptr);
+    struct Watch {
+        int detachedSeen = 0;
+        static void record(double, void* param) {
+            auto* w = static_cast<Watch*>(param);
+            w->detachedSeen = std::max(w->detachedSeen, qx::detail::runningDetachedSolves());
+        }
+    } watch;
+    std::vector<unsigned char> watched;
+    {
+        const qx::ProgressListenerScope scope(&Watch::record, &watch);
+        watched = maskAlpha(s, true, nullptr);
+    }
+    EXPECT_EQ(watch.detachedSeen, 1);
+    EXPECT_TRUE(watched == alone);
+    EXPECT_EQ(qx::detail::runningDetachedSolves(), 0);
+}
+
+// Kicks without a callback, within a step, spans and their parts, by hand.
+TEST(ProgressListener, KicksStepsAndSpansPlaceTheJob) {
+    Heard h;
+    const qx::ProgressListenerScope scope(&Heard::record, &h);
+    qx::setProgProc(nullptr, nullptr, 40, 10);
+    qx::progressKick();             // 10 of 40
+    qx::progressWithin(0.5);        // half way to 20 of 40
+    qx::progressWithin(0.5005);     // too close to the last to be told
+    qx::progressKick();             // 20
+    qx::progressKick();             // 30
+    qx::progressKick();             // 40 is the total: back to 20
+    EXPECT_EQ(h.at, (std::vector<double>{0.25, 0.375, 0.5, 0.75, 0.5}));
+
+    h.at.clear();
+    qx::setProgProc(nullptr, nullptr, 130, 10);
+    {
+        const qx::ProgressSpan inert(0.2, 0.4);  // no span open and not the job's: nothing
+        qx::progressKick();                      // 10 of 130: the kick is heard
+    }
+    {
+        qx::ProgressParts job({1.0, 3.0}, true);  // [0, 1/4] and [1/4, 1]
+        qx::progressKick();                       // a kick inside a span is not heard
+        qx::progressWithin(0.5);
+        job.next();
+        {
+            const qx::ProgressSpan inner(0.5, 1.0);  // [5/8, 1]
+            qx::progressWithin(0.5);
+        }
+    }
+    const std::vector<double> expected = {10.0 / 130, 0.0,   0.0,  0.125, 0.25,
+                                          0.25,       0.625, 0.8125, 1.0, 1.0, 1.0};
+    ASSERT_EQ(h.at.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) EXPECT_DOUBLE_EQ(h.at[i], expected[i]) << i;
+    qx::endJob();
+}
+
+TEST(ProgressListener, LaterStagesTakeTheirWeightOfWhatIsLeft) {
+    Heard h;
+    const qx::ProgressListenerScope scope(&Heard::record, &h);
+    {
+        qx::ProgressParts parts({1.0, 1.0, 1.0}, true);  // [0, 1/3] ...
+        parts.weigh(2, 2.0);  // ... then [1/3, 5/9] and [5/9, 1]
+        parts.weigh(0, 100.0);  // the stage in hand keeps its place
+        parts.next();
+        parts.next();
+    }
+    const std::vector<double> expected = {0.0, 0.0, 1.0 / 3, 1.0 / 3, 5.0 / 9, 5.0 / 9, 1.0, 1.0};
+    ASSERT_EQ(h.at.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) EXPECT_DOUBLE_EQ(h.at[i], expected[i]) << i;
+}
+
+TEST(ProgressListener, ASpanLeftByAnExceptionTellsNoEnd) {
+    Heard h;
+    const qx::ProgressListenerScope scope(&Heard::record, &h);
+    try {
+        const qx::ProgressSpan job(0.0, 0.5, true);
+        qx::progressWithin(0.5);
+        throw 7;
+    } catch (int) {
+    }
+    EXPECT_EQ(h.at, (std::vector<double>{0.0, 0.25}));
+    EXPECT_FALSE(qx::progressSpanOpen());
+}
+
+// A job's reports as a host's progress callback sees them, with the time of each.
+struct Timeline {
+    std::vector<double> fractions, seconds;
+    std::vector<std::thread::id> threads;
+    std::chrono::steady_clock::time_point start;
+    double total = 0.0;  // the job's time
+    volatile int32_t* cancelAt = nullptr;  // set once a report reaches cancelFrom
+    double cancelFrom = 2.0;
+    bool returned = false, afterReturn = false;
+    static void record(double f, void* data) {
+        auto* t = static_cast<Timeline*>(data);
+        if (t->returned) t->afterReturn = true;
+        t->fractions.push_back(f);
+        t->seconds.push_back(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - t->start).count());
+        t->threads.push_back(std::this_thread::get_id());
+        if (t->cancelAt && f >= t->cancelFrom) *t->cancelAt = 1;
+    }
+    // Runs call(job) with this timeline as the job's progress.
+    template <class Call>
+    QxwStatus run(Call&& call, QxwJob& job) {
+        job.progress = &record;
+        job.progressData = this;
+        start = std::chrono::steady_clock::now();
+        const QxwStatus status = call(&job);
+        total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        returned = true;
+        return status;
+    }
+    // The longest time without a report, as a part of the job's time.
+    double longestGap() const {
+        double last = 0.0, gap = 0.0;
+        for (double t : seconds) gap = std::max(gap, t - last), last = t;
+        return std::max(gap, total - last) / total;
+    }
+    bool onTheCallersThread() const {
+        return std::all_of(threads.begin(), threads.end(),
+                           [](std::thread::id t) { return t == std::this_thread::get_id(); });
+    }
+    void expectTenStepsSpreadOverTime() const {
+        std::printf("%zu reports in %.2f s, longest gap %.0f%% of the job\n", fractions.size(),
+                    total, 100 * longestGap());
+        EXPECT_TRUE(std::adjacent_find(fractions.begin(), fractions.end(),
+                                       [](double a, double b) { return b <= a; }) ==
+                    fractions.end());
+        EXPECT_GE(fractions.size(), 10u);
+        ASSERT_FALSE(fractions.empty());
+        EXPECT_EQ(fractions.back(), 1.0);
+        EXPECT_LT(longestGap(), 0.35);
+        EXPECT_TRUE(onTheCallersThread());
+        EXPECT_FALSE(afterReturn);
+    }
+};
+
+QxwImage view(const Disc& s) { return {s.bgr.data(), s.w * 3, 3, s.w, s.h, QXW_BGR}; }
+
+// A stroke job and a tri-map job whose solve takes most of a second: the factorisation, a
+// single kick of the library's counter, moves the host's bar too.
+class WorkflowProgressSteps : public ::testing::TestWithParam<bool> {};
+
+TEST_P(WorkflowProgressSteps, TenStepsSpreadOverTheJobsTime) {
+    const bool strokes = GetParam();
+    const Disc s = discScene(640, 480, 190, 30);
+    const QxwImage img = view(s);
+    std::vector<unsigned char> alpha(s.trimap.size());
+    Timeline t;
+    QxwJob job{};
+    ASSERT_EQ(t.run([&](QxwJob* j) {
+        return strokes ? qxwMatteStrokes(&img, s.strokes.data(), s.w, QXW_ENGINE_STROKES,
+                                         alpha.data(), s.w, j)
+                       : qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0,
+                                        alpha.data(), s.w, j);
+    }, job), QXW_OK) << job.message;
+    t.expectTenStepsSpreadOverTime();
+    // And the alpha is the disc's.
+    double error = 0;
+    int open = 0;
+    for (size_t i = 0; i < alpha.size(); ++i)
+        if (s.trimap[i] == 128) error += std::abs(alpha[i] - s.alpha[i]), ++open;
+    EXPECT_LT(error / open, 8.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(StrokesAndTrimap, WorkflowProgressSteps, ::testing::Bool());
+
+// Cancelled half way through (in the solve, while the job's thread waits for it): the job
+// stops within a second, and no report comes after it returned or from another thread.
+TEST(WorkflowProgressCancel, ACancelledJobStopsAtOnceAndReportsNoMore) {
+    const Disc s = discScene(640, 480, 190, 30);
+    const QxwImage img = view(s);
+    std::vector<unsigned char> alpha(s.trimap.size(), 77);
+    volatile int32_t flag = 0;
+    Timeline t;
+    t.cancelAt = &flag;
+    t.cancelFrom = 0.5;
+    QxwJob job{};
+    job.cancel = &flag;
+    EXPECT_EQ(t.run([&](QxwJob* j) {
+        return qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, j);
+    }, job), QXW_CANCELLED);
+    ASSERT_FALSE(t.fractions.empty());
+    const size_t at = std::find_if(t.fractions.begin(), t.fractions.end(),
+                                   [](double f) { return f >= 0.5; }) -
+                      t.fractions.begin();
+    ASSERT_LT(at, t.fractions.size());
+    EXPECT_LT(t.total - t.seconds[at], 1.0);
+    EXPECT_TRUE(std::is_sorted(t.fractions.begin(), t.fractions.end()));
+    EXPECT_TRUE(t.onTheCallersThread());
+    EXPECT_TRUE(std::all_of(alpha.begin(), alpha.end(), [](unsigned char a) { return a == 77; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(t.afterReturn);
+}
+
+}  // namespace
