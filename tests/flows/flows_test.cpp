@@ -264,8 +264,9 @@ TEST(FlowsWeights, LocalRowsSumToZeroAndAreSymmetric) {
             sum += L.weights[size_t(e)];
             scale = std::max(scale, std::abs(double(L.weights[size_t(e)])));
             const int q = sets.unknownIndex[size_t(L.cols[size_t(e)])];
-            if (q >= 0)
+            if (q >= 0) {
                 EXPECT_NEAR(L.weights[size_t(e)], at(q, sets.unknown[size_t(r)]), 1e-4 * scale);
+            }
         }
         EXPECT_NEAR(sum, 0.0, 1e-4 * scale) << "row " << r;
         EXPECT_GT(at(r, sets.unknown[size_t(r)]), 0.0);

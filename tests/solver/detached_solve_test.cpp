@@ -85,7 +85,9 @@ TEST(DetachedSolve, GivesTheBitsAndKicksOfASolveOnTheCallersThread) {
         // And it is a solution: the weighted pixels pull the grid to their targets, so every
         // value lies between 0 and 2 and the residual is tiny.
         const std::vector<float>& x = inB ? away.b : away.x;
-        if (!inB) EXPECT_EQ(away.b, rightSide(n));
+        if (!inB) {
+            EXPECT_EQ(away.b, rightSide(n));
+        }
         const std::vector<float> b = rightSide(n);
         double worst = 0.0;
         for (int k = 0; k < n; ++k) {
