@@ -28,8 +28,8 @@
  * plug-in built against this header needs the same major version (the shared object's soname
  * and the symbol version QXIVEILON31_<major> change with it) and at least this minor version. */
 #define QXIVEILON31_VERSION_MAJOR 0
-#define QXIVEILON31_VERSION_MINOR 2
-#define QXIVEILON31_VERSION_PATCH 2
+#define QXIVEILON31_VERSION_MINOR 3
+#define QXIVEILON31_VERSION_PATCH 0
 
 #if defined(QX_BUILDING_LIBRARY)
 #define QX_API __attribute__((visibility("default")))

@@ -146,6 +146,12 @@ QX_API QxwStatus qxwRefineMask(const QxwImage* image, const unsigned char* mask,
                                unsigned char* alpha, int alphaStride, const QxwColourOut* colours,
                                QxwJob* job);
 
+/* The memory a job may still have, in bytes, as the workflows' out-of-memory messages count it:
+ * available memory plus free swap (or what the process's control group has left, when less),
+ * within the address space the process may still map. Returns 1, or 0 (bytes untouched) when
+ * the system's figures can't be read or bytes is NULL. */
+QX_API int qxwFreeMemory(uint64_t* bytes);
+
 /* The default band width for an image: about 1% of its longer side, at least 10 pixels. */
 QX_API int qxwDefaultBand(int width, int height);
 

@@ -1,6 +1,8 @@
 // The command line's files: images read right or refused, and no output that is an input.
 #include "image_io.h"
 
+#include <zlib.h>
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "frame/memory.h"
+#include "support/scenes.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -20,17 +25,8 @@ using qxmatte::readImage;
 using qxmatte::readPlane;
 const std::vector<int> kRawTiff = {cv::IMWRITE_TIFF_COMPRESSION, 1};
 
-class Files : public ::testing::Test {
+class Files : public qxtest::TempFolder {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() /
-               ("qx_image_io_" + std::to_string(getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    std::string path(const std::string& name) const { return (dir_ / name).string(); }
     static std::vector<unsigned char> bytes(const std::string& p) {
         std::ifstream in(p, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), {}};
@@ -45,7 +41,6 @@ protected:
         cv::randu(m, 0, 256);
         return m;
     }
-    fs::path dir_;
 };
 
 // ---- Samples of more than 8 bits are scaled by their range ------------------------------------
@@ -87,36 +82,27 @@ TEST_F(Files, FloatImagesOutsideZeroToOneAreRefused) {
 
 // ---- Damaged files are refused ---------------------------------------------------------------
 
-TEST_F(Files, AJpegCutShortOrCorruptIsRefused) {
+TEST_F(Files, FilesCutShortOrCorruptAreRefused) {
     const cv::Mat image = texture(64, 48);
-    ASSERT_TRUE(cv::imwrite(path("whole.jpg"), image));
     cv::Mat got;
-    ASSERT_EQ(readImage(path("whole.jpg"), &got), "");
-    EXPECT_EQ(got.size(), image.size());
-
-    std::vector<unsigned char> b = bytes(path("whole.jpg"));
-    write(path("half.jpg"), {b.begin(), b.begin() + b.size() / 2});
-    std::string err = readImage(path("half.jpg"), &got);
-    EXPECT_NE(err.find("half.jpg: a damaged JPEG file"), std::string::npos) << err;
-    EXPECT_TRUE(got.empty());
-
-    // Garbage in the middle of the entropy-coded data.
-    std::vector<unsigned char> corrupt = b;
-    for (size_t i = corrupt.size() / 2; i < corrupt.size() / 2 + 40; ++i) corrupt[i] = 0xFF;
-    write(path("corrupt.jpg"), corrupt);
-    err = readImage(path("corrupt.jpg"), &got);
-    EXPECT_NE(err.find("a damaged JPEG file"), std::string::npos) << err;
-}
-
-TEST_F(Files, OtherFormatsCutShortAreRefused) {
-    const cv::Mat image = texture(64, 48);
-    for (const char* name : {"t.png", "t.tif", "t.webp"}) {
+    for (const std::string name : {"t.jpg", "t.png", "t.tif", "t.webp"}) {
         ASSERT_TRUE(cv::imwrite(path(name), image));
-        std::vector<unsigned char> b = bytes(path(name));
-        write(path(name), {b.begin(), b.begin() + b.size() / 2});
-        cv::Mat got;
-        EXPECT_NE(readImage(path(name), &got), "") << name;
+        ASSERT_EQ(readImage(path(name), &got), "") << name;
+        EXPECT_EQ(got.size(), image.size());
+        const std::vector<unsigned char> b = bytes(path(name));
+        write(path("half_" + name), {b.begin(), b.begin() + b.size() / 2});
+        const std::string err = readImage(path("half_" + name), &got);
+        EXPECT_NE(err, "") << name;
         EXPECT_TRUE(got.empty()) << name;
+        if (name == "t.jpg") {
+            EXPECT_NE(err.find("half_t.jpg: a damaged JPEG file"), std::string::npos) << err;
+            // Garbage in the middle of the entropy-coded data.
+            std::vector<unsigned char> corrupt = b;
+            std::fill_n(corrupt.begin() + b.size() / 2, 40, 0xFF);
+            write(path("corrupt.jpg"), corrupt);
+            EXPECT_NE(readImage(path("corrupt.jpg"), &got).find("a damaged JPEG file"),
+                      std::string::npos);
+        }
     }
 }
 
@@ -165,6 +151,46 @@ TEST_F(Files, AHugeDeclaredSizeIsRefusedBeforeDecoding) {
     qxmatte::setPixelLimit(1000);
     EXPECT_EQ(readImage(path("huge.png"), &got).find("over the limit"), std::string::npos);
     qxmatte::setPixelLimit(qxmatte::kDefaultMegapixels);
+}
+
+TEST_F(Files, AnImageThatCannotBeDecodedSaysWhetherMemoryOrTheFileIsAtFault) {
+    // A PNG whose chunks are whole (so the chunk walk passes it) but whose image data holds
+    // one row of a 3000 x 3000 image: the decoder fails. 8-bit colour needs 27 MB, and the
+    // decoder as much again.
+    std::vector<unsigned char> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+    auto chunk = [&](const char* type, const std::vector<unsigned char>& data) {
+        const uint32_t n = uint32_t(data.size());
+        for (int k = 3; k >= 0; --k) png.push_back((n >> (8 * k)) & 0xFF);
+        std::vector<unsigned char> body(type, type + 4);
+        body.insert(body.end(), data.begin(), data.end());
+        png.insert(png.end(), body.begin(), body.end());
+        const uint32_t crc = uint32_t(crc32(0, body.data(), uInt(body.size())));
+        for (int k = 3; k >= 0; --k) png.push_back((crc >> (8 * k)) & 0xFF);
+    };
+    chunk("IHDR", {0, 0, 0x0B, 0xB8, 0, 0, 0x0B, 0xB8, 8, 2, 0, 0, 0});  // 3000 x 3000 RGB
+    std::vector<unsigned char> row(1 + 3000 * 3, 0), packed(compressBound(uLong(row.size())));
+    uLongf size = uLongf(packed.size());
+    ASSERT_EQ(compress(packed.data(), &size, row.data(), uLong(row.size())), Z_OK);
+    chunk("IDAT", {packed.begin(), packed.begin() + long(size)});
+    chunk("IEND", {});
+    write(path("short.png"), png);
+    cv::Mat got;
+    {
+        const qx::MemStatus little{8000000000ull, 10000000ull, uint64_t(1) << 46};  // 10 MB free
+        qx::overrideMemStatus(&little);
+        const std::string err = readImage(path("short.png"), &got);
+        qx::overrideMemStatus(nullptr);
+        EXPECT_EQ(err, path("short.png") + ": out of memory: decoding the 3000x3000 PNG image "
+                                           "needs about 54 MB and 10 MB is free; close other "
+                                           "programs or use a smaller image");
+    }
+    const qx::MemStatus plenty{8000000000ull, 4000000000ull, uint64_t(1) << 46};
+    qx::overrideMemStatus(&plenty);
+    const std::string err = readImage(path("short.png"), &got);
+    qx::overrideMemStatus(nullptr);
+    EXPECT_EQ(err, path("short.png") + ": cannot decode the 3000x3000 PNG image (the file is "
+                                       "damaged)");
+    EXPECT_TRUE(got.empty());
 }
 
 // ---- Only regular files are opened -----------------------------------------------------------

@@ -278,6 +278,14 @@ bool withinZeroToOne(const cv::Mat& m) {
                        [](double v) { return v >= 0.0 && v <= 1.0; });
 }
 
+// A byte count as people say it: "36 MB", "1.1 GB".
+std::string bytesInWords(double bytes) {
+    char text[32];
+    if (bytes >= 1e9) std::snprintf(text, sizeof text, "%.1f GB", bytes / 1e9);
+    else std::snprintf(text, sizeof text, "%.0f MB", std::max(1.0, bytes / 1e6));
+    return text;
+}
+
 // Decodes path with OpenCV and brings the samples to 8 bits; the reason when it can't.
 std::string decode(const std::string& path, int flags, const DeclaredSize& declared,
                    cv::Mat* out) {
@@ -289,11 +297,19 @@ std::string decode(const std::string& path, int flags, const DeclaredSize& decla
         out->release();
     }
     if (out->empty()) {
-        if (declared.known)
-            return "cannot decode the " + std::to_string(declared.width) + "x" +
-                   std::to_string(declared.height) + " " + declared.format +
-                   " image (damaged, or too large for the free memory)";
-        return "not a readable image (PNG, JPEG, TIFF or WebP)";
+        if (!declared.known) return "not a readable image (PNG, JPEG, TIFF or WebP)";
+        const std::string image = std::to_string(declared.width) + "x" +
+                                  std::to_string(declared.height) + " " + declared.format +
+                                  " image";
+        // 8-bit colour at the least, and as much again for the decoder's own rows and the
+        // conversion: more than is free means the memory ran out, not the file.
+        const double need = 2.0 * 3.0 * double(declared.width) * double(declared.height);
+        uint64_t free = 0;
+        if (qxwFreeMemory(&free) == 1 && need > double(free))
+            return "out of memory: decoding the " + image + " needs about " + bytesInWords(need) +
+                   " and " + bytesInWords(double(free)) +
+                   " is free; close other programs or use a smaller image";
+        return "cannot decode the " + image + " (the file is damaged)";
     }
     if (double(out->total()) > pixelLimit.load())
         return "the image has " + megapixels(double(out->total())) +
