@@ -8,6 +8,7 @@
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
 #include "recovery_scene.h"
+#include "support/scenes.h"
 
 namespace {
 
@@ -136,7 +137,7 @@ TEST_F(RecoveryFull, DecidedAlphaKeepsTheImageAndTheFourthByteIsNotWritten) {
     EXPECT_GT(decided, 1000);
 }
 
-TEST_F(RecoveryFull, PiecesGiveTheBytesOfOnePiece) {
+TEST_F(RecoveryFull, PiecesGiveTheBytesOfOnePieceAndProgressClimbs) {
     const fgtest::Scene s = fgtest::discScene(700, 600, 200.0, 60.0);
     Job whole(s), pieces(s, 3, 12);  // 12 MB: pieces of about 230 pixels
     Reports r1, r2;
@@ -147,6 +148,10 @@ TEST_F(RecoveryFull, PiecesGiveTheBytesOfOnePiece) {
     ASSERT_EQ(qxRecoverForegroundFull(&pieces.req), 1);
     EXPECT_GT(r2.current.size(), r1.current.size() + 50) << "the small budget was not tiled";
     EXPECT_EQ(whole.colours, pieces.colours);
+    // Progress climbs and stops with the job.
+    ASSERT_GE(r1.current.size(), 10u);
+    EXPECT_TRUE(std::is_sorted(r1.current.begin(), r1.current.end()));
+    EXPECT_EQ(qx::progressState().proc, nullptr);
 }
 
 // ---- Budget, progress, refusals ---------------------------------------------------------------
@@ -157,18 +162,6 @@ TEST_F(RecoveryFull, ABudgetTooSmallForAnyPieceRefusesWithoutWriting) {
     const std::vector<uint8_t> before = job.colours;
     EXPECT_EQ(qxRecoverForegroundFull(&job.req), -1);
     EXPECT_EQ(job.colours, before);
-}
-
-TEST_F(RecoveryFull, ProgressClimbsAndStopsWithTheJob) {
-    const fgtest::Scene s = fgtest::discScene(200, 150, 50.0, 20.0);
-    Job job(s);
-    Reports r;
-    job.req.progProc = &Reports::proc;
-    job.req.progParam = &r;
-    ASSERT_EQ(qxRecoverForegroundFull(&job.req), 1);
-    ASSERT_GE(r.current.size(), 10u);
-    EXPECT_TRUE(std::is_sorted(r.current.begin(), r.current.end()));
-    EXPECT_EQ(qx::progressState().proc, nullptr);
 }
 
 TEST_F(RecoveryFull, SmallAndThinImages) {
@@ -222,17 +215,7 @@ TEST_F(RecoveryFull, DemoSceneErrorHeld) {
         out(image.size());
     const QxwColourOut img{image.data(), w * 3}, fore{fg.data(), w * 3};
     ASSERT_EQ(qxwDemoScene(w, h, 5, &img, nullptr, 0, truth.data(), w, &fore, nullptr, 0), QXW_OK);
-    ForegroundRequest r{};
-    r.image = image.data();
-    r.imageStep = w * 3;
-    r.imageChannels = 3;
-    r.alpha = truth.data();
-    r.alphaStep = w;
-    r.colours = out.data();
-    r.coloursStep = w * 3;
-    r.coloursChannels = 3;
-    r.width = w;
-    r.height = h;
+    const ForegroundRequest r = qxtest::foregroundRequest(image, truth, out, w, h);
     ASSERT_EQ(qxRecoverForegroundFull(&r), 1);
     double err = 0, naive = 0;
     for (size_t i = 0; i < truth.size(); ++i) {

@@ -10,6 +10,7 @@
 #include "image/primitives.h"
 #include "qxiveilon31.h"
 #include "recovery_scene.h"
+#include "support/scenes.h"
 
 namespace {
 
@@ -23,17 +24,7 @@ struct Host {
         alpha.assign(size_t(w) * h, 0);
         dst.assign(size_t(w) * h * 4, dstFill);
         aux.assign(size_t(w) * h, 0);
-        req.srcImage = src.data();
-        req.srcStep = w * 4;
-        req.alphaPlane = alpha.data();
-        req.alphaStep = w;
-        req.dstImage = dst.data();
-        req.dstStep = w * 4;
-        req.auxPlane = aux.data();
-        req.auxStep = w;
-        req.fullWidth = w;
-        req.fullHeight = h;
-        region(0, 0, w, h);
+        req = qxtest::keepCutRequest(src, alpha, dst, aux, w, h);
     }
     void region(int x, int y, int w, int h) {
         req.roiX = x, req.roiY = y, req.roiWidth = w, req.roiHeight = h;
@@ -216,12 +207,15 @@ int record(int current, int total, void* param) {
 TEST_F(Recovery, CellWiseInstallsItsProgressAndSteps650) {
     // 800 x 600 at 0.18 is 144 x 108: two cells across, one down, so the step is
     // 0.065 * (20000 / 2) = 650.
-    const fgtest::Scene s = fgtest::discScene(800, 600, 200.0, 60.0);
-    Host h(s);
+    // The cell-wise recovery of a disc with `record` as its progress, reporting to `c`.
+    const auto run = [](int w, int h, double r, Calls* c) {
+        Host host(fgtest::discScene(w, h, r, 0.3 * r));
+        host.req.progProc = record;
+        host.req.progParam = c;
+        EXPECT_EQ(qxRecoverForegroundCell(&host.req, 0), 1);
+    };
     Calls calls;
-    h.req.progProc = record;
-    h.req.progParam = &calls;
-    ASSERT_EQ(qxRecoverForegroundCell(&h.req, 0), 1);
+    run(800, 600, 200.0, &calls);
     ASSERT_GE(calls.current.size(), 3u);
     EXPECT_EQ(calls.current[0], 0);  // the opening tick, before the step is set
     for (int t : calls.total) EXPECT_EQ(t, 20000);
@@ -229,30 +223,13 @@ TEST_F(Recovery, CellWiseInstallsItsProgressAndSteps650) {
         const int expected = calls.current[i - 1] + 650;
         EXPECT_EQ(calls.current[i], expected >= 20000 ? 10000 : expected) << i;
     }
-    // A null parameter: no call at all.
-    Calls none;
-    Host g(s);
-    g.req.progProc = record;
-    ASSERT_EQ(qxRecoverForegroundCell(&g.req, 0), 1);
-    EXPECT_TRUE(none.current.empty());
-}
-
-TEST_F(Recovery, OneCellImageReportsAsManyStepsAsTwoCells) {
+    // A null parameter: no call at all (record would write through it).
+    run(800, 600, 200.0, nullptr);
     // The walk visits a one-cell image's cell twice and solves it once; the host must still see
-    // the reports of two solves, as for an image two cells across (800 x 600 at 0.18 is
-    // 144 x 108; 400 x 300 is 72 x 54, one cell), each cell holding part of the disc's edge.
-    auto reports = [](int w, int h, double radius) {
-        const fgtest::Scene s = fgtest::discScene(w, h, radius, 0.3 * radius);
-        Host host(s);
-        Calls calls;
-        host.req.progProc = record;
-        host.req.progParam = &calls;
-        EXPECT_EQ(qxRecoverForegroundCell(&host.req, 0), 1);
-        return calls.current.size();
-    };
-    const size_t twoCells = reports(800, 600, 200.0);
-    EXPECT_GT(twoCells, 4u);
-    EXPECT_EQ(reports(400, 300, 100.0), twoCells);
+    // the reports of two solves, as here (400 x 300 at 0.18 is 72 x 54, one cell).
+    Calls oneCell;
+    run(400, 300, 100.0, &oneCell);
+    EXPECT_EQ(oneCell.current.size(), calls.current.size());
 }
 
 // ---- Refusals and failures -------------------------------------------------------------------

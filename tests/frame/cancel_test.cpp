@@ -13,22 +13,16 @@
 #include "solver/direct_backends.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
+#include "support/scenes.h"
 
 namespace {
 
 constexpr int W = 320, H = 240;
 
-// The demonstration scene, BGR and BGRA, with its tri-map, strokes and true alpha.
-struct Scene {
-    std::vector<unsigned char> bgr, bgra, trimap, truth, strokes;
-    Scene() : bgr(W * H * 3), bgra(W * H * 4), trimap(W * H), truth(W * H), strokes(W * H) {
-        const QxwColourOut img{bgr.data(), W * 3};
-        qxwDemoScene(W, H, 9, &img, trimap.data(), W, truth.data(), W, nullptr, strokes.data(), W);
-        for (int i = 0; i < W * H; ++i) {
-            for (int c = 0; c < 3; ++c) bgra[4 * i + c] = bgr[3 * i + c];
-            bgra[4 * i + 3] = 255;
-        }
-    }
+// The demonstration scene, with its image also as BGRA.
+struct Scene : qxtest::DemoScene {
+    std::vector<unsigned char> bgra4 = bgra();
+    Scene() : DemoScene(W, H, 9) {}
 };
 
 // A progress callback that sets the flag at its n-th report (0: never) and counts reports.
@@ -44,56 +38,20 @@ struct Trigger {
 
 // The tri-map job on the scene's colour planes: the tri-map in `mask` becomes the alpha.
 int trimapJob(const Scene& s, std::vector<unsigned char>& mask, Trigger* t) {
-    std::vector<unsigned char> p[3] = {std::vector<unsigned char>(W * H),
-                                       std::vector<unsigned char>(W * H),
-                                       std::vector<unsigned char>(W * H)};
-    for (int i = 0; i < W * H; ++i)
-        for (int c = 0; c < 3; ++c) p[c][i] = s.bgr[3 * i + c];
-    unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
-    MaskRequest r{};
-    r.planes = planes;
-    r.planeStep = W;
-    r.mask = mask.data();
-    r.maskStep = W;
-    r.width = W;
-    r.height = H;
-    r.progProc = &Trigger::proc;
-    r.progParam = t;
-    return qxMaskAlpha(&r, 0, float(W * H), 255, 0, 255, 0);
+    qxtest::MaskJob job(s.image, mask, W, H, &Trigger::proc, t);
+    return qxMaskAlpha(&job.req, 0, float(W * H), 255, 0, 255, 0);
 }
 
 // The full-resolution colour recovery under the scene's true alpha, into `out`.
 int colourJob(const Scene& s, std::vector<unsigned char>& out, Trigger* t) {
-    ForegroundRequest r{};
-    r.image = s.bgr.data();
-    r.imageStep = W * 3;
-    r.imageChannels = 3;
-    r.alpha = s.truth.data();
-    r.alphaStep = W;
-    r.colours = out.data();
-    r.coloursStep = W * 3;
-    r.coloursChannels = 3;
-    r.width = W;
-    r.height = H;
-    r.progProc = &Trigger::proc;
-    r.progParam = t;
+    const ForegroundRequest r =
+        qxtest::foregroundRequest(s.image, s.truth, out, W, H, &Trigger::proc, t);
     return qxRecoverForegroundFull(&r);
 }
 
-// The keep-cut request over the whole scene: its BGRA image, `alpha` read (and for the stroke
-// engine written), colours into `dst`.
 KeepCutRequest keepCutRequest(Scene& s, std::vector<unsigned char>& alpha,
                               std::vector<unsigned char>& dst, std::vector<unsigned char>& aux) {
-    KeepCutRequest r{};
-    r.srcImage = s.bgra.data();
-    r.srcStep = r.dstStep = W * 4;
-    r.alphaPlane = alpha.data();
-    r.alphaStep = r.auxStep = W;
-    r.dstImage = dst.data();
-    r.auxPlane = aux.data();
-    r.fullWidth = r.roiWidth = W;
-    r.fullHeight = r.roiHeight = H;
-    return r;
+    return qxtest::keepCutRequest(s.bgra4, alpha, dst, aux, W, H);
 }
 
 // A GrabCut session over the scene, cut with a trigger's flag and reports.
@@ -102,7 +60,7 @@ struct GrabCutSession {
     GrabCutRequest r{};
     GrabCutSession(Scene& s, const std::vector<unsigned char>& start, unsigned char resultFill)
         : codes(start), result(W * H, resultFill) {
-        r.image = s.bgra.data();
+        r.image = s.bgra4.data();
         r.imageStep = W * 4;
         r.mask = codes.data();
         r.maskStep = W;
@@ -220,23 +178,15 @@ TEST(Cancel, StrokeJobs) {
     for (int i = 0; i < W * H; ++i)
         coded[i] = s.strokes[i] == 255 ? 255 : s.strokes[i] == 0 ? 1 : 126;
     checkCancel("qxStrokesToAlpha", {[&](Trigger* t) {
-                                         StrokeMatteRequest r{};
-                                         r.image = s.bgr.data();
-                                         r.imageStep = W * 3;
-                                         r.imageChannels = 3;
-                                         r.strokes = coded.data();
-                                         r.strokesStep = W;
-                                         r.alpha = alpha.data();
-                                         r.alphaStep = W;
-                                         r.width = W;
-                                         r.height = H;
+                                         StrokeMatteRequest r =
+                                             qxtest::strokeRequest(s.image, coded, alpha, W, H);
                                          r.progProc = &Trigger::proc;
                                          r.progParam = t;
                                          return qxStrokesToAlpha(&r);
                                      },
                                      {&alpha},
                                      1});
-    std::vector<unsigned char> plane = coded, aux(W * H, 0), dst = s.bgra;
+    std::vector<unsigned char> plane = coded, aux(W * H, 0), dst = s.bgra4;
     checkCancel("qxKeepCutToAlpha", {[&](Trigger* t) {
                                          KeepCutRequest r = keepCutRequest(s, plane, dst, aux);
                                          r.progProc = &Trigger::proc;
@@ -253,13 +203,13 @@ TEST(Cancel, ColourRecovery) {
     checkCancel("qxRecoverForegroundFull",
                 {[&](Trigger* t) { return colourJob(s, out, t); }, {&out}, 1});
     // The quarter-scale recovery reports to no host callback; a flag set before it stops it.
-    std::vector<unsigned char> dst = s.bgra, alpha = s.truth, aux(W * H, 0);
+    std::vector<unsigned char> dst = s.bgra4, alpha = s.truth, aux(W * H, 0);
     KeepCutRequest r = keepCutRequest(s, alpha, dst, aux);
     volatile int32_t flag = 1;
     qx::setCancelFlag(&flag);
     EXPECT_EQ(qxRecoverForeground(&r, 0), QX_CANCELLED);
     EXPECT_EQ(qxRecoverForegroundCell(&r, 0), QX_CANCELLED);
-    EXPECT_EQ(dst, s.bgra);
+    EXPECT_EQ(dst, s.bgra4);
     flag = 0;
     EXPECT_EQ(qxRecoverForeground(&r, 0), 0);
     qx::setCancelFlag(nullptr);

@@ -9,20 +9,13 @@
 
 #include "matting/mask_job.h"
 #include "qxworkflow.h"
+#include "support/scenes.h"
 
 namespace {
 
-struct Demo {
-    int w, h;
-    std::vector<unsigned char> bgr, trimap, truth, strokes;
-    Demo(int width, int height)
-        : w(width), h(height), bgr(size_t(w) * h * 3), trimap(size_t(w) * h),
-          truth(size_t(w) * h), strokes(size_t(w) * h) {
-        const QxwColourOut image{bgr.data(), 3 * w};
-        EXPECT_EQ(qxwDemoScene(w, h, 3, &image, trimap.data(), w, truth.data(), w, nullptr,
-                               strokes.data(), w),
-                  QXW_OK);
-    }
+struct Demo : qxtest::DemoScene {
+    std::vector<unsigned char>& bgr = image;
+    Demo(int width, int height) : DemoScene(width, height, 3) {}
     // SAD in thousands over the pixels `region` leaves undecided (neither 0 nor 255).
     double sad(const std::vector<unsigned char>& alpha, const std::vector<unsigned char>& region) const {
         double s = 0;
@@ -45,13 +38,7 @@ double trimapJobSad(const Demo& d, bool half) {
             for (int c = 0; c < 3; ++c) plane[c][size_t(y) * bw + x] = d.bgr[3 * i + c];
             mask[size_t(y) * bw + x] = d.trimap[i];
         }
-    MaskRequest req{};
-    req.planes = plane;
-    req.planeStep = bw;
-    req.mask = mask.data();
-    req.maskStep = bw;
-    req.width = bw;
-    req.height = bh;
+    MaskRequest req = qxtest::maskRequest(plane, mask.data(), bw, bh);
     const float unknown = float(bw * bh - fg - bg);
     const double need = 1920.0 * unknown + 12.0 * bw * bh;  // budget for scale 1 or 1.4
     EXPECT_EQ(qx::maskAlphaJob(&req, unknown, 255, 0, 255, 0, half ? need / 2 : need * 2), 1);

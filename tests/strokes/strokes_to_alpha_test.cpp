@@ -8,34 +8,17 @@
 #include "frame/progress.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
+#include "support/scenes.h"
 
 namespace {
 
-struct Scene {
-    int w, h;
-    std::vector<unsigned char> bgr, truth, strokes, coded;  // coded: the library's stroke coding
-    Scene(int width, int height) : w(width), h(height), bgr(size_t(w) * h * 3), truth(size_t(w) * h),
-                                   strokes(size_t(w) * h), coded(size_t(w) * h) {
-        const QxwColourOut image{bgr.data(), 3 * w};
-        EXPECT_EQ(qxwDemoScene(w, h, 7, &image, nullptr, 0, truth.data(), w, nullptr,
-                               strokes.data(), w),
-                  QXW_OK);
-        for (size_t i = 0; i < coded.size(); ++i)
-            coded[i] = strokes[i] == 255 ? 255 : strokes[i] == 0 ? 1 : 128;
-    }
+struct Scene : qxtest::DemoScene {
+    std::vector<unsigned char>& bgr = image;
+    std::vector<unsigned char> coded = qxtest::libraryCoding(strokes);  // the library's coding
+    Scene(int width, int height) : DemoScene(width, height, 7) {}
     StrokeMatteRequest request(std::vector<unsigned char>& alpha) {
-        StrokeMatteRequest r{};
-        r.image = bgr.data();
-        r.imageStep = 3 * w;
-        r.imageChannels = 3;
-        r.strokes = coded.data();
-        r.strokesStep = w;
-        r.width = w;
-        r.height = h;
         alpha.assign(size_t(w) * h, 77);
-        r.alpha = alpha.data();
-        r.alphaStep = w;
-        return r;
+        return qxtest::strokeRequest(bgr, coded, alpha, w, h);
     }
     // Mean absolute error over the unpainted pixels, on the 0..255 scale.
     double error(const std::vector<unsigned char>& alpha) const {

