@@ -49,7 +49,7 @@ enum class Kind { Today, InfoFlow, Flow };
 struct Method {
     std::string name;
     Kind kind = Kind::Flow;
-    std::string spec;
+    std::string recipe;
     qx::flows::FlowOptions options;
 };
 
@@ -68,8 +68,8 @@ std::vector<std::string> split(const std::string& s, char sep) {
 }
 
 // Options of a flow method from "key:value,key:value".
-bool parseFlow(const std::string& spec, qx::flows::FlowOptions& o) {
-    for (const std::string& kv : split(spec, ',')) {
+bool parseFlow(const std::string& recipe, qx::flows::FlowOptions& o) {
+    for (const std::string& kv : split(recipe, ',')) {
         const size_t colon = kv.find(':');
         if (colon == std::string::npos) return false;
         const std::string k = kv.substr(0, colon);
@@ -268,9 +268,9 @@ int main(int argc, char** argv) {
         if (name == "today") m.kind = Kind::Today;
         else if (name == "infoflow") m.kind = Kind::InfoFlow;
         else {
-            m.spec = custom.count(name) ? custom[name]
+            m.recipe = custom.count(name) ? custom[name]
                      : presets().count(name) ? presets().at(name) : std::string();
-            if (m.spec.empty() || !parseFlow(m.spec, m.options)) {
+            if (m.recipe.empty() || !parseFlow(m.recipe, m.options)) {
                 std::fprintf(stderr, "unknown method %s\n", name.c_str());
                 return 2;
             }
@@ -291,7 +291,7 @@ int main(int argc, char** argv) {
     std::sort(names.begin(), names.end());
 
     for (const Method& m : methods)
-        if (m.kind == Kind::Flow) std::printf("%-10s %s\n", m.name.c_str(), m.spec.c_str());
+        if (m.kind == Kind::Flow) std::printf("%-10s %s\n", m.name.c_str(), m.recipe.c_str());
 
     for (int set : sets) {
         // results[method][photo]

@@ -54,20 +54,20 @@ static void showProgress(double fraction, void* data) {
 void qxg_next_stage(QxgRun* run) { ++run->progress.stage; }
 
 /* The result where the procedure sends it; NULL, or why nothing was written. */
-static const char* writeResult(gint32 image, const QxgRun* run, const QxgJobSpec* spec) {
-    switch (spec->output) {
+static const char* writeResult(gint32 image, const QxgRun* run, const QxgJobPlan* plan) {
+    switch (plan->output) {
     case OUTPUT_SELECTION:
         return qxg_alpha_to_selection(image, run->layer.id, run->alpha);
     case OUTPUT_MASK:
         qxg_alpha_to_mask(run->layer.id, run->alpha);
         return NULL;
     default:
-        return qxg_add_colour_layer(image, run->layer.id, spec->layerName, run->colourOut.pixels,
+        return qxg_add_colour_layer(image, run->layer.id, plan->layerName, run->colourOut.pixels,
                                     run->alpha);
     }
 }
 
-GimpPDBStatusType qxg_run_job(gint32 image, gint32 layer, const QxgJobSpec* spec) {
+GimpPDBStatusType qxg_run_job(gint32 image, gint32 layer, const QxgJobPlan* plan) {
     QxgRun run;
     guchar *pixels, *rgb;
     size_t count;
@@ -76,32 +76,32 @@ GimpPDBStatusType qxg_run_job(gint32 image, gint32 layer, const QxgJobSpec* spec
 
     memset(&run, 0, sizeof run);
     run.layer = qxg_extent_of(layer);
-    run.plane = spec->plane;
+    run.plane = plan->plane;
     count = (size_t)run.layer.width * run.layer.height;
     pixels = qxg_read_colour(layer, &run.colour);
     run.alpha = qxg_allocate(count);
-    rgb = spec->recoverColours ? qxg_allocate(count * 3) : NULL;
-    if (!pixels || !run.alpha || (spec->recoverColours && !rgb)) {
-        status = QXG_FAIL("%s: out of memory", spec->procedure);
+    rgb = plan->recoverColours ? qxg_allocate(count * 3) : NULL;
+    if (!pixels || !run.alpha || (plan->recoverColours && !rgb)) {
+        status = QXG_FAIL("%s: out of memory", plan->procedure);
     } else {
         if (rgb) {
             run.colourOut.pixels = rgb;
             run.colourOut.stride = run.layer.width * 3;
             run.colours = &run.colourOut;
         }
-        run.progress.stages = spec->stages;
+        run.progress.stages = plan->stages;
         run.job.progress = showProgress;
         run.job.progressData = &run.progress;
-        gimp_progress_init(spec->progressText);
-        result = spec->workflow(&run, spec->input);
+        gimp_progress_init(plan->progressText);
+        result = plan->workflow(&run, plan->input);
         if (result != QXW_OK) {
-            status = QXG_FAIL("%s: %s%s", spec->procedure, run.job.message,
+            status = QXG_FAIL("%s: %s%s", plan->procedure, run.job.message,
                               result == QXW_FAILED ? " (the matting job failed)" : "");
         } else {
             const char* notWritten;
             gimp_image_undo_group_start(image);
-            notWritten = writeResult(image, &run, spec);
-            status = notWritten ? QXG_FAIL("%s: %s", spec->procedure, notWritten)
+            notWritten = writeResult(image, &run, plan);
+            status = notWritten ? QXG_FAIL("%s: %s", plan->procedure, notWritten)
                                 : GIMP_PDB_SUCCESS;
             gimp_image_undo_group_end(image);
         }
@@ -109,6 +109,6 @@ GimpPDBStatusType qxg_run_job(gint32 image, gint32 layer, const QxgJobSpec* spec
     g_free(pixels);
     g_free(run.alpha);
     g_free(rgb);
-    g_free(spec->plane);
+    g_free(plan->plane);
     return status;
 }

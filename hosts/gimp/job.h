@@ -39,7 +39,7 @@ typedef struct {
 /* A running job: what its workflow reads and writes. */
 typedef struct {
     QxgExtent layer;             /* the active layer */
-    const guchar* plane;         /* the procedure's own plane (QxgJobSpec), or NULL */
+    const guchar* plane;         /* the procedure's own plane (QxgJobPlan), or NULL */
     QxwImage colour;             /* the layer's colours */
     guchar* alpha;               /* the result's alpha */
     const QxwColourOut* colours; /* the subject's recovered colours, NULL when not asked for */
@@ -61,12 +61,12 @@ typedef struct {
     guchar* plane;            /* the tri-map, strokes or coarse mask; the job frees it */
     QxgWorkflow workflow;     /* the workflow calls, with qxg_next_stage between two */
     const void* input;        /* the workflow's own arguments */
-} QxgJobSpec;
+} QxgJobPlan;
 
 /* Reads the layer, runs the workflow with GIMP's progress bar, and writes the result to
- * spec->output in one undo step. On failure nothing in the image changes and the status says
+ * plan->output in one undo step. On failure nothing in the image changes and the status says
  * why (reported with qxg_fail). */
-GimpPDBStatusType qxg_run_job(gint32 image, gint32 layer, const QxgJobSpec* spec);
+GimpPDBStatusType qxg_run_job(gint32 image, gint32 layer, const QxgJobPlan* plan);
 
 /* The next workflow call of the job takes the next share of the progress bar. */
 void qxg_next_stage(QxgRun* run);

@@ -28,7 +28,7 @@ GimpPDBStatusType qxg_matte_from_trimap(gint32 image, gint32 layer, const Proced
     const char* const name = TITLE_TRIMAP;
     const TrimapValues* v = &values->trimap;
     const QxgExtent e = qxg_extent_of(layer);
-    QxgJobSpec spec = {.procedure = name, .progressText = "Matting from the tri-map", .stages = 1,
+    QxgJobPlan plan = {.procedure = name, .progressText = "Matting from the tri-map", .stages = 1,
                        .recoverColours = FALSE, .output = OUTPUT_MASK,
                        .workflow = trimapWorkflow, .input = v};
     GimpPDBStatusType status;
@@ -41,10 +41,10 @@ GimpPDBStatusType qxg_matte_from_trimap(gint32 image, gint32 layer, const Proced
                         name, v->bgCode, v->fgCode);
     if ((status = qxg_check_source(image, layer, v->trimap, "tri-map", name)) != GIMP_PDB_SUCCESS)
         return status;
-    switch (qxg_read_trimap(&e, v->trimap, (guchar)((v->fgCode + v->bgCode) / 2), &spec.plane,
+    switch (qxg_read_trimap(&e, v->trimap, (guchar)((v->fgCode + v->bgCode) / 2), &plan.plane,
                             &bad)) {
     case QXG_READ_OK:
-        return qxg_run_job(image, layer, &spec);
+        return qxg_run_job(image, layer, &plan);
     case QXG_READ_FORMAT:
         return QXG_FAIL("%s: the tri-map's format can't be read", name);
     case QXG_READ_UNCOVERED:
@@ -79,7 +79,7 @@ GimpPDBStatusType qxg_matte_from_strokes(gint32 image, gint32 layer,
     const char* const name = TITLE_STROKES;
     const StrokeValues* v = &values->strokes;
     const QxgExtent e = qxg_extent_of(layer);
-    QxgJobSpec spec = {.procedure = name, .progressText = "Matting from the strokes", .stages = 2,
+    QxgJobPlan plan = {.procedure = name, .progressText = "Matting from the strokes", .stages = 2,
                        .recoverColours = TRUE, .output = OUTPUT_LAYER,
                        .workflow = strokesWorkflow, .input = v};
     GimpPDBStatusType status;
@@ -90,11 +90,11 @@ GimpPDBStatusType qxg_matte_from_strokes(gint32 image, gint32 layer,
         return status;
     if (!gimp_item_is_layer(v->strokes))
         return QXG_FAIL("%s: the strokes must be painted on a layer", name);
-    if ((status = readStrokes(&e, v->strokes, name, &spec.plane)) != GIMP_PDB_SUCCESS)
+    if ((status = readStrokes(&e, v->strokes, name, &plan.plane)) != GIMP_PDB_SUCCESS)
         return status;
     title = g_strdup_printf("%s matte", gimp_item_get_name(layer));
-    spec.layerName = title;
-    status = qxg_run_job(image, layer, &spec);
+    plan.layerName = title;
+    status = qxg_run_job(image, layer, &plan);
     g_free(title);
     return status;
 }
@@ -118,7 +118,7 @@ GimpPDBStatusType qxg_select_subject(gint32 image, gint32 layer, const Procedure
     const SubjectValues* v = &values->subject;
     const QxgExtent e = qxg_extent_of(layer);
     SubjectInput in;
-    QxgJobSpec spec = {.procedure = name, .progressText = "Selecting the subject", .stages = 1,
+    QxgJobPlan plan = {.procedure = name, .progressText = "Selecting the subject", .stages = 1,
                        .recoverColours = v->output == OUTPUT_LAYER, .output = v->output,
                        .layerName = "Subject", .workflow = subjectWorkflow, .input = &in};
     GimpPDBStatusType status;
@@ -144,7 +144,7 @@ GimpPDBStatusType qxg_select_subject(gint32 image, gint32 layer, const Procedure
         if ((status = qxg_check_source(image, layer, v->strokes, "stroke layer", name)) !=
             GIMP_PDB_SUCCESS)
             return status;
-        if ((status = readStrokes(&e, v->strokes, name, &spec.plane)) != GIMP_PDB_SUCCESS)
+        if ((status = readStrokes(&e, v->strokes, name, &plan.plane)) != GIMP_PDB_SUCCESS)
             return status;
     }
     in.band = v->band;
@@ -152,7 +152,7 @@ GimpPDBStatusType qxg_select_subject(gint32 image, gint32 layer, const Procedure
     in.y = y1;
     in.width = x2 - x1;
     in.height = y2 - y1;
-    return qxg_run_job(image, layer, &spec);
+    return qxg_run_job(image, layer, &plan);
 }
 
 /* ---- Refine Edge ------------------------------------------------------------------------- */
@@ -167,7 +167,7 @@ GimpPDBStatusType qxg_refine_edge(gint32 image, gint32 layer, const ProcedureVal
     const RefineValues* v = &values->refine;
     const QxgExtent e = qxg_extent_of(layer);
     /* The workflow recovers the colours for either output. */
-    QxgJobSpec spec = {.procedure = name, .progressText = "Refining the edge", .stages = 1,
+    QxgJobPlan plan = {.procedure = name, .progressText = "Refining the edge", .stages = 1,
                        .recoverColours = TRUE, .output = v->output, .layerName = "Refined",
                        .workflow = refineWorkflow, .input = NULL};
     gint32 channel;
@@ -186,7 +186,7 @@ GimpPDBStatusType qxg_refine_edge(gint32 image, gint32 layer, const ProcedureVal
         if (gimp_selection_is_empty(image)) return QXG_FAIL("%s: there is no selection", name);
         channel = gimp_image_get_selection(image);
     }
-    spec.plane = qxg_channel_plane(&e, channel);
-    if (!spec.plane) return QXG_FAIL("%s: out of memory", name);
-    return qxg_run_job(image, layer, &spec);
+    plan.plane = qxg_channel_plane(&e, channel);
+    if (!plan.plane) return QXG_FAIL("%s: out of memory", name);
+    return qxg_run_job(image, layer, &plan);
 }

@@ -22,6 +22,8 @@ enum Exit { kExitOk = 0, kExitInput = 1, kExitUsage = 2, kExitOutput = 3, kExitJ
 int fail(int code, const std::string& message);
 // From now on this thread's failure messages go into *into instead (nullptr: back to stderr).
 void captureFailures(std::string* into);
+// Blanks the terminal line a progress bar is drawn on (the widest bar: batch's photo count).
+void clearBarLine();
 // A command line that names too little: one line, and where to look.
 int usageError(const char* command, const std::string& what);
 bool parseInt(const char* text, int lo, int hi, int* out);
@@ -64,7 +66,7 @@ struct Job {
     }
     // Takes the bar off the terminal's line (before printing text); the next report redraws it.
     void clear() {
-        if (bar && last >= 0) std::fprintf(stderr, "\r%*s\r", 40, "");
+        if (bar && last >= 0) clearBarLine();
     }
     static void draw(double fraction, void* data) {
         auto* self = static_cast<Job*>(data);

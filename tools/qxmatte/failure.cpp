@@ -14,12 +14,14 @@ int fail(int code, const std::string& message) {
     if (failCapture) {
         *failCapture = message;
     } else {
-        if (isatty(STDERR_FILENO)) std::fprintf(stderr, "\r%*s\r", 50, "");  // a bar's line
+        if (isatty(STDERR_FILENO)) clearBarLine();
         std::fprintf(stderr, "qxmatte: %s\n", message.c_str());
     }
     return code;
 }
 
 void captureFailures(std::string* into) { failCapture = into; }
+
+void clearBarLine() { std::fprintf(stderr, "\r%*s\r", 50, ""); }
 
 }  // namespace qxmatte

@@ -203,7 +203,7 @@ void jpegCheck(const unsigned char* data, size_t size, char* first) {
 
 // Walks the chunks: each must fit in the file with a matching CRC, up to IEND. libpng would find
 // the same damage while decoding, but say so on the standard error in words of its own.
-std::string pngCheck(const unsigned char* data, size_t size) {
+std::string pngChunks(const unsigned char* data, size_t size) {
     size_t at = 8;
     while (at + 12 <= size) {
         const uint64_t length = be32(data + at);
@@ -268,6 +268,15 @@ std::string megapixels(double pixels) {
     return text;
 }
 
+// Empty when an image of this size is within the pixel limit, otherwise the refusal.
+std::string overLimit(int64_t width, int64_t height) {
+    const double pixels = double(width) * double(height);
+    if (pixels <= pixelLimit.load()) return {};
+    return std::to_string(width) + "x" + std::to_string(height) + " is " + megapixels(pixels) +
+           " megapixels, over the limit of " + megapixels(pixelLimit.load()) +
+           " (--max-megapixels raises it)";
+}
+
 // Whether every sample of a floating-point image lies in 0..1 (NaN does not).
 bool withinZeroToOne(const cv::Mat& m) {
     const cv::Mat flat = m.reshape(1, 1);
@@ -291,9 +300,7 @@ std::string decode(const std::string& path, int flags, const DeclaredSize& decla
                    cv::Mat* out) {
     try {
         *out = cv::imread(path, flags | cv::IMREAD_ANYDEPTH);
-    } catch (const cv::Exception&) {
-        out->release();
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {  // OpenCV's own, or memory
         out->release();
     }
     if (out->empty()) {
@@ -311,10 +318,9 @@ std::string decode(const std::string& path, int flags, const DeclaredSize& decla
                    " is free; close other programs or use a smaller image";
         return "cannot decode the " + image + " (the file is damaged)";
     }
-    if (double(out->total()) > pixelLimit.load())
-        return "the image has " + megapixels(double(out->total())) +
-               " megapixels, over the limit of " + megapixels(pixelLimit.load()) +
-               " (--max-megapixels raises it)";
+    // A format whose header isn't read here was held to OpenCV's copy of the limit.
+    const std::string limit = overLimit(out->cols, out->rows);
+    if (!limit.empty()) return limit;
     switch (out->depth()) {
         case CV_8U:
             return {};
@@ -360,9 +366,12 @@ std::string jpegDamage(const unsigned char* data, size_t size) {
 
 std::string pngDamage(const unsigned char* data, size_t size) {
     if (size < 8 || std::memcmp(data, "\x89PNG\r\n\x1a\n", 8) != 0) return "not a PNG file";
-    return pngCheck(data, size);
+    return pngChunks(data, size);
 }
 
+namespace {
+
+// Reads an image with OpenCV's flags, after the checks that need no decoding.
 std::string readImageAs(const std::string& path, int flags, cv::Mat* out) {
     out->release();
     const InputFile file(path);
@@ -370,12 +379,8 @@ std::string readImageAs(const std::string& path, int flags, cv::Mat* out) {
     const DeclaredSize declared = declaredSizeAt([&](uint64_t o, unsigned char* b, size_t n) {
         return file.readAt(o, b, n);
     });
-    if (declared.known && double(declared.width) * double(declared.height) > pixelLimit.load())
-        return path + ": " + std::to_string(declared.width) + "x" +
-               std::to_string(declared.height) + " is " +
-               megapixels(double(declared.width) * double(declared.height)) +
-               " megapixels, over the limit of " + megapixels(pixelLimit.load()) +
-               " (--max-megapixels raises it)";
+    const std::string limit = declared.known ? overLimit(declared.width, declared.height) : "";
+    if (!limit.empty()) return path + ": " + limit;
     const bool jpeg = std::strcmp(declared.format, "JPEG") == 0;
     if (declared.known && (jpeg || std::strcmp(declared.format, "PNG") == 0)) {
         std::vector<unsigned char> bytes(file.size);
@@ -393,6 +398,8 @@ std::string readImageAs(const std::string& path, int flags, cv::Mat* out) {
     }
     return {};
 }
+
+}  // namespace
 
 std::string readImage(const std::string& path, cv::Mat* bgr) {
     return readImageAs(path, cv::IMREAD_COLOR, bgr);

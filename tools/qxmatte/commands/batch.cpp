@@ -194,7 +194,7 @@ int runBatch(int argc, char** argv, bool showProgress) {
     for (int t = 1; t < std::min<int>(jobs, int(todo.size())); ++t) threads.emplace_back(work);
     work();
     for (std::thread& t : threads) t.join();
-    if (showProgress) std::fprintf(stderr, "\r%*s\r", 50, "");
+    if (showProgress) clearBarLine();
 
     int failed = 0, done = 0;
     for (const Item& it : items) {
