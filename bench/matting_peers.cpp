@@ -1,5 +1,5 @@
-// Tri-map matting beside its peer: our workflow (qxwMatteTrimap), OpenCV contrib's
-// information-flow matting (cv::alphamat::infoFlow, run as a black box) and the flows' solve
+// Tri-map matting beside its peer: our workflow (qxwMatteTrimap, "today"), the closed-form job it
+// ran before the flows (qxMaskAlphaPlain, "closed"), OpenCV contrib's information-flow matting (cv::alphamat::infoFlow, run as a black box) and the flows' solve
 // (src/flows) in chosen combinations of its terms, on the alpha-matting benchmark photos
 // (skipped when ../shared/data/alphamatting is absent), in one run.
 //
@@ -44,7 +44,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-enum class Kind { Today, InfoFlow, Flow };
+enum class Kind { Today, Closed, InfoFlow, Flow };
 
 struct Method {
     std::string name;
@@ -110,7 +110,7 @@ const std::map<std::string, std::string>& presets() {
         {"cm+l", "cm:1,l:1,uu:0,ku:0"},
         {"ku+l", "cm:0,l:1,uu:0,ku:0.05"},
         {"uu+l", "cm:0,l:1,uu:0.01,ku:0"},
-        {"all", "cm:1,l:1,uu:0.01,ku:0.05"},
+        {"all", "cm:1,l:1,uu:0.01,ku:0.05,kcm:20"},
     };
     return p;
 }
@@ -140,6 +140,28 @@ Result runToday(const cv::Mat& image, const cv::Mat& trimap, cv::Mat& alpha) {
     r.seconds = qxmatte::secondsSince(t);
     r.ok = s == QXW_OK;
     if (!r.ok) std::fprintf(stderr, "workflow: %s\n", job.message);
+    return r;
+}
+
+// The closed-form job the workflows ran before the flows (qxMaskAlphaPlain) on the whole photo.
+Result runClosed(const cv::Mat& image, const cv::Mat& trimap, cv::Mat& alpha) {
+    Result r;
+    std::vector<cv::Mat> planes;
+    cv::split(image, planes);
+    unsigned char* ptrs[3] = {planes[0].data, planes[1].data, planes[2].data};
+    alpha = trimap.clone();
+    MaskRequest req{};
+    req.planes = ptrs;
+    req.planeStep = static_cast<int32_t>(planes[0].step);
+    req.mask = alpha.data;
+    req.maskStep = static_cast<int32_t>(alpha.step);
+    req.width = image.cols;
+    req.height = image.rows;
+    const float unknown =
+        static_cast<float>(cv::countNonZero((trimap > 0) & (trimap < 255)));
+    const auto t = std::chrono::steady_clock::now();
+    r.ok = qxMaskAlphaPlain(&req, unknown, 255, 0, 255, 0) == 1;
+    r.seconds = qxmatte::secondsSince(t);
     return r;
 }
 
@@ -220,7 +242,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::vector<int> sets = {1, 2};
-    std::vector<std::string> only, methodNames = {"today", "infoflow", "local", "cm+l", "ku+l",
+    std::vector<std::string> only, methodNames = {"today", "closed", "infoflow", "local", "cm+l", "ku+l",
                                                   "uu+l", "all"};
     std::map<std::string, std::string> custom;
     std::vector<std::string> customOrder;
@@ -266,6 +288,7 @@ int main(int argc, char** argv) {
         Method m;
         m.name = name;
         if (name == "today") m.kind = Kind::Today;
+        else if (name == "closed") m.kind = Kind::Closed;
         else if (name == "infoflow") m.kind = Kind::InfoFlow;
         else {
             m.recipe = custom.count(name) ? custom[name]
@@ -312,6 +335,7 @@ int main(int argc, char** argv) {
                 qx::flows::FlowStats stats;
                 const double cpu0 = qxmatte::processCpuSeconds();
                 if (m.kind == Kind::Today) r = runToday(image, trimap, alpha);
+                else if (m.kind == Kind::Closed) r = runClosed(image, trimap, alpha);
                 else if (m.kind == Kind::InfoFlow)
                     r = runInfoFlow(image, trimap, alpha,
                                     "set" + std::to_string(set) + "_r" + std::to_string(radius) +

@@ -83,7 +83,8 @@ WeightRows colourMixtureWeights(const FlowImage& image, const PixelSets& sets,
     const int k = std::clamp(options.neighbours, 1, std::min(kMaxNeighbours,
                                                              std::max(1, tree.size() - 1)));
     const std::vector<float> queries = pixelFeatures(image, sets.unknown, options.spatialWeight);
-    const std::vector<int> found = nearestAll(tree, queries.data(), n, k, sets.unknown, options.maxChecks);
+    const std::vector<int> found = nearestAll(tree, queries.data(), n, k, sets.unknown, options.maxChecks,
+                                               options.poll);
 
     WeightRows rows;
     rows.start.resize(size_t(n) + 1);

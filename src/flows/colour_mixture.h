@@ -27,7 +27,8 @@ void mixtureWeights(const float* target, const float* neighbours, int k, int dim
                     double regularisation, double* weights);
 
 struct ColourMixtureOptions {
-    int neighbours = 20;          // K
+    // K. Ten give the same error as twenty on the benchmark photos (within 0.5%) in 25% less time.
+    int neighbours = 10;
     float spatialWeight = 1.0f;   // of the place coordinates in the search
     // Rebuild the colour only (3) or the whole feature, place included (5).
     int rebuildDims = 3;
@@ -38,6 +39,7 @@ struct ColourMixtureOptions {
     // Points compared a search before it settles for the nearest found (0: exact search,
     // which can take a hundred times as long where many points lie at nearly one distance).
     int maxChecks = 64;
+    Poll poll;  // between slices of the search
 };
 
 // One row a undecided pixel (in the order of sets.unknown), columns box pixels.

@@ -176,15 +176,14 @@ int KdTree::nearest(const float* query, int k, int skip, int* names, float* dist
 }
 
 std::vector<int> nearestAll(const KdTree& tree, const float* queries, int count, int k,
-                            const std::vector<int>& selfNames, int maxChecks) {
+                            const std::vector<int>& selfNames, int maxChecks, const Poll& poll) {
     std::vector<int> out(size_t(count) * size_t(k), -1);
-#pragma omp parallel for schedule(dynamic, 256)
-    for (int i = 0; i < count; ++i) {
+    forSlices(count, poll, [&](int i) {
         float dist[kMaxK];
         tree.nearest(queries + int64_t(i) * kFeatureDims, k,
                      selfNames.empty() ? -1 : selfNames[size_t(i)], out.data() + int64_t(i) * k,
                      dist, maxChecks);
-    }
+    });
     return out;
 }
 

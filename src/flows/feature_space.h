@@ -54,8 +54,9 @@ private:
 // For each query point (kFeatureDims floats each), the names of its k nearest points in the
 // tree, k a query (a short result is padded with -1). With excludeSelf, query i leaves out the
 // point named selfNames[i]. Queries run in parallel; the result does not depend on the number
-// of threads.
+// of threads. poll is called between slices of the queries.
 std::vector<int> nearestAll(const KdTree& tree, const float* queries, int count, int k,
-                            const std::vector<int>& selfNames = {}, int maxChecks = 0);
+                            const std::vector<int>& selfNames = {}, int maxChecks = 0,
+                            const Poll& poll = {});
 
 }  // namespace qx::flows

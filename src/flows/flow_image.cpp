@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "frame/progress.h"
+
 namespace qx::flows {
 
 PixelSets classifyPixels(const FlowImage& image) {
@@ -62,6 +64,11 @@ std::vector<int> pixelsNearUnknown(const FlowImage& image, const PixelSets& sets
     for (int p = 0; p < w * h; ++p)
         if (mark[size_t(p)]) out.push_back(p);
     return out;
+}
+
+void Poll::operator()() const {
+    checkCancel();
+    if (fn) fn(param);
 }
 
 }  // namespace qx::flows

@@ -3,8 +3,11 @@
 // foreground, anything between undecided), all of width x height.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
+
+#include "frame/progress.h"
 
 namespace qx::flows {
 
@@ -40,6 +43,30 @@ struct PixelSets {
 };
 
 PixelSets classifyPixels(const FlowImage& image);
+
+// What the long loops call between slices of their work, on the calling thread: the cancel flag
+// is looked at (Fault::Cancelled is thrown), then the caller's function, if any, is called.
+// Progress goes through the frame's spans (frame/progress.h), not through the poll.
+struct Poll {
+    void (*fn)(void*) = nullptr;
+    void* param = nullptr;
+    void operator()() const;
+};
+
+// body(i) for every i in [0, count), spread over the threads in up to eight slices of at least
+// 4096; after each slice the part done is reported, and between two slices poll() is called.
+// body must not throw.
+template <class Body>
+void forSlices(int count, const Poll& poll, Body&& body) {
+    const int slice = std::max(4096, count / 8 + 1);
+    for (int first = 0; first < count; first += slice) {
+        const int last = std::min(count, first + slice);
+#pragma omp parallel for schedule(dynamic, 256)
+        for (int i = first; i < last; ++i) body(i);
+        progressWithin(double(last) / count);
+        if (last < count) poll();
+    }
+}
 
 // The box pixels within `radius` (Chebyshev distance) of an undecided pixel, the undecided ones
 // included, in raster order.

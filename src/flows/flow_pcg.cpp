@@ -6,11 +6,12 @@
 
 #include "frame/progress.h"
 
+
 namespace qx::flows {
 namespace {
 
 constexpr int kBlock = 4096;
-constexpr int kCheckEvery = 16;
+constexpr int kCheckEvery = 4;
 // Below this many unknowns a parallel region costs more than it saves.
 constexpr int kParallelRows = 16384;
 
@@ -34,7 +35,7 @@ double blockSum(int n, std::vector<double>& partial, Term term) {
 }  // namespace
 
 PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, int maxIterations,
-                       void (*poll)(void*), void* pollParam) {
+                       const Poll& poll) {
     const int n = system.n;
     PcgResult result;
     if (n == 0) return result;
@@ -58,6 +59,7 @@ PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, in
         p[size_t(i)] = z[size_t(i)];
         return r[size_t(i)] * z[size_t(i)];
     });
+    const double firstResidual = std::sqrt(rr);
     int it = 0;
     while (std::sqrt(rr) > goal && it < maxIterations) {
         system.apply(p.data(), q.data(), scratch);
@@ -79,8 +81,12 @@ PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, in
         for (int i = 0; i < n; ++i) p[size_t(i)] = z[size_t(i)] + beta * p[size_t(i)];
         ++it;
         if (it % kCheckEvery == 0) {
-            checkCancel();
-            if (poll) poll(pollParam);
+            // The part done: how far the residual has come down the orders of magnitude between
+            // its start and the goal.
+            if (rr > 0.0 && firstResidual > goal)
+                progressWithin(std::log(firstResidual / std::sqrt(rr)) /
+                               std::log(firstResidual / goal));
+            poll();
         }
     }
     result.iterations = it;

@@ -1,8 +1,8 @@
 // Conjugate gradients on the flows' system, preconditioned by its diagonal (Jacobi), from the
 // caller's first guess. Stops when |b - A x| <= tolerance |b| or at the iteration limit; dot
 // products are summed in fixed blocks, so the result does not depend on the number of threads.
-// Between iterations (every 16th) the calling thread's cancel flag is checked
-// (frame/progress.h: checkCancel throws Fault::Cancelled) and `poll`, when given, is called.
+// Every 4th iteration the part done is reported (frame/progress.h) and `poll` is called (it looks at the calling thread's cancel flag, which
+// throws Fault::Cancelled, then calls the caller's function).
 #pragma once
 
 #include "flows/flow_system.h"
@@ -15,6 +15,6 @@ struct PcgResult {
 };
 
 PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, int maxIterations,
-                       void (*poll)(void*) = nullptr, void* pollParam = nullptr);
+                       const Poll& poll = {});
 
 }  // namespace qx::flows

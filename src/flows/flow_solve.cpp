@@ -18,11 +18,6 @@ double since(Clock::time_point t) {
     return std::chrono::duration<double>(Clock::now() - t).count();
 }
 
-// Between two pieces of work: the cancel flag, then the caller's poll.
-void between(const FlowOptions& o) {
-    checkCancel();
-    if (o.poll) o.poll(o.pollParam);
-}
 
 }  // namespace
 
@@ -39,23 +34,34 @@ void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char
     WeightRows mixture, intra, laplacian;
     KnownUnknownEstimate estimate;
     auto t = Clock::now();
-    if (n > 0 && w.colourMixture != 0.0) mixture = colourMixtureWeights(image, sets, options.mixture);
+    // The pieces, each a stage of the caller's progress span weighed by its share of the time on
+    // the benchmark photos (the searches report their slices, the solve its residual).
+    ProgressParts parts({0.2, 0.15, 0.1, 0.05, 0.5});
+    ColourMixtureOptions mixtureOptions = options.mixture;
+    KnownUnknownOptions knownOptions = options.known;
+    UnknownUnknownOptions intraOptions = options.intra;
+    mixtureOptions.poll = knownOptions.poll = intraOptions.poll = options.poll;
+    if (n > 0 && w.colourMixture != 0.0) mixture = colourMixtureWeights(image, sets, mixtureOptions);
     st.seconds[0] = since(t);
-    between(options);
+    options.poll();
+    parts.next();
     t = Clock::now();
     if (n > 0 && (w.knownUnknown != 0.0 || options.startFromEstimate))
-        estimate = knownUnknownFlow(image, sets, options.known);
+        estimate = knownUnknownFlow(image, sets, knownOptions);
     for (float c : estimate.confidence) st.meanConfidence += c / n;
     st.seconds[1] = since(t);
-    between(options);
+    options.poll();
+    parts.next();
     t = Clock::now();
-    if (n > 0 && w.unknownUnknown != 0.0) intra = unknownUnknownWeights(image, sets, options.intra);
+    if (n > 0 && w.unknownUnknown != 0.0) intra = unknownUnknownWeights(image, sets, intraOptions);
     st.seconds[2] = since(t);
-    between(options);
+    options.poll();
+    parts.next();
     t = Clock::now();
     if (n > 0 && w.local != 0.0) laplacian = localLaplacianRows(image, sets, options.localEpsilon);
     st.seconds[3] = since(t);
-    between(options);
+    options.poll();
+    parts.next();
 
     t = Clock::now();
     std::vector<double> x(size_t(n), 0.5);
@@ -69,7 +75,7 @@ void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char
         if (options.startFromEstimate && estimate.alpha.size() == size_t(n))
             for (int i = 0; i < n; ++i) x[size_t(i)] = estimate.alpha[size_t(i)];
         const PcgResult r = solveFlowPcg(system, x.data(), options.tolerance,
-                                         options.maxIterations, options.poll, options.pollParam);
+                                         options.maxIterations, options.poll);
         st.iterations = r.iterations;
         st.relativeResidual = r.relativeResidual;
     }

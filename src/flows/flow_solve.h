@@ -26,9 +26,10 @@ struct FlowOptions {
     bool startFromEstimate = true;
     // The mask job's rule: a undecided pixel never comes back as exactly 0 or 255.
     bool hardValueRule = false;
-    // Called between pieces of work and every 16th iteration (progress reporting), with pollParam.
-    void (*poll)(void*) = nullptr;
-    void* pollParam = nullptr;
+    // Called between pieces of work, between slices of the searches and every 4th iteration;
+    // the cancel flag is looked at there too. Progress goes to the calling thread's innermost
+    // span (frame/progress.h): five stages, the searches by slice, the solve by its residual.
+    Poll poll;
 };
 
 // Where the time went, and what the solve did.

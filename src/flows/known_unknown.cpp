@@ -54,8 +54,7 @@ KnownUnknownEstimate knownUnknownFlow(const FlowImage& image, const PixelSets& s
     const std::vector<float> queries = pixelFeatures(image, sets.unknown, s);
     const int k = std::clamp(options.neighbours, 1, kMaxSide);
 
-#pragma omp parallel for schedule(dynamic, 256)
-    for (int r = 0; r < n; ++r) {
+    forSlices(n, options.poll, [&](int r) {
         const float* q = queries.data() + int64_t(r) * kFeatureDims;
         int names[2 * kMaxSide];
         float dist[2 * kMaxSide];
@@ -87,7 +86,7 @@ KnownUnknownEstimate knownUnknownFlow(const FlowImage& image, const PixelSets& s
         const double fgShare = share[0];
         e.alpha[size_t(r)] = static_cast<float>(std::clamp(fgShare, 0.0, 1.0));
         e.confidence[size_t(r)] = static_cast<float>(std::min(d2 / 3.0, 1.0));
-    }
+    });
     return e;
 }
 

@@ -23,6 +23,7 @@ struct KnownUnknownOptions {
     // Points compared a search before it settles for the nearest found (0: exact search,
     // which can take a hundred times as long where many points lie at nearly one distance).
     int maxChecks = 64;
+    Poll poll;  // between slices of the search
 };
 
 struct KnownUnknownEstimate {

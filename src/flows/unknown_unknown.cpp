@@ -20,7 +20,7 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
     KdTree tree;
     tree.build(f.data(), n, self);
     const int k = std::clamp(options.neighbours, 1, n - 1);
-    const std::vector<int> found = nearestAll(tree, f.data(), n, k, self, options.maxChecks);
+    const std::vector<int> found = nearestAll(tree, f.data(), n, k, self, options.maxChecks, options.poll);
 
     // One-sided links, then each pair's two directions added: row i gathers its own links and
     // the links that name it.

@@ -17,6 +17,7 @@ struct UnknownUnknownOptions {
     // Points compared a search before it settles for the nearest found (0: exact search,
     // which can take a hundred times as long where many points lie at nearly one distance).
     int maxChecks = 64;
+    Poll poll;  // between slices of the search
 };
 
 // Rows in the order of sets.unknown, columns numbers of undecided pixels (not box pixels): the

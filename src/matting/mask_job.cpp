@@ -161,8 +161,10 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     PlanePtr mask = std::make_unique<Plane8>(width, height, req->mask, req->maskStep);
     Copy(*mask, savedTri);
 
-    const RunChoice run = chooseMaskRun(width, height, unknownPixels,
-                                        budgetBytes > 0.0 ? budgetBytes : maskBudget());
+    const RunChoice run = limitRunUnknowns(
+        chooseMaskRun(width, height, unknownPixels,
+                      budgetBytes > 0.0 ? budgetBytes : maskBudget()),
+        width, height, unknownPixels, finish.runUnknownLimit);
     if (run.width < 1 || run.height < 1) return -1000;  // nothing written yet
     // The job's stages for the progress listener: halving, solve, doubling and the last pass.
     const MaskJobSeconds seconds = maskJobSeconds(width, height, unknownPixels, run, finish);
@@ -222,7 +224,7 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     }
     for (auto& c : colour) c.reset();
     const StageClock clock(Stage::Enlarge);
-    hardValueRule(*mask, savedTri);
+    if (finish.undecidedOffTheEnds) hardValueRule(*mask, savedTri);
     return 1;
 }
 
@@ -265,6 +267,30 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
     return run;
 }
 
+RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float unknownPixels,
+                           float limit) {
+    if (!(limit > 0.0f) || !(unknownPixels > 0.0f)) return run;
+    const double pixels = double(width) * height;
+    const double share = std::min(double(unknownPixels), pixels) / std::max(pixels, 1.0);
+    const double runUnknowns = share * double(run.width) * run.height;
+    if (runUnknowns <= limit) return run;
+    RunChoice out = run;
+    const double scale = std::sqrt(share * pixels / limit);
+    out.scale = std::max(run.scale, scale);
+    if (run.kind == RunKind::Direct && scale <= 2.0) {
+        out.kind = RunKind::Half;
+        out.width = width / 2;
+        out.height = height / 2;
+        return out;
+    }
+    // Here scale > 2 or the run was already reduced; never larger than the run given.
+    out.kind = RunKind::Free;
+    out.width = std::min(run.width, static_cast<int>(width / std::max(scale, 2.0)));
+    out.height = std::min(run.height, static_cast<int>(height / std::max(scale, 2.0)));
+    if (out.width == width / 2 && out.height == height / 2) out.kind = RunKind::Half;
+    return out;
+}
+
 int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgCode,
                unsigned char bgCode, int levelHigh, int levelLow, const MattingFinish& finish) {
     const int width = colour[0]->width, height = colour[0]->height;
@@ -276,7 +302,10 @@ int qxMaskProc(Plane8** colour, Plane8& mask, int /*ignored*/, unsigned char fgC
                              (finish.smoothEdges ? kCleanUpSeconds * pixels : 0.0),
                          (finish.smoothEdges ? kCleanUpSeconds * pixels : 0.0) +
                              SolveSeconds::pass(pixels)});
-    {
+    if (finish.solveRun) {
+        finish.solveRun(colour, mask, fgCode, bgCode);
+        progressKick();
+    } else {
         CFMatt matt;
         matt.expectedUnknowns = unknowns;
         matt.bgCode = bgCode;
@@ -318,7 +347,6 @@ void applyFinalLevels(Plane8& mask, int levelHigh, int levelLow) {
 }  // namespace qx
 
 namespace qx {
-namespace {
 
 int maskAlphaExport(MaskRequest* request, float unknownPixels, int fgCode, int bgCode,
                     int levelHigh, int levelLow, const MattingFinish& finish) {
@@ -333,7 +361,6 @@ int maskAlphaExport(MaskRequest* request, float unknownPixels, int fgCode, int b
     return status;
 }
 
-}  // namespace
 }  // namespace qx
 
 extern "C" QX_API int qxMaskAlpha(MaskRequest* request, int /*reserved*/, float unknownPixels,

@@ -24,6 +24,18 @@ struct MattingFinish {
     // the benchmark photos the 8-bit results keep their SAD and MSE, and the solve takes half as
     // long (each step reads the whole factor once more).
     int refinementSteps = 2;
+    // Another solve for the run in place of the closed-form one (the finishing steps and the
+    // final levels still follow as set): it turns the run's tri-map, at or below bgCode
+    // background and at or above fgCode foreground, into alpha in place. Failures are thrown.
+    void (*solveRun)(Plane8** colour, Plane8& mask, unsigned char fgCode,
+                     unsigned char bgCode) = nullptr;
+    // Only pixels given as exactly 0 or 255 come back as 0 or 255 (the others are moved to 1 or
+    // 254). The flows' solve leaves whole stretches of a wide band at exactly 0 or 1, where the
+    // move costs it 2% of its SAD on the benchmark photos; it goes without.
+    bool undecidedOffTheEnds = true;
+    // Runs whose undecided pixels would exceed this many are made smaller until they don't
+    // (0: no limit beyond the budget's).
+    float runUnknownLimit = 0.0f;
 
     static constexpr MattingFinish plain() { return {false, false, 1e-8, true, 1}; }
 };
@@ -40,6 +52,12 @@ struct RunChoice {
 // undecided pixels or more never run at full size.
 RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budgetBytes);
 
+// The run of chooseMaskRun made smaller, when needed, so that it holds at most `limit` undecided
+// pixels (taken as spread evenly over the image): a direct run becomes a half-size one, a
+// half-size one a free-size one. A limit of 0 or below changes nothing.
+RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float unknownPixels,
+                           float limit);
+
 // Rough seconds of a tri-map job's stages, for laying out its progress (only their ratios
 // matter): the solve of the run with its finishing steps, and for a reduced run the halving
 // before it and the guided doubling after.
@@ -54,10 +72,15 @@ double maskProcSeconds(double pixels, double unknowns, const MattingFinish& fini
 
 // The tri-map job on a checked request: the run chosen for budgetBytes (0: the library's own
 // budget), solved, brought back to the request's size; only pixels given as exactly 0 or 255
-// may come back as 0 or 255. Returns 1; failures are thrown.
+// may come back as 0 or 255, unless the finish says otherwise. Returns 1; failures are thrown.
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
                  unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes = 0.0,
                  const MattingFinish& finish = {});
+
+// The export's frame around maskAlphaJob: the request checked (-1000, nothing written, when it
+// is unusable), failures turned into statuses, the tri-map given back on a cancel.
+int maskAlphaExport(MaskRequest* request, float unknownPixels, int fgCode, int bgCode,
+                    int levelHigh, int levelLow, const MattingFinish& finish);
 
 // One run: closed-form solve with sharpening, cross bilateral clean-up along the colour edges,
 // final levels. The colour views and the mask share one size. Returns 1.

@@ -95,7 +95,7 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     const float unknown = static_cast<float>(unknownPixels);
     const int status =
         finished ? qxMaskAlpha(&req, 0, unknown, fgCode, bgCode, levelHigh, levelLow)
-                 : qxMaskAlphaPlain(&req, unknown, fgCode, bgCode, levelHigh, levelLow);
+                 : qxMaskAlphaFlow(&req, unknown, fgCode, bgCode, levelHigh, levelLow);
     if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
 
     cv::Mat out(height, width, CV_8UC1);

@@ -134,7 +134,7 @@ cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
 // The workflows on the library's own images (image BGR), reporting through one relay; the
 // status and message go to job. Outputs are written only on QXW_OK.
 // finished: with qxMaskAlpha's sharpening and clean-up (refine's band growth reads the sharper
-// edge), else qxMaskAlphaPlain.
+// edge), else qxMaskAlphaFlow.
 QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
                       int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job,
                       bool finished = false);

@@ -1,0 +1,47 @@
+// qxMaskAlphaFlow: the tri-map job with the flows' solve in its run. The job around the run is
+// the plain one's (run choice for the budget, halving and guided doubling, final levels,
+// statuses, cancel) without the hard-value rule; the run is solved by flowAlpha with the workflows' settings, and
+// runs are kept to kRunUnknownLimit undecided pixels, where the iterative solve still takes
+// seconds, not minutes.
+#include "flows/flow_solve.h"
+#include "matting/mask_job.h"
+#include "qxiveilon31.h"
+
+namespace qx::flows {
+namespace {
+
+constexpr float kRunUnknownLimit = 400000.0f;
+
+void solveRun(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
+    FlowImage image;
+    image.width = mask.width;
+    image.height = mask.height;
+    for (int c = 0; c < 3; ++c) image.planes[c] = colour[c]->data;
+    image.planeStep = colour[0]->step;
+    image.tri = mask.data;
+    image.triStep = mask.step;
+    image.fgCode = fgCode;
+    image.bgCode = bgCode;
+    const FlowOptions options;
+    // The tri-map is read while the alpha is written: the alpha goes to a plane of its own.
+    Plane8 alpha(mask.width, mask.height);
+    flowAlpha(image, options, alpha.data, alpha.step);
+    Copy(alpha, mask);
+}
+
+MattingFinish flowFinish() {
+    MattingFinish finish = MattingFinish::plain();
+    finish.solveRun = &solveRun;
+    finish.runUnknownLimit = kRunUnknownLimit;
+    finish.undecidedOffTheEnds = false;
+    return finish;
+}
+
+}  // namespace
+}  // namespace qx::flows
+
+extern "C" QX_API int qxMaskAlphaFlow(MaskRequest* request, float unknownPixels, int fgCode,
+                                      int bgCode, int levelHigh, int levelLow) {
+    return qx::maskAlphaExport(request, unknownPixels, fgCode, bgCode, levelHigh, levelLow,
+                               qx::flows::flowFinish());
+}
