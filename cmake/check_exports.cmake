@@ -11,7 +11,7 @@ set(expected
   qxColorRangeSelect qxDesaturation qxfilterIm8u qxRGB2YCbCrAutoLevel qxPreviewAutoLevel
   qxKeepCutToAlpha qxRecoverForeground qxRecoverForegroundCell qxHairSelect
   qxGrabCut qxGrabCutDeleteBuf qxGrabCutEdgeGen qxStrokesToAlpha qxRecoverForegroundFull
-  qxSetCancelFlag qxMaskAlphaPlain qxMaskAlphaFlow
+  qxSetCancelFlag qxMaskAlphaPlain qxMaskAlphaFlow qxStrokesToAlphaFlow
   qxwMatteTrimap qxwMatteStrokes qxwRecoverForeground qxwSelectSubject qxwCutoutFromRect
   qxwDefaultBand qxwPaintStroke qxwDemoScene qxwRefineMask qxwFreeMemory)
 execute_process(COMMAND nm -D --defined-only --with-symbol-versions ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)

@@ -3,8 +3,9 @@
 // statuses, cancel) without the hard-value rule; the run is solved by flowAlpha with the workflows' settings, and
 // runs are kept to kRunUnknownLimit undecided pixels, where the iterative solve still takes
 // seconds, not minutes.
+#include "flows/mask_alpha_flow.h"
+
 #include "flows/flow_solve.h"
-#include "matting/mask_job.h"
 #include "qxiveilon31.h"
 
 namespace qx::flows {
@@ -29,6 +30,8 @@ void solveRun(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char
     Copy(alpha, mask);
 }
 
+}  // namespace
+
 MattingFinish flowFinish() {
     MattingFinish finish = MattingFinish::plain();
     finish.solveRun = &solveRun;
@@ -37,7 +40,6 @@ MattingFinish flowFinish() {
     return finish;
 }
 
-}  // namespace
 }  // namespace qx::flows
 
 extern "C" QX_API int qxMaskAlphaFlow(MaskRequest* request, float unknownPixels, int fgCode,

@@ -15,6 +15,7 @@
 #include "frame/args.h"
 #include "frame/fault.h"
 #include "frame/memory.h"
+#include "flows/mask_alpha_flow.h"
 #include "frame/progress.h"
 #include "matting/mask_job.h"
 #include "qxiveilon31.h"
@@ -39,7 +40,9 @@ bool validRequest(const StrokeMatteRequest* r) {
            validPlane(r->alpha, r->alphaStep, r->width, r->height, 1);
 }
 
-int strokesJob(const StrokeMatteRequest& r) {
+// finish: the closed-form one (kPlain), or the flows' (qxStrokesToAlphaFlow), whose runs the
+// tri-map job keeps to its limit of undecided pixels.
+int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish) {
     const int w = r.width, h = r.height;
     const size_t n = size_t(w) * h;
     // For the progress listener: the tri-map and the box's planes, the solve (weighed once the
@@ -105,16 +108,17 @@ int strokesJob(const StrokeMatteRequest& r) {
         const RunChoice run = chooseMaskRun(boxW, boxH, unknown, budget);
         // At full resolution, the one-piece solve's stages are those of a direct run.
         const RunChoice direct{RunKind::Direct, boxW, boxH, run.scale};
-        parts.weigh(1, maskJobSeconds(boxW, boxH, unknown, run.scale <= 1.0 ? direct : run, kPlain)
+        const bool onePiece = run.scale <= 1.0 && !finish.solveRun;
+        parts.weigh(1, maskJobSeconds(boxW, boxH, unknown, onePiece ? direct : run, finish)
                            .total());
         parts.next();
-        if (run.scale <= 1.0) {
+        if (onePiece) {
             Plane8 p0(boxW, boxH, plane[0], boxW), p1(boxW, boxH, plane[1], boxW),
                 p2(boxW, boxH, plane[2], boxW), m(boxW, boxH, mask.data(), boxW);
             Plane8* colour[3] = {&p0, &p1, &p2};
             qxMaskProc(colour, m, 0, 255, 0, 255, 0, kPlain);
         } else {
-            maskAlphaJob(&mr, unknown, 255, 0, 255, 0, budget, kPlain);
+            maskAlphaJob(&mr, unknown, 255, 0, 255, 0, budget, finish);
         }
         parts.next();
         out = tri;
@@ -140,5 +144,12 @@ int strokesJob(const StrokeMatteRequest& r) {
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
     return qx::guardedExport(qx::Export::StrokesToAlpha,
-                             [&] { return qx::strokesJob(*request); });
+                             [&] { return qx::strokesJob(*request, qx::kPlain); });
+}
+
+extern "C" QX_API int qxStrokesToAlphaFlow(const StrokeMatteRequest* request) {
+    if (!qx::validRequest(request)) return -2;
+    return qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
+        return qx::strokesJob(*request, qx::flows::flowFinish());
+    });
 }

@@ -57,7 +57,7 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.alphaStep = static_cast<int32_t>(out.step);
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
-        status = qxStrokesToAlpha(&req);
+        status = qxStrokesToAlphaFlow(&req);
     } else {
         status = runTiled(bgr, plane, engine == QXW_ENGINE_KDTREE, relay);
         // Back from the stroke coding: keep 255, cut 0, computed alpha as it is.

@@ -21,7 +21,7 @@
 #include "flows/unknown_unknown.h"
 #include "frame/fault.h"
 #include "frame/progress.h"
-#include "holes_scene.h"
+#include "support/holes_scene.h"
 
 using namespace qx::flows;
 using flowtest::holesScene;

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "holes_scene.h"
+#include "support/holes_scene.h"
 #include "matting/mask_job.h"
 #include "qxiveilon31.h"
 

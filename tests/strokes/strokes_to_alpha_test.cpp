@@ -2,12 +2,14 @@
 // strokes; its refusals, painted pixels, memory budget and progress.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
 #include "frame/progress.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
+#include "support/holes_scene.h"
 #include "support/scenes.h"
 
 namespace {
@@ -60,6 +62,51 @@ TEST(StrokesToAlpha, NearTheTruthAndNoWorseThanTheTrimapJob) {
     r.imageChannels = 4;
     ASSERT_EQ(qxStrokesToAlpha(&r), 1);
     EXPECT_EQ(alpha4, alpha);
+}
+
+// The flows' solve of the same strokes: painted pixels as painted, and background seen through
+// holes deep inside the subject (painted as a tri-map: keep inside, cut outside, a band between
+// left unpainted) closer to the truth than the closed-form solve brings it; the workflows'
+// stroke engine is this one; the same refusals.
+TEST(StrokesToAlphaFlow, HolesComeBackCloserThanTheClosedFormSolve) {
+    const flowtest::Scene s = flowtest::holesScene(96, 12);
+    std::vector<unsigned char> bgr(s.tri.size() * 3), coded(s.tri.size());
+    for (size_t i = 0; i < s.tri.size(); ++i) {
+        for (int c = 0; c < 3; ++c) bgr[3 * i + size_t(c)] = s.planes[c][i];
+        coded[i] = s.tri[i] == 255 ? 255 : s.tri[i] == 0 ? 1 : 128;
+    }
+    std::vector<unsigned char> closed(s.tri.size(), 77), flows(s.tri.size(), 77);
+    StrokeMatteRequest r = qxtest::strokeRequest(bgr, coded, closed, s.width, s.height);
+    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    r = qxtest::strokeRequest(bgr, coded, flows, s.width, s.height);
+    ASSERT_EQ(qxStrokesToAlphaFlow(&r), 1);
+    for (size_t i = 0; i < flows.size(); ++i) {
+        if (coded[i] == 255) {
+            ASSERT_EQ(flows[i], 255);
+        } else if (coded[i] == 1) {
+            ASSERT_EQ(flows[i], 0);
+        }
+    }
+    const double flowHoles = flowtest::meanError(s, flows, s.holes);
+    const double closedHoles = flowtest::meanError(s, closed, s.holes);
+    std::printf("holes: flows %.3f, closed form %.3f\n", flowHoles, closedHoles);
+    EXPECT_LT(flowHoles, 0.7 * closedHoles);
+
+    // The workflow's stroke engine gives the same bytes (its strokes: 255 keep, 0 cut).
+    std::vector<unsigned char> viaWorkflow(s.tri.size());
+    const QxwImage image{bgr.data(), 3 * s.width, 3, s.width, s.height, QXW_BGR};
+    ASSERT_EQ(qxwMatteStrokes(&image, s.tri.data(), s.width, QXW_ENGINE_STROKES,
+                              viaWorkflow.data(), s.width, nullptr),
+              QXW_OK);
+    EXPECT_EQ(viaWorkflow, flows);
+
+    std::vector<unsigned char> untouched(s.tri.size(), 77);
+    r = qxtest::strokeRequest(bgr, coded, untouched, s.width, s.height);
+    r.imageChannels = 2;
+    EXPECT_EQ(qxStrokesToAlphaFlow(&r), -2);
+    EXPECT_EQ(qxStrokesToAlphaFlow(nullptr), -2);
+    EXPECT_TRUE(std::all_of(untouched.begin(), untouched.end(),
+                            [](unsigned char a) { return a == 77; }));
 }
 
 TEST(StrokesToAlpha, ASmallBudgetSolvesReducedAndStaysClose) {
