@@ -13,8 +13,8 @@ int cpuFeatureLevel() {
 }
 
 int selectCodePath() {
-#if defined(QX_SANITIZE)
-    return 0;  // sanitizer builds carry the baseline loops only
+#if !QX_HAS_CLONES
+    return 0;  // sanitizer, baseline-only and non-GCC builds carry the baseline loops only
 #else
     const int level = cpuFeatureLevel();
     return level == 1 ? 0 : level;  // the clones are baseline, AVX2 and AVX-512

@@ -2,11 +2,20 @@
 // several times (baseline x86-64, AVX2, AVX-512) with GCC's target_clones; the loader picks
 // the best one the processor supports when the library is loaded. The shipped library is never
 // built for the build machine alone.
+//
+// The binding is fixed for the life of the process, so no call can move a running program to
+// another path. A build with QX_BASELINE_ONLY defined (for instance
+// -DCMAKE_CXX_FLAGS=-DQX_BASELINE_ONLY=1) carries the baseline loops alone, as sanitizer builds
+// do: the code-path tests record the baseline's results from such a build and check every other
+// path against them (tests/image/dispatch_paths_test.cpp).
 #pragma once
 
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(QX_SANITIZE)
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(QX_SANITIZE) && \
+    !defined(QX_BASELINE_ONLY)
+#define QX_HAS_CLONES 1
 #define QX_CLONES __attribute__((target_clones("default", "avx2", "arch=x86-64-v4")))
 #else
+#define QX_HAS_CLONES 0
 #define QX_CLONES
 #endif
 
@@ -14,7 +23,8 @@ namespace qx::prim {
 
 // 0 baseline x86-64 (SSE2), 1 SSE4.2, 2 AVX2, 3 AVX-512: what this processor offers.
 int cpuFeatureLevel();
-// Makes sure the code path is chosen (it is fixed at load) and returns the level in use.
+// Makes sure the code path is chosen (it is fixed at load) and returns the level in use: 0 in a
+// build without the clones, whatever the processor.
 int selectCodePath();
 // "x86-64", "sse4.2", "avx2" or "avx512".
 const char* codePathName();

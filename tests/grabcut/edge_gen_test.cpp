@@ -150,6 +150,93 @@ TEST(GrabCutEdgeGen, AgreesWithPlainMorphologyOnRandomSelections) {
     }
 }
 
+// A band so wide that the disc around any pixel of the region holds the whole region: every
+// pixel's erosion is the region's minimum and its dilation the region's maximum. A region with
+// both selected and unselected pixels is then undecided everywhere (126); one that is wholly
+// selected or wholly unselected keeps its side. The region here is 9 x 5: the farthest two of
+// its pixels are sqrt(8^2 + 4^2) < 9 apart, so any radius from 10 up reaches everything, and
+// the widths below run from there to the largest band accepted.
+TEST(GrabCutEdgeGen, BandWiderThanTheRegionLeavesAMixedRegionUndecided) {
+    const std::vector<int> bands = {20, 21, 24, 25, 26, 27, 30, 64, 1000, 32767};
+    auto everyPixel = [](Planes& p, unsigned char want, int band, const char* what) {
+        for (int y = 0; y < p.h; ++y)
+            for (int x = 0; x < p.w; ++x)
+                ASSERT_EQ(p.mask.at(x, y), want)
+                    << what << ", band " << band << ", at " << x << "," << y << "\n"
+                    << p.picture();
+        ASSERT_TRUE(p.mask.padIntact());
+    };
+    for (const int band : bands) {
+        Planes halves(9, 5, 0);  // selected on the left, unselected on the right
+        halves.fill({0, 0, 4, 5}, 254);
+        GrabCutRequest r = halves.request();
+        qxGrabCutEdgeGen(&r, band);
+        everyPixel(halves, 126, band, "two halves");
+
+        Planes corner(9, 5, 0);  // one selected pixel is enough to make every pixel mixed
+        corner.result.at(8, 4) = 254;
+        r = corner.request();
+        qxGrabCutEdgeGen(&r, band);
+        everyPixel(corner, 126, band, "one selected corner");
+
+        Planes hole(9, 5, 254);  // so is one unselected pixel
+        hole.result.at(0, 0) = 0;
+        r = hole.request();
+        qxGrabCutEdgeGen(&r, band);
+        everyPixel(hole, 126, band, "one unselected corner");
+
+        Planes full(9, 5, 254), empty(9, 5, 0);  // nothing to mix: each keeps its side
+        r = full.request();
+        qxGrabCutEdgeGen(&r, band);
+        everyPixel(full, 254, band, "all selected");
+        r = empty.request();
+        qxGrabCutEdgeGen(&r, band);
+        everyPixel(empty, 0, band, "none selected");
+    }
+}
+
+TEST(GrabCutEdgeGen, WideBandInsideARectangleWithFixedPixels) {
+    // The region is the rectangle: selected pixels outside it count for nothing. A fixed
+    // foreground pixel inside counts as selected and keeps its own code; every other pixel of
+    // the rectangle is mixed under a band reaching across it, whatever the width beyond that.
+    for (const int band : {40, 32767}) {
+        Planes p(20, 14, 254);
+        p.fill({6, 5, 7, 4}, 0);
+        p.result.at(12, 8) = 255;  // fixed foreground, the rectangle's bottom-right corner
+        p.result.at(6, 5) = 1;     // fixed background, its top-left corner
+        GrabCutRequest r = p.request();
+        r.roiLeft = 6;
+        r.roiTop = 5;
+        r.roiWidth = 7;
+        r.roiHeight = 4;
+        qxGrabCutEdgeGen(&r, band);
+        for (int y = 0; y < 14; ++y)
+            for (int x = 0; x < 20; ++x) {
+                const bool inside = x >= 6 && x < 13 && y >= 5 && y < 9;
+                const unsigned char want = !inside            ? 99
+                                           : (x == 12 && y == 8) ? 255
+                                           : (x == 6 && y == 5)  ? 1
+                                                                 : 126;
+                ASSERT_EQ(p.mask.at(x, y), want) << "band " << band << " at " << x << "," << y;
+            }
+        ASSERT_TRUE(p.mask.padIntact());
+
+        // Without the fixed foreground nothing inside is selected: all background, although
+        // every pixel around the rectangle is selected.
+        p.result.at(12, 8) = 0;
+        r = p.request();
+        r.roiLeft = 6;
+        r.roiTop = 5;
+        r.roiWidth = 7;
+        r.roiHeight = 4;
+        qxGrabCutEdgeGen(&r, band);
+        for (int y = 5; y < 9; ++y)
+            for (int x = 6; x < 13; ++x)
+                ASSERT_EQ(p.mask.at(x, y), (x == 6 && y == 5) ? 1 : 0)
+                    << "band " << band << " at " << x << "," << y;
+    }
+}
+
 TEST(GrabCutEdgeGen, AfterACutTheBandStraddlesTheSubjectsEdge) {
     test::TwoColourScene s(160, 120, {50, 40, 60, 45});
     GrabCutRequest r = s.request();
