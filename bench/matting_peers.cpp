@@ -35,6 +35,7 @@
 #include <opencv2/alphamat.hpp>
 #endif
 
+#include "trimap_jobs.h"
 #include "flows/flow_solve.h"
 #include "measurement.h"
 #include "qxiveilon31.h"
@@ -115,52 +116,21 @@ const std::map<std::string, std::string>& presets() {
     return p;
 }
 
-// Set 2: undecided where the truth is soft, grown by a disc; decided by the truth elsewhere.
-cv::Mat truthTrimap(const cv::Mat& truth, int radius) {
-    cv::Mat soft = (truth > 0) & (truth < 255);
-    cv::Mat grown;
-    cv::dilate(soft, grown,
-               cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * radius + 1, 2 * radius + 1)));
-    cv::Mat tri(truth.size(), CV_8UC1);
-    for (int y = 0; y < truth.rows; ++y)
-        for (int x = 0; x < truth.cols; ++x)
-            tri.at<uchar>(y, x) = grown.at<uchar>(y, x) ? 128 : (truth.at<uchar>(y, x) >= 128 ? 255 : 0);
-    return tri;
-}
-
 Result runToday(const cv::Mat& image, const cv::Mat& trimap, cv::Mat& alpha) {
     Result r;
-    const QxwImage img{image.data, static_cast<int32_t>(image.step), 3, image.cols, image.rows,
-                       QXW_BGR};
-    alpha.create(image.size(), CV_8UC1);
-    QxwJob job{};
     const auto t = std::chrono::steady_clock::now();
-    const QxwStatus s = qxwMatteTrimap(&img, trimap.data, static_cast<int>(trimap.step), 255, 0,
-                                       255, 0, alpha.data, static_cast<int>(alpha.step), &job);
+    std::string message;
+    r.ok = bench::workflowTrimapJob(image, trimap, alpha, &message);
     r.seconds = qxmatte::secondsSince(t);
-    r.ok = s == QXW_OK;
-    if (!r.ok) std::fprintf(stderr, "workflow: %s\n", job.message);
+    if (!r.ok) std::fprintf(stderr, "workflow: %s\n", message.c_str());
     return r;
 }
 
 // The closed-form job the workflows ran before the flows (qxMaskAlphaPlain) on the whole photo.
 Result runClosed(const cv::Mat& image, const cv::Mat& trimap, cv::Mat& alpha) {
     Result r;
-    std::vector<cv::Mat> planes;
-    cv::split(image, planes);
-    unsigned char* ptrs[3] = {planes[0].data, planes[1].data, planes[2].data};
-    alpha = trimap.clone();
-    MaskRequest req{};
-    req.planes = ptrs;
-    req.planeStep = static_cast<int32_t>(planes[0].step);
-    req.mask = alpha.data;
-    req.maskStep = static_cast<int32_t>(alpha.step);
-    req.width = image.cols;
-    req.height = image.rows;
-    const float unknown =
-        static_cast<float>(cv::countNonZero((trimap > 0) & (trimap < 255)));
     const auto t = std::chrono::steady_clock::now();
-    r.ok = qxMaskAlphaPlain(&req, unknown, 255, 0, 255, 0) == 1;
+    r.ok = bench::closedFormJob(image, trimap, alpha);
     r.seconds = qxmatte::secondsSince(t);
     return r;
 }
@@ -326,7 +296,7 @@ int main(int argc, char** argv) {
             const cv::Mat truth = cv::imread((dir / "gt" / file).string(), cv::IMREAD_GRAYSCALE);
             cv::Mat trimap = set == 1
                                  ? cv::imread((dir / "trimap" / file).string(), cv::IMREAD_GRAYSCALE)
-                                 : truthTrimap(truth, radius);
+                                 : bench::truthTrimap(truth, radius);
             if (image.empty() || truth.empty() || trimap.empty()) continue;
             for (size_t k = 0; k < methods.size(); ++k) {
                 const Method& m = methods[k];

@@ -28,7 +28,7 @@
  * plug-in built against this header needs the same major version (the shared object's soname
  * and the symbol version QXIVEILON31_<major> change with it) and at least this minor version. */
 #define QXIVEILON31_VERSION_MAJOR 0
-#define QXIVEILON31_VERSION_MINOR 3
+#define QXIVEILON31_VERSION_MINOR 4
 #define QXIVEILON31_VERSION_PATCH 0
 
 #if defined(QX_BUILDING_LIBRARY)
@@ -242,10 +242,12 @@ QX_API int qxVersion(int* major, int* minor, int* patch);
  * progress step or piece of work, returns QX_CANCELLED and leaves every host buffer as it came
  * in. The library only reads the flag: clear it before the next job. The jobs that stop so:
  * qxMaskAlpha, qxKeepCutToAlpha, qxRecoverForeground, qxRecoverForegroundCell, qxGrabCut,
- * qxStrokesToAlpha, qxRecoverForegroundFull. A direct factorisation can't be interrupted: while
- * a flag is installed it runs on a thread of its own and the job waits for it, so a cancelled job
- * returns at once and the solve finishes alone on memory it owns (the next direct solve waits
- * for it; unloading the library waits for it). */
+ * qxStrokesToAlpha, qxRecoverForegroundFull, and the flows' qxMaskAlphaFlow and
+ * qxStrokesToAlphaFlow. A direct factorisation can't be interrupted: while a flag is installed
+ * it runs on a thread of its own and the job waits for it, so a cancelled job returns at once and
+ * the solve finishes alone on memory it owns (the next direct solve waits for it; unloading the
+ * library waits for it). The flows' jobs have no direct factorisation: their iterations look at
+ * the flag, and a cancelled one has stopped and freed its memory when it returns. */
 #define QX_CANCELLED (-3)
 QX_API void qxSetCancelFlag(const volatile int32_t* flag);
 
@@ -280,14 +282,15 @@ QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width, 
 QX_API int qxMaskAlpha(MaskRequest* request, int reserved, float unknownPixels, int fgCode,
                        int bgCode, int levelHigh, int levelLow);
 
-/* The tri-map job of qxMaskAlpha as the workflows run it. At full resolution: without its two
- * finishing steps (the unsharp masking of the solved alpha and the cross bilateral clean-up along
- * colour edges), the closed-form solution as it comes, with a colour model regularised ten times
- * less (1e-8 on the 0..255 scale) and window affinities formed through the colour covariance's
- * eigenvectors, which stay exact for windows of greys. A reduced run is qxMaskAlpha's (its guided
- * doubling needs the finishing). The same run choice, levels, statuses, refusals, progress and
- * cancel. On the alpha-matting benchmark photos its error over the undecided pixels is 13% below
- * qxMaskAlpha's (mean SAD 4.79 against 5.50). */
+/* The tri-map job of qxMaskAlpha as the workflows ran it until 0.4.0: without its two finishing
+ * steps (the unsharp masking of the solved alpha and the cross bilateral clean-up along colour
+ * edges), the closed-form solution as it comes, with a colour model regularised ten times less
+ * (1e-8 on the 0..255 scale), window affinities formed through a Cholesky factor of the colour
+ * covariance (exact for windows of greys), and its solve refined once. A reduced run solves the
+ * same way before its guided doubling (at this regularisation the finishing steps no longer help
+ * it). The same run choice, levels, statuses, refusals, progress and cancel. On the alpha-matting
+ * benchmark photos its error over the undecided pixels is 13% below qxMaskAlpha's (mean SAD 4.79
+ * against 5.50). */
 QX_API int qxMaskAlphaPlain(MaskRequest* request, float unknownPixels, int fgCode, int bgCode,
                             int levelHigh, int levelLow);
 

@@ -25,7 +25,7 @@ from ._api import (GrabCutSession, cutout, foreground, grabcut, matte_strokes, m
                    refine)
 from ._batch import batch
 
-__version__ = "0.3.0"
+__version__ = "0.4.0"
 
 __all__ = ["Cancelled", "QxError", "GrabCutSession", "batch", "cutout", "foreground", "grabcut",
            "matte_strokes", "matte_trimap", "refine", "library_version", "library_path", "__version__"]
