@@ -259,7 +259,9 @@ def test_cancel_stops_a_job_within_a_second_and_the_next_job_is_right():
     with pytest.raises(qx.Cancelled) as caught:
         qx.cutout(s.image, trimap=s.trimap, cancel=event)
     assert isinstance(caught.value, qx.QxError)
-    assert time.monotonic() - begun < 0.3 + 1.0
+    # AddressSanitizer makes the steps between two looks at the flag about ten times longer.
+    slack = 5.0 if "asan" in os.environ.get("LD_PRELOAD", "") else 1.0
+    assert time.monotonic() - begun < 0.3 + slack
     timer.join()
     small = soft_disc()
     assert np.array_equal(qx.matte_trimap(small.image, small.trimap, cancel=threading.Event()),

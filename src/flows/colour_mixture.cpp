@@ -77,7 +77,9 @@ WeightRows colourMixtureWeights(const FlowImage& image, const PixelSets& sets,
     }();
     const std::vector<float> points = pixelFeatures(image, all, options.spatialWeight);
     KdTree tree;
+    options.poll();
     tree.build(points.data(), static_cast<int>(all.size()), all);
+    options.poll();
 
     const int n = static_cast<int>(sets.unknown.size());
     const int k = std::clamp(options.neighbours, 1, std::min(kMaxNeighbours,

@@ -18,7 +18,9 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
     std::vector<int> self(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) self[size_t(i)] = i;
     KdTree tree;
+    options.poll();
     tree.build(f.data(), n, self);
+    options.poll();
     const int k = std::clamp(options.neighbours, 1, n - 1);
     const std::vector<int> found = nearestAll(tree, f.data(), n, k, self, options.maxChecks, options.poll);
 
