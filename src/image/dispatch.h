@@ -6,8 +6,8 @@
 // The binding is fixed for the life of the process, so no call can move a running program to
 // another path. A build with QX_BASELINE_ONLY defined (for instance
 // -DCMAKE_CXX_FLAGS=-DQX_BASELINE_ONLY=1) carries the baseline loops alone, as sanitizer builds
-// do: the code-path tests record the baseline's results from such a build and check every other
-// path against them (tests/image/dispatch_paths_test.cpp).
+// do: the baseline's results can be recorded from such a build and every other path checked
+// against them.
 #pragma once
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(QX_SANITIZE) && \
