@@ -204,12 +204,15 @@ TEST(GrabCutEdgeGen, WideBandInsideARectangleWithFixedPixels) {
         p.fill({6, 5, 7, 4}, 0);
         p.result.at(12, 8) = 255;  // fixed foreground, the rectangle's bottom-right corner
         p.result.at(6, 5) = 1;     // fixed background, its top-left corner
-        GrabCutRequest r = p.request();
-        r.roiLeft = 6;
-        r.roiTop = 5;
-        r.roiWidth = 7;
-        r.roiHeight = 4;
-        qxGrabCutEdgeGen(&r, band);
+        const auto runOnRectangle = [&] {
+            GrabCutRequest r = p.request();
+            r.roiLeft = 6;
+            r.roiTop = 5;
+            r.roiWidth = 7;
+            r.roiHeight = 4;
+            qxGrabCutEdgeGen(&r, band);
+        };
+        runOnRectangle();
         for (int y = 0; y < 14; ++y)
             for (int x = 0; x < 20; ++x) {
                 const bool inside = x >= 6 && x < 13 && y >= 5 && y < 9;
@@ -224,12 +227,7 @@ TEST(GrabCutEdgeGen, WideBandInsideARectangleWithFixedPixels) {
         // Without the fixed foreground nothing inside is selected: all background, although
         // every pixel around the rectangle is selected.
         p.result.at(12, 8) = 0;
-        r = p.request();
-        r.roiLeft = 6;
-        r.roiTop = 5;
-        r.roiWidth = 7;
-        r.roiHeight = 4;
-        qxGrabCutEdgeGen(&r, band);
+        runOnRectangle();
         for (int y = 5; y < 9; ++y)
             for (int x = 6; x < 13; ++x)
                 ASSERT_EQ(p.mask.at(x, y), (x == 6 && y == 5) ? 1 : 0)
