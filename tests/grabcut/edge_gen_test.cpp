@@ -195,46 +195,6 @@ TEST(GrabCutEdgeGen, BandWiderThanTheRegionLeavesAMixedRegionUndecided) {
     }
 }
 
-TEST(GrabCutEdgeGen, WideBandInsideARectangleWithFixedPixels) {
-    // The region is the rectangle: selected pixels outside it count for nothing. A fixed
-    // foreground pixel inside counts as selected and keeps its own code; every other pixel of
-    // the rectangle is mixed under a band reaching across it, whatever the width beyond that.
-    for (const int band : {40, 32767}) {
-        Planes p(20, 14, 254);
-        p.fill({6, 5, 7, 4}, 0);
-        p.result.at(12, 8) = 255;  // fixed foreground, the rectangle's bottom-right corner
-        p.result.at(6, 5) = 1;     // fixed background, its top-left corner
-        const auto runOnRectangle = [&] {
-            GrabCutRequest r = p.request();
-            r.roiLeft = 6;
-            r.roiTop = 5;
-            r.roiWidth = 7;
-            r.roiHeight = 4;
-            qxGrabCutEdgeGen(&r, band);
-        };
-        runOnRectangle();
-        for (int y = 0; y < 14; ++y)
-            for (int x = 0; x < 20; ++x) {
-                const bool inside = x >= 6 && x < 13 && y >= 5 && y < 9;
-                const unsigned char want = !inside            ? 99
-                                           : (x == 12 && y == 8) ? 255
-                                           : (x == 6 && y == 5)  ? 1
-                                                                 : 126;
-                ASSERT_EQ(p.mask.at(x, y), want) << "band " << band << " at " << x << "," << y;
-            }
-        ASSERT_TRUE(p.mask.padIntact());
-
-        // Without the fixed foreground nothing inside is selected: all background, although
-        // every pixel around the rectangle is selected.
-        p.result.at(12, 8) = 0;
-        runOnRectangle();
-        for (int y = 5; y < 9; ++y)
-            for (int x = 6; x < 13; ++x)
-                ASSERT_EQ(p.mask.at(x, y), (x == 6 && y == 5) ? 1 : 0)
-                    << "band " << band << " at " << x << "," << y;
-    }
-}
-
 TEST(GrabCutEdgeGen, AfterACutTheBandStraddlesTheSubjectsEdge) {
     test::TwoColourScene s(160, 120, {50, 40, 60, 45});
     GrabCutRequest r = s.request();
