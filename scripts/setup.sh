@@ -12,13 +12,15 @@ cd "$(dirname "$0")/.."
 # package runs on Debian's python3 with NumPy (pytest tests it, tqdm draws its progress bar,
 # Pillow reads the files of its README example);
 # GIMP's development files build the plug-in and gimp-console tests it (its dialogs on Xvfb,
-# driven by xdotool).
+# driven by xdotool). curl fetches the subject-selection network and python3-onnx converts it
+# (scripts/fetch_subject_model.sh); python3-opencv reads the photos of bench/subject.py.
 packages=(build-essential cmake pkg-config libopencv-dev libjpeg-dev zlib1g-dev libsuitesparse-dev libopenblas0-pthread
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-dev libomp-dev
           python3 python3-numpy python3-pytest python3-tqdm python3-setuptools python3-pip
           python3-distributed
-          python3-venv python3-pil libgimp2.0-dev gimp xvfb xdotool)
+          python3-venv python3-pil libgimp2.0-dev gimp xvfb xdotool
+          curl python3-onnx python3-opencv)
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
 missing=()
@@ -30,6 +32,10 @@ if ((${#missing[@]})); then
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
+# The subject network, once, into the user's cache: without it everything but one-click
+# selection works, so a failed fetch is reported and set-up goes on.
+scripts/fetch_subject_model.sh ||
+  echo "one-click subject selection is off until scripts/fetch_subject_model.sh succeeds"
 [ "${1:-}" = "--deps-only" ] && exit 0
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
