@@ -127,7 +127,8 @@ SparseCsr upperTriangle(const SparseCsr& s) {
 void solveInLine(const SparseCsr& u, float* b, float* x, int nrhs) {
     try {
         pardisoSolverInLine(u.rows, u.a.data(), u.ia.data(), u.ja.data(), b, x, nrhs, -2);
-    } catch (int e) {
+    } catch (const Failure& f) {
+        const int e = f.value();
         const char* message = e == 121   ? "\nERROR during symbolic factorization: %d"
                               : e == 122 ? "\nERROR during numerical factorization: %d"
                               : e == 123 ? "\nERROR during solution: %d"

@@ -1,6 +1,6 @@
-// The library's internal failures, by name. They travel as their integer value, because
-// several exports hand the value on to the host as it stands; statusFor() below is the one
-// place where each export's status is made from a failure.
+// The library's internal failures, by name. They are thrown as a Failure and caught at the
+// export's boundary, where several exports hand the fault's value on to the host as it stands;
+// statusFor() below is the one place where each export's status is made from a failure.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,14 @@ enum class Fault : int {
     Cancelled = 150,               // the host set the job's cancel flag
 };
 
-[[noreturn]] inline void fail(Fault f) { throw static_cast<int>(f); }
+// What a job throws when it fails: one of the faults above. It is not a std::exception, so that
+// a handler for those never takes a fault for a library's error message.
+struct Failure {
+    Fault fault;
+    int value() const { return static_cast<int>(fault); }
+};
+
+[[noreturn]] inline void fail(Fault f) { throw Failure{f}; }
 
 // The exports whose status is made from the failure (the others return one fixed status for
 // any failure).
@@ -101,9 +108,9 @@ int guardedExport(Export which, Body&& body) {
         const int status = body();
         noteFailure(0);
         return status;
-    } catch (int e) {
-        noteFailure(e);
-        return e == int(Fault::Cancelled) ? kCancelledStatus : statusFor(which, e);
+    } catch (const Failure& f) {
+        noteFailure(f.value());
+        return f.fault == Fault::Cancelled ? kCancelledStatus : statusFor(which, f.value());
     } catch (const std::bad_alloc&) {
         noteFailure(kNoMemory);
         return statusFor(which, kNoMemory);

@@ -15,7 +15,7 @@ int traceMsg(const char* label, const char* text);
 int traceInt(const char* label, int value);
 int tracePtr(const char* label, unsigned long value);
 // depthKind 1: 8-bit samples; 2 (PPM) or anything but 1 (PGM): 16-bit samples of the 0..32768
-// range, pixelStep then counted in samples. Throws the int 404 if the row buffer fails.
+// range, pixelStep then counted in samples. Fails with Fault::TraceBuffer if the row buffer fails.
 int tracePPM(const void* pixels, int width, int height, int rowStep, int pixelStep,
              int swapChannels, int depthKind);
 int tracePGM(const void* pixels, int width, int height, int rowStep, int pixelStep,

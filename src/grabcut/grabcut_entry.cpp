@@ -61,9 +61,9 @@ void cut(GrabCutRequest& request, int mode) {
         prim::andC_8u_C1I(254, maskView.data, maskView.step, size);
         prim::copyMasked_8u_C1(saved.data, saved.step, maskView.data, maskView.step, size,
                                flags.data, flags.step);
-    } catch (int e) {
+    } catch (const Failure& e) {
         Copy(saved, maskView);
-        if (e == int(Fault::Cancelled)) {
+        if (e.fault == Fault::Cancelled) {
             if (session) {
                 session->restore(*control);
             } else if (control == nullptr && request.control != nullptr) {

@@ -194,7 +194,7 @@ int medianFilter(IMG<float, 1>** images, int count, float maxValue, float minVal
     const float centre = (maxValue + minValue) * 0.5f;
     const int w = images[0]->width, h = images[0]->height;
     if (w < 1 || h < 1) return 1;
-    int failure = 0;  // an exception may not leave the parallel region: the first is rethrown
+    int failure = 0;  // an exception may not leave the parallel region: the first is thrown again
 #pragma omp parallel for schedule(static, 1)
     for (int i = 0; i < count; ++i) {
         IMG<float, 1>* im = images[i];
@@ -208,12 +208,12 @@ int medianFilter(IMG<float, 1>** images, int count, float maxValue, float minVal
             prim::convert_16s32f_C1(b.data, b.step, im->data, im->step, {w, h});
             prim::mulC_32f_C1I(1.0f / scale, im->data, im->step, {w, h});
             prim::addC_32f_C1I(centre, im->data, im->step, {w, h});
-        } catch (int e) {
+        } catch (const Failure& e) {
 #pragma omp critical(qx_median_failure)
-            if (failure == 0) failure = e;
+            if (failure == 0) failure = e.value();
         }
     }
-    if (failure != 0) throw failure;
+    if (failure != 0) fail(Fault(failure));
     return 1;
 }
 

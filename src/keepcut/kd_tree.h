@@ -65,7 +65,7 @@ public:
     // Verdict on a new child: 4 thinner than 12 pixels, 2 no keep constraint, 1 keep
     // constraints only, 0 both kinds (cut further).
     int checkTermination(KDNode* child);
-    // Throws the int -1 if a leaf below `node` has more than 2,000,000 unknown pixels.
+    // Fails with Fault::SizeLimit if a leaf below `node` has more than 2,000,000 unknown pixels.
     void checkMemoryUsage(KDNode* node);
     // Frees `node` and everything below it.
     void destroyTree(KDNode* node);

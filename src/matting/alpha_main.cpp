@@ -386,7 +386,7 @@ int CFMatt::alphaMain(int width, int height, int tripleCount, Plane8& known, Pla
         if (iterations < 0) {
             cleanMemAll();
             // The gradient solver's -1..-3 stand for the direct solver's three phases.
-            throw iterations + int(Fault::SolverMemory) - 1;
+            fail(Fault(iterations + int(Fault::SolverMemory) - 1));
         }
     }
 

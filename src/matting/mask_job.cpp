@@ -189,15 +189,15 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
             try {
                 if (half) CDnsampleQX2X(*colour[c], *small[c], 1);
                 else reduceTo(*colour[c], *small[c], 1);
-            } catch (int e) {
-                failure[c] = e;
+            } catch (const Failure& e) {
+                failure[c] = e.value();
             } catch (...) {
-                failure[c] = INT32_MIN;  // not an int status: reported as any other failure
+                failure[c] = INT32_MIN;  // not a fault: reported as any other failure
             }
         }
         for (int e : failure) {
             if (e == INT32_MIN) throw std::bad_alloc();
-            if (e != 0) throw e;
+            if (e != 0) fail(Fault(e));
         }
         if (half) CDnsampleQX2X(*mask, smallMask, 0);
         else reduceTo(*mask, smallMask, 0);

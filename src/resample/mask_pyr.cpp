@@ -37,7 +37,7 @@ CMaskPyr::CMaskPyr() : levels(-1) {
 
 CMaskPyr::~CMaskPyr() noexcept(false) {
     const int err = releaseLevels();
-    if (err != 0 && std::uncaught_exceptions() == 0) throw err;
+    if (err != 0 && std::uncaught_exceptions() == 0) fail(Fault(err));
 }
 
 int CMaskPyr::releaseLevels() {
@@ -50,8 +50,8 @@ int CMaskPyr::releaseLevels() {
             a[l] = nullptr;
             try {
                 delete img;
-            } catch (int e) {
-                if (first == 0) first = e;
+            } catch (const Failure& e) {
+                if (first == 0) first = e.value();
             }
         }
     }
@@ -60,7 +60,7 @@ int CMaskPyr::releaseLevels() {
 
 void CMaskPyr::cleanUp() {
     const int err = releaseLevels();
-    if (err != 0) throw err;
+    if (err != 0) fail(Fault(err));
 }
 
 int CMaskPyr::build(GIMG<unsigned char>** planes, GIMG<unsigned char>* knownMap,

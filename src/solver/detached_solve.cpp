@@ -281,7 +281,7 @@ int directSolveOwned(const DirectSolveOptions& options, int n,
         d->b.assign(b, b + values);
         if (!options.solutionInB) d->x.resize(values);
     } catch (const std::bad_alloc&) {
-        if (!options.memoryPath) throw int(Fault::SolverAnalysis);
+        if (!options.memoryPath) fail(Fault::SolverAnalysis);
         return 0;
     }
     d->options = options;

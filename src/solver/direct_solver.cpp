@@ -69,7 +69,7 @@ struct Session {
     // A failed CHOLMOD call in the given phase.
     [[noreturn]] void fail(int phase) const {
         if (memoryFailure()) throw OutOfMemory{phase};
-        throw phase;
+        qx::fail(Fault(phase));
     }
 };
 
@@ -131,7 +131,7 @@ double buildMatrix(Session& s, int n, const float* a, const int* ia, const int* 
             const int row = ja[q] - 1;
             if (row < k) continue;
             if (pos > start && row <= Ai[pos - 1]) ascending = false;
-            if (!std::isfinite(a[q])) throw kAnalysisFailed;
+            if (!std::isfinite(a[q])) qx::fail(Fault(kAnalysisFailed));
             Ai[pos] = row;
             Ax[pos] = double(a[q]);
             largest = std::max(largest, std::fabs(Ax[pos]));
@@ -303,7 +303,7 @@ Outcome cholmodSolve(const DirectSolveOptions& o, int n, const float* a, const i
         shift = kFirstShift * scale;
         ok = factorise(s, shift);
         ldl = true;
-        if (!ok) throw kFactorisationFailed;
+        if (!ok) qx::fail(Fault(kFactorisationFailed));
     }
     if (stats) stats->factorSeconds = secondsSince(t0);
     kicks.reached(2);
@@ -320,7 +320,7 @@ Outcome cholmodSolve(const DirectSolveOptions& o, int n, const float* a, const i
     const double* xx = static_cast<const double*>(s.X->x);
     // A solution that isn't finite, or doesn't fit a float, is a failed solve.
     for (size_t i = 0; i < values; ++i)
-        if (!(std::fabs(xx[i]) <= double(FLT_MAX))) throw kSolveFailed;
+        if (!(std::fabs(xx[i]) <= double(FLT_MAX))) qx::fail(Fault(kSolveFailed));
     for (size_t i = 0; i < values; ++i) out[i] = float(xx[i]);
     {
         // The same measure of accuracy as the single-precision path reports.
@@ -373,7 +373,7 @@ int runBackends(const DirectSolveOptions& o, int n, const float* a, const int* i
     Outcome done = Outcome::GiveBack;
     if (o.backend == Backend::Mumps) {
         done = mumpsSolve(o, n, a, ia, ja, b, out, nrhs, stats, kicks);
-        if (done == Outcome::GiveBack && !o.fallback) throw kFactorisationFailed;
+        if (done == Outcome::GiveBack && !o.fallback) qx::fail(Fault(kFactorisationFailed));
         stats.fellBack = done == Outcome::GiveBack;
     }
     if (done == Outcome::GiveBack) {
@@ -460,7 +460,7 @@ double largestEntry(int n, const float* a, const int* ia, const int* ja) {
     for (int k = 0; k < n; ++k)
         for (int q = ia[k] - 1; q < ia[k + 1] - 1; ++q) {
             if (ja[q] - 1 < k) continue;
-            if (!std::isfinite(a[q])) throw kAnalysisFailed;
+            if (!std::isfinite(a[q])) qx::fail(Fault(kAnalysisFailed));
             largest = std::max(largest, double(std::fabs(a[q])));
         }
     return largest;
@@ -489,7 +489,7 @@ int directSolve(const DirectSolveOptions& options, int n, const float* a, const 
                 const int* ja, float* b, float* x, int nrhs, int mtype, DirectSolveStats* stats) {
     if (a == nullptr || b == nullptr || nrhs < 1 || (mtype != 2 && mtype != -2) ||
         (!options.solutionInB && x == nullptr) || csrUpperEntries(n, ia, ja) < 0)
-        throw kAnalysisFailed;
+        qx::fail(Fault(kAnalysisFailed));
     DirectSolveStats local;
     DirectSolveStats& st = stats ? *stats : local;
     st = DirectSolveStats{};
@@ -497,11 +497,11 @@ int directSolve(const DirectSolveOptions& options, int n, const float* a, const 
     try {
         result = runBackends(options, n, a, ia, ja, b, x, nrhs, st);
     } catch (const OutOfMemory& oom) {
-        if (!options.memoryPath) throw oom.phase;
+        if (!options.memoryPath) qx::fail(Fault(oom.phase));
         result = 0;
     } catch (const std::bad_alloc&) {
         // Only the sorting of a malformed column allocates outside the solvers, during analysis.
-        if (!options.memoryPath) throw kAnalysisFailed;
+        if (!options.memoryPath) qx::fail(Fault(kAnalysisFailed));
         result = 0;
     }
     if (result == 1) {

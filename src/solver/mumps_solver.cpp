@@ -101,10 +101,10 @@ int mumpsOrdering(Ordering o) {
     return 0;
 }
 
-// A failed phase: memory errors go to the memory path, the rest throw the phase's integer.
+// A failed phase: memory errors go to the memory path, the rest throw the phase's fault.
 [[noreturn]] void fail(int error, int phase) {
     if (isMemoryError(error)) throw OutOfMemory{phase};
-    throw phase;
+    qx::fail(Fault(phase));
 }
 
 double secondsSince(std::chrono::steady_clock::time_point t0) {

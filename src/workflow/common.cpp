@@ -178,8 +178,8 @@ std::string thrownWords(const char* what) {
     } catch (const std::exception& e) {
         if (qx::memoryMessage(e.what())) return outOfMemoryWords(qx::allocationBytes(e.what()));
         return std::string(what) + " failed: " + oneLine(e.what());
-    } catch (int e) {
-        return failureWords(what, e, false, 0, false);
+    } catch (const qx::Failure& e) {
+        return failureWords(what, e.value(), false, 0, false);
     } catch (...) {
         return std::string(what) + " failed: an unexpected internal failure";
     }

@@ -279,8 +279,8 @@ TEST(FlowsSolve, StopsWhenCancelled) {
     int thrown = 0;
     try {
         solve(s, FlowOptions{});
-    } catch (int e) {
-        thrown = e;
+    } catch (const qx::Failure& e) {
+        thrown = e.value();
     }
     qx::setCancelFlag(nullptr);
     EXPECT_EQ(thrown, int(qx::Fault::Cancelled));

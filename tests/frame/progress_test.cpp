@@ -84,8 +84,8 @@ TEST(Progress, CancelFlagStopsTheNextStep) {
     bool threw = false;
     try {
         qx::progressKick();
-    } catch (int e) {
-        threw = e == static_cast<int>(qx::Fault::Cancelled);
+    } catch (const qx::Failure& e) {
+        threw = e.fault == qx::Fault::Cancelled;
     }
     EXPECT_TRUE(threw);
     std::thread other([] { EXPECT_EQ(qx::progressKick(), 1); });

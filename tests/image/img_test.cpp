@@ -15,8 +15,8 @@ template <class F>
 int thrownCode(F f) {
     try {
         f();
-    } catch (int code) {
-        return code;
+    } catch (const qx::Failure& e) {
+        return e.value();
     }
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "frame/fault.h"
 #include "frame/progress.h"
 #include "solver/direct_solver.h"
 
@@ -119,8 +120,8 @@ TEST(DetachedSolve, ThrowsTheSolversFailureOnTheCallersThread) {
     try {
         qx::detail::directSolveOwned(qx::detail::DirectSolveOptions{}, n, s, b.data(), nullptr, 1,
                                      2, nullptr);
-    } catch (int e) {
-        thrown = e;
+    } catch (const qx::Failure& e) {
+        thrown = e.value();
     }
     qx::setCancelFlag(nullptr);
     EXPECT_EQ(thrown, 121);

@@ -187,7 +187,7 @@ TEST(FailureWords, AnExceptionThatReachesTheWorkflowFrameIsOneLine) {
     EXPECT_EQ(run([] { throw std::bad_alloc(); }),
               std::string("out of memory: the job needs more than the 1.1 GB that is free") +
                   kCloseOthers);
-    EXPECT_EQ(run([] { throw int(qx::Fault::SolverAnalysis); }),
+    EXPECT_EQ(run([] { qx::fail(qx::Fault::SolverAnalysis); }),
               "matting failed: the sparse solver could not analyse the system");
     const std::string other = run([] { throw 7777; });
     EXPECT_EQ(other, "matting failed: an unexpected internal failure");
