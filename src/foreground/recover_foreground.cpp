@@ -3,24 +3,24 @@
 #include "foreground/recovery.h"
 #include "qxiveilon31.h"
 
-namespace {
+namespace qx {
 
-qx::RecoveryParams wholeRegionParams(bool blendEdges) {
-    qx::RecoveryParams p{};
+RecoveryParams wholeRegionParams(bool blendEdges) {
+    RecoveryParams p{};
     p.scale = 0.25f;
     p.grid = {384, 1.5, 0.5};
-    p.cellTest = qx::RecoveryParams::CellTest::Mixed;
-    p.increment = qx::RecoveryParams::Increment::Area;
+    p.cellTest = RecoveryParams::CellTest::Mixed;
+    p.increment = RecoveryParams::Increment::Area;
     p.ownedInset = 0;
     p.keepHigh = 251;
-    p.feather = blendEdges ? qx::RecoveryParams::Feather::Ramp : qx::RecoveryParams::Feather::None;
+    p.feather = blendEdges ? RecoveryParams::Feather::Ramp : RecoveryParams::Feather::None;
     p.frame = 3;
     return p;
 }
 
-}  // namespace
+}  // namespace qx
 
 extern "C" QX_API int64_t qxRecoverForeground(KeepCutRequest* request, int blendEdges) {
     return qx::recoverForegroundGuarded(request, true,
-                                        wholeRegionParams((blendEdges & 0xFF) != 0), 0);
+                                        qx::wholeRegionParams((blendEdges & 0xFF) != 0), 0);
 }

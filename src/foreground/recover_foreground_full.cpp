@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "foreground/multilevel_fb.h"
+#include "foreground/recovery.h"
 #include "frame/args.h"
 #include "frame/fault.h"
 #include "frame/memory.h"
@@ -114,10 +115,13 @@ FbLevel halfLevel(const ForegroundRequest& r) {
     return half;
 }
 
-int recoverJob(const ForegroundRequest& r) {
+}  // namespace
+
+int recoverJob(const ForegroundRequest& r, double budgetBytes) {
     const int W = r.width, H = r.height;
-    const double budget =
-        r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6 : usableMemInMB() * 1000.0;
+    const double budget = budgetBytes > 0.0        ? budgetBytes
+                          : r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
+                                                 : usableMemInMB() * 1000.0;
     const double pixels = double(W) * H;
     ProgressParts parts({kMakeSeconds * pixels, kCoarseSeconds * pixels, kFullSeconds * pixels},
                         true);
@@ -217,7 +221,6 @@ int recoverJob(const ForegroundRequest& r) {
     return 1;
 }
 
-}  // namespace
 }  // namespace qx
 
 extern "C" QX_API int qxRecoverForegroundFull(const ForegroundRequest* request) {

@@ -49,15 +49,24 @@ constexpr int64_t kRecoveryRefused = -2;
 // full image, and every row step at least a row of the full width.
 bool validRecoveryRequest(const KeepCutRequest* request, bool needAux);
 
-// Runs the pipeline on a request that validRecoveryRequest accepted. Throws plain ints (see
+// Runs the pipeline on a request that validRecoveryRequest accepted. Throws Failure (see
 // fb_solve.h and img.h) and std::bad_alloc.
 void recoverForegroundRegion(const KeepCutRequest& request, const RecoveryParams& params);
 
 // Validation, pipeline and the status mapping of an exported entry: `success` when done,
-// kRecoveryRefused when validation fails, e - 1000 for a thrown int e (130 for an allocation
-// failure), -1000 for any other exception.
+// kRecoveryRefused when validation fails, e - 1000 for a thrown fault of value e (130 for an
+// allocation failure), -1000 for any other exception.
 int64_t recoverForegroundGuarded(KeepCutRequest* request, bool needAux,
                                  const RecoveryParams& params, int64_t success);
+
+// The parameters of qxRecoverForeground: the whole region at a quarter of its size, in cells of
+// up to 384 pixels a side, the edges feathered when blendEdges.
+RecoveryParams wholeRegionParams(bool blendEdges);
+
+// The full-resolution recovery (qxRecoverForegroundFull) on a valid request: the colours
+// written, 1 returned; failures are thrown. The budget is budgetBytes, else the request's
+// memoryBudgetMB, else the library's.
+int recoverJob(const ForegroundRequest& r, double budgetBytes = 0.0);
 
 // The feathering weights of a w x h region, row-major.
 // Ramp: rx(x) * ry(y) with rx(x) = x / 64 below 64, (w - x) / 64 above w - 64, else 1 (the left

@@ -10,6 +10,7 @@
 
 #include "frame/export_guard.h"
 #include "grabcut/grabcut_request.h"
+#include "grabcut/grabcut_session.h"
 
 namespace qx {
 namespace {
@@ -102,7 +103,10 @@ unsigned char bandCode(const SelectedCounts& c, const std::vector<Run>& runs, in
     return centre ? 255 : 0;
 }
 
+}  // namespace
+
 void edgeGen(const GrabCutRequest& request, int bandWidth) {
+    if (bandWidth < 0 || bandWidth > kMaxBandWidth) return;
     const int w = request.roiWidth, h = request.roiHeight;
     const unsigned char* result = atRoi(request.result, request.resultStep, request, 1);
     const SelectedCounts counts(result, request.resultStep, w, h);
@@ -134,7 +138,6 @@ void edgeGen(const GrabCutRequest& request, int bandWidth) {
     }
 }
 
-}  // namespace
 }  // namespace qx
 
 extern "C" QX_API void qxGrabCutEdgeGen(GrabCutRequest* request, int bandWidth) {

@@ -10,11 +10,11 @@
 #include "frame/progress.h"
 #include "grabcut/codes.h"
 #include "grabcut/grabcut_request.h"
+#include "grabcut/grabcut_session.h"
 #include "grabcut/map_alpha_proc.h"
 #include "image/img.h"
 
 namespace qx {
-namespace {
 
 void cut(GrabCutRequest& request, int mode) {
     const int w = request.roiWidth, h = request.roiHeight;
@@ -82,6 +82,8 @@ void cut(GrabCutRequest& request, int mode) {
                          request.resultStep, size);
 }
 
+namespace {
+
 // The codes of a finished session, in mask and (when given) result; nothing for planes that
 // fail the checks.
 void settleCodes(const GrabCutRequest& r) {
@@ -103,6 +105,16 @@ void settleCodes(const GrabCutRequest& r) {
 }
 
 }  // namespace
+
+bool endSession(GrabCutRequest& request) {
+    if (request.control != nullptr) {
+        if (!GrabCutDeleteBuf(static_cast<GrabCutControl*>(request.control))) return false;
+        request.control = nullptr;
+    }
+    settleCodes(request);
+    return true;
+}
+
 }  // namespace qx
 
 extern "C" QX_API int qxGrabCut(GrabCutRequest* request, int mode) {
@@ -125,15 +137,5 @@ extern "C" QX_API int qxGrabCut(GrabCutRequest* request, int mode) {
 
 extern "C" QX_API void qxGrabCutDeleteBuf(GrabCutRequest* request) {
     if (request == nullptr) return;
-    qx::guardedCall(
-        [&] {
-            if (request->control != nullptr) {
-                if (!qx::GrabCutDeleteBuf(static_cast<qx::GrabCutControl*>(request->control)))
-                    return 0;
-                request->control = nullptr;
-            }
-            qx::settleCodes(*request);
-            return 1;
-        },
-        0);
+    qx::guardedCall([&] { return qx::endSession(*request) ? 1 : 0; }, 0);
 }

@@ -98,6 +98,15 @@ bool validKeepCutRequest(const KeepCutRequest* r, bool needsDst) {
     return !needsDst || validPlane(r->dstImage, r->dstStep, fw, fh, 4);
 }
 
+int keepCutJob(KeepCutRequest* request, KeepCutEngine engine) {
+    try {
+        return keepCutToAlpha(request, engine);
+    } catch (...) {
+        recoverBrushInfo(request);
+        throw;
+    }
+}
+
 }  // namespace qx
 
 extern "C" QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes) {
@@ -114,15 +123,8 @@ extern "C" QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes) {
     const int64_t fw = request->fullWidth, fh = request->fullHeight;
     kept.add(request->alphaPlane, request->alphaStep, fw, fh);
     if (needsDst) kept.add(request->dstImage, request->dstStep, 4 * fw, fh);
-    // Whichever way the job fails, the paint flags go back into the plane first.
-    const int status = qx::guardedExport(qx::Export::KeepCut, [&] {
-        try {
-            return qx::keepCutToAlpha(request, engine);
-        } catch (...) {
-            qx::recoverBrushInfo(request);
-            throw;
-        }
-    });
+    const int status = qx::guardedExport(qx::Export::KeepCut,
+                                         [&] { return qx::keepCutJob(request, engine); });
     if (status == qx::kCancelledStatus) kept.restore();
     return status;
 }

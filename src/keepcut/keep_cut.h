@@ -17,6 +17,11 @@ KeepCutEngine chooseKeepCutEngine(int regionMode, int roiWidth, int roiHeight, i
 // 7..1 as they stand. The request must be valid.
 void recoverBrushInfo(KeepCutRequest* request);
 
+// The keep-cut job on a valid request (qxKeepCutToAlpha without its checks): the stroke plane
+// becomes the alpha in place. Whichever way it fails, the paint flags go back into the plane
+// before the failure is thrown on. Returns the engine's status.
+int keepCutJob(KeepCutRequest* request, KeepCutEngine engine);
+
 // A request the entry can serve: non-null, both sizes of image and region at least 1, the
 // region inside the image, source, alpha and aux planes with steps of at least a row (dstImage
 // too when `needsDst`).

@@ -6,6 +6,7 @@
 
 #include "frame/args.h"
 #include "frame/export_guard.h"
+#include "matting/mask_bbox.h"
 #include "qxiveilon31.h"
 
 namespace qx {
@@ -138,6 +139,14 @@ private:
 };
 
 }  // namespace
+
+void maskBox8(const unsigned char* data, int step, int width, int height, int fgCode,
+              int bgCode, int* left, int* boxWidth, int* top, int* boxHeight, int* fgCount,
+              int* bgCount) {
+    TriMap<Codes8>(data, step, width, height, Codes8{fgCode, bgCode})
+        .box(left, boxWidth, top, boxHeight, fgCount, bgCount);
+}
+
 }  // namespace qx
 
 extern "C" QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, int width,
@@ -154,8 +163,8 @@ extern "C" QX_API int qxMaskBBox(int is16, const unsigned char* data, int step, 
                 qx::TriMap<qx::Values16>(data, step, width, height, coding)
                     .box(outLeft, outWidth, outTop, outHeight, outFgCount, outBgCount);
             } else {
-                qx::TriMap<qx::Codes8>(data, step, width, height, qx::Codes8{fgCode, bgCode})
-                    .box(outLeft, outWidth, outTop, outHeight, outFgCount, outBgCount);
+                qx::maskBox8(data, step, width, height, fgCode, bgCode, outLeft, outWidth, outTop,
+                             outHeight, outFgCount, outBgCount);
             }
             return 1;
         },

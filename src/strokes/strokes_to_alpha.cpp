@@ -18,6 +18,7 @@
 #include "flows/mask_alpha_flow.h"
 #include "frame/progress.h"
 #include "matting/mask_job.h"
+#include "strokes/strokes_job.h"
 #include "qxiveilon31.h"
 
 namespace qx {
@@ -40,9 +41,11 @@ bool validRequest(const StrokeMatteRequest* r) {
            validPlane(r->alpha, r->alphaStep, r->width, r->height, 1);
 }
 
-// finish: the closed-form one (kPlain), or the flows' (qxStrokesToAlphaFlow), whose runs the
-// tri-map job keeps to its limit of undecided pixels.
-int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish) {
+}  // namespace
+
+MattingFinish strokesPlainFinish() { return kPlain; }
+
+int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double budgetBytes) {
     const int w = r.width, h = r.height;
     const size_t n = size_t(w) * h;
     // For the progress listener: the tri-map and the box's planes, the solve (weighed once the
@@ -103,8 +106,9 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish) {
         mr.height = boxH;
         setProgProc(r.progProc, r.progParam, 130, 10);
         const float unknown = float(int64_t(boxW) * boxH - fg - bg);
-        const double budget = r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
-                                                   : usableMemInMB() * 1000.0;
+        const double budget = budgetBytes > 0.0        ? budgetBytes
+                              : r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
+                                                     : usableMemInMB() * 1000.0;
         const RunChoice run = chooseMaskRun(boxW, boxH, unknown, budget);
         // At full resolution, the one-piece solve's stages are those of a direct run.
         const RunChoice direct{RunKind::Direct, boxW, boxH, run.scale};
@@ -138,13 +142,12 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish) {
     return 1;
 }
 
-}  // namespace
 }  // namespace qx
 
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
     return qx::guardedExport(qx::Export::StrokesToAlpha,
-                             [&] { return qx::strokesJob(*request, qx::kPlain); });
+                             [&] { return qx::strokesJob(*request, qx::strokesPlainFinish()); });
 }
 
 extern "C" QX_API int qxStrokesToAlphaFlow(const StrokeMatteRequest* request) {

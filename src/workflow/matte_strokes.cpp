@@ -1,8 +1,12 @@
-// Alpha from keep and cut strokes, with one of three engines: the stroke engine
-// (qxStrokesToAlpha), or the older tiled engine (qxKeepCutToAlpha) at full resolution (the
-// KD-tree engine) or at half resolution with one guided doubling (the pyramid engine).
+// Alpha from keep and cut strokes, with one of three engines: the stroke engine with the flows'
+// solve (as qxStrokesToAlphaFlow), or the older tiled engine (as qxKeepCutToAlpha) at full
+// resolution (the KD-tree engine) or at half resolution with one guided doubling (the pyramid
+// engine).
 #include <opencv2/imgproc.hpp>
 
+#include "flows/mask_alpha_flow.h"
+#include "keepcut/keep_cut.h"
+#include "strokes/strokes_job.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {
@@ -21,8 +25,9 @@ int runTiled(const cv::Mat& bgr, cv::Mat& plane, bool hiRes, Relay& relay) {
     KeepCutRequest req = wholeImageRequest(src, plane, dst, aux);
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
-    const int status = qxKeepCutToAlpha(&req, hiRes ? 1 : 0);
-    return status;
+    const qx::KeepCutEngine engine =
+        qx::chooseKeepCutEngine(req.regionMode, req.roiWidth, req.roiHeight, hiRes ? 1 : 0);
+    return qx::guardedExport(qx::Export::KeepCut, [&] { return qx::keepCutJob(&req, engine); });
 }
 
 }  // namespace
@@ -57,7 +62,9 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.alphaStep = static_cast<int32_t>(out.step);
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
-        status = qxStrokesToAlphaFlow(&req);
+        status = qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
+            return qx::strokesJob(req, qx::flows::flowFinish(), relay.budgetBytes());
+        });
     } else {
         status = runTiled(bgr, plane, engine == QXW_ENGINE_KDTREE, relay);
         // Back from the stroke coding: keep 255, cut 0, computed alpha as it is.

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "flows/mask_alpha_flow.h"
+#include "matting/mask_bbox.h"
+#include "matting/mask_job.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {
@@ -10,7 +13,7 @@ namespace {
 
 constexpr const char* kNothingUndecided = "the tri-map has no undecided pixel";
 
-// Why qxMaskBBox gave no box: no undecided pixel, or too few rows for the job. The box rule:
+// Why the tri-map job's box rule gave no box: no undecided pixel, or too few rows for the job. The box rule:
 // rows from the first to the last with an undecided pixel, 12 more on each side, clipped to the
 // image; under 24 rows is no box.
 std::string emptyBoxReason(const cv::Mat& trimap, int fgCode, int bgCode) {
@@ -71,8 +74,8 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
                       bool finished) {
     const int width = bgr.cols, height = bgr.rows;
     int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
-    qxMaskBBox(0, trimap.data, static_cast<int>(trimap.step), width, height, &left, &boxWidth,
-               &top, &boxHeight, &fgCount, &bgCount, 0, fgCode, bgCode);
+    qx::maskBox8(trimap.data, static_cast<int>(trimap.step), width, height, fgCode, bgCode, &left,
+                 &boxWidth, &top, &boxHeight, &fgCount, &bgCount);
     if (boxWidth <= 0 || boxHeight <= 0)
         return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
     const int unknownPixels = boxWidth * boxHeight - fgCount - bgCount;
@@ -93,9 +96,12 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     const float unknown = static_cast<float>(unknownPixels);
-    const int status =
-        finished ? qxMaskAlpha(&req, 0, unknown, fgCode, bgCode, levelHigh, levelLow)
-                 : qxMaskAlphaFlow(&req, unknown, fgCode, bgCode, levelHigh, levelLow);
+    const qx::MattingFinish finish = finished ? qx::MattingFinish{} : qx::flows::flowFinish();
+    const int status = qx::guardedExport(qx::Export::MaskAlpha, [&] {
+        return qx::maskAlphaJob(&req, unknown, static_cast<unsigned char>(fgCode),
+                                static_cast<unsigned char>(bgCode), levelHigh, levelLow,
+                                relay.budgetBytes(), finish);
+    });
     if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
 
     cv::Mat out(height, width, CV_8UC1);

@@ -1,8 +1,9 @@
-// The subject's own colours under an alpha: the full-resolution recovery
-// (qxRecoverForegroundFull), the quarter-scale least-squares recovery (qxRecoverForeground), or
-// the shared-sample separation of the foreground subsystem.
+// The subject's own colours under an alpha: the full-resolution recovery (as
+// qxRecoverForegroundFull), the quarter-scale least-squares recovery (as qxRecoverForeground),
+// or the shared-sample separation of the foreground subsystem.
 #include <opencv2/imgproc.hpp>
 
+#include "foreground/recovery.h"
 #include "foreground/shared_sample.h"
 #include "workflow/workflow.h"
 
@@ -25,7 +26,9 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
         req.height = bgr.rows;
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
-        const int status = qxRecoverForegroundFull(&req);
+        const int status = qx::guardedExport(qx::Export::ForegroundFull, [&] {
+            return qx::recoverJob(req, relay.budgetBytes());
+        });
         if (status != 1) return jobFailed(job, qx::Export::ForegroundFull, status);
         *colours = out;
         return finishJob(job, QXW_OK);
@@ -48,7 +51,8 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
     KeepCutRequest req = wholeImageRequest(src, plainAlpha, dst, aux);
     // This job reports through the callback installed before it (total 20000).
     relay.install(20000);
-    const int64_t status = qxRecoverForeground(&req, 0);
+    const int64_t status =
+        qx::recoverForegroundGuarded(&req, true, qx::wholeRegionParams(false), 0);
     if (status != 0)
         return jobFailed(job, qx::Export::ForegroundRecovery, static_cast<int>(status));
     cv::cvtColor(dst, *colours, cv::COLOR_BGRA2BGR);

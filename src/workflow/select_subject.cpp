@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
+#include "frame/export_guard.h"
+#include "grabcut/grabcut_session.h"
 #include "grabcut/map_alpha_proc.h"
 #include "workflow/workflow.h"
 
@@ -78,7 +80,7 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
         ~EndSession() {
             req.mask = codes.data;
             req.maskStep = static_cast<int32_t>(codes.step);
-            qxGrabCutDeleteBuf(&req);
+            qx::guardedCall([&] { return qx::endSession(req) ? 1 : 0; }, 0);
         }
     } endSession{req, codes};
     // Two cuts, then the edge at full resolution; shares of the span roughly as their times go.
@@ -88,10 +90,16 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
     const double lo = relay.spanLow(), hi = relay.spanHigh();
     const auto at = [&](double f) { return lo + f * (hi - lo); };
     relay.span(lo, at(0.25));
-    int status = qxGrabCut(&req, 0);
+    const auto cut = [&] {
+        return qx::guardedExport(qx::Export::GrabCut, [&] {
+            qx::cut(req, 0);
+            return 1;
+        });
+    };
+    int status = cut();
     if (status == 1) {
         relay.span(at(0.25), at(0.5));
-        status = qxGrabCut(&req, 0);
+        status = cut();
     }
     if (status != 1) return jobFailed(job, qx::Export::GrabCut, status);
     // The result holds 0 and 254 with in-between values along the edge, and the strokes' fixed
@@ -115,7 +123,12 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
         cv::Mat edge(bgr.size(), CV_8UC1, cv::Scalar(0));
         req.mask = edge.data;
         req.maskStep = static_cast<int32_t>(edge.step);
-        qxGrabCutEdgeGen(&req, band);
+        qx::guardedCall(
+            [&] {
+                qx::edgeGen(req, band);
+                return 1;
+            },
+            0);
         // Subject (254, or a fixed 255) 255, background (0, or a fixed 1) 0, the rest undecided.
         cv::Mat t(edge.size(), CV_8UC1);
         for (int y = 0; y < edge.rows; ++y) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "frame/fault.h"
+#include "frame/memory.h"
 #include "frame/progress.h"
 #include "qxworkflow.h"
 
@@ -22,11 +23,17 @@ namespace qx::workflow {
 // request's progress fields, so that they count as for any host, and the library takes a job's
 // callback out when the job returns. A job without such fields counts with the callback
 // installed before it (install); the relay takes itself out at its end if the job left it.
+//
+// The relay also carries the call's memory budget, read from the system once when the call
+// starts (an inner relay takes its outer one's) and handed to every job the call runs.
 class Relay {
 public:
-    // Without a callback of the job's there is nobody to tell: no listener.
-    explicit Relay(QxwJob* job)
-        : job_(job), listening_(job && job->progress ? &Relay::heard : nullptr, this) {}
+    // Without a callback of the job's there is nobody to tell: no listener. budgetBytes 0: the
+    // library's budget now.
+    explicit Relay(QxwJob* job, double budgetBytes = 0.0)
+        : job_(job),
+          budget_(budgetBytes > 0.0 ? budgetBytes : qx::usableMemInMB() * 1000.0),
+          listening_(job && job->progress ? &Relay::heard : nullptr, this) {}
     ~Relay() { uninstall(); }
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
@@ -37,6 +44,7 @@ public:
     double spanLow() const { return lo_; }
     double spanHigh() const { return hi_; }
     void finish() { report(1.0); }
+    double budgetBytes() const { return budget_; }
     // The callback and parameter for a request's progress fields (what they report, the
     // listener hears).
     static int proc(int current, int total, void* param);
@@ -48,6 +56,7 @@ private:
     void uninstall();
     static void heard(double fraction, void* param);  // a job's position, 0..1
     QxwJob* job_;
+    double budget_;
     double lo_ = 0.0, hi_ = 1.0, last_ = -1.0;
     qx::ProgressListenerScope listening_;
 };
