@@ -7,13 +7,18 @@
 // another path. A build with QX_BASELINE_ONLY defined (for instance
 // -DCMAKE_CXX_FLAGS=-DQX_BASELINE_ONLY=1) carries the baseline loops alone, as sanitizer builds
 // do: the baseline's results can be recorded from such a build and every other path checked
-// against them.
+// against them. QX_CLONES_UP_TO_AVX2 leaves the AVX-512 clones out, so that an AVX-512 machine
+// runs the AVX2 loops (tests/image/code_paths compares the three builds).
 #pragma once
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(QX_SANITIZE) && \
     !defined(QX_BASELINE_ONLY)
 #define QX_HAS_CLONES 1
+#if defined(QX_CLONES_UP_TO_AVX2)
+#define QX_CLONES __attribute__((target_clones("default", "avx2")))
+#else
 #define QX_CLONES __attribute__((target_clones("default", "avx2", "arch=x86-64-v4")))
+#endif
 #else
 #define QX_HAS_CLONES 0
 #define QX_CLONES
