@@ -9,27 +9,13 @@
 #include <utility>
 #include <vector>
 
-namespace qxmatte {
+#include "image_checks.h"
 
-// The size an image file declares, read from its header alone; known is false for a format
-// not looked at here (OpenCV then reads it with its own size limit) or a header cut short.
-struct DeclaredSize {
-    bool known = false;
-    int64_t width = 0, height = 0;
-    const char* format = "";
-};
-DeclaredSize declaredSize(const unsigned char* data, size_t size);
+namespace qxmatte {
 
 // Refuses images of more pixels than this before decoding them (default kDefaultMegapixels).
 constexpr double kDefaultMegapixels = 400.0;
 void setPixelLimit(double megapixels);
-
-// Empty when a JPEG file's compressed data decodes without a warning (cut short, corrupt
-// entropy data), otherwise the decoder's own words.
-std::string jpegDamage(const unsigned char* data, size_t size);
-
-// The same for a PNG file: every chunk whole with its CRC, up to the end chunk.
-std::string pngDamage(const unsigned char* data, size_t size);
 
 // Reads a colour image as 8-bit BGR; an empty string when it worked, otherwise the reason with
 // the path. Only regular files are opened; 16-bit samples are scaled by 255/65535 and
