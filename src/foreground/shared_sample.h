@@ -8,7 +8,7 @@
 // marks the pixels to solve with 0.
 //
 // The hair brush's projection of a colour onto the line between two colours
-// (CompAlphaMapHair, hair_select.cpp) belongs to the same class.
+// (CompAlphaMapHair, hair_brush.cpp) belongs to the same class.
 #pragma once
 
 #include <cstdint>

@@ -11,7 +11,7 @@
 #include "grabcut/codes.h"
 #include "grabcut/grabcut_request.h"
 #include "grabcut/grabcut_session.h"
-#include "grabcut/map_alpha_proc.h"
+#include "grabcut/pyramid_cut.h"
 #include "image/img.h"
 
 namespace qx {

@@ -7,7 +7,7 @@
 #include "frame/progress.h"
 #include "image/img.h"
 #include "keepcut/keep_cut.h"
-#include "keepcut/map_alpha_proc.h"
+#include "keepcut/window_pyramid.h"
 
 namespace qx {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "frame/export_guard.h"
 #include "grabcut/grabcut_session.h"
-#include "grabcut/map_alpha_proc.h"
+#include "grabcut/pyramid_cut.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {

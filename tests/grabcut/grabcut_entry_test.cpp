@@ -9,7 +9,7 @@
 #include <opencv2/core.hpp>
 
 #include "grabcut/grabcut_control.h"
-#include "grabcut/map_alpha_proc.h"
+#include "grabcut/pyramid_cut.h"
 #include "grabcut_fixtures.h"
 #include "qxiveilon31.h"
 

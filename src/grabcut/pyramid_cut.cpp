@@ -1,5 +1,5 @@
 #include "frame/fault.h"
-#include "grabcut/map_alpha_proc.h"
+#include "grabcut/pyramid_cut.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "keepcut/map_alpha_proc.h"
+#include "keepcut/window_pyramid.h"
 
 #include <algorithm>
 #include <cstdint>
