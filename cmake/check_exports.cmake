@@ -13,7 +13,8 @@ set(expected
   qxGrabCut qxGrabCutDeleteBuf qxGrabCutEdgeGen qxStrokesToAlpha qxRecoverForegroundFull
   qxSetCancelFlag qxMaskAlphaPlain qxMaskAlphaFlow qxStrokesToAlphaFlow
   qxwMatteTrimap qxwMatteStrokes qxwRecoverForeground qxwSelectSubject qxwCutoutFromRect
-  qxwDefaultBand qxwPaintStroke qxwDemoScene qxwRefineMask qxwFreeMemory)
+  qxwDefaultBand qxwPaintStroke qxwDemoScene qxwRefineMask qxwFreeMemory qxwSubjectMask
+  qxwCutoutSubject)
 execute_process(COMMAND nm -D --defined-only --with-symbol-versions ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIB}")

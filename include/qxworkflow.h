@@ -48,7 +48,9 @@ typedef enum QxwStatus {
     QXW_OK = 0,
     QXW_BAD_INPUT = 1, /* the input can't be used (message says why); nothing was run */
     QXW_FAILED = 2,    /* a library job failed (message and libraryStatus say which) */
-    QXW_CANCELLED = 3  /* the job's cancel flag was set; no output was written */
+    QXW_CANCELLED = 3, /* the job's cancel flag was set; no output was written */
+    QXW_NO_MODEL = 4   /* the subject model is not installed where it is looked for (message
+                          says where, and how to install it); nothing was run */
 } QxwStatus;
 
 /* Progress of the whole workflow as a fraction from 0 to 1, never going back. Called on the
@@ -145,6 +147,41 @@ QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* s
 QX_API QxwStatus qxwRefineMask(const QxwImage* image, const unsigned char* mask, int maskStride,
                                unsigned char* alpha, int alphaStride, const QxwColourOut* colours,
                                QxwJob* job);
+
+/* What the subject-selection calls are given: where the segmentation network is. modelPath NULL
+ * or empty: the environment's QX_SUBJECT_MODEL when set, else the default cache file
+ * ${XDG_CACHE_HOME:-$HOME/.cache}/qxiveilon31/isnet-fp32.onnx that scripts/setup.sh (through
+ * scripts/fetch_subject_model.sh) installs. A NULL options record means all defaults. */
+typedef struct QxwSubjectOptions {
+    const char* modelPath;
+} QxwSubjectOptions;
+
+/* The subject's soft mask in one click: a segmentation network (ISNet, general objects) sees the
+ * image brought down to 1024 x 1024, and its mask comes back up to the image's size (0
+ * background, 255 subject, soft values between). The network is loaded once per process and
+ * file. About 3 to 10 seconds a call on two cores whatever the image's size, and about 1 GB of
+ * memory (QXW_FAILED with an out-of-memory message when less is free). Progress moves before
+ * and after the network's pass, and the cancel flag is looked at then: the pass itself (most
+ * of the time) can't be interrupted, so a cancel waits for it. QXW_NO_MODEL when the model's
+ * file is not there: "no subject model installed (looked for PATH): run scripts/setup.sh (or
+ * set QX_SUBJECT_MODEL)"; QXW_BAD_INPUT when the file is not a network that gives a mask. */
+QX_API QxwStatus qxwSubjectMask(const QxwImage* image, const QxwSubjectOptions* options,
+                                unsigned char* mask, int maskStride, QxwJob* job);
+
+/* The whole cut-out in one click: the subject's mask (qxwSubjectMask), combined with what the
+ * user gave, refined as qxwRefineMask refines a coarse mask, and, when colours is not NULL, the
+ * recovered colours (QXW_FG_FULL). A rectangle (width and height above 0; 0 and 0: none) makes
+ * everything outside it background, and the network is shown the rectangle with a margin of
+ * a tenth of its sides rather than the whole image; strokes (NULL: none) override both: keep
+ * pixels are subject, cut pixels background, in the mask and in the alpha. When the refinement
+ * loses most of the mask (its hard selection overlaps the mask's by less than a half, or keeps
+ * under a quarter of it), the mask is trusted instead: a narrow band along its edge is solved.
+ * Statuses as qxwSubjectMask's, and QXW_BAD_INPUT when the network finds no subject (in the
+ * rectangle). */
+QX_API QxwStatus qxwCutoutSubject(const QxwImage* image, const QxwSubjectOptions* options,
+                                  const unsigned char* strokes, int strokesStride, int x, int y,
+                                  int width, int height, unsigned char* alpha, int alphaStride,
+                                  const QxwColourOut* colours, QxwJob* job);
 
 /* The memory a job may still have, in bytes, as the workflows' out-of-memory messages count it:
  * available memory plus free swap (or what the process's control group has left, when less),

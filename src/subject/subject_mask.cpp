@@ -28,7 +28,7 @@ uint64_t maskJobBytes(int width, int height, bool loaded) {
            kBytesPerPixel * static_cast<uint64_t>(width) * static_cast<uint64_t>(height);
 }
 
-MaskResult subjectMask(const cv::Mat& bgr, const char* explicitPath,
+MaskResult subjectMask(const cv::Mat& bgr, const char* explicitPath, double budgetBytes,
                        const std::function<void(double)>& report, cv::Mat* mask) {
     MaskResult result;
     result.path = modelPath(explicitPath);
@@ -37,9 +37,9 @@ MaskResult subjectMask(const cv::Mat& bgr, const char* explicitPath,
         return result;
     }
     const bool loaded = netLoaded(result.path);
-    uint64_t free = 0;
     const uint64_t needs = maskJobBytes(bgr.cols, bgr.rows, loaded);
-    if (qx::freeMemory(&free) && free < needs) {
+    if (budgetBytes <= 0.0) budgetBytes = qx::usableMemInMB() * 1000.0;
+    if (budgetBytes > 0.0 && budgetBytes < static_cast<double>(needs)) {
         result.status = MaskStatus::NoMemory;
         result.bytes = needs;
         return result;

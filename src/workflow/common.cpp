@@ -279,6 +279,24 @@ cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted) {
     return coded;
 }
 
+std::string checkColours(const QxwColourOut* colours, const QxwImage& image) {
+    if (!colours) return {};
+    if (!colours->pixels) return "no colour output";
+    if (colours->stride < static_cast<int64_t>(image.width) * 3)
+        return "the colour output's stride is shorter than a row";
+    return {};
+}
+
+std::string checkCutoutBuffers(const QxwImage* image, const unsigned char* strokes,
+                               int strokesStride, const unsigned char* alpha, int alphaStride,
+                               const QxwColourOut* colours) {
+    std::string err = checkImage(image);
+    if (err.empty() && strokes) err = checkPlane(strokes, strokesStride, *image, "stroke plane");
+    if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
+    if (err.empty()) err = checkColours(colours, *image);
+    return err;
+}
+
 std::string checkRect(const QxwImage& image, int x, int y, int width, int height) {
     if (width < 1 || height < 1 || x < 0 || y < 0 || x > image.width - width ||
         y > image.height - height)

@@ -9,12 +9,8 @@ extern "C" QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image,
                                               const QxwColourOut* colours, QxwJob* job) {
     using namespace qx::workflow;
     startJob(job);
-    std::string err = checkImage(image);
-    if (err.empty() && strokes) err = checkPlane(strokes, strokesStride, *image, "stroke plane");
-    if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
-    if (err.empty() && colours && !colours->pixels) err = "no colour output";
-    if (err.empty() && colours && colours->stride < static_cast<int64_t>(image->width) * 3)
-        err = "the colour output's stride is shorter than a row";
+    std::string err =
+        checkCutoutBuffers(image, strokes, strokesStride, alpha, alphaStride, colours);
     if (err.empty()) err = checkRect(*image, x, y, width, height);
     if (err.empty() && band < 0) err = "the band width can't be negative";
     return runEntry(job, err, "the cut-out", [&](Relay& relay) {

@@ -231,9 +231,7 @@ extern "C" QX_API QxwStatus qxwRefineMask(const QxwImage* image, const unsigned 
     std::string err = checkImage(image);
     if (err.empty()) err = checkPlane(mask, maskStride, *image, "mask");
     if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
-    if (err.empty() && colours && !colours->pixels) err = "no colour output";
-    if (err.empty() && colours && colours->stride < static_cast<int64_t>(image->width) * 3)
-        err = "the colour output's stride is shorter than a row";
+    if (err.empty()) err = checkColours(colours, *image);
     return runEntry(job, err, "refine", [&](Relay& relay) {
         cv::Mat a, fg;
         const QxwStatus s = refineMask(toBgr(*image), planeView(mask, maskStride, *image), &a,

@@ -119,6 +119,34 @@ QxwStatus runEntry(QxwJob* job, const std::string& refusal, const char* what, Bo
     }
 }
 
+// Runs a workflow that lays out its stages over the whole of a relay (refineMask) inside
+// [lo, hi] of `outer`: body(relay, job) gets a relay of its own whose 0..1 is that span (with
+// the outer one's budget), and a job record whose status words are copied to `job` when it
+// returns.
+template <class Body>
+QxwStatus withinSpan(Relay& outer, QxwJob* job, double lo, double hi, Body&& body) {
+    outer.span(lo, hi);
+    QxwJob inner{};
+    inner.progress = [](double part, void* data) { static_cast<Relay*>(data)->reportPart(part); };
+    inner.progressData = &outer;
+    QxwStatus s;
+    {
+        Relay relay(&inner, outer.budgetBytes());
+        relay.span(0.0, 1.0);
+        s = body(relay, &inner);
+    }
+    if (job) finishJob(job, s, inner.message, inner.libraryStatus);
+    return s;
+}
+
+// Empty when a colour output (may be NULL: none asked for) can take the image's colours.
+std::string checkColours(const QxwColourOut* colours, const QxwImage& image);
+// Empty when a cut-out's buffers can be used: the image, strokes (may be NULL), the alpha and
+// the colours (may be NULL); otherwise why not.
+std::string checkCutoutBuffers(const QxwImage* image, const unsigned char* strokes,
+                               int strokesStride, const unsigned char* alpha, int alphaStride,
+                               const QxwColourOut* colours);
+
 // The whole image as a keep-cut request: src and dst 4 bytes a pixel, alpha and aux one byte.
 KeepCutRequest wholeImageRequest(cv::Mat& src, cv::Mat& alpha, cv::Mat& dst, cv::Mat& aux);
 
@@ -158,6 +186,21 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
 // A clean alpha (and, when colours is not null, the recovered colours) from a coarse mask.
 QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv::Mat* colours,
                      Relay& relay, QxwJob* job);
+// The subject's soft mask from the segmentation network (modelPath: NULL for the environment's
+// or the default cache's), reporting through the relay's current span.
+QxwStatus subjectMask(const cv::Mat& bgr, const char* modelPath, cv::Mat* mask, Relay& relay,
+                      QxwJob* job);
+// The one-click cut-out from the subject's soft mask `soft` (8-bit, the image's size): outside
+// `rect` (empty: none) background, strokes (may be empty) over both, refined as refineMask does,
+// trusted as it stands (a narrow band solved along its edge) when the refinement loses most of
+// it; painted and outside pixels keep their side in the alpha. Colours when not null.
+QxwStatus cutoutFromSubject(const cv::Mat& bgr, const cv::Mat& soft, const cv::Mat& strokes,
+                            const cv::Rect& rect, cv::Mat* alpha, cv::Mat* colours,
+                            Relay& relay, QxwJob* job);
+// What the network is shown for a rectangle (empty: the whole image): the rectangle with a
+// margin of a tenth of its sides, within the image. It sees the subject larger than in the
+// whole photo, with enough of its surroundings to tell it from them.
+cv::Rect networkView(const cv::Size& image, const cv::Rect& rect);
 // Labels the pixels along the edge of a hard selection again at full resolution, for a
 // selection that was cut on a level `reduction` times smaller than the image (nothing happens
 // for 1 or less). selection: 8-bit, 255 selected, 0 not; changed only inside `area`, and never

@@ -1,0 +1,155 @@
+// One-click subject selection: the network's mask on a plain scene (skipped when the model is
+// not installed), the missing-model status, and the rules that combine a mask with what the
+// user gave (a synthetic mask through the workflow's own entry, no network).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <opencv2/imgproc.hpp>
+#include <string>
+
+#include "frame/memory.h"
+#include "qxworkflow.h"
+#include "subject/subject_net.h"
+#include "support/scenes.h"
+#include "workflow/workflow.h"
+
+namespace {
+
+using qxtest::Bytes;
+using qxtest::kSentinel;
+using qxtest::untouched;
+
+// Intersection over union of the pixels at 128 and above.
+double iou(const cv::Mat& a, const cv::Mat& b) {
+    const cv::Mat x = a >= 128, y = b >= 128;
+    return double(cv::countNonZero(x & y)) / std::max(1, cv::countNonZero(x | y));
+}
+
+cv::Mat view(const Bytes& plane, int w, int h) {
+    return cv::Mat(h, w, CV_8UC1, const_cast<unsigned char*>(plane.data()));
+}
+
+// The environment's QX_SUBJECT_MODEL for one test, put back after.
+struct ModelEnv {
+    std::string saved;
+    bool had;
+    explicit ModelEnv(const char* value) {
+        const char* old = std::getenv("QX_SUBJECT_MODEL");
+        had = old != nullptr;
+        if (had) saved = old;
+        setenv("QX_SUBJECT_MODEL", value, 1);
+    }
+    ~ModelEnv() { had ? setenv("QX_SUBJECT_MODEL", saved.c_str(), 1) : unsetenv("QX_SUBJECT_MODEL"); }
+};
+
+TEST(SubjectModel, MissingModelIsItsOwnStatusNamingTheSetUpAndTouchesNothing) {
+    ModelEnv env("/nonexistent/qx-subject.onnx");
+    const qxtest::DiscScene s(64, 48, 14, 4, 3);
+    const QxwImage img = s.view();
+    Bytes mask(s.alpha.size(), kSentinel), alpha(mask), colours(s.image.size(), kSentinel);
+    const QxwColourOut out{colours.data(), s.w * 3};
+    QxwJob job{};
+    EXPECT_EQ(qxwSubjectMask(&img, nullptr, mask.data(), s.w, &job), QXW_NO_MODEL);
+    const std::string m = job.message;
+    EXPECT_NE(m.find("/nonexistent/qx-subject.onnx"), std::string::npos) << m;
+    EXPECT_NE(m.find("scripts/setup.sh"), std::string::npos) << m;
+    EXPECT_EQ(qxwCutoutSubject(&img, nullptr, nullptr, 0, 0, 0, 0, 0, alpha.data(), s.w, &out,
+                               &job),
+              QXW_NO_MODEL);
+    // A file that is not a network: refused as bad input, named.
+    const std::string notNet = ::testing::TempDir() + "/not-a-network.onnx";
+    std::ofstream(notNet) << "not a network";
+    const QxwSubjectOptions options{notNet.c_str()};
+    EXPECT_EQ(qxwSubjectMask(&img, &options, mask.data(), s.w, &job), QXW_BAD_INPUT);
+    EXPECT_NE(std::string(job.message).find(notNet), std::string::npos) << job.message;
+    // Too little memory for the network: refused before the file is read.
+    const qx::MemStatus small{512ull << 20, 256ull << 20, 1ull << 40};
+    qx::overrideMemStatus(&small);
+    EXPECT_EQ(qxwSubjectMask(&img, &options, mask.data(), s.w, &job), QXW_FAILED);
+    qx::overrideMemStatus(nullptr);
+    EXPECT_NE(std::string(job.message).find("out of memory"), std::string::npos) << job.message;
+    EXPECT_TRUE(untouched(mask) && untouched(alpha) && untouched(colours));
+}
+
+// The network on a plain scene it can't mistake: a disc of one colour over another. Its mask,
+// and the one-click cut-out, must find the disc.
+TEST(SubjectModel, FindsAPlainSubjectAndTheCutOutKeepsIt) {
+    const std::string path = qx::subject::modelPath(nullptr);
+    if (!std::ifstream(path)) GTEST_SKIP() << "no subject model at " << path;
+    const qxtest::DiscScene s(200, 150, 45, 3, 3);
+    const QxwImage img = s.view();
+    const cv::Mat truth = view(s.alpha, s.w, s.h);
+    Bytes mask(s.alpha.size()), alpha(mask.size()), colours(s.image.size());
+    QxwJob job{};
+    ASSERT_EQ(qxwSubjectMask(&img, nullptr, mask.data(), s.w, &job), QXW_OK) << job.message;
+    EXPECT_GT(iou(view(mask, s.w, s.h), truth), 0.9);
+    const QxwColourOut out{colours.data(), s.w * 3};
+    ASSERT_EQ(qxwCutoutSubject(&img, nullptr, nullptr, 0, 0, 0, 0, 0, alpha.data(), s.w, &out,
+                               &job),
+              QXW_OK)
+        << job.message;
+    EXPECT_GT(iou(view(alpha, s.w, s.h), truth), 0.95);
+    // Colours under the subject are the disc's own.
+    const size_t centre = (size_t(s.h / 2) * s.w + s.w / 2) * 3;
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(colours[centre + c], qxtest::kDiscFg[c], 2);
+}
+
+struct Combined {
+    cv::Mat alpha, colours;
+    QxwStatus status;
+    std::string message;
+};
+
+Combined combine(const qxtest::DiscScene& s, const cv::Mat& soft, const cv::Mat& strokes,
+                 const cv::Rect& rect) {
+    cv::Mat bgr(s.h, s.w, CV_8UC3, const_cast<unsigned char*>(s.image.data()));
+    QxwJob job{};
+    Combined c;
+    qx::workflow::Relay relay(&job);
+    c.status = qx::workflow::cutoutFromSubject(bgr, soft, strokes, rect, &c.alpha, &c.colours,
+                                               relay, &job);
+    c.message = job.message;
+    return c;
+}
+
+// A network's mask holding the disc and a second blob: a rectangle around the disc drops the
+// blob, a cut stroke drops a piece of the disc, a keep stroke adds what the mask missed.
+TEST(SubjectCombine, RectangleIsBackgroundOutsideAndStrokesOverrideTheMask) {
+    const qxtest::DiscScene s(160, 120, 30, 4, 3);
+    cv::Mat soft = view(s.alpha, s.w, s.h).clone();
+    cv::rectangle(soft, cv::Rect(130, 10, 20, 20), cv::Scalar(255), cv::FILLED);  // a stray blob
+    const cv::Rect rect(40, 20, 80, 80);
+    cv::Mat strokes(s.h, s.w, CV_8UC1, cv::Scalar(100));
+    cv::rectangle(strokes, cv::Rect(75, 55, 10, 10), cv::Scalar(QXW_CUT), cv::FILLED);
+    cv::rectangle(strokes, cv::Rect(100, 25, 8, 8), cv::Scalar(QXW_KEEP), cv::FILLED);
+    const Combined c = combine(s, soft, strokes, rect);
+    ASSERT_EQ(c.status, QXW_OK) << c.message;
+    cv::Mat outside = cv::Mat::ones(s.h, s.w, CV_8UC1) * 255;
+    outside(rect).setTo(0);
+    EXPECT_EQ(cv::countNonZero(c.alpha & outside), 0);
+    EXPECT_EQ(cv::countNonZero(c.alpha(cv::Rect(75, 55, 10, 10))), 0);
+    EXPECT_EQ(cv::countNonZero(c.alpha(cv::Rect(100, 25, 8, 8)) != 255), 0);
+    // The rest of the disc comes through.
+    cv::Mat expected = view(s.alpha, s.w, s.h).clone();
+    expected(cv::Rect(75, 55, 10, 10)).setTo(0);
+    expected(cv::Rect(100, 25, 8, 8)).setTo(255);
+    EXPECT_GT(iou(c.alpha, expected), 0.95);
+    // A rectangle the mask has nothing in: no subject, said so.
+    const Combined none = combine(s, soft, cv::Mat(), cv::Rect(0, 0, 30, 30));
+    EXPECT_EQ(none.status, QXW_BAD_INPUT);
+    EXPECT_NE(none.message.find("no subject"), std::string::npos) << none.message;
+}
+
+// A mask the refinement can't use (soft all over: nothing it may hold as sure) is trusted as it
+// stands rather than lost.
+TEST(SubjectCombine, AMaskTheRefinementLosesIsKept) {
+    const qxtest::DiscScene s(160, 120, 30, 4, 3);
+    cv::Mat soft(s.h, s.w, CV_8UC1, cv::Scalar(110));
+    soft.setTo(150, view(s.alpha, s.w, s.h) >= 128);
+    const Combined c = combine(s, soft, cv::Mat(), cv::Rect());
+    ASSERT_EQ(c.status, QXW_OK) << c.message;
+    EXPECT_GT(iou(c.alpha, view(s.alpha, s.w, s.h)), 0.9);
+}
+
+}  // namespace
