@@ -14,7 +14,7 @@ set(expected
   qxSetCancelFlag qxMaskAlphaPlain qxMaskAlphaFlow qxStrokesToAlphaFlow
   qxwMatteTrimap qxwMatteStrokes qxwRecoverForeground qxwSelectSubject qxwCutoutFromRect
   qxwDefaultBand qxwPaintStroke qxwDemoScene qxwRefineMask qxwFreeMemory qxwSubjectMask
-  qxwCutoutSubject)
+  qxwCutoutSubject qxwGrabCutBegin qxwGrabCutCut qxwGrabCutTrimap qxwGrabCutEnd)
 execute_process(COMMAND nm -D --defined-only --with-symbol-versions ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIB}")

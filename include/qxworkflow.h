@@ -128,6 +128,28 @@ QX_API QxwStatus qxwSelectSubject(const QxwImage* image, const unsigned char* st
                                   int band, unsigned char* selection, int selectionStride,
                                   unsigned char* trimap, int trimapStride, QxwJob* job);
 
+/* An interactive GrabCut session that keeps its colour models between cuts: the selection of
+ * qxwSelectSubject spread over the user's gestures. Begin copies the image and frames the
+ * rectangle (everything outside it background) with optional strokes; each Cut paints the
+ * strokes given to it (NULL: none; QXW_KEEP fixed subject, QXW_CUT fixed background, other
+ * values leave the pixels as they were) and cuts again from the models the cuts before learnt,
+ * writing the hard selection (255 selected, 0 not). A cancelled cut leaves the session as it
+ * was. Trimap makes a tri-map from the last cut's selection with an undecided band of `band`
+ * pixels (0: qxwDefaultBand) along its edge: 255 subject, 0 background, 128 undecided. End frees
+ * the session (NULL is allowed). A session is used by one thread at a time. Unlike
+ * qxwSelectSubject the cuts stay on the working level: the edge is not decided again at full
+ * resolution. */
+typedef struct QxwGrabCut QxwGrabCut;
+QX_API QxwStatus qxwGrabCutBegin(const QxwImage* image, const unsigned char* strokes,
+                                 int strokesStride, int x, int y, int width, int height,
+                                 QxwGrabCut** session, QxwJob* job);
+QX_API QxwStatus qxwGrabCutCut(QxwGrabCut* session, const unsigned char* strokes,
+                               int strokesStride, unsigned char* selection, int selectionStride,
+                               QxwJob* job);
+QX_API QxwStatus qxwGrabCutTrimap(QxwGrabCut* session, int band, unsigned char* trimap,
+                                  int trimapStride, QxwJob* job);
+QX_API void qxwGrabCutEnd(QxwGrabCut* session);
+
 /* The whole cut-out from a rectangle: GrabCut, the edge band, alpha on the band and, when
  * colours is not NULL, the recovered colours (QXW_FG_FULL). */
 QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image, const unsigned char* strokes,

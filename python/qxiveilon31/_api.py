@@ -212,34 +212,6 @@ def grabcut(image, rect, strokes=None, *, band=None, with_trimap=False, bgr=Fals
     return (selection, arrays.trimap_out(tri, is_float)) if with_trimap else selection
 
 
-def _prepare_frame(codes, rect):
-    """The workflows' framing (qxwSelectSubject): the library's session starts with a frame of
-    sure background just inside its region, so the region is the rectangle grown by a wider
-    margin fixed to background; where the border stops the growth, the frame inside the
-    rectangle is probable foreground (250). Strokes stay. Returns (left, top, width, height)."""
-    height, width = codes.shape
-    x, y, w, h = rect
-    margin = 5 * (1 + max(width, height) // 200)
-    left, top = max(0, x - margin), max(0, y - margin)
-    right, bottom = min(width, x + w + margin), min(height, y + h + margin)
-    region = codes[top:bottom, left:right]
-    free = (region != 255) & (region != 1)
-    yy, xx = np.mgrid[top:bottom, left:right]
-    inside = (xx >= x) & (xx < x + w) & (yy >= y) & (yy < y + h)
-    region[free & ~inside] = 1
-    if left < x or top < y or right > x + w or bottom > y + h:
-        edge = np.minimum(np.minimum(xx - left, right - 1 - xx),
-                          np.minimum(yy - top, bottom - 1 - yy))
-        region[free & inside & (edge < margin)] = 250
-    return left, top, right - left, bottom - top
-
-
-def _stroke_codes(codes, plane):
-    """Paints strokes (255 keep, 0 cut) into GrabCut's codes (255 and 1: fixed)."""
-    codes[plane == arrays.KEEP] = 255
-    codes[plane == arrays.CUT] = 1
-
-
 class GrabCutSession:
     """An interactive GrabCut selection that keeps its colour models between cuts.
 
@@ -254,27 +226,15 @@ class GrabCutSession:
     """
 
     def __init__(self, image, rect, strokes=None, *, bgr=False):
-        img, _, self._is_float = arrays.image8(image, bgr)
+        img, record, self._is_float = arrays.image8(image, bgr)
         shape = self._shape = img.shape[:2]
         self.rect = arrays.rect4(rect, shape)
-        self._codes = np.full(shape, 126, np.uint8)
-        if strokes is not None:
-            _stroke_codes(self._codes, arrays.strokes8(strokes, shape))
-        self.region = _prepare_frame(self._codes, self.rect)
-        self._src = np.empty(shape + (4,), np.uint8)  # B, G, R, 255: the library's pixels
-        self._src[:, :, :3] = img if bgr else img[:, :, ::-1]
-        self._src[:, :, 3] = 255
-        self._result = np.zeros(shape, np.uint8)
+        plane = None if strokes is None else arrays.strokes8(strokes, shape)
+        self._strokes = None  # painted since the last cut
         self._selection, self._closed, self._lock = None, False, threading.Lock()
-        req = self._req = native.GrabCutRequest()
-        req.image, req.imageStep = arrays.rows(self._src, "the session's image buffer")
-        req.result, req.resultStep = arrays.rows(self._result, "the session's result buffer")
-        req.width, req.height = shape[1], shape[0]
-        req.roiLeft, req.roiTop, req.roiWidth, req.roiHeight = self.region
-        self._point_mask_at(self._codes)
-
-    def _point_mask_at(self, plane):
-        self._req.mask, self._req.maskStep = arrays.rows(plane, "the session's mask buffer")
+        self._session = ctypes.c_void_p()
+        native.run("qxwGrabCutBegin", _Stage(None, None), ctypes.byref(record),
+                   *arrays.rows(plane, "strokes"), *self.rect, ctypes.byref(self._session))
 
     def __enter__(self):
         return self
@@ -300,36 +260,22 @@ class GrabCutSession:
     def close(self):
         """Ends the session: the library frees its state. Idempotent."""
         lock = getattr(self, "_lock", None)
-        if lock is None:  # __init__ did not get as far as a request
+        if lock is None:  # __init__ did not get as far as a session
             return
         with lock:
             if not self._closed:
                 self._closed = True
-                native.lib().qxGrabCutDeleteBuf(ctypes.byref(self._req))
+                native.lib().qxwGrabCutEnd(self._session)
 
     def cut(self, *, progress=None, cancel=None):
         """Runs one cut and returns the selection (255/0 uint8, or 1.0/0.0 float64 for a float
         image)."""
         with self._lock, _Progress(progress, "grabcut", cancel=cancel) as p:
             self._check()
-            stage = p.next()
-            j = native.job(stage.report, "qxGrabCut", stage.cancel)
-            self._req.progProc, self._req.progParam = j.grabcut_progress, native.GRABCUT_PARAM
-            with j:
-                # The library takes the cancel flag from the calling thread.
-                native.lib().qxSetCancelFlag(j.flag)
-                try:
-                    status = native.lib().qxGrabCut(ctypes.byref(self._req), 0)
-                finally:
-                    native.lib().qxSetCancelFlag(None)
-            j.check(native.QXW_OK)
-            if status == native.QX_CANCELLED:
-                raise native.Cancelled("qxGrabCut")
-            if status != 1:
-                raise QxError("qxGrabCut", status, "the GrabCut job failed")
-            # The result holds 0 and 254, values between along the edge, and the strokes' fixed
-            # codes; outside the region it stays 0.
-            self._selection = np.where(self._result >= 128, 255, 0).astype(np.uint8)
+            selection, ptr, stride = _outputs(self._shape, name="selection output")
+            native.run("qxwGrabCutCut", p.next(), self._session,
+                       *arrays.rows(self._strokes, "strokes"), ptr, stride)
+            self._strokes, self._selection = None, selection
         return self.selection
 
     @property
@@ -340,31 +286,28 @@ class GrabCutSession:
 
     def add_strokes(self, strokes):
         """Paints keep (fixed foreground) and cut (fixed background) strokes for the next cut.
-        Same forms as matte_strokes; unpainted pixels keep their state. Only the region handed
-        to the library (``region``: the rectangle and a margin) is read by the cut."""
+        Same forms as matte_strokes; unpainted pixels keep their state. Only the rectangle and
+        a margin around it are read by the cut."""
         plane = arrays.strokes8(strokes, self._shape)
         with self._lock:
             self._check()
-            _stroke_codes(self._codes, plane)
+            if self._strokes is None:
+                self._strokes = plane.copy()
+            else:  # later strokes over earlier ones
+                painted = (plane == arrays.KEEP) | (plane == arrays.CUT)
+                self._strokes[painted] = plane[painted]
 
     def trimap(self, band=None):
         """A tri-map from the current selection: an undecided band of ``band`` pixels (default
         about 1% of the image's longer side, at least 10) along its edge. uint8 0 / 128 / 255,
         or float64 0 / 0.5 / 1 for a float image (matte_trimap takes either)."""
-        band = arrays.band_width(band) or native.lib().qxwDefaultBand(self._shape[1],
-                                                                       self._shape[0])
+        band = arrays.band_width(band) or 0
         with self._lock:
             self._check()
             if self._selection is None:
                 raise RuntimeError("cut() first: the tri-map is made from the selection")
-            edges = np.zeros(self._shape, np.uint8)
-            self._point_mask_at(edges)
-            try:
-                native.lib().qxGrabCutEdgeGen(ctypes.byref(self._req), band)
-            finally:
-                self._point_mask_at(self._codes)
-        # The edge plane: the subject 254 (255 fixed), background 0 (1 fixed), the band between.
-        tri = np.where(edges >= 254, 255, np.where(edges <= 1, 0, 128)).astype(np.uint8)
+            tri, ptr, stride = _outputs(self._shape, name="trimap output")
+            native.run("qxwGrabCutTrimap", _Stage(None, None), self._session, band, ptr, stride)
         return arrays.trimap_out(tri, self._is_float)
 
 

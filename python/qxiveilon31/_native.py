@@ -27,7 +27,6 @@ ENGINES = {"strokes": 0, "kdtree": 1, "pyramid": 2}
 METHODS = {"full": 2, "solve": 0, "least-squares": 0, "sampling": 1}
 
 PROGRESS_FN = ctypes.CFUNCTYPE(None, c_double, c_void_p)
-GRABCUT_PROGRESS = ctypes.CFUNCTYPE(c_int, c_int, c_int, c_void_p)
 
 
 class Image(ctypes.Structure):  # QxwImage
@@ -45,16 +44,6 @@ class Job(ctypes.Structure):  # QxwJob
                 ("cancel", c_void_p)]
 
 
-class GrabCutRequest(ctypes.Structure):
-    _fields_ = [("image", c_void_p), ("imageStep", c_int32), ("reserved0", c_int32),
-                ("mask", c_void_p), ("maskStep", c_int32), ("reserved1", ctypes.c_ubyte * 20),
-                ("result", c_void_p), ("resultStep", c_int32), ("width", c_int32),
-                ("height", c_int32), ("reserved2", ctypes.c_ubyte * 28),
-                ("progProc", GRABCUT_PROGRESS), ("progParam", c_void_p),
-                ("reserved3", ctypes.c_ubyte * 16), ("control", c_void_p),
-                ("roiWidth", c_int32), ("roiHeight", c_int32), ("roiLeft", c_int32),
-                ("roiTop", c_int32)]
-
 
 # ctypes cuts a larger value to 32 bits without a word when it fills these records' int32 fields
 # and the prototypes' c_int arguments: row strides come only through _arrays.rows, widths and
@@ -64,8 +53,6 @@ class GrabCutRequest(ctypes.Structure):
 # The sizes and offsets the C headers fix.
 assert ctypes.sizeof(Image) == 32 and ctypes.sizeof(ColourOut) == 16
 assert ctypes.sizeof(Job) == 544 and Job.message.offset == 20 and Job.cancel.offset == 536
-assert ctypes.sizeof(GrabCutRequest) == 152 and GrabCutRequest.progProc.offset == 96
-assert GrabCutRequest.control.offset == 128 and GrabCutRequest.roiTop.offset == 148
 
 
 class QxError(RuntimeError):
@@ -102,10 +89,10 @@ _PROTOTYPES = {
     "qxwCutoutFromRect": (c_int, [_IMG, _BYTES, c_int] + [c_int] * 5 + [_BYTES, c_int,
                                                                          _P(ColourOut), _JOB]),
     "qxwDefaultBand": (c_int, [c_int, c_int]),
-    "qxGrabCut": (c_int, [_P(GrabCutRequest), c_int]),
-    "qxGrabCutDeleteBuf": (None, [_P(GrabCutRequest)]),
-    "qxGrabCutEdgeGen": (None, [_P(GrabCutRequest), c_int]),
-    "qxSetCancelFlag": (None, [c_void_p]),
+    "qxwGrabCutBegin": (c_int, [_IMG, _BYTES, c_int] + [c_int] * 4 + [_P(c_void_p), _JOB]),
+    "qxwGrabCutCut": (c_int, [c_void_p, _BYTES, c_int, _BYTES, c_int, _JOB]),
+    "qxwGrabCutTrimap": (c_int, [c_void_p, c_int, _BYTES, c_int, _JOB]),
+    "qxwGrabCutEnd": (None, [c_void_p]),
     "qxwRefineMask": (c_int, [_IMG, _BYTES, c_int, _BYTES, c_int, _P(ColourOut), _JOB]),
 }
 
@@ -203,11 +190,8 @@ def lib():
 
 _INSIDE = threading.local()
 
-# qxGrabCut reports only with a non-null parameter; the callback itself is the job's.
-_ANCHOR = c_int(1)
 # How often a job's cancel object is looked at while the call makes no report.
 _WATCH_SECONDS = 0.05
-GRABCUT_PARAM = ctypes.cast(ctypes.pointer(_ANCHOR), c_void_p)
 
 
 class job:
@@ -216,8 +200,7 @@ class job:
     None) and whose cancel flag is raised at the first report after ``cancel.is_set()`` (any
     object with ``is_set()``, such as a ``threading.Event``); re-raises an exception the report
     raised once the call has returned, and turns a status other than QXW_OK into ValueError (bad
-    input), Cancelled or QxError (a failed job). ``grabcut_progress`` is the same relay in the
-    form of a qxGrabCut request's callback, and ``flag`` the address of the cancel flag."""
+    input), Cancelled or QxError (a failed job)."""
 
     def __init__(self, report, function, cancel=None):
         if cancel is not None and not callable(getattr(cancel, "is_set", None)):
@@ -230,7 +213,6 @@ class job:
         self.record.cancel = self.flag
         # Kept on self: the library may call them until the call returns.
         self._fn = PROGRESS_FN(self._relay)
-        self.grabcut_progress = GRABCUT_PROGRESS(self._grabcut_relay)
         if report is not None or cancel is not None:
             self.record.progress = self._fn
 
@@ -249,11 +231,6 @@ class job:
             self.error = e
         finally:
             _INSIDE.active = False
-
-    def _grabcut_relay(self, current, total, _param):
-        if total > 0:
-            self._relay(min(current / total, 1.0), None)
-        return 1
 
     def __enter__(self):
         if getattr(_INSIDE, "active", False):

@@ -7,10 +7,10 @@
 #include "frame/export_guard.h"
 #include "grabcut/grabcut_session.h"
 #include "grabcut/pyramid_cut.h"
+#include "workflow/grabcut_frame.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {
-namespace {
 
 // The library starts a session with a frame of sure background just inside its rectangle, a
 // few pixels of its working level wide. Our rectangle means everything outside it is
@@ -45,7 +45,46 @@ cv::Rect prepareFrame(cv::Mat& codes, const cv::Rect& rect) {
     return roi;
 }
 
-}  // namespace
+GrabCutRequest grabCutRequest(cv::Mat& src, cv::Mat& codes, cv::Mat& result, const cv::Rect& roi) {
+    GrabCutRequest req{};
+    req.image = src.data;
+    req.imageStep = static_cast<int32_t>(src.step);
+    req.mask = codes.data;
+    req.maskStep = static_cast<int32_t>(codes.step);
+    req.result = result.data;
+    req.resultStep = static_cast<int32_t>(result.step);
+    req.width = src.cols;
+    req.height = src.rows;
+    req.roiLeft = roi.x;
+    req.roiTop = roi.y;
+    req.roiWidth = roi.width;
+    req.roiHeight = roi.height;
+    return req;
+}
+
+cv::Mat edgeTrimap(GrabCutRequest& req, int band) {
+    cv::Mat edge(req.height, req.width, CV_8UC1, cv::Scalar(0));
+    unsigned char* const mask = req.mask;
+    const int32_t maskStep = req.maskStep;
+    req.mask = edge.data;
+    req.maskStep = static_cast<int32_t>(edge.step);
+    qx::guardedCall(
+        [&] {
+            qx::edgeGen(req, band);
+            return 1;
+        },
+        0);
+    req.mask = mask;
+    req.maskStep = maskStep;
+    // Subject (254, or a fixed 255) 255, background (0, or a fixed 1) 0, the rest undecided.
+    cv::Mat t(edge.size(), CV_8UC1);
+    for (int y = 0; y < edge.rows; ++y) {
+        const unsigned char* b = edge.ptr<unsigned char>(y);
+        unsigned char* o = t.ptr<unsigned char>(y);
+        for (int x = 0; x < edge.cols; ++x) o[x] = b[x] >= 254 ? 255 : b[x] <= 1 ? 0 : 128;
+    }
+    return t;
+}
 
 QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Rect& rect,
                         int band, cv::Mat* selection, cv::Mat* trimap, Relay& relay,
@@ -57,19 +96,7 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
                                     : encodeStrokes(strokes);
     const cv::Rect roi = prepareFrame(codes, rect);
     cv::Mat result(bgr.size(), CV_8UC1, cv::Scalar(0));
-    GrabCutRequest req{};
-    req.image = src.data;
-    req.imageStep = static_cast<int32_t>(src.step);
-    req.mask = codes.data;
-    req.maskStep = static_cast<int32_t>(codes.step);
-    req.result = result.data;
-    req.resultStep = static_cast<int32_t>(result.step);
-    req.width = bgr.cols;
-    req.height = bgr.rows;
-    req.roiLeft = roi.x;
-    req.roiTop = roi.y;
-    req.roiWidth = roi.width;
-    req.roiHeight = roi.height;
+    GrabCutRequest req = grabCutRequest(src, codes, result, roi);
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     // The session is ended (its control freed) however this returns, a throw included; the
@@ -119,25 +146,7 @@ QxwStatus selectSubject(const cv::Mat& bgr, const cv::Mat& strokes, const cv::Re
         for (int x = 0; x < result.cols; ++x)
             if (!(r[x] & 1)) r[x] = sel[x] ? 254 : 0;
     }
-    if (band > 0) {
-        cv::Mat edge(bgr.size(), CV_8UC1, cv::Scalar(0));
-        req.mask = edge.data;
-        req.maskStep = static_cast<int32_t>(edge.step);
-        qx::guardedCall(
-            [&] {
-                qx::edgeGen(req, band);
-                return 1;
-            },
-            0);
-        // Subject (254, or a fixed 255) 255, background (0, or a fixed 1) 0, the rest undecided.
-        cv::Mat t(edge.size(), CV_8UC1);
-        for (int y = 0; y < edge.rows; ++y) {
-            const unsigned char* b = edge.ptr<unsigned char>(y);
-            unsigned char* o = t.ptr<unsigned char>(y);
-            for (int x = 0; x < edge.cols; ++x) o[x] = b[x] >= 254 ? 255 : b[x] <= 1 ? 0 : 128;
-        }
-        *trimap = t;
-    }
+    if (band > 0) *trimap = edgeTrimap(req, band);
     return finishJob(job, QXW_OK);
 }
 
