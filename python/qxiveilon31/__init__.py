@@ -10,6 +10,8 @@ GIMP plug-in make, and gives their result on the same input:
 - ``grabcut(image, rect)`` and ``GrabCutSession``: a hard selection in a rectangle;
 - ``cutout(image, rect=..., trimap=..., strokes=...)``: an RGBA cut-out;
 - ``refine(image, mask)``: an RGBA cut-out from a coarse mask of any source;
+- ``subject_mask(image)`` and ``cutout(image)``: the subject in one click, from a segmentation
+  network that scripts/setup.sh installs (``NoSubjectModel`` without it);
 - ``batch(in_dir, out_dir, scheduler=None)``: folders of photos, locally or on a dask cluster.
 
 Images are H x W x 3 arrays, uint8 RGB (``bgr=True`` for OpenCV's order) or float on 0..1;
@@ -20,15 +22,16 @@ The library is found through ``QXIVEILON31_LIBRARY``, else beside the package, e
 system's loader (see README.md).
 """
 
-from ._native import Cancelled, QxError, LIB as _LIB
+from ._native import Cancelled, NoSubjectModel, QxError, LIB as _LIB
 from ._api import (GrabCutSession, cutout, foreground, grabcut, matte_strokes, matte_trimap,
-                   refine)
+                   refine, subject_mask)
 from ._batch import batch
 
 __version__ = "0.4.0"
 
-__all__ = ["Cancelled", "QxError", "GrabCutSession", "batch", "cutout", "foreground", "grabcut",
-           "matte_strokes", "matte_trimap", "refine", "library_version", "library_path", "__version__"]
+__all__ = ["Cancelled", "NoSubjectModel", "QxError", "GrabCutSession", "batch", "cutout",
+           "foreground", "grabcut", "matte_strokes", "matte_trimap", "refine", "subject_mask",
+           "library_version", "library_path", "__version__"]
 
 
 def library_version():

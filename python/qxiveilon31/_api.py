@@ -2,6 +2,7 @@
 (qxworkflow.h), the same calls the command-line tool ``qxmatte`` makes."""
 
 import ctypes
+import os
 import threading
 import warnings
 
@@ -332,13 +333,42 @@ def refine(image, mask, *, bgr=False, progress=None, cancel=None):
     return arrays.mask_out(rgba, is_float)
 
 
+# ---- Subject selection ---------------------------------------------------------------------
+
+
+def _subject_options(model):
+    if model is None:
+        return native.SubjectOptions(None)
+    return native.SubjectOptions(os.fsencode(model))
+
+
+def subject_mask(image, *, model=None, bgr=False, progress=None, cancel=None):
+    """The subject's soft mask in one click, from the segmentation network that
+    scripts/setup.sh installs (model: its file; default QX_SUBJECT_MODEL, then the user's
+    cache). H x W, uint8 (255 subject) or float on 0..1 for a float image. A missing model
+    raises NoSubjectModel. The network's pass (about 3 s) can't be interrupted: a cancel is
+    seen after it."""
+    img, record, is_float = arrays.image8(image, bgr)
+    mask, ptr, stride = _outputs(img.shape[:2], name="mask output")
+    options = _subject_options(model)
+    with _Progress(progress, "subject_mask", cancel=cancel) as p:
+        native.run("qxwSubjectMask", p.next(), ctypes.byref(record), ctypes.byref(options),
+                   ptr, stride)
+    return arrays.mask_out(mask, is_float)
+
+
 # ---- Cut-out -------------------------------------------------------------------------------
 
 
-def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=255, bg_code=0,
-           engine="strokes", pyramid=False, bgr=False, progress=None, cancel=None):
+def cutout(image, rect=None, trimap=None, strokes=None, *, subject=None, model=None, band=None,
+           fg_code=255, bg_code=0, engine="strokes", pyramid=False, bgr=False, progress=None,
+           cancel=None):
     """An RGBA cut-out: the subject's recovered colours with alpha (BGRA with bgr=True), in the
-    image's kind. One of three workflows, by what is given:
+    image's kind. One of four workflows, by what is given:
+
+    - nothing but the image, or ``subject=True`` (rect and strokes optional): the subject's mask
+      from the segmentation network (``model`` as in subject_mask), outside rect background,
+      strokes over it, refined as ``refine`` refines a mask (qxmatte cutout without --rect);
 
     - rect (strokes optional): GrabCut in the rectangle, an undecided band of ``band`` pixels on
       the selection's edge, tri-map matting on it, foreground recovery (qxmatte cutout);
@@ -350,11 +380,23 @@ def cutout(image, rect=None, trimap=None, strokes=None, *, band=None, fg_code=25
         raise ValueError("give rect or trimap, not both")
     if trimap is not None and strokes is not None:
         raise ValueError("strokes go with rect (GrabCut) or alone (strokes), not with a trimap")
-    if rect is None and trimap is None and strokes is None:
-        raise ValueError("cutout needs rect, trimap or strokes")
+    if subject is None:
+        subject = rect is None and trimap is None and strokes is None
+    if subject and trimap is not None:
+        raise ValueError("subject=True goes with rect and strokes, not with a trimap")
     img, record, is_float = arrays.image8(image, bgr)
     shape = img.shape[:2]
-    if rect is not None:
+    if subject:
+        x, y, w, h = (0, 0, 0, 0) if rect is None else arrays.rect4(rect, shape)
+        plane = None if strokes is None else arrays.strokes8(strokes, shape)
+        colours, c_ptr, c_stride = _outputs(shape, 3, "colour output")
+        alpha, a_ptr, a_stride = _outputs(shape, name="alpha output")
+        options = _subject_options(model)
+        with _Progress(progress, "cutout", cancel=cancel) as p:
+            native.run("qxwCutoutSubject", p.next(), ctypes.byref(record), ctypes.byref(options),
+                       *arrays.rows(plane, "strokes"), x, y, w, h, a_ptr, a_stride,
+                       ctypes.byref(native.ColourOut(c_ptr, c_stride)))
+    elif rect is not None:
         band = arrays.band_width(band)
         x, y, w, h = arrays.rect4(rect, shape)
         plane = None if strokes is None else arrays.strokes8(strokes, shape)

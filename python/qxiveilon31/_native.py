@@ -20,7 +20,7 @@ LEAST_MINOR = 2
 
 c_int, c_int32, c_void_p, c_double = ctypes.c_int, ctypes.c_int32, ctypes.c_void_p, ctypes.c_double
 
-QXW_OK, QXW_BAD_INPUT, QXW_FAILED, QXW_CANCELLED = 0, 1, 2, 3
+QXW_OK, QXW_BAD_INPUT, QXW_FAILED, QXW_CANCELLED, QXW_NO_MODEL = 0, 1, 2, 3, 4
 QX_CANCELLED = -3  # a cancelled library job
 QXW_BGR, QXW_RGB = 0, 1
 ENGINES = {"strokes": 0, "kdtree": 1, "pyramid": 2}
@@ -36,6 +36,10 @@ class Image(ctypes.Structure):  # QxwImage
 
 class ColourOut(ctypes.Structure):  # QxwColourOut
     _fields_ = [("pixels", c_void_p), ("stride", c_int32)]
+
+
+class SubjectOptions(ctypes.Structure):  # QxwSubjectOptions
+    _fields_ = [("modelPath", ctypes.c_char_p)]
 
 
 class Job(ctypes.Structure):  # QxwJob
@@ -69,6 +73,11 @@ class QxError(RuntimeError):
         return (type(self), (self.function, self.status, self.meaning))
 
 
+class NoSubjectModel(QxError):
+    """The subject-selection network is not installed (run scripts/setup.sh, or set
+    QX_SUBJECT_MODEL or ``model=``); the message says where it was looked for."""
+
+
 class Cancelled(QxError):
     """The call was cancelled through its ``cancel=`` object; nothing was written."""
 
@@ -94,6 +103,9 @@ _PROTOTYPES = {
     "qxwGrabCutTrimap": (c_int, [c_void_p, c_int, _BYTES, c_int, _JOB]),
     "qxwGrabCutEnd": (None, [c_void_p]),
     "qxwRefineMask": (c_int, [_IMG, _BYTES, c_int, _BYTES, c_int, _P(ColourOut), _JOB]),
+    "qxwSubjectMask": (c_int, [_IMG, _P(SubjectOptions), _BYTES, c_int, _JOB]),
+    "qxwCutoutSubject": (c_int, [_IMG, _P(SubjectOptions), _BYTES, c_int] + [c_int] * 4 +
+                         [_BYTES, c_int, _P(ColourOut), _JOB]),
 }
 
 
@@ -267,6 +279,8 @@ class job:
             raise ValueError(text)
         if status == QXW_CANCELLED:
             raise Cancelled(self.function)
+        if status == QXW_NO_MODEL:
+            raise NoSubjectModel(self.function, status, text)
         if status != QXW_OK:
             raise QxError(self.function, self.record.libraryStatus, text)
 

@@ -294,3 +294,17 @@ def test_150_jobs_in_a_row_leave_resident_memory_flat(disc):
     for i in range(150):
         job(i)
     assert _resident_mb() - before < 30
+
+
+def test_one_click_without_a_model_raises_no_subject_model(disc, tmp_path):
+    missing = str(tmp_path / "none.onnx")
+    with pytest.raises(qx.NoSubjectModel, match="scripts/setup.sh"):
+        qx.subject_mask(disc.image, model=missing)
+    # cutout with nothing but the image is the one-click cut-out; with strokes alone it stays
+    # the stroke workflow.
+    os.environ["QX_SUBJECT_MODEL"] = missing
+    try:
+        with pytest.raises(qx.NoSubjectModel, match=missing):
+            qx.cutout(disc.image)
+    finally:
+        del os.environ["QX_SUBJECT_MODEL"]

@@ -30,9 +30,10 @@ uint64_t maskJobBytes(int width, int height, bool loaded);
 
 // The soft mask (8-bit, 0 background, 255 subject) of a BGR image into *mask. modelPath as
 // subject_net.h's modelPath. budgetBytes: the memory the job may use (0: the library's budget,
-// qx::usableMemInMB); NoMemory when maskJobBytes is more. report(part) hears the job's position from 0 to 1 (before and
-// after the forward pass, around the resizes); the thread's cancel flag is looked at before and
-// after the pass (qx::checkCancel throws). *mask is written only when the status is Ok.
+// qx::usableMemInMB); NoMemory when maskJobBytes is more. report(part) hears the job's position
+// from 0 to 1 (before and after the forward pass, around the resizes); the thread's cancel flag
+// is looked at before and after the pass (qx::checkCancel throws). *mask is written only when
+// the status is Ok.
 MaskResult subjectMask(const cv::Mat& bgr, const char* modelPath, double budgetBytes,
                        const std::function<void(double)>& report, cv::Mat* mask);
 

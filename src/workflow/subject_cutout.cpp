@@ -18,7 +18,9 @@ constexpr double kLeastOverlap = 0.5, kLeastKept = 0.25;
 // The network sees a rectangle's surroundings too, this many percent of its sides either way.
 constexpr int kViewMargin = 10;
 // The narrow band of the fall-back: about 0.4% of the longer side, at least 3 pixels.
-int fallbackBand(const cv::Size& size) { return std::max(3, std::max(size.width, size.height) / 250); }
+int fallbackBand(const cv::Size& size) {
+    return std::max(3, std::max(size.width, size.height) / 250);
+}
 
 bool trustworthy(const cv::Mat& refined, const cv::Mat& mask) {
     const cv::Mat a = refined >= 128, m = mask >= 128;
@@ -51,7 +53,8 @@ QxwStatus narrowBand(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, Re
                      QxwJob* job) {
     const cv::Mat hard = mask >= 128;
     const int r = fallbackBand(mask.size());
-    const cv::Mat disc = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * r + 1, 2 * r + 1));
+    const cv::Mat disc =
+        cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * r + 1, 2 * r + 1));
     cv::Mat grown, shrunk;
     cv::dilate(hard, grown, disc);
     cv::erode(hard, shrunk, disc);

@@ -40,7 +40,9 @@ struct ModelEnv {
         if (had) saved = old;
         setenv("QX_SUBJECT_MODEL", value, 1);
     }
-    ~ModelEnv() { had ? setenv("QX_SUBJECT_MODEL", saved.c_str(), 1) : unsetenv("QX_SUBJECT_MODEL"); }
+    ~ModelEnv() {
+        had ? setenv("QX_SUBJECT_MODEL", saved.c_str(), 1) : unsetenv("QX_SUBJECT_MODEL");
+    }
 };
 
 TEST(SubjectModel, MissingModelIsItsOwnStatusNamingTheSetUpAndTouchesNothing) {

@@ -94,10 +94,11 @@ constexpr double kSolveShare = 0.75;
 QxwStatus recover(const cv::Mat& image, const cv::Mat& alpha, Job& job, cv::Mat* out,
                   QxwForegroundMethod method = QXW_FG_FULL);
 
-// What a photo's partner file asks for.
-enum class Partner { Mask, Trimap, Strokes };
-// The RGBA cut-out (BGRA) of a photo and its partner, exactly as `refine`, `trimap --cutout`
-// and `keepcut --cutout` make it with their defaults; *alpha too when not null. The exit status.
+// What a photo's partner file asks for; Subject: no partner, the one-click cut-out.
+enum class Partner { Mask, Trimap, Strokes, Subject };
+// The RGBA cut-out (BGRA) of a photo and its partner, exactly as `refine`, `trimap --cutout`,
+// `keepcut --cutout` and `cutout` without --rect (no partner) make it with their defaults;
+// *alpha too when not null. The exit status.
 int cutoutOf(Partner kind, const std::string& imagePath, const std::string& partnerPath, Job& job,
              cv::Mat* rgba, cv::Mat* alpha);
 

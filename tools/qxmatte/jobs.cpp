@@ -7,6 +7,8 @@ namespace qxmatte {
 
 int jobFailure(const std::string& source, QxwStatus status, const QxwJob& job) {
     if (status == QXW_CANCELLED) return fail(128 + interruptedBy(), "interrupted, nothing written");
+    // No subject model is the set-up's business, not the photo's: the message alone.
+    if (status == QXW_NO_MODEL) return fail(kExitInput, job.message);
     return fail(status == QXW_BAD_INPUT ? kExitInput : kExitJob, source + ": " + job.message);
 }
 
@@ -31,12 +33,20 @@ int cutoutOf(Partner kind, const std::string& imagePath, const std::string& part
                        : kind == Partner::Trimap ? "tri-map"
                                                  : "stroke image";
     cv::Mat image, plane;
-    const std::string err = readImageAndPlane(imagePath, partnerPath, what, &image, &plane);
+    const std::string err = kind == Partner::Subject
+                                ? readImage(imagePath, &image)
+                                : readImageAndPlane(imagePath, partnerPath, what, &image, &plane);
     if (!err.empty()) return fail(kExitInput, err);
     const QxwImage img = imageOf(image);
     cv::Mat alpha(image.size(), CV_8UC1), fg;
     QxwStatus s;
-    if (kind == Partner::Mask) {
+    if (kind == Partner::Subject) {
+        fg.create(image.size(), CV_8UC3);
+        const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
+        s = qxwCutoutSubject(&img, nullptr, nullptr, 0, 0, 0, 0, 0, alpha.data,
+                             static_cast<int>(alpha.step), &colours, job);
+        if (s != QXW_OK) return jobFailure(imagePath, s, job.job);
+    } else if (kind == Partner::Mask) {
         fg.create(image.size(), CV_8UC3);
         const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
         s = qxwRefineMask(&img, plane.data, static_cast<int>(plane.step), alpha.data,

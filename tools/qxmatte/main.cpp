@@ -78,10 +78,14 @@ const Command kCommands[] = {
      "undecided band of N pixels (default 1% of the longer side, at\n"
      "least 10) on its edge."},
     {"cutout",
-     "qxmatte cutout IMAGE --rect X,Y,W,H [--strokes S.png] [--keep ...] [--cut ...]\n"
-     "                 [--band N] -o OUT.png [--alpha A.png] [-q]",
+     "qxmatte cutout IMAGE [--rect X,Y,W,H] [--strokes S.png] [--keep ...] [--cut ...]\n"
+     "                 [--band N] [--subject] [--model M.onnx] -o OUT.png [--alpha A.png] [-q]",
      "rectangle to RGBA cut-out: GrabCut, the edge band, alpha on the\n"
-     "band, recovered colours; --alpha also writes the alpha."},
+     "band, recovered colours; --alpha also writes the alpha. Without\n"
+     "--rect (or with --subject), one click: the subject's mask from the\n"
+     "segmentation network that scripts/setup.sh installs (--model, or\n"
+     "QX_SUBJECT_MODEL, names another file), refined as refine does;\n"
+     "outside --rect is background, strokes override."},
     {"refine",
      "qxmatte refine IMAGE MASK -o CUTOUT.png [--alpha A.png] [-q]",
      "a coarse mask or soft alpha of any source (a segmentation model, a\n"
@@ -89,11 +93,12 @@ const Command kCommands[] = {
      "the undecided band comes from the mask and the image; --alpha also\n"
      "writes the alpha."},
     {"batch",
-     "qxmatte batch IN -o OUT [-j N] [--only NAME] [-q]",
+     "qxmatte batch IN -o OUT [-j N] [--only NAME] [--subject] [-q]",
      "every photo NAME.png/.jpg/.tif/.webp in IN with a partner\n"
      "NAME.mask.png (refine), NAME.trimap.png (trimap --cutout) or\n"
      "NAME.strokes.png (keepcut --cutout) to OUT/NAME.png, as those\n"
-     "commands make it. OUT must be an existing folder other than IN.\n"
+     "commands make it; with --subject, a photo without a partner as\n"
+     "cutout without --rect makes it (the one-click cut-out). OUT must be an existing folder other than IN.\n"
      "Outputs newer than their inputs are kept; a failing photo doesn't\n"
      "stop the rest (listed at the end with the photos skipped, exit 1);\n"
      "-j N photos at once; --only NAME does the photo NAME alone (as a\n"

@@ -61,7 +61,8 @@ bool upToDate(const Item& it) {
     if (!fs::exists(it.output, ec)) return false;
     const auto out = fs::last_write_time(it.output, ec);
     if (ec) return false;
-    return out >= fs::last_write_time(it.image, ec) && out >= fs::last_write_time(it.partner, ec);
+    return out >= fs::last_write_time(it.image, ec) &&
+           (it.partner.empty() || out >= fs::last_write_time(it.partner, ec));
 }
 
 // The output folder under the single commands' rules: it exists, is writable, and is not the
@@ -83,6 +84,7 @@ int runBatch(int argc, char** argv, bool showProgress) {
     std::vector<std::string> positional;
     std::string outDir, only;
     int jobs = 1;
+    bool subject = false;  // photos without a partner: the one-click cut-out
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -90,6 +92,8 @@ int runBatch(int argc, char** argv, bool showProgress) {
             outDir = argv[++i];
         } else if (a == "--only" && more) {
             only = argv[++i];
+        } else if (a == "--subject") {
+            subject = true;
         } else if (a == "-j" && more) {
             if (!parseInt(argv[++i], 1, 64, &jobs)) return fail(kExitUsage, "-j takes 1 to 64");
         } else if (const int rc = otherArgument(a, &showProgress, &positional)) {
@@ -127,7 +131,8 @@ int runBatch(int argc, char** argv, bool showProgress) {
                 break;
             }
         }
-        if (it.partner.empty()) {
+        if (it.partner.empty() && subject) it.kind = Partner::Subject;
+        if (it.partner.empty() && !subject) {
             skipped.push_back(p.filename().string() + ": skipped, no partner " + it.name +
                               ".mask.png, " + it.name + ".trimap.png or " + it.name +
                               ".strokes.png");

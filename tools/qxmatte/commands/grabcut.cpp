@@ -1,5 +1,6 @@
 // qxmatte grabcut / cutout IMAGE --rect X,Y,W,H: a hard selection and its tri-map, or the whole
-// cut-out, from a rectangle and optional strokes.
+// cut-out, from a rectangle and optional strokes. cutout without --rect (or with --subject)
+// starts from the subject's mask of the segmentation network instead of GrabCut.
 #include <cstdio>
 
 #include "../cli.h"
@@ -11,9 +12,10 @@ namespace qxmatte {
 int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutCommand) {
     const char* const command = cutoutCommand ? "cutout" : "grabcut";
     std::vector<std::string> positional;
-    std::string output, strokesPath, trimapPath, alphaPath, rectText;
+    std::string output, strokesPath, trimapPath, alphaPath, rectText, modelPath;
     std::vector<VectorStroke> vectors;
     int band = 0;
+    bool subject = false;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         const bool more = i + 1 < argc;
@@ -30,6 +32,11 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
             trimapPath = argv[++i];
         } else if (a == "--alpha" && more && cutoutCommand) {
             alphaPath = argv[++i];
+        } else if (a == "--subject" && cutoutCommand) {
+            subject = true;
+        } else if (a == "--model" && more && cutoutCommand) {
+            modelPath = argv[++i];
+            subject = true;
         } else if (a == "--band" && more) {
             if (!parseInt(argv[++i], 1, 32767, &band))
                 return fail(kExitUsage, "--band takes 1 to 32767");
@@ -37,12 +44,16 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
             return rc;
         }
     }
-    if (positional.size() != 1 || output.empty() || rectText.empty())
+    if (cutoutCommand && rectText.empty()) subject = true;
+    if (positional.size() != 1 || output.empty() || (rectText.empty() && !subject))
         return usageError(command, "needs IMAGE, --rect X,Y,W,H and -o OUTPUT");
-    int r[4];
+    if (subject && band != 0)
+        return fail(kExitUsage, "--band goes with GrabCut's cut-out, not --subject");
+    int r[4] = {0, 0, 0, 0};
     char tail = 0;
-    if (std::sscanf(rectText.c_str(), "%d,%d,%d,%d%c", &r[0], &r[1], &r[2], &r[3], &tail) != 4 ||
-        r[2] < 1 || r[3] < 1)
+    if (!rectText.empty() &&
+        (std::sscanf(rectText.c_str(), "%d,%d,%d,%d%c", &r[0], &r[1], &r[2], &r[3], &tail) != 4 ||
+         r[2] < 1 || r[3] < 1))
         return fail(kExitUsage, "--rect takes X,Y,W,H with W and H at least 1");
     std::string err = checkOutputs({{output, cutoutCommand}, {trimapPath}, {alphaPath}},
                                    {positional[0], strokesPath});
@@ -54,7 +65,7 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
     if (!err.empty()) return fail(kExitInput, err);
     applyVectorStrokes(image.size(), vectors, &strokes);
     const cv::Rect rect(r[0], r[1], r[2], r[3]);
-    if ((rect & cv::Rect(0, 0, image.cols, image.rows)) != rect)
+    if (!rectText.empty() && (rect & cv::Rect(0, 0, image.cols, image.rows)) != rect)
         return fail(kExitUsage, "--rect " + rectText + " is not inside the " +
                                     std::to_string(image.cols) + "x" +
                                     std::to_string(image.rows) + " image");
@@ -65,9 +76,14 @@ int runGrabCutCommand(int argc, char** argv, bool showProgress, bool cutoutComma
     if (cutoutCommand) {
         cv::Mat fg(image.size(), CV_8UC3);
         const QxwColourOut colours{fg.data, static_cast<int32_t>(fg.step)};
-        const QxwStatus s = qxwCutoutFromRect(&img, strokes.data, strokeStride, r[0], r[1], r[2],
-                                              r[3], band, first.data,
-                                              static_cast<int>(first.step), &colours, job);
+        const QxwSubjectOptions options{modelPath.empty() ? nullptr : modelPath.c_str()};
+        const QxwStatus s =
+            subject ? qxwCutoutSubject(&img, &options, strokes.data, strokeStride, r[0], r[1],
+                                       r[2], r[3], first.data, static_cast<int>(first.step),
+                                       &colours, job)
+                    : qxwCutoutFromRect(&img, strokes.data, strokeStride, r[0], r[1], r[2], r[3],
+                                        band, first.data, static_cast<int>(first.step), &colours,
+                                        job);
         if (s != QXW_OK) return jobFailure(positional[0], s, job.job);
         return writeAll({{output, qxmatte::withAlpha(fg, first)}, {alphaPath, first}});
     }
