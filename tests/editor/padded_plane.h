@@ -45,10 +45,7 @@ public:
         return true;
     }
 
-    const int width;
-    const int height;
-    const int bpp;
-    const int step;
+    int width, height, bpp, step;
     std::vector<uint8_t> buf;
 };
 

@@ -62,26 +62,6 @@ TEST(GrabCutEdgeGen, BandOfRadiusOneAroundASquare) {
               "...........\n");
 }
 
-TEST(GrabCutEdgeGen, FullAndEmptySelections) {
-    Planes full(12, 7, 254);
-    GrabCutRequest r = full.request();
-    qxGrabCutEdgeGen(&r, 9);
-    for (int y = 0; y < 7; ++y)
-        for (int x = 0; x < 12; ++x) ASSERT_EQ(full.mask.at(x, y), 254);
-
-    Planes fixedFull(12, 7, 255);  // every pixel fixed foreground: every pixel keeps 255
-    r = fixedFull.request();
-    qxGrabCutEdgeGen(&r, 9);
-    for (int y = 0; y < 7; ++y)
-        for (int x = 0; x < 12; ++x) ASSERT_EQ(fixedFull.mask.at(x, y), 255);
-
-    Planes empty(12, 7, 0);
-    r = empty.request();
-    qxGrabCutEdgeGen(&r, 9);
-    for (int y = 0; y < 7; ++y)
-        for (int x = 0; x < 12; ++x) ASSERT_EQ(empty.mask.at(x, y), 0);
-}
-
 TEST(GrabCutEdgeGen, FixedPixelsInsideTheBandKeepTheirCodes) {
     Planes p(11, 11, 0);
     p.fill({2, 2, 7, 7}, 254);
@@ -164,7 +144,7 @@ TEST(GrabCutEdgeGen, BandWiderThanTheRegionLeavesAMixedRegionUndecided) {
                 ASSERT_EQ(p.mask.at(x, y), want)
                     << what << ", band " << band << ", at " << x << "," << y << "\n"
                     << p.picture();
-        ASSERT_TRUE(p.mask.padIntact());
+        ASSERT_TRUE(p.mask.padsIntact());
     };
     for (const int band : bands) {
         Planes halves(9, 5, 0);  // selected on the left, unselected on the right

@@ -1,11 +1,9 @@
-// Host-side planes for the GrabCut tests: a 4-byte colour image, a code plane and a result
-// plane with padded rows (the pad must never be written), and a request over them.
+// Host-side planes for the GrabCut tests (the editor's padded planes: the pad must never be
+// written), a request over them and a scene of two colours.
 #pragma once
 
 #include <cstdint>
-#include <cstring>
-#include <vector>
-
+#include "editor/padded_plane.h"
 #include "qxiveilon31.h"
 
 namespace qx::test {
@@ -15,49 +13,23 @@ struct Rect {
     bool contains(int px, int py) const { return px >= x && px < x + w && py >= y && py < y + h; }
 };
 
-class HostPlane {
-public:
-    static constexpr int kPad = 3;
-    static constexpr unsigned char kPadByte = 0xA7;
-    HostPlane(int w, int h, int bytesPerPixel, unsigned char fill)
-        : w_(w), h_(h), bpp_(bytesPerPixel), step_(w * bytesPerPixel + kPad),
-          buf_(static_cast<size_t>(step_) * h, kPadByte) {
-        for (int y = 0; y < h; ++y) std::memset(row(y), fill, static_cast<size_t>(w) * bpp_);
-    }
-    unsigned char* data() { return buf_.data(); }
-    int step() const { return step_; }
-    unsigned char* row(int y) { return buf_.data() + static_cast<size_t>(y) * step_; }
-    unsigned char& at(int x, int y, int byte = 0) { return row(y)[x * bpp_ + byte]; }
-    bool padIntact() const {
-        for (int y = 0; y < h_; ++y)
-            for (int i = w_ * bpp_; i < step_; ++i)
-                if (buf_[static_cast<size_t>(y) * step_ + i] != kPadByte) return false;
-        return true;
-    }
-    bool operator==(const HostPlane& o) const { return buf_ == o.buf_; }
-    int width() const { return w_; }
-    int height() const { return h_; }
-
-private:
-    int w_, h_, bpp_, step_;
-    std::vector<unsigned char> buf_;
-};
+using HostPlane = qxtest::PaddedPlane;
 
 // A request over the whole of the host's planes; image and result may be null.
 inline GrabCutRequest requestOver(HostPlane* image, HostPlane& mask, HostPlane* result) {
     GrabCutRequest r{};
     if (image != nullptr) {
         r.image = image->data();
-        r.imageStep = image->step();
+        r.imageStep = image->step;
     }
     r.mask = mask.data();
-    r.maskStep = mask.step();
+    r.maskStep = mask.step;
     if (result != nullptr) {
         r.result = result->data();
-        r.resultStep = result->step();
+        r.resultStep = result->step;
     }
-    r.width = r.roiWidth = mask.width();
-    r.height = r.roiHeight = mask.height();
+    r.width = r.roiWidth = mask.width;
+    r.height = r.roiHeight = mask.height;
     return r;
 }
 
