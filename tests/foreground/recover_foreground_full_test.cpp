@@ -67,30 +67,13 @@ fgtest::Scene transposed(const fgtest::Scene& s) {
 
 // ---- Against a known foreground ---------------------------------------------------------------
 
-TEST_F(RecoveryFull, TakesTheBackgroundOutOfAKnownComposite) {
-    const fgtest::Scene s = fgtest::discScene(260, 190, 60.0, 40.0);
-    Job job(s);
-    ASSERT_EQ(qxRecoverForegroundFull(&job.req), 1);
-    const double naive = fgtest::fgError(s, s.composite.data(), 4);
-    const double err = fgtest::fgError(s, job.colours.data(), 3);
-    EXPECT_LT(err, 0.05 * naive) << "naive " << naive;
-}
-
 TEST_F(RecoveryFull, BeatsTheQuarterScaleRecoveryOnANarrowEdge) {
     // An edge a few pixels wide: the quarter-size solve can't resolve it.
     const fgtest::Scene s = fgtest::discScene(300, 220, 70.0, 5.0);
     Job job(s);
     ASSERT_EQ(qxRecoverForegroundFull(&job.req), 1);
     std::vector<uint8_t> src = s.composite, alpha = s.alpha, dst = s.composite, aux(alpha.size());
-    KeepCutRequest old{};
-    old.srcImage = src.data();
-    old.srcStep = old.dstStep = s.w * 4;
-    old.alphaPlane = alpha.data();
-    old.alphaStep = old.auxStep = s.w;
-    old.dstImage = dst.data();
-    old.auxPlane = aux.data();
-    old.fullWidth = old.roiWidth = s.w;
-    old.fullHeight = old.roiHeight = s.h;
+    KeepCutRequest old = qxtest::keepCutRequest(src, alpha, dst, aux, s.w, s.h);
     ASSERT_EQ(qxRecoverForeground(&old, 0), 0);
     const double err = fgtest::fgError(s, job.colours.data(), 3, 3);
     const double before = fgtest::fgError(s, dst.data(), 4, 3);
@@ -121,12 +104,13 @@ TEST_F(RecoveryFull, BothAxesAlike) {
     EXPECT_LT(ea, 0.1 * fgtest::fgError(s, s.composite.data(), 4));
 }
 
-// ---- Exact where alpha is decided; pieces equal the whole -------------------------------------
 
-TEST_F(RecoveryFull, DecidedAlphaKeepsTheImageAndTheFourthByteIsNotWritten) {
-    const fgtest::Scene s = fgtest::discScene(120, 90, 25.0, 12.0);
+TEST_F(RecoveryFull, TakesTheBackgroundOutKeepsDecidedPixelsAndTheFourthByte) {
+    const fgtest::Scene s = fgtest::discScene(260, 190, 60.0, 40.0);
     Job job(s, 4);
     ASSERT_EQ(qxRecoverForegroundFull(&job.req), 1);
+    const double naive = fgtest::fgError(s, s.composite.data(), 4);
+    EXPECT_LT(fgtest::fgError(s, job.colours.data(), 4), 0.05 * naive) << "naive " << naive;
     int decided = 0;
     for (size_t i = 0; i < s.alpha.size(); ++i) {
         EXPECT_EQ(job.colours[4 * i + 3], 9);

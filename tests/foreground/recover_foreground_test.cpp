@@ -234,22 +234,15 @@ TEST_F(Recovery, CellWiseInstallsItsProgressAndSteps650) {
 
 // ---- Refusals and failures -------------------------------------------------------------------
 
+// Null planes, a region past the image and a short step (fuzz_keepcut tries every other
+// region, step and null destination on both entries).
 TEST_F(Recovery, BadRequestsAreRefusedWithoutWriting) {
     using Edit = void (*)(KeepCutRequest&);
     const Edit edits[] = {
         [](KeepCutRequest& r) { r.srcImage = nullptr; },
         [](KeepCutRequest& r) { r.alphaPlane = nullptr; },
-        [](KeepCutRequest& r) { r.dstImage = nullptr; },
-        [](KeepCutRequest& r) { r.fullWidth = 0; },
-        [](KeepCutRequest& r) { r.fullHeight = -3; },
-        [](KeepCutRequest& r) { r.roiWidth = 0; },
-        [](KeepCutRequest& r) { r.roiHeight = 0; },
-        [](KeepCutRequest& r) { r.roiX = -1; },
         [](KeepCutRequest& r) { r.roiY = 25; },  // 25 + 16 > 40
-        [](KeepCutRequest& r) { r.roiX = 20; },  // 20 + 32 > 48
-        [](KeepCutRequest& r) { r.srcStep = 48 * 4 - 1; },
         [](KeepCutRequest& r) { r.alphaStep = 47; },
-        [](KeepCutRequest& r) { r.dstStep = -48 * 4; },
     };
     for (size_t i = 0; i < std::size(edits); ++i) {
         for (int entry = 0; entry < 2; ++entry) {
