@@ -28,26 +28,6 @@ inline KeepCutRequest requestOver(PaddedPlane& src, PaddedPlane& alpha, PaddedPl
     return req;
 }
 
-// Three colour planes, a known map and an alpha plane of one size, handed to an internal
-// operation as images over the host buffers.
-struct WindowImages {
-    PaddedPlane* planes[3];
-    PaddedPlane known, alpha;
-    WindowImages(PaddedPlane* p0, PaddedPlane* p1, PaddedPlane* p2, int w, int h)
-        : planes{p0, p1, p2}, known(w, h, 3), alpha(w, h, 5) {}
-    // Calls op(planes, known, alpha) with GIMG views and returns its result.
-    template <typename Op>
-    int apply(Op&& op) {
-        const int w = alpha.width, h = alpha.height;
-        qx::GIMG<unsigned char> p0(w, h, planes[0]->data(), planes[0]->step),
-            p1(w, h, planes[1]->data(), planes[1]->step),
-            p2(w, h, planes[2]->data(), planes[2]->step), k(w, h, known.data(), known.step),
-            a(w, h, alpha.data(), alpha.step);
-        qx::GIMG<unsigned char>* list[3] = {&p0, &p1, &p2};
-        return op(list, &k, &a);
-    }
-};
-
 struct StrokeScene {
     Composite comp;
     PaddedPlane src;    // 4 bytes a pixel
