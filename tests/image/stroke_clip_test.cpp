@@ -9,33 +9,23 @@
 #include <string>
 #include <vector>
 
+#include "editor/padded_plane.h"
 #include "image/base_tools.h"
 #include "qxworkflow.h"
 
 namespace {
 
-constexpr uint8_t kPaint = 200, kPad = 0x5C;
+constexpr uint8_t kPaint = 200;
 
 // A plane of w x h bytes, 0, with 7 marked pad bytes after every row.
-struct Plane {
-    int w, h, step;
-    std::vector<uint8_t> buf;
-    Plane(int w, int h) : w(w), h(h), step(w + 7), buf(size_t(step) * h, kPad) {
-        for (int y = 0; y < h; ++y) std::fill_n(buf.begin() + size_t(y) * step, w, uint8_t(0));
-    }
-    uint8_t* data() { return buf.data(); }
-    bool painted(int x, int y) const { return buf[size_t(y) * step + x] == kPaint; }
+struct Plane : qxtest::PaddedPlane {
+    Plane(int w, int h) : PaddedPlane(w, h, 1, 0, 7) {}
+    bool painted(int x, int y) const { return at(x, y) == kPaint; }
     long count() const {
         long n = 0;
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) n += painted(x, y);
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) n += painted(x, y);
         return n;
-    }
-    bool padsKept() const {
-        for (int y = 0; y < h; ++y)
-            for (int i = w; i < step; ++i)
-                if (buf[size_t(y) * step + i] != kPad) return false;
-        return true;
     }
     bool operator==(const Plane& o) const { return buf == o.buf; }
 };
@@ -43,7 +33,7 @@ struct Plane {
 Plane paint(int w, int h, int x0, int y0, int x1, int y1, int radius) {
     Plane p(w, h);
     EXPECT_EQ(qxwPaintStroke(p.data(), p.step, w, h, x0, y0, x1, y1, radius, kPaint), 1);
-    EXPECT_TRUE(p.padsKept());
+    EXPECT_TRUE(p.padsIntact());
     return p;
 }
 
@@ -59,14 +49,14 @@ long double distance(int x, int y, int x0, int y0, int x1, int y1) {
 
 // Every row and every column of the painted pixels is one run: a convex region cut by the grid.
 void expectRunsAreSingle(const Plane& p) {
-    for (int y = 0; y < p.h; ++y) {
+    for (int y = 0; y < p.height; ++y) {
         int runs = 0;
-        for (int x = 0; x < p.w; ++x) runs += p.painted(x, y) && (x == 0 || !p.painted(x - 1, y));
+        for (int x = 0; x < p.width; ++x) runs += p.painted(x, y) && (x == 0 || !p.painted(x - 1, y));
         ASSERT_LE(runs, 1) << "row " << y;
     }
-    for (int x = 0; x < p.w; ++x) {
+    for (int x = 0; x < p.width; ++x) {
         int runs = 0;
-        for (int y = 0; y < p.h; ++y) runs += p.painted(x, y) && (y == 0 || !p.painted(x, y - 1));
+        for (int y = 0; y < p.height; ++y) runs += p.painted(x, y) && (y == 0 || !p.painted(x, y - 1));
         ASSERT_LE(runs, 1) << "column " << x;
     }
 }
@@ -76,8 +66,8 @@ void expectRunsAreSingle(const Plane& p) {
 void expectSameWithinAPixel(const Plane& a, const Plane& b, int x0, int y0, int x1, int y1,
                             int radius) {
     long differ = 0;
-    for (int y = 0; y < a.h; ++y)
-        for (int x = 0; x < a.w; ++x)
+    for (int y = 0; y < a.height; ++y)
+        for (int x = 0; x < a.width; ++x)
             if (a.painted(x, y) != b.painted(x, y)) {
                 ++differ;
                 const long double d = distance(x, y, x0, y0, x1, y1);
@@ -164,7 +154,7 @@ TEST(StrokeOfAnySize, CapsuleAndDiscWalkAgreeWithinAPixel) {
         qx::drawLineW(walk.data(), walk.step, c.w, c.h, c.x0, c.y0, c.x1, c.y1, c.r, kPaint);
         qx::fillCapsule(capsule.data(), capsule.step, c.w, c.h, c.x0, c.y0, c.x1, c.y1,
                         c.r + 0.5, kPaint);
-        EXPECT_TRUE(capsule.padsKept());
+        EXPECT_TRUE(capsule.padsIntact());
         SCOPED_TRACE(std::to_string(c.x0) + "," + std::to_string(c.y0) + " radius " +
                      std::to_string(c.r));
         expectSameWithinAPixel(walk, capsule, c.x0, c.y0, c.x1, c.y1, c.r);
