@@ -271,34 +271,4 @@ TEST(Cancel, ACancelledCutLeavesTheSession) {
     EXPECT_EQ(cancelled.result, plain.result);
 }
 
-// Two host threads run jobs at once: each gets the result it gets alone, and only its own
-// reports.
-TEST(Jobs, TwoThreadsAtOnceEqualOneAtATime) {
-    Scene s;
-    const auto trimap = [&](std::vector<unsigned char>& mask, Trigger* t) {
-        mask = s.trimap;
-        return trimapJob(s, mask, t);
-    };
-    const auto colours = [&](std::vector<unsigned char>& out, Trigger* t) {
-        out.assign(W * H * 3, 0);
-        return colourJob(s, out, t);
-    };
-    std::vector<unsigned char> alone[4], together[4];
-    Trigger ta[4], tt[4];
-    ASSERT_EQ(trimap(alone[0], &ta[0]), 1);
-    ASSERT_EQ(trimap(alone[1], &ta[1]), 1);
-    ASSERT_EQ(colours(alone[2], &ta[2]), 1);
-    ASSERT_EQ(colours(alone[3], &ta[3]), 1);
-    int st[4] = {0, 0, 0, 0};
-    std::thread a([&] { st[0] = trimap(together[0], &tt[0]); st[2] = colours(together[2], &tt[2]); });
-    std::thread b([&] { st[1] = trimap(together[1], &tt[1]); st[3] = colours(together[3], &tt[3]); });
-    a.join();
-    b.join();
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(st[i], 1) << i;
-        EXPECT_EQ(together[i], alone[i]) << i;
-        EXPECT_EQ(tt[i].reports, ta[i].reports) << i;
-    }
-}
-
 }  // namespace
