@@ -109,11 +109,23 @@ TEST(StrokesToAlphaFlow, HolesComeBackCloserThanTheClosedFormSolve) {
                             [](unsigned char a) { return a == 77; }));
 }
 
+int reports = 0;
+int countReport(int, int, void* param) {
+    reports += param == &reports;
+    return 1;
+}
+
+// The reduced run, beside a full-size one that reports to its own callback and leaves none
+// installed.
 TEST(StrokesToAlpha, ASmallBudgetSolvesReducedAndStaysClose) {
     Scene s(360, 280);
     std::vector<unsigned char> full, reduced;
     StrokeMatteRequest r = s.request(full);
+    r.progProc = countReport;
+    r.progParam = &reports;
     ASSERT_EQ(qxStrokesToAlpha(&r), 1);
+    EXPECT_GT(reports, 0);
+    EXPECT_EQ(qx::progressState().proc, nullptr);
     r = s.request(reduced);
     r.memoryBudgetMB = 20;  // far below the full-resolution solve's need
     ASSERT_EQ(qxStrokesToAlpha(&r), 1);
@@ -155,24 +167,6 @@ TEST(StrokesToAlpha, AnImagePaintedEverywhereComesBackAsPainted) {
         const unsigned v = s.coded[i];
         ASSERT_EQ(alpha[i], (v & 0xFE) + ((v >> 1) & 1));
     }
-}
-
-int reports = 0;
-int countReport(int, int, void* param) {
-    reports += param == &reports;
-    return 1;
-}
-
-TEST(StrokesToAlpha, ReportsToItsOwnCallbackAndLeavesNoneInstalled) {
-    Scene s(120, 90);
-    std::vector<unsigned char> alpha;
-    StrokeMatteRequest r = s.request(alpha);
-    r.progProc = countReport;
-    r.progParam = &reports;
-    reports = 0;
-    ASSERT_EQ(qxStrokesToAlpha(&r), 1);
-    EXPECT_GT(reports, 0);
-    EXPECT_EQ(qx::progressState().proc, nullptr);
 }
 
 }  // namespace
