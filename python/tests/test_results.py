@@ -42,11 +42,6 @@ def test_matte_trimap_recovers_the_soft_edge(disc):
     assert (stretched - a)[high].mean() > 5 and (a - stretched)[low].mean() > 5
 
 
-@pytest.mark.parametrize("engine", ["strokes", "kdtree", "pyramid"])
-def test_matte_strokes_with_each_engine(disc, engine):
-    _check_alpha(qx.matte_strokes(disc.image, disc.strokes, engine=engine), disc)
-
-
 def test_matte_strokes_from_scribbles_finds_the_subject(disc):
     # A keep stroke across the middle, cut strokes on the border only: the solve must carry
     # them out to the edge and get each side right.
@@ -56,17 +51,6 @@ def test_matte_strokes_from_scribbles_finds_the_subject(disc):
     alpha = qx.matte_strokes(disc.image, scribbles)
     assert mean_error(alpha, disc.alpha, disc.alpha == 1.0) < 0.1
     assert mean_error(alpha, disc.alpha, disc.alpha == 0.0) < 0.1
-
-
-@pytest.mark.parametrize("method", ["solve", "sampling"])
-def test_foreground_removes_the_background_share(disc, method):
-    truth8 = np.rint(disc.alpha * 255).astype(np.uint8)
-    fg = qx.foreground(disc.image, truth8, method=method)
-    assert fg.dtype == np.uint8 and fg.shape == disc.image.shape
-    # The image itself leaves the background in; a recovery must take most of it out.
-    assert foreground_error(fg, disc) < foreground_error(disc.image, disc) / 3
-    opaque = disc.alpha == 1.0
-    assert np.array_equal(fg[opaque], disc.image[opaque])
 
 
 def test_cutouts_carry_the_matte_and_the_subjects_colours(disc):
