@@ -47,7 +47,7 @@ struct Progress {
     }
 };
 
-TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
+TEST(WorkflowTrimap, RecoversTheKnownAlphaKeepsTheDecidedPixelsInAnyByteOrder) {
     const Scene s = discScene(120, 100, 30, 8, 3);
     const QxwImage img = s.view();
     std::vector<unsigned char> alpha(s.alpha.size(), kSentinel);
@@ -66,25 +66,19 @@ TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
             ASSERT_EQ(alpha[i], s.trimap[i]) << i;
         }
     p.expectMonotoneToOne();
-}
 
-TEST(WorkflowTrimap, ByteOrderAndPaddingDoNotChangeTheResult) {
-    const Scene s = discScene(96, 80, 24, 6, 3);
-    const QxwImage bgr = s.view();
-    // The same pixels as RGBA with padded rows.
+    // The same pixels as RGBA with padded rows give the same alpha.
     const int stride = s.w * 4 + 12;
-    std::vector<unsigned char> rgba(size_t(stride) * s.h, 0);
+    std::vector<unsigned char> rgba(size_t(stride) * s.h, 0), again(alpha.size());
     for (int y = 0; y < s.h; ++y)
         for (int x = 0; x < s.w; ++x)
             for (int c = 0; c < 3; ++c)
                 rgba[size_t(y) * stride + x * 4 + c] = s.image[(size_t(y) * s.w + x) * 3 + 2 - c];
     const QxwImage rgb{rgba.data(), stride, 4, s.w, s.h, QXW_RGB};
-    std::vector<unsigned char> a1(s.alpha.size()), a2(s.alpha.size());
-    ASSERT_EQ(qxwMatteTrimap(&bgr, s.trimap.data(), s.w, 255, 0, 255, 0, a1.data(), s.w, nullptr),
+    ASSERT_EQ(qxwMatteTrimap(&rgb, s.trimap.data(), s.w, 255, 0, 255, 0, again.data(), s.w,
+                             nullptr),
               QXW_OK);
-    ASSERT_EQ(qxwMatteTrimap(&rgb, s.trimap.data(), s.w, 255, 0, 255, 0, a2.data(), s.w, nullptr),
-              QXW_OK);
-    EXPECT_EQ(a1, a2);
+    EXPECT_EQ(again, alpha);
 }
 
 TEST(WorkflowTrimap, RefusalsLeaveTheOutputAsItWas) {
@@ -272,7 +266,10 @@ struct StemScene {
     }
 };
 
-TEST(WorkflowGrabCut, TheSelectionKeepsStemsTooThinForTheWorkingLevel) {
+// The selection keeps stems too thin for the working level; with strokes, the edge refinement
+// leaves them as painted: cut strokes across the upper stems and keep strokes on the ground just
+// off the body's edge, where colours say the opposite.
+TEST(WorkflowGrabCut, TheSelectionKeepsThinStemsAndStrokesAsPainted) {
     const StemScene s;
     Progress p;
     const std::vector<unsigned char> sel = s.select(nullptr, &p);
@@ -289,25 +286,20 @@ TEST(WorkflowGrabCut, TheSelectionKeepsStemsTooThinForTheWorkingLevel) {
     EXPECT_GT(double(stemKept) / stem, 0.95) << stemKept << " of " << stem;
     EXPECT_GT(double(both) / either, 0.98);
     EXPECT_LT(extra, stem / 10);  // the stems come back at their width, not as smears
-}
 
-TEST(WorkflowGrabCut, TheEdgeRefinementLeavesStrokesAsPainted) {
-    // Cut strokes across the upper stems and keep strokes on the ground just off the body's
-    // edge: colours say the opposite in both places, and the strokes must win.
-    const StemScene s;
     std::vector<unsigned char> strokes(s.truth.size(), 128);
     cv::Mat st(s.h, s.w, CV_8UC1, strokes.data());
     cv::line(st, {100, s.h / 2 - 120}, {1700, s.h / 2 - 120}, QXW_CUT, 3);
     for (int i = 0; i < 6; ++i)
         cv::circle(st, {s.w / 2 - 500 + 200 * i, s.h / 2 + 76}, 3, QXW_KEEP, -1);
-    const std::vector<unsigned char> sel = s.select(strokes.data());
+    const std::vector<unsigned char> painted = s.select(strokes.data());
     long cut = 0, keep = 0;
-    for (size_t i = 0; i < sel.size(); ++i) {
+    for (size_t i = 0; i < painted.size(); ++i) {
         if (strokes[i] == QXW_CUT) {
-            ASSERT_EQ(sel[i], 0) << i % s.w << "," << i / s.w;
+            ASSERT_EQ(painted[i], 0) << i % s.w << "," << i / s.w;
             cut += s.truth[i] != 0;
         } else if (strokes[i] == QXW_KEEP) {
-            ASSERT_EQ(sel[i], 255) << i % s.w << "," << i / s.w;
+            ASSERT_EQ(painted[i], 255) << i % s.w << "," << i / s.w;
             keep += s.truth[i] == 0;
         }
     }
