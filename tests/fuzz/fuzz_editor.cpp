@@ -14,10 +14,10 @@ bool validRadius(int r) { return r >= 0 && r <= 16383; }
 
 void drawLineChecked(Input& in, HostPlane& mask, int w, int h) {
     const std::vector<uint8_t> before = mask.pixels();
-    const int x0 = brushCoordinate(in.wideInt(-8, w + 8));
-    const int y0 = brushCoordinate(in.wideInt(-8, h + 8));
-    const int x1 = brushCoordinate(in.wideInt(-8, w + 8));
-    const int y1 = brushCoordinate(in.wideInt(-8, h + 8));
+    const int x0 = in.wideInt(-8, w + 8);
+    const int y0 = in.wideInt(-8, h + 8);
+    const int x1 = in.wideInt(-8, w + 8);
+    const int y1 = in.wideInt(-8, h + 8);
     const int radius = in.wideInt(0, 6);
     const uint8_t mode = in.range<uint8_t>(0, 4), value = in.byte();
     int step = mask.step();
@@ -94,10 +94,10 @@ void colourRange(Input& in, HostPlane& image, HostPlane& mask, int w, int h) {
     req.roiTop = in.wideInt(0, h);
     req.roiWidth = in.wideInt(0, w);
     req.roiHeight = in.wideInt(0, h);
-    const int x0 = brushCoordinate(in.wideInt(-8, w + 8));
-    const int y0 = brushCoordinate(in.wideInt(-8, h + 8));
-    const int x1 = brushCoordinate(in.wideInt(-8, w + 8));
-    const int y1 = brushCoordinate(in.wideInt(-8, h + 8));
+    const int x0 = in.wideInt(-8, w + 8);
+    const int y0 = in.wideInt(-8, h + 8);
+    const int x1 = in.wideInt(-8, w + 8);
+    const int y1 = in.wideInt(-8, h + 8);
     const int radius = in.wideInt(0, 6);
     uint8_t colour[3] = {in.byte(), in.byte(), in.byte()};
     const unsigned tolerance =

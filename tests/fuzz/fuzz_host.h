@@ -21,9 +21,8 @@
 #include "qxiveilon31.h"
 
 // QX_FUZZ_AVOID_KNOWN (build option of the same name): steer the inputs around faults that are
-// known and being fixed on their own (stroke ends far outside the plane in the brushes, a
-// non-finite or out-of-range pixel budget and extreme levels in the mask job), so that the
-// targets keep searching for new ones. Turned off once those fixes are in.
+// known and being fixed on their own, so that the targets keep searching for new ones (test
+// kAvoidKnown where an input is drawn). None is known now.
 #ifndef QX_FUZZ_AVOID_KNOWN
 #define QX_FUZZ_AVOID_KNOWN 0
 #endif
@@ -31,13 +30,6 @@
 namespace qxfuzz {
 
 constexpr bool kAvoidKnown = QX_FUZZ_AVOID_KNOWN != 0;
-
-// A brush coordinate that may lie far outside the plane (kept within reach of it while the
-// known far-coordinate faults are avoided).
-inline int brushCoordinate(int v) {
-    if (!kAvoidKnown) return v;
-    return std::clamp(v, -65536, 65536);
-}
 
 [[noreturn]] inline void fail(const char* what, const char* call) {
     std::fprintf(stderr, "qxfuzz: %s after %s\n", what, call);

@@ -14,6 +14,7 @@
 
 #include "fuzz_host.h"
 #include "qxworkflow.h"
+#include "support/requests.h"
 
 using namespace qxfuzz;
 
@@ -78,21 +79,8 @@ void run(const Job& j, Probe& probe) {
         std::vector<uint8_t> mask = plane;
         if (j.kind == 0) {
             call = "qxMaskAlpha";
-            std::vector<uint8_t> p[3] = {std::vector<uint8_t>(size_t(j.w) * j.h),
-                                         std::vector<uint8_t>(size_t(j.w) * j.h),
-                                         std::vector<uint8_t>(size_t(j.w) * j.h)};
-            for (size_t i = 0; i < p[0].size(); ++i)
-                for (int c = 0; c < 3; ++c) p[c][i] = image[3 * i + c];
-            unsigned char* planes[3] = {p[0].data(), p[1].data(), p[2].data()};
-            MaskRequest r{};
-            r.planes = planes;
-            r.planeStep = r.maskStep = j.w;
-            r.mask = mask.data();
-            r.width = j.w;
-            r.height = j.h;
-            r.progProc = proc;
-            r.progParam = &probe;
-            rc = qxMaskAlpha(&r, 0, float(j.w * j.h), 255, 0, 255, 0);
+            qxtest::MaskJob r(image, mask, j.w, j.h, proc, &probe);
+            rc = qxMaskAlpha(&r.req, 0, float(j.w * j.h), 255, 0, 255, 0);
             cancelled = rc == QX_CANCELLED;
             ok = rc == 1;
             expect(ok || cancelled || (rc <= -870 && rc >= -1001), "status outside the set", call);
@@ -100,15 +88,7 @@ void run(const Job& j, Probe& probe) {
         } else if (j.kind == 1) {
             call = "qxStrokesToAlpha";
             std::vector<uint8_t> alpha(size_t(j.w) * j.h, 0x33);
-            StrokeMatteRequest r{};
-            r.image = image.data();
-            r.imageStep = j.w * 3;
-            r.imageChannels = 3;
-            r.strokes = mask.data();
-            r.strokesStep = r.alphaStep = j.w;
-            r.alpha = alpha.data();
-            r.width = j.w;
-            r.height = j.h;
+            StrokeMatteRequest r = qxtest::strokeRequest(image, mask, alpha, j.w, j.h);
             r.progProc = proc;
             r.progParam = &probe;
             rc = qxStrokesToAlpha(&r);
@@ -119,17 +99,8 @@ void run(const Job& j, Probe& probe) {
             if (!ok) expect(alpha == std::vector<uint8_t>(alpha.size(), 0x33), "alpha written", call);
         } else {
             call = "qxRecoverForegroundFull";
-            ForegroundRequest r{};
-            r.image = image.data();
-            r.imageStep = r.coloursStep = j.w * 3;
-            r.imageChannels = r.coloursChannels = 3;
-            r.alpha = mask.data();
-            r.alphaStep = j.w;
-            r.colours = out.data();
-            r.width = j.w;
-            r.height = j.h;
-            r.progProc = proc;
-            r.progParam = &probe;
+            const ForegroundRequest r =
+                qxtest::foregroundRequest(image, mask, out, j.w, j.h, proc, &probe);
             rc = qxRecoverForegroundFull(&r);
             cancelled = rc == QX_CANCELLED;
             ok = rc == 1;

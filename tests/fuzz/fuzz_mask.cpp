@@ -79,14 +79,9 @@ void maskAlpha(Input& in) {
         req.progProc = progressProbe;
         req.progParam = &calls;
     }
-    float unknown = in.wideFloat(0.0f, float(s.width * s.height));
+    const float unknown = in.wideFloat(0.0f, float(s.width * s.height));
     const int fgCode = in.wideInt(128, 255), bgCode = in.wideInt(0, 127);
-    int levelHigh = in.wideInt(128, 255), levelLow = in.wideInt(0, 127);
-    if (kAvoidKnown) {
-        if (!(unknown >= 0.0f && unknown <= 1e9f)) unknown = 0.0f;
-        levelHigh = std::clamp(levelHigh, -65536, 65536);
-        levelLow = std::clamp(levelLow, -65536, 65536);
-    }
+    const int levelHigh = in.wideInt(128, 255), levelLow = in.wideInt(0, 127);
     trace("qxMaskAlpha %dx%d steps %d %d unknown %g codes %d %d levels %d %d\n", s.width,
           s.height, s.step, planeStep, double(unknown), fgCode, bgCode, levelHigh, levelLow);
     const bool refuse = nullPlanes || !validShape(s.width, s.height, s.step, 1) ||
