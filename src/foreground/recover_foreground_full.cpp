@@ -121,7 +121,7 @@ int recoverJob(const ForegroundRequest& r, double budgetBytes) {
     const int W = r.width, H = r.height;
     const double budget = budgetBytes > 0.0        ? budgetBytes
                           : r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
-                                                 : usableMemInMB() * 1000.0;
+                                                 : usableMemoryBytes();
     const double pixels = double(W) * H;
     ProgressParts parts({kMakeSeconds * pixels, kCoarseSeconds * pixels, kFullSeconds * pixels},
                         true);

@@ -29,6 +29,8 @@ bool freeMemory(uint64_t* bytes);
 // The budget in units of 1000 bytes: the least of the three figures over 1300 (a safety factor
 // of 1.3), capped at 3,500,000; 0 when the status cannot be read.
 int usableMemInMB();
+// The same budget in bytes (usableMemInMB counts in units of 1000 bytes, not megabytes).
+inline double usableMemoryBytes() { return usableMemInMB() * 1000.0; }
 
 // Available physical (page file) and virtual bytes as doubles.
 int checkMemInBytes(double* availablePhysical, double* availableVirtual);

@@ -93,7 +93,7 @@ void enlargeTo(Plane8& small, Plane8& big, Plane8** guide) {
 
 // The memory budget in bytes, with the fallback when the status cannot be read.
 double maskBudget() {
-    const double budget = usableMemInMB() * 1000.0;
+    const double budget = usableMemoryBytes();
     return budget < 10.0 ? kFallbackBudget : budget;
 }
 

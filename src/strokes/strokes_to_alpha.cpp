@@ -108,7 +108,7 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double 
         const float unknown = float(int64_t(boxW) * boxH - fg - bg);
         const double budget = budgetBytes > 0.0        ? budgetBytes
                               : r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
-                                                     : usableMemInMB() * 1000.0;
+                                                     : usableMemoryBytes();
         const RunChoice run = chooseMaskRun(boxW, boxH, unknown, budget);
         // At full resolution, the one-piece solve's stages are those of a direct run.
         const RunChoice direct{RunKind::Direct, boxW, boxH, run.scale};

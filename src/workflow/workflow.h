@@ -32,7 +32,7 @@ public:
     // library's budget now.
     explicit Relay(QxwJob* job, double budgetBytes = 0.0)
         : job_(job),
-          budget_(budgetBytes > 0.0 ? budgetBytes : qx::usableMemInMB() * 1000.0),
+          budget_(budgetBytes > 0.0 ? budgetBytes : qx::usableMemoryBytes()),
           listening_(job && job->progress ? &Relay::heard : nullptr, this) {}
     ~Relay() { uninstall(); }
     Relay(const Relay&) = delete;
