@@ -103,11 +103,15 @@ GimpPDBStatusType qxg_matte_from_strokes(gint32 image, gint32 layer,
 
 typedef struct {
     int band;
-    int x, y, width, height; /* the rectangle, in the layer */
+    int x, y, width, height; /* the rectangle, in the layer; 0 x 0 without a selection */
 } SubjectInput;
 
 static QxwStatus subjectWorkflow(QxgRun* run, const void* input) {
     const SubjectInput* in = input;
+    /* No selection: the subject in one click, from the segmentation network. */
+    if (in->width == 0)
+        return qxwCutoutSubject(&run->colour, NULL, run->plane, run->layer.width, 0, 0, 0, 0,
+                                run->alpha, run->layer.width, run->colours, &run->job);
     return qxwCutoutFromRect(&run->colour, run->plane, run->layer.width, in->x, in->y, in->width,
                              in->height, in->band, run->alpha, run->layer.width, run->colours,
                              &run->job);
@@ -137,9 +141,10 @@ GimpPDBStatusType qxg_select_subject(gint32 image, gint32 layer, const Procedure
     y1 = MAX(y1 - e.y, 0);
     x2 = MIN(x2 - e.x, e.width);
     y2 = MIN(y2 - e.y, e.height);
-    if (!nonEmpty || x2 <= x1 || y2 <= y1)
-        return QXG_FAIL("%s: draw a rectangle selection around the subject on the layer first",
-                        name);
+    if (nonEmpty && (x2 <= x1 || y2 <= y1))
+        return QXG_FAIL("%s: the selection is outside the layer; draw one around the subject, "
+                        "or select none for one click", name);
+    if (!nonEmpty) x1 = y1 = x2 = y2 = 0; /* one click */
     if (v->strokes != -1) {
         if ((status = qxg_check_source(image, layer, v->strokes, "stroke layer", name)) !=
             GIMP_PDB_SUCCESS)
