@@ -7,15 +7,12 @@
 
 namespace qx {
 
-// The closed-form finish of qxStrokesToAlpha: the solution as it comes, without the tri-map
-// job's sharpening and clean-up.
-MattingFinish strokesPlainFinish();
-
 // Alpha from the request's coded strokes, written to its alpha plane (painted pixels as
-// painted), the box of the unpainted pixels solved with `finish`: the closed-form one above or
-// the flows' (flows::flowFinish, whose runs the tri-map job keeps to its limit of undecided
-// pixels). The budget is budgetBytes, else the request's memoryBudgetMB, else the library's.
-// The request must be valid (the exports check it). Returns 1; failures are thrown.
+// painted), the box of the unpainted pixels solved with `finish`: MattingFinish::plain() (the
+// closed-form solution as it comes) or the flows' (flows::flowFinish, whose runs the tri-map job
+// keeps to its limit of undecided pixels). The budget is budgetBytes, else the request's
+// memoryBudgetMB, else the library's. The request must be valid (the exports check it).
+// Returns 1; failures are thrown.
 int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish,
                double budgetBytes = 0.0);
 

@@ -43,8 +43,6 @@ bool validRequest(const StrokeMatteRequest* r) {
 
 }  // namespace
 
-MattingFinish strokesPlainFinish() { return kPlain; }
-
 int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double budgetBytes) {
     const int w = r.width, h = r.height;
     const size_t n = size_t(w) * h;
@@ -147,7 +145,7 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double 
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
     return qx::guardedExport(qx::Export::StrokesToAlpha,
-                             [&] { return qx::strokesJob(*request, qx::strokesPlainFinish()); });
+                             [&] { return qx::strokesJob(*request, qx::MattingFinish::plain()); });
 }
 
 extern "C" QX_API int qxStrokesToAlphaFlow(const StrokeMatteRequest* request) {

@@ -38,7 +38,7 @@ MaskResult subjectMask(const cv::Mat& bgr, const char* explicitPath, double budg
     }
     const bool loaded = netLoaded(result.path);
     const uint64_t needs = maskJobBytes(bgr.cols, bgr.rows, loaded);
-    if (budgetBytes <= 0.0) budgetBytes = qx::usableMemInMB() * 1000.0;
+    if (budgetBytes <= 0.0) budgetBytes = qx::usableMemoryBytes();
     if (budgetBytes > 0.0 && budgetBytes < static_cast<double>(needs)) {
         result.status = MaskStatus::NoMemory;
         result.bytes = needs;

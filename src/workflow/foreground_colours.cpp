@@ -69,9 +69,7 @@ extern "C" QX_API QxwStatus qxwRecoverForeground(const QxwImage* image,
     startJob(job);
     std::string err = checkImage(image);
     if (err.empty()) err = checkPlane(alpha, alphaStride, *image, "alpha");
-    if (err.empty() && (!colours || !colours->pixels)) err = "no colour output";
-    if (err.empty() && colours->stride < static_cast<int64_t>(image->width) * 3)
-        err = "the colour output's stride is shorter than a row";
+    if (err.empty()) err = colours ? checkColours(colours, *image) : "no colour output";
     if (err.empty() && method != QXW_FG_LEAST_SQUARES && method != QXW_FG_SAMPLING &&
         method != QXW_FG_FULL)
         err = "unknown recovery method " + std::to_string(static_cast<int>(method));
