@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -128,6 +129,38 @@ TEST_F(Files, HeadersGiveTheSizeWritten) {
     EXPECT_FALSE(declaredSize(png.data(), 20).known);
     const unsigned char text[] = "this is not an image";
     EXPECT_FALSE(declaredSize(text, sizeof text).known);
+}
+
+TEST_F(Files, ATiffTagGivenTwiceCountsAtItsFirstEntryAsTheDecoderReadsIt) {
+    // A 7 x 9 grey TIFF by hand whose directory gives the width a second time (1) after the first
+    // (7): the decoder keeps the first, so the size checked before decoding must be that one.
+    std::vector<unsigned char> t = {'I', 'I', 42, 0, 8, 0, 0, 0};
+    const std::vector<std::array<uint32_t, 3>> entries = {  // tag, type (3 SHORT, 4 LONG), value
+        {256, 4, 7}, {257, 4, 9}, {258, 3, 8}, {256, 3, 1}, {259, 3, 1}, {262, 3, 1},
+        {273, 4, 0}, {277, 3, 1}, {278, 4, 9}, {279, 4, 63}};
+    const uint32_t pixelsAt = 8 + 2 + 12 * static_cast<uint32_t>(entries.size()) + 4;
+    auto put = [&t](uint32_t v, int bytes) {
+        for (int i = 0; i < bytes; ++i) t.push_back(static_cast<unsigned char>(v >> (8 * i)));
+    };
+    put(static_cast<uint32_t>(entries.size()), 2);
+    for (const auto& [tag, type, value] : entries) {
+        put(tag, 2);
+        put(type, 2);
+        put(1, 4);
+        put(tag == 273 ? pixelsAt : value, 4);
+    }
+    put(0, 4);  // no next directory
+    for (int i = 0; i < 63; ++i) t.push_back(static_cast<unsigned char>(4 * i));
+    write(path("twice.tif"), t);
+
+    const qxmatte::DeclaredSize d = declaredSize(t.data(), t.size());
+    ASSERT_TRUE(d.known);
+    EXPECT_EQ(d.width, 7);
+    EXPECT_EQ(d.height, 9);
+    cv::Mat image;
+    ASSERT_EQ(readImage(path("twice.tif"), &image), "");
+    EXPECT_EQ(image.cols, 7);
+    EXPECT_EQ(image.rows, 9);
 }
 
 TEST_F(Files, AHugeDeclaredSizeIsRefusedBeforeDecoding) {

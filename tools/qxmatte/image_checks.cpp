@@ -6,6 +6,7 @@
 #include <setjmp.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -13,8 +14,6 @@ namespace qxmatte {
 namespace {
 
 // ---- Sizes from headers -----------------------------------------------------------------------
-
-// Reads n bytes at offset into buf; how many it could.
 
 uint32_t be16(const unsigned char* p) { return uint32_t(p[0]) << 8 | p[1]; }
 uint32_t be32(const unsigned char* p) { return be16(p) << 16 | be16(p + 2); }
@@ -65,6 +64,7 @@ DeclaredSize jpegSize(const ReadAt& readAt) {
 }
 
 // The first image directory's width and height (tags 256 and 257), classic TIFF or BigTIFF.
+// A tag given twice counts at its first entry, as libtiff reads it.
 DeclaredSize tiffSize(const ReadAt& readAt) {
     unsigned char h[16];
     if (readAt(0, h, 16) < 8) return {};
@@ -80,7 +80,7 @@ DeclaredSize tiffSize(const ReadAt& readAt) {
     unsigned char c[8];
     if (readAt(ifd, c, countSize) < countSize) return {};
     const uint64_t count = std::min<uint64_t>(big ? u64(c) : u16(c), 4096);
-    int64_t width = 0, height = 0;
+    int64_t width = -1, height = -1;
     unsigned char e[20];
     for (uint64_t i = 0; i < count; ++i) {
         if (readAt(ifd + countSize + i * entrySize, e, entrySize) < entrySize) return {};
@@ -91,10 +91,10 @@ DeclaredSize tiffSize(const ReadAt& readAt) {
         else if (type == 4) v = u32(value);   // LONG
         else if (type == 16) v = int64_t(std::min<uint64_t>(u64(value), INT64_MAX));  // LONG8
         else continue;
-        if (tag == 256) width = v;
-        if (tag == 257) height = v;
+        if (tag == 256 && width < 0) width = v;
+        if (tag == 257 && height < 0) height = v;
     }
-    return sized("TIFF", width, height);
+    return sized("TIFF", std::max<int64_t>(width, 0), std::max<int64_t>(height, 0));
 }
 
 DeclaredSize webpSize(const unsigned char* p, size_t n) {
