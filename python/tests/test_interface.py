@@ -3,6 +3,8 @@ alone, how it refuses and fails, where progress goes, and threads."""
 
 import ctypes
 import os
+import subprocess
+import sys
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -294,6 +296,32 @@ def test_150_jobs_in_a_row_leave_resident_memory_flat(disc):
     for i in range(150):
         job(i)
     assert _resident_mb() - before < 30
+
+
+def test_the_network_code_is_loaded_by_subject_calls_alone(tmp_path):
+    # A process that imports the package and mattes has none of the network's libraries mapped;
+    # a subject call whose module can't be found fails with words saying so, naming the place.
+    model = tmp_path / "model.onnx"
+    model.write_bytes(b"any file: the module is looked for first")
+    script = f"""
+import sys
+sys.path[:0] = {sys.path[:2]!r}
+import scenes, qxiveilon31 as qx
+disc = scenes.soft_disc()
+qx.matte_trimap(disc.image, disc.trimap)
+print("dnn mapped:", "opencv_dnn" in open("/proc/self/maps").read())
+try:
+    qx.subject_mask(disc.image, model={str(model)!r})
+except qx.QxError as e:
+    print("error:", type(e).__name__, e)
+"""
+    env = dict(os.environ, QX_SUBJECT_MODULE=str(tmp_path / "no-module.so"))
+    done = subprocess.run([sys.executable, "-c", script], env=env, capture_output=True,
+                          text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    assert "dnn mapped: False" in done.stdout
+    assert "error: QxError" in done.stdout
+    assert "module" in done.stdout and "no-module.so" in done.stdout
 
 
 def test_one_click_without_a_model_raises_no_subject_model(disc, tmp_path):

@@ -44,6 +44,11 @@ MaskResult subjectMask(const cv::Mat& bgr, const char* explicitPath, double budg
         result.bytes = needs;
         return result;
     }
+    result.detail = netModuleProblem();
+    if (!result.detail.empty()) {
+        result.status = MaskStatus::NoModule;
+        return result;
+    }
     qx::checkCancel();
     report(0.0);
     std::shared_ptr<SubjectNet> net;

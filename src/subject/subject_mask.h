@@ -14,13 +14,14 @@ enum class MaskStatus {
     Ok,
     NoModel,      // no file where the model is looked for
     BadModel,     // the file is there but is not a network that gives a mask
+    NoModule,     // the library's module that runs the network can't be loaded (detail: why)
     NoMemory      // less memory is free than the job needs (bytes: what it needs)
 };
 
 struct MaskResult {
     MaskStatus status = MaskStatus::Ok;
     std::string path;    // where the model was looked for
-    std::string detail;  // BadModel: what the reader said
+    std::string detail;  // BadModel: what the reader said; NoModule: what the loader said
     uint64_t bytes = 0;  // NoMemory: the bytes the job needs
 };
 

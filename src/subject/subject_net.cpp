@@ -1,34 +1,65 @@
 #include "subject/subject_net.h"
 
+#include <dlfcn.h>
+
 #include <cstdlib>
 #include <map>
 #include <mutex>
-#include <opencv2/dnn.hpp>
+#include <vector>
+
+#include "subject/net_module.h"
 
 namespace qx::subject {
-
-class SubjectNet {
-public:
-    explicit SubjectNet(const std::string& path) : net_(cv::dnn::readNetFromONNX(path)) {
-        net_.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
-        net_.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
-    }
-    cv::Mat run(const cv::Mat& blob) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        net_.setInput(blob);
-        cv::Mat out = net_.forward("output");
-        // setInput keeps a reference to the blob; the next pass replaces it, so the last
-        // input's memory is not held between calls.
-        net_.setInput(cv::Mat());
-        return out;
-    }
-
-private:
-    std::mutex mutex_;
-    cv::dnn::Net net_;
-};
-
 namespace {
+
+constexpr const char* kModuleFile = "qxiveilon31-subject.so";
+
+std::string folderOf(const std::string& file) {
+    const size_t slash = file.rfind('/');
+    return slash == std::string::npos ? std::string(".") : file.substr(0, slash);
+}
+
+// Where the network's module is looked for: the environment's QX_SUBJECT_MODULE alone when set;
+// otherwise beside the shared object (or program) that holds this code, which is where an
+// installed library has it, then the build tree's copy, for programs run from it.
+std::vector<std::string> moduleCandidates() {
+    std::vector<std::string> paths;
+    if (const char* env = std::getenv("QX_SUBJECT_MODULE"); env && *env) return {env};
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&moduleCandidates), &info) && info.dli_fname)
+        paths.push_back(folderOf(info.dli_fname) + "/" + kModuleFile);
+#ifdef QX_SUBJECT_MODULE_BUILT
+    paths.emplace_back(QX_SUBJECT_MODULE_BUILT);
+#endif
+    return paths;
+}
+
+// The module's table, loaded on the first call and kept for the process's life (the networks it
+// made live as long); null with *why saying what each place gave when none loads.
+const QxSubjectNetModule* netModule(std::string* why) {
+    static std::mutex mutex;
+    static const QxSubjectNetModule* table = nullptr;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (table) return table;
+    why->clear();
+    for (const std::string& path : moduleCandidates()) {
+        void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (!handle) {
+            *why += (why->empty() ? "" : "; ") + std::string(dlerror());
+            continue;
+        }
+        using Entry = const QxSubjectNetModule* (*)();
+        const auto entry = reinterpret_cast<Entry>(dlsym(handle, kNetModuleEntry));
+        const QxSubjectNetModule* found = entry ? entry() : nullptr;
+        if (found && found->version == kNetModuleVersion) {
+            table = found;
+            return table;
+        }
+        *why += (why->empty() ? "" : "; ") + path + ": not this library's network module";
+        dlclose(handle);
+    }
+    return nullptr;
+}
 
 std::mutex cacheMutex;
 std::map<std::string, std::shared_ptr<SubjectNet>>& cache() {
@@ -37,6 +68,28 @@ std::map<std::string, std::shared_ptr<SubjectNet>>& cache() {
 }
 
 }  // namespace
+
+class SubjectNet {
+public:
+    SubjectNet(const QxSubjectNetModule& module, void* net) : module_(module), net_(net) {}
+    ~SubjectNet() { module_.release(net_); }
+    SubjectNet(const SubjectNet&) = delete;
+    SubjectNet& operator=(const SubjectNet&) = delete;
+
+    cv::Mat run(const cv::Mat& rgb) {
+        cv::Mat mask(rgb.rows, rgb.cols, CV_32F);
+        char message[512] = "";
+        const int status =
+            module_.forward(net_, rgb.ptr(), rgb.rows, mask.ptr<float>(), message, sizeof message);
+        if (status == 2) CV_Error(cv::Error::StsNoMem, "out of memory in the subject network");
+        if (status != 0) CV_Error(cv::Error::StsError, message);
+        return mask;
+    }
+
+private:
+    const QxSubjectNetModule& module_;
+    void* net_;
+};
 
 std::string modelPath(const char* explicitPath) {
     if (explicitPath && *explicitPath) return explicitPath;
@@ -60,9 +113,20 @@ std::shared_ptr<SubjectNet> loadNet(const std::string& path) {
     auto& nets = cache();
     auto found = nets.find(path);
     if (found != nets.end()) return found->second;
-    auto net = std::make_shared<SubjectNet>(path);
+    std::string why;
+    const QxSubjectNetModule* module = netModule(&why);
+    if (!module) CV_Error(cv::Error::StsError, "the network's module can't be loaded: " + why);
+    char message[512] = "";
+    void* handle = module->load(path.c_str(), message, sizeof message);
+    if (!handle) CV_Error(cv::Error::StsError, message);
+    auto net = std::make_shared<SubjectNet>(*module, handle);
     nets.emplace(path, net);
     return net;
+}
+
+std::string netModuleProblem() {
+    std::string why;
+    return netModule(&why) ? std::string() : why;
 }
 
 bool netLoaded(const std::string& path) {
@@ -71,19 +135,9 @@ bool netLoaded(const std::string& path) {
 }
 
 cv::Mat forward(SubjectNet& net, const cv::Mat& rgb) {
-    CV_Assert(rgb.type() == CV_8UC3 && rgb.rows == kNetSide && rgb.cols == kNetSide);
-    // The network was trained on x / 256 - 0.5 per channel, RGB.
-    const cv::Mat blob = cv::dnn::blobFromImage(rgb, 1.0 / 256.0, cv::Size(), cv::Scalar::all(128),
-                                                false, false, CV_32F);
-    const cv::Mat out = net.run(blob);
-    if (out.dims != 4 || out.size[0] != 1 || out.size[1] != 1 || out.size[2] != kNetSide ||
-        out.size[3] != kNetSide)
-        CV_Error(cv::Error::StsUnmatchedSizes, "the subject model's output is not one " +
-                                                   std::to_string(kNetSide) + "-pixel mask");
-    cv::Mat mask(kNetSide, kNetSide, CV_32F, const_cast<float*>(out.ptr<float>()));
-    cv::Mat clipped;
-    cv::min(cv::max(mask, 0.0), 1.0, clipped);  // a copy: out's memory goes with it
-    return clipped;
+    CV_Assert(rgb.type() == CV_8UC3 && rgb.rows == kNetSide && rgb.cols == kNetSide &&
+              rgb.isContinuous());
+    return net.run(rgb);
 }
 
 }  // namespace qx::subject

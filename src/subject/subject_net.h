@@ -17,6 +17,10 @@ constexpr int kNetSide = 1024;
 // isnet-fp32.onnx (empty when neither XDG_CACHE_HOME nor HOME is set).
 std::string modelPath(const char* explicitPath);
 
+// Empty when the module that runs the network (net_module.h) is loaded or loads now; otherwise
+// what each place it was looked for gave. QX_SUBJECT_MODULE, when set, is the only place.
+std::string netModuleProblem();
+
 // A loaded network. Forward passes on one network run one at a time (a lock inside); networks
 // of different files run side by side.
 class SubjectNet;

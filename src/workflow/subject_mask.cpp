@@ -21,6 +21,10 @@ QxwStatus subjectMask(const cv::Mat& bgr, const char* modelPath, cv::Mat* mask, 
         case MaskStatus::BadModel:
             return finishJob(job, QXW_BAD_INPUT,
                              "the subject model " + r.path + " can't be used: " + r.detail);
+        case MaskStatus::NoModule:
+            return finishJob(job, QXW_FAILED,
+                             "the library's subject network module can't be loaded (" + r.detail +
+                                 "): reinstall the library");
         case MaskStatus::NoMemory: break;
     }
     return finishJob(job, QXW_FAILED, outOfMemoryWords(r.bytes));
