@@ -1,5 +1,7 @@
 // Jobs the way hosts run them: sequences of long jobs (tri-map, strokes, both colour
-// recoveries, the workflows) from one thread or from two at once, each with or without a
+// recoveries, the workflows; the one-click cut-out's refinement of a drawn mask with a drawn
+// rectangle and strokes over it, and the one-click calls with no model installed, so that no
+// network runs) from one thread or from two at once, each with or without a
 // progress callback, some cancelled by their own callback at a report the fuzzer picks, some
 // with the cancel flag already set. After every job: the status is one the job documents; a
 // cancelled or refusing job left the host's buffers as they were; inputs never change; and no
@@ -15,6 +17,7 @@
 #include "fuzz_host.h"
 #include "qxworkflow.h"
 #include "support/requests.h"
+#include "workflow/workflow.h"
 
 using namespace qxfuzz;
 
@@ -41,11 +44,13 @@ struct Job {
     int kind = 0, w = 1, h = 1, cancelAt = 0;
     bool callback = false, preset = false;
     std::vector<uint8_t> image, plane;  // BGR, and a tri-map, stroke or alpha plane
+    std::vector<uint8_t> soft;          // the one-click kinds: a network's mask
+    int rect[4] = {0, 0, 0, 0};         // x, y, width, height; all 0: none
 };
 
 Job draw(Input& in) {
     Job j;
-    j.kind = in.range<int>(0, 5);
+    j.kind = in.range<int>(0, 7);
     j.w = in.range<int>(1, 40);
     j.h = in.range<int>(1, 40);
     j.callback = in.flag();
@@ -60,6 +65,21 @@ Job draw(Input& in) {
         for (int x = 0; x < j.w; ++x)
             j.plane[size_t(y) * j.w + x] =
                 (rng.next() & 3) == 0 ? codeFromByte(uint8_t(rng.next())) : x < split ? 255 : 0;
+    if (j.kind >= 6) {
+        j.soft.resize(j.plane.size());
+        const int edge = in.range<int>(0, j.h);
+        for (int y = 0; y < j.h; ++y)
+            for (int x = 0; x < j.w; ++x)
+                j.soft[size_t(y) * j.w + x] = (rng.next() & 7) == 0 ? uint8_t(rng.next())
+                                              : y < edge                ? 230
+                                                                        : 10;
+        if (in.flag()) {  // a rectangle, now and then reaching outside the image
+            j.rect[0] = in.range<int>(-2, j.w);
+            j.rect[1] = in.range<int>(-2, j.h);
+            j.rect[2] = in.range<int>(0, j.w + 2);
+            j.rect[3] = in.range<int>(0, j.h + 2);
+        }
+    }
     return j;
 }
 
@@ -126,14 +146,48 @@ void run(const Job& j, Probe& probe) {
             call = "qxwMatteStrokes";
             s = qxwMatteStrokes(&img, plane.data(), j.w, QXW_ENGINE_STROKES, alpha.data(), j.w,
                                 &job);
-        } else {
+        } else if (j.kind == 5) {
             call = "qxwRecoverForeground";
             s = qxwRecoverForeground(&img, plane.data(), j.w, QXW_FG_FULL, &colours, &job);
+        } else if (j.kind == 6) {
+            // No model where it is looked for: the call refuses before any network is read.
+            call = "qxwCutoutSubject";
+            const QxwSubjectOptions none{"/nonexistent/qx-fuzz-model.onnx"};
+            s = qxwCutoutSubject(&img, &none, plane.data(), j.w, j.rect[0], j.rect[1], j.rect[2],
+                                 j.rect[3], alpha.data(), j.w, &colours, &job);
+            expect(s == QXW_NO_MODEL || s == QXW_BAD_INPUT || (s == QXW_CANCELLED && probe.flag),
+                   "not a refusal without a model", call);
+        } else {
+            // What the one-click cut-out does with the network's mask, run in the workflows'
+            // frame as its export runs it.
+            call = "cutoutFromSubject";
+            using namespace qx::workflow;
+            cv::Rect box(j.rect[0], j.rect[1], j.rect[2], j.rect[3]);
+            box &= cv::Rect(0, 0, j.w, j.h);
+            s = runEntry(&job, "", call, [&](Relay& relay) {
+                const cv::Mat bgr(j.h, j.w, CV_8UC3, const_cast<uint8_t*>(image.data()));
+                const cv::Mat soft(j.h, j.w, CV_8UC1, const_cast<uint8_t*>(j.soft.data()));
+                const cv::Mat strokes(j.h, j.w, CV_8UC1, const_cast<uint8_t*>(plane.data()));
+                cv::Mat a, fg;
+                const QxwStatus r = cutoutFromSubject(bgr, soft, strokes, box, &a, &fg, relay, &job);
+                if (r != QXW_OK) return r;
+                copyPlaneOut(a, alpha.data(), j.w);
+                // Where the user fixed a side, the alpha is that side.
+                for (int y = 0; y < j.h; ++y)
+                    for (int x = 0; x < j.w; ++x) {
+                        const uint8_t v = plane[size_t(y) * j.w + x], got = alpha[size_t(y) * j.w + x];
+                        const bool outside = !box.empty() && !box.contains(cv::Point(x, y));
+                        if (v == QXW_KEEP) expect(got == 255, "a keep stroke not kept", call);
+                        else if (v == QXW_CUT || outside)
+                            expect(got == 0, "a cut stroke or the outside kept", call);
+                    }
+                return QXW_OK;
+            });
         }
         cancelled = s == QXW_CANCELLED;
         ok = s == QXW_OK;
-        expect(ok || cancelled || s == QXW_BAD_INPUT || s == QXW_FAILED, "status outside the set",
-               call);
+        expect(ok || cancelled || s == QXW_BAD_INPUT || s == QXW_FAILED || s == QXW_NO_MODEL,
+               "status outside the set", call);
         if (!ok) {
             expect(alpha == std::vector<uint8_t>(alpha.size(), 0x33), "alpha written", call);
             expect(out == outBefore, "colours written", call);

@@ -3,10 +3,14 @@
 // user gave (a synthetic mask through the workflow's own entry, no network).
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <opencv2/imgproc.hpp>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "frame/memory.h"
 #include "qxworkflow.h"
@@ -95,6 +99,64 @@ TEST(SubjectModel, FindsAPlainSubjectAndTheCutOutKeepsIt) {
     // Colours under the subject are the disc's own.
     const size_t centre = (size_t(s.h / 2) * s.w + s.w / 2) * 3;
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(colours[centre + c], qxtest::kDiscFg[c], 2);
+}
+
+// Cancel of the network's calls, with the model: set before the call, nothing runs (the model
+// is not even read); set from the progress callback at the first report after the network's
+// pass, the cut-out stops there. Either way the host's planes keep their bytes, the status says
+// cancelled, and no report comes after the call returned.
+TEST(SubjectModel, ACancelledCallStopsLeavingTheBuffersAndReportsNoMore) {
+    const std::string path = qx::subject::modelPath(nullptr);
+    if (!std::ifstream(path)) GTEST_SKIP() << "no subject model at " << path;
+    const qxtest::DiscScene s(200, 150, 45, 3, 3);
+    const QxwImage img = s.view();
+    Bytes mask(s.alpha.size(), kSentinel), alpha(mask), colours(s.image.size(), kSentinel);
+    const QxwColourOut out{colours.data(), s.w * 3};
+
+    struct Watch {
+        volatile int32_t flag = 0;
+        double cancelFrom = 2.0;
+        bool returned = false, afterReturn = false;
+        std::vector<double> seen;
+        static void hear(double f, void* data) {
+            auto* w = static_cast<Watch*>(data);
+            if (w->returned) w->afterReturn = true;
+            w->seen.push_back(f);
+            if (f >= w->cancelFrom) w->flag = 1;
+        }
+    };
+    Watch before;
+    before.flag = 1;
+    QxwJob job{};
+    job.cancel = &before.flag;
+    job.progress = &Watch::hear;
+    job.progressData = &before;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(qxwSubjectMask(&img, nullptr, mask.data(), s.w, &job), QXW_CANCELLED);
+    EXPECT_EQ(qxwCutoutSubject(&img, nullptr, nullptr, 0, 0, 0, 0, 0, alpha.data(), s.w, &out,
+                               &job),
+              QXW_CANCELLED);
+    before.returned = true;
+    // A network's pass takes seconds; a call that doesn't start one returns well within one.
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+              1.0);
+    EXPECT_TRUE(untouched(mask) && untouched(alpha) && untouched(colours));
+
+    Watch during;
+    during.cancelFrom = 0.35;  // the network's share of the cut-out's bar
+    job = QxwJob{};
+    job.cancel = &during.flag;
+    job.progress = &Watch::hear;
+    job.progressData = &during;
+    EXPECT_EQ(qxwCutoutSubject(&img, nullptr, nullptr, 0, 0, 0, 0, 0, alpha.data(), s.w, &out,
+                               &job),
+              QXW_CANCELLED);
+    during.returned = true;
+    EXPECT_EQ(during.flag, 1);  // the pass ended and was heard before the stop
+    EXPECT_TRUE(untouched(alpha) && untouched(colours));
+    EXPECT_TRUE(std::is_sorted(during.seen.begin(), during.seen.end()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(before.afterReturn || during.afterReturn);
 }
 
 struct Combined {
