@@ -33,6 +33,7 @@
 #include "composites.h"
 #include "foreground/fb_solve.h"
 #include "foreground/recovery.h"
+#include "frame/fault.h"
 #include "image/img.h"
 #include "solver/direct_solver.h"
 #include "qxiveilon31.h"
@@ -122,8 +123,8 @@ double solveOnly(const Scene& s, double factor) {
     void* unused[9] = {};
     try {
         qx::solveForegroundBackground(unused, planes, 0, av);
-    } catch (int e) {
-        return -e;
+    } catch (const qx::Failure& f) {
+        return -f.value();
     }
     cv::Mat est;
     cv::merge(ch, est);

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "frame/fault.h"
+#include "frame/memory.h"
 #include "keepcut/kd_drivers.h"
 #include "measurement.h"
 #include "workflow/demo_scene.h"
@@ -61,11 +63,11 @@ Row runCase(const std::string& name, const Job& job, bool hiRes) {
 
     const qxmatte::Measurement run;
     try {
-        if (hiRes) qx::computeAlphaKDTreeHiRes(&req);
-        else qx::computeAlphaKDTreePyramid(&req);
+        if (hiRes) qx::computeAlphaKDTreeHiRes(&req, qx::usableMemInMB());
+        else qx::computeAlphaKDTreePyramid(&req, qx::usableMemInMB());
         r.status = 1;
-    } catch (int e) {
-        r.status = e;
+    } catch (const qx::Failure& f) {
+        r.status = f.value();
     }
     r.seconds = run.seconds();
     r.peakMB = run.peakAboveStartMB();

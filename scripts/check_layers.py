@@ -17,8 +17,8 @@ LAYERS = {
     "image": 1,
     "solver": 2, "resample": 2,
     "matting": 3, "editor": 3,
-    "keepcut": 4, "foreground": 4, "grabcut": 4, "flows": 4, "subject": 4,
-    "strokes": 5,
+    "foreground": 4, "grabcut": 4, "flows": 4, "subject": 4,
+    "keepcut": 5, "strokes": 5,
     "workflow": 6,
 }
 # Known exceptions, each with its reason (docs/ARCHITECTURE.md, "Layers").

@@ -1,11 +1,12 @@
 // qxRecoverForeground: foreground colours over a whole region, solved at a quarter of its size
 // in cells of up to 384 pixels a side.
 #include "foreground/recovery.h"
+#include "frame/memory.h"
 #include "qxiveilon31.h"
 
 namespace qx {
 
-RecoveryParams wholeRegionParams(bool blendEdges) {
+RecoveryParams wholeRegionParams(bool blendEdges, int memUnits) {
     RecoveryParams p{};
     p.scale = 0.25f;
     p.grid = {384, 1.5, 0.5};
@@ -15,6 +16,7 @@ RecoveryParams wholeRegionParams(bool blendEdges) {
     p.keepHigh = 251;
     p.feather = blendEdges ? RecoveryParams::Feather::Ramp : RecoveryParams::Feather::None;
     p.frame = 3;
+    p.memUnits = memUnits;
     return p;
 }
 
@@ -22,5 +24,7 @@ RecoveryParams wholeRegionParams(bool blendEdges) {
 
 extern "C" QX_API int64_t qxRecoverForeground(KeepCutRequest* request, int blendEdges) {
     return qx::recoverForegroundGuarded(request, true,
-                                        qx::wholeRegionParams((blendEdges & 0xFF) != 0), 0);
+                                        qx::wholeRegionParams((blendEdges & 0xFF) != 0,
+                                                              qx::usableMemInMB()),
+                                        0);
 }

@@ -1,8 +1,10 @@
 // qxRecoverForegroundCell: foreground colours as the keep-cut job runs it, in small cells, with
 // the result laid over dstImage through a smooth window.
 #include "foreground/recovery.h"
+#include "frame/memory.h"
 #include "qxiveilon31.h"
 
+namespace qx {
 namespace {
 
 // A region refinement works at a resolution that follows the full image's size; a job from
@@ -15,22 +17,29 @@ float cellScale(const KeepCutRequest& r) {
     return 0.2f;
 }
 
-qx::RecoveryParams cellParams(const KeepCutRequest& r) {
-    qx::RecoveryParams p{};
+RecoveryParams cellParams(const KeepCutRequest& r, int memUnits) {
+    RecoveryParams p{};
     p.scale = cellScale(r);
     p.grid = {100, 1.03, 0.03};
-    p.cellTest = qx::RecoveryParams::CellTest::UnpaintedMixed;
-    p.increment = qx::RecoveryParams::Increment::CellCount;
+    p.cellTest = RecoveryParams::CellTest::UnpaintedMixed;
+    p.increment = RecoveryParams::Increment::CellCount;
     p.ownedInset = 1;
     p.keepHigh = 252;
-    p.feather = qx::RecoveryParams::Feather::Window;
+    p.feather = RecoveryParams::Feather::Window;
     p.frame = r.regionMode != 0 ? 3 : 1;
+    p.memUnits = memUnits;
     return p;
 }
 
 }  // namespace
 
+int64_t recoverForegroundCellJob(KeepCutRequest* request, int memUnits) {
+    if (request == nullptr) return kRecoveryRefused;  // the rest is checked by the guard
+    return recoverForegroundGuarded(request, false, cellParams(*request, memUnits), 1);
+}
+
+}  // namespace qx
+
 extern "C" QX_API int64_t qxRecoverForegroundCell(KeepCutRequest* request, int64_t /*reserved*/) {
-    if (request == nullptr) return qx::kRecoveryRefused;  // the rest is checked by the guard
-    return qx::recoverForegroundGuarded(request, false, cellParams(*request), 1);
+    return qx::recoverForegroundCellJob(request, qx::usableMemInMB());
 }

@@ -67,7 +67,7 @@ int progressIncrement(const RecoveryParams& p, const CellGrid& g, int qw, int qh
 void solveCells(const RecoveryParams& p, const std::vector<Byte>& reducedSrc,
                 std::vector<Byte>& reducedAlpha, std::vector<Byte>& fg, int qw, int qh) {
     fg = reducedSrc;
-    const CellGrid grid = deriveCellGrid(qw, qh, p.grid, usableMemInMB());
+    const CellGrid grid = deriveCellGrid(qw, qh, p.grid, p.memUnits);
     setProgRange(20000, progressIncrement(p, grid, qw, qh));
 
     std::vector<Byte> planes[3];

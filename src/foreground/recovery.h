@@ -38,6 +38,7 @@ struct RecoveryParams {
     int keepHigh;             // the source is kept at alpha >= keepHigh (and at alpha <= 4)
     enum class Feather { None, Ramp, Window } feather;
     int frame;                // pixels of dstImage's region edge left unwritten
+    int memUnits;             // the job's memory budget, 1000-byte units: plans the cell grid
 };
 
 // Statuses shared by the two entries (see qxiveilon31.h): a request that cannot be served, and
@@ -60,8 +61,11 @@ int64_t recoverForegroundGuarded(KeepCutRequest* request, bool needAux,
                                  const RecoveryParams& params, int64_t success);
 
 // The parameters of qxRecoverForeground: the whole region at a quarter of its size, in cells of
-// up to 384 pixels a side, the edges feathered when blendEdges.
-RecoveryParams wholeRegionParams(bool blendEdges);
+// up to 384 pixels a side, the edges feathered when blendEdges, for a budget of memUnits.
+RecoveryParams wholeRegionParams(bool blendEdges, int memUnits);
+// qxRecoverForegroundCell (the keep-cut job's own recovery) for a budget of memUnits: its
+// parameters for the request, under its guard, with its statuses.
+int64_t recoverForegroundCellJob(KeepCutRequest* request, int memUnits);
 
 // The full-resolution recovery (qxRecoverForegroundFull) on a valid request: the colours
 // written, 1 returned; failures are thrown. The budget is budgetBytes, else the request's

@@ -161,13 +161,14 @@ void reopenPixels(const KeepCutRequest* r, GIMG<Byte>& knownMap) {
 QX_STATIC_TLS thread_local int lastLeafCount = 0;
 
 // Cuts and solves the tree over the given images; progressScale is the share of the progress
-// scale (of 20000) that the walk takes.
+// scale (of 20000) that the walk takes; memUnits the budget the leaves' colour recovery plans for.
 void solveTree(Byte* knownMap, int knownStep, Byte* const* planes, int planeStep, Byte* alpha,
                int alphaStep, Byte* colour, int colourStep, int width, int height,
-               int progressScale) {
+               int progressScale, int memUnits) {
     CFMatt matt;  // handed to the tree only: each leaf makes its own
     KDTree tree(knownMap, knownStep, planes, planeStep, alpha, alphaStep, colour, colourStep,
                 width, height, &matt);
+    tree.memUnits = memUnits;
     tree.constructTree(tree.root);
     lastLeafCount = tree.leafCount;
     tree.checkMemoryUsage(tree.root);
@@ -180,7 +181,7 @@ void solveTree(Byte* knownMap, int knownStep, Byte* const* planes, int planeStep
 
 int lastKDTreeLeafCount() { return lastLeafCount; }
 
-void computeAlphaKDTreeHiRes(KeepCutRequest* request) {
+void computeAlphaKDTreeHiRes(KeepCutRequest* request, int memUnits) {
     lastLeafCount = 0;
     setProgProc(request->progProc, request->progParam, 20000, 10);
     DriverImages im(request);
@@ -194,11 +195,11 @@ void computeAlphaKDTreeHiRes(KeepCutRequest* request) {
 
     Byte* planes[3] = {im.plane0.data, im.plane1.data, im.plane2.data};
     solveTree(im.known.data, im.known.step, planes, im.plane0.step, im.alphaMat.data,
-              im.alphaMat.step, im.dst, im.dstStep, im.width, im.height, 20000);
+              im.alphaMat.step, im.dst, im.dstStep, im.width, im.height, 20000, memUnits);
     im.putResult();
 }
 
-void computeAlphaKDTreePyramid(KeepCutRequest* request) {
+void computeAlphaKDTreePyramid(KeepCutRequest* request, int memUnits) {
     // Halving needs two pixels each way; a thinner region is refused before anything changes.
     lastLeafCount = 0;
     if (request->roiWidth < 2 || request->roiHeight < 2) fail(Fault::SizeLimit);
@@ -237,7 +238,7 @@ void computeAlphaKDTreePyramid(KeepCutRequest* request) {
     if (pyramid.getPlane(1, 1)->step != planeStep || pyramid.getPlane(2, 1)->step != planeStep)
         fail(Fault::ImageMemory);
     solveTree(known1.data, known1.step, planes, planeStep, alpha1.data, alpha1.step, colour.data,
-              colour.step, halfWidth, halfHeight, 10000);
+              colour.step, halfWidth, halfHeight, 10000, memUnits);
 
     pyramid.upSampling();
     im.putResult();

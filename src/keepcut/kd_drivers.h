@@ -13,8 +13,9 @@ namespace qx {
 // the request and catches. The pyramid driver also throws -1, before writing anything, for a
 // region narrower or lower than 2 pixels, which can't be halved. A null dstImage is not written;
 // a null auxPlane reopens nothing.
-void computeAlphaKDTreeHiRes(KeepCutRequest* request);
-void computeAlphaKDTreePyramid(KeepCutRequest* request);
+// memUnits: the job's memory budget in 1000-byte units, for the leaves' colour recovery.
+void computeAlphaKDTreeHiRes(KeepCutRequest* request, int memUnits);
+void computeAlphaKDTreePyramid(KeepCutRequest* request, int memUnits);
 
 // Leaves of the tree that the last driver run on this thread built (0 before one got that far):
 // a figure for benchmarks and reports.

@@ -59,7 +59,7 @@ void KDTree::traverseTreeFBRecovery(KDNode* node, int pass) {
     request.roiWidth = gw;
     request.roiHeight = gh;
     request.regionMode = 0;
-    recoverCell(&request, 1);
+    recoverCell(&request, memUnits);
     progressKick();
 }
 

@@ -12,7 +12,9 @@
 #include "frame/args.h"
 #include "frame/fault.h"
 #include "frame/host_snapshot.h"
+#include "foreground/recovery.h"
 #include "frame/fpmode.h"
+#include "frame/memory.h"
 #include "keepcut/kd_drivers.h"
 #include "keepcut/keep_cut_original.h"
 
@@ -42,7 +44,7 @@ void mergeRefinement(const KeepCutRequest& r, const std::vector<unsigned char>& 
     }
 }
 
-int keepCutToAlpha(KeepCutRequest* request, KeepCutEngine engine) {
+int keepCutToAlpha(KeepCutRequest* request, KeepCutEngine engine, int memUnits) {
     const KeepCutRequest& r = *request;
     const bool refine = r.regionMode != 0;
     std::vector<unsigned char> savedAlpha;
@@ -55,11 +57,12 @@ int keepCutToAlpha(KeepCutRequest* request, KeepCutEngine engine) {
     // The engine's own status is not passed on: the windowed engine has restored the flags
     // itself when it declined the strokes.
     switch (engine) {
-        case KeepCutEngine::Original: qxKeepCutToAlphaOriginal(request); break;
-        case KeepCutEngine::KDTreeHiRes: computeAlphaKDTreeHiRes(request); break;
-        case KeepCutEngine::KDTreePyramid: computeAlphaKDTreePyramid(request); break;
+        case KeepCutEngine::Original: qxKeepCutToAlphaOriginal(request, memUnits); break;
+        case KeepCutEngine::KDTreeHiRes: computeAlphaKDTreeHiRes(request, memUnits); break;
+        case KeepCutEngine::KDTreePyramid: computeAlphaKDTreePyramid(request, memUnits); break;
     }
-    if (r.recoverFlag != 0) qxRecoverForegroundCell(request, refine ? 1 : 0);
+    // Under its own guard: a failure there leaves the alpha as it is, and the job goes on.
+    if (r.recoverFlag != 0) recoverForegroundCellJob(request, memUnits);
     if (refine) mergeRefinement(r, savedAlpha);
     return 1;
 }
@@ -98,9 +101,9 @@ bool validKeepCutRequest(const KeepCutRequest* r, bool needsDst) {
     return !needsDst || validPlane(r->dstImage, r->dstStep, fw, fh, 4);
 }
 
-int keepCutJob(KeepCutRequest* request, KeepCutEngine engine) {
+int keepCutJob(KeepCutRequest* request, KeepCutEngine engine, int memUnits) {
     try {
-        return keepCutToAlpha(request, engine);
+        return keepCutToAlpha(request, engine, memUnits);
     } catch (...) {
         recoverBrushInfo(request);
         throw;
@@ -124,7 +127,7 @@ extern "C" QX_API int qxKeepCutToAlpha(KeepCutRequest* request, int hiRes) {
     kept.add(request->alphaPlane, request->alphaStep, fw, fh);
     if (needsDst) kept.add(request->dstImage, request->dstStep, 4 * fw, fh);
     const int status = qx::guardedExport(qx::Export::KeepCut,
-                                         [&] { return qx::keepCutJob(request, engine); });
+                                         [&] { return qx::keepCutJob(request, engine, qx::usableMemInMB()); });
     if (status == qx::kCancelledStatus) kept.restore();
     return status;
 }

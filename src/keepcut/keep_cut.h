@@ -19,8 +19,10 @@ void recoverBrushInfo(KeepCutRequest* request);
 
 // The keep-cut job on a valid request (qxKeepCutToAlpha without its checks): the stroke plane
 // becomes the alpha in place. Whichever way it fails, the paint flags go back into the plane
-// before the failure is thrown on. Returns the engine's status.
-int keepCutJob(KeepCutRequest* request, KeepCutEngine engine);
+// before the failure is thrown on. memUnits: the job's memory budget in 1000-byte units (the
+// windowed engine and the colour recovery plan their windows and cells for it). Returns the
+// engine's status.
+int keepCutJob(KeepCutRequest* request, KeepCutEngine engine, int memUnits);
 
 // A request the entry can serve: non-null, both sizes of image and region at least 1, the
 // region inside the image, source, alpha and aux planes with steps of at least a row (dstImage

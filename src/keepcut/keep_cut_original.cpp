@@ -45,7 +45,7 @@ unsigned char* alphaAt(const KeepCutRequest& r, int x, int y) {
 
 }  // namespace
 
-int qxKeepCutToAlphaOriginal(KeepCutRequest* request) {
+int qxKeepCutToAlphaOriginal(KeepCutRequest* request, int memUnits) {
     KeepCutRequest& r = *request;
     setProgProc(r.progProc, r.progParam, 10000, 1);
 
@@ -101,7 +101,7 @@ int qxKeepCutToAlphaOriginal(KeepCutRequest* request) {
         }
 
         GIMG<unsigned char>* list[3] = {planes[0].get(), planes[1].get(), planes[2].get()};
-        qxMapAlphaProc(list, &known, &work);
+        qxMapAlphaProc(list, &known, &work, memUnits);
     }
 
     // Computed pixels lose the paint flag; painted pixels and the frame get their input back.

@@ -18,6 +18,6 @@ namespace qx {
 // from auxPlane and returns: -5 no box, no cut stroke (1) or no keep stroke (255) in it; 1 fewer
 // than 3 unsettled pixels in it. Returns 1 otherwise (also when the solve found nothing to do).
 // The caller has checked the request. Throws what the solve and allocations throw.
-int qxKeepCutToAlphaOriginal(KeepCutRequest* request);
+int qxKeepCutToAlphaOriginal(KeepCutRequest* request, int memUnits);
 
 }  // namespace qx

@@ -65,9 +65,9 @@ MWGrid planMWGrid(int W, int H, int units) {
 }
 
 int refineAlphaMW(GIMG<unsigned char>** planes, GIMG<unsigned char>* known,
-                  GIMG<unsigned char>* alpha) {
+                  GIMG<unsigned char>* alpha, int memUnits) {
     const int W = alpha->width, H = alpha->height;
-    const MWGrid g = planMWGrid(W, H, usableMemInMB());
+    const MWGrid g = planMWGrid(W, H, memUnits);
     GIMG<unsigned char> tmpAlpha(g.winW, g.winH);
     GIMG<unsigned char> tmpKnown(g.winW, g.winH);
     const int planeStep = planes[0]->step;

@@ -68,14 +68,14 @@ void walkMWGrid(const MWGrid& g, int W, int H, Visit&& visit) {
     }
 }
 
-// Refines alpha in place over the grid planned from W x H (the alpha image's size) and
-// usableMemInMB(). planes: three colour planes with a common row step; known: 255 at
+// Refines alpha in place over the grid planned from W x H (the alpha image's size) and the
+// budget memUnits (1000-byte units). planes: three colour planes with a common row step; known: 255 at
 // constraints. Windows with 5 or fewer unknown pixels are skipped. In each other window the
 // margins count as known, the window is solved and filtered (cross bilateral, radius 1, sigma
 // range 15, sigma space 0.825); pixels known in `known` keep their value and the rest of the
 // window, margins included, takes the result. One progress kick per solved window. Returns 0.
 // Throws what the solve and the image allocations throw.
 int refineAlphaMW(GIMG<unsigned char>** planes, GIMG<unsigned char>* known,
-                  GIMG<unsigned char>* alpha);
+                  GIMG<unsigned char>* alpha, int memUnits);
 
 }  // namespace qx

@@ -37,10 +37,10 @@ MapAlphaPlan planMapAlpha(int width, int height, int64_t unknown, int units) {
 }
 
 int qxMapAlphaProc(GIMG<unsigned char>** planes, GIMG<unsigned char>* known,
-                   GIMG<unsigned char>* alpha) {
+                   GIMG<unsigned char>* alpha, int memUnits) {
     const int64_t unknown = static_cast<int64_t>(known->width) * known->height - countPainted(*known);
     const MapAlphaPlan plan = planMapAlpha(planes[0]->width, planes[0]->height, unknown,
-                                           usableMemInMB());
+                                           memUnits);
     setProgRange(10000, plan.progressStep);
 
     CMaskPyr pyr;
@@ -70,12 +70,12 @@ int qxMapAlphaProc(GIMG<unsigned char>** planes, GIMG<unsigned char>* known,
 
     if (levels == 1) {
         pyr.upSamplingOneLevel(1);
-        refineAlphaMW(planes, known, alpha);
+        refineAlphaMW(planes, known, alpha, memUnits);
     } else if (levels >= 2) {
         for (int l = levels; l >= 2; --l) pyr.upSamplingOneLevel(l);
         GIMG<unsigned char>* level1[3] = {pyr.getPlane(0, 1), pyr.getPlane(1, 1),
                                           pyr.getPlane(2, 1)};
-        refineAlphaMW(level1, pyr.getKnown(1), pyr.getAlpha(1));
+        refineAlphaMW(level1, pyr.getKnown(1), pyr.getAlpha(1), memUnits);
         pyr.upSamplingOneLevel(1);
     }
     return 1;

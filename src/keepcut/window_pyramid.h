@@ -25,8 +25,9 @@ MapAlphaPlan planMapAlpha(int width, int height, int64_t unknown, int units);
 // level 1 is refined and the last doubling is not. A pyramid whose smallest level would be under
 // 2 pixels in either direction is built with fewer levels.
 // Returns 1, also when the coarsest level has fewer than 3 unknown pixels (nothing solved); -5
-// when it has no known pixel (nothing solved). Throws what the solve and allocations throw.
+// when it has no known pixel (nothing solved). The levels are planned for a budget of memUnits
+// (1000-byte units). Throws what the solve and allocations throw.
 int qxMapAlphaProc(GIMG<unsigned char>** planes, GIMG<unsigned char>* known,
-                   GIMG<unsigned char>* alpha);
+                   GIMG<unsigned char>* alpha, int memUnits);
 
 }  // namespace qx

@@ -52,7 +52,8 @@ QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegro
     // This job reports through the callback installed before it (total 20000).
     relay.install(20000);
     const int64_t status =
-        qx::recoverForegroundGuarded(&req, true, qx::wholeRegionParams(false), 0);
+        qx::recoverForegroundGuarded(&req, true, qx::wholeRegionParams(false, relay.budgetUnits()),
+                                     0);
     if (status != 0)
         return jobFailed(job, qx::Export::ForegroundRecovery, static_cast<int>(status));
     cv::cvtColor(dst, *colours, cv::COLOR_BGRA2BGR);

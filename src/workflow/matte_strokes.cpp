@@ -27,7 +27,8 @@ int runTiled(const cv::Mat& bgr, cv::Mat& plane, bool hiRes, Relay& relay) {
     req.progParam = relay.param();
     const qx::KeepCutEngine engine =
         qx::chooseKeepCutEngine(req.regionMode, req.roiWidth, req.roiHeight, hiRes ? 1 : 0);
-    return qx::guardedExport(qx::Export::KeepCut, [&] { return qx::keepCutJob(&req, engine); });
+    return qx::guardedExport(qx::Export::KeepCut,
+                             [&] { return qx::keepCutJob(&req, engine, relay.budgetUnits()); });
 }
 
 }  // namespace

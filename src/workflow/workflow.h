@@ -4,6 +4,7 @@
 // so that a composed workflow such as the cut-out reports one climb from 0 to 1.
 #pragma once
 
+#include <algorithm>
 #include <opencv2/core.hpp>
 #include <string>
 
@@ -45,6 +46,8 @@ public:
     double spanHigh() const { return hi_; }
     void finish() { report(1.0); }
     double budgetBytes() const { return budget_; }
+    // The same in the 1000-byte units the tiled engines plan with.
+    int budgetUnits() const { return static_cast<int>(std::min(budget_ / 1000.0, 2.0e9)); }
     // The callback and parameter for a request's progress fields (what they report, the
     // listener hears).
     static int proc(int current, int total, void* param);
