@@ -33,7 +33,7 @@
 #include "composites.h"
 #include "foreground/fb_solve.h"
 #include "foreground/recovery.h"
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "image/img.h"
 #include "solver/direct_solver.h"
 #include "qxiveilon31.h"

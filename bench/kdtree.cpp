@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "frame/fault.h"
-#include "frame/memory.h"
+#include "runtime/fault.h"
+#include "runtime/memory.h"
 #include "keepcut/kd_drivers.h"
 #include "measurement.h"
 #include "workflow/demo_scene.h"

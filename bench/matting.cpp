@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "frame/memory.h"
-#include "frame/stage_clock.h"
+#include "runtime/memory.h"
+#include "runtime/stage_clock.h"
 #include "solver/direct_solver.h"
 #include "measurement.h"
 #include "qxworkflow.h"

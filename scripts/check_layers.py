@@ -13,7 +13,7 @@ import sys
 
 # Layer of each src folder: an include must point to a lower layer or the same folder.
 LAYERS = {
-    "frame": 0,
+    "runtime": 0,
     "image": 1,
     "solver": 2, "resample": 2,
     "matting": 3, "editor": 3,
@@ -24,7 +24,7 @@ LAYERS = {
 # Known exceptions, each with its reason (docs/ARCHITECTURE.md, "Layers").
 EXCEPTIONS = {
     # The set-up call picks the image kernels' code path for the processor once.
-    ("src/frame/environment.cpp", "image/dispatch.h"),
+    ("src/runtime/environment.cpp", "image/dispatch.h"),
 }
 PUBLIC = {"qxiveilon31.h", "qxworkflow.h"}
 HOST_DIRS = ("tools", "hosts", "examples")

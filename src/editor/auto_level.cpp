@@ -6,8 +6,8 @@
 
 #include <algorithm>
 
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "image/img.h"
 #include "qxiveilon31.h"
 

@@ -4,8 +4,8 @@
 #include <cstdint>
 
 #include "editor/brush.h"
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "qxiveilon31.h"
 
 namespace qx {

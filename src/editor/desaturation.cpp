@@ -7,8 +7,8 @@
 #include <opencv2/core.hpp>
 
 #include "editor/pixel_cast.h"
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "image/primitives.h"
 #include "qxiveilon31.h"
 

@@ -1,8 +1,8 @@
 // qxDrawLine8u: one brush segment of the mask editor, written in place into the host's code
 // plane.
 #include "editor/brush.h"
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "qxiveilon31.h"
 
 namespace qx {

@@ -4,8 +4,8 @@
 // the light mode, 4 in the strong one) keeps its input values.
 #include <cstdint>
 
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "image/img.h"
 #include "image/primitives.h"
 #include "qxiveilon31.h"

@@ -3,8 +3,8 @@
 #include <cstdint>
 
 #include "editor/pixel_cast.h"
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "qxiveilon31.h"
 
 extern "C" QX_API void qxShowKeepBlend(unsigned char* image, int imageStep, int width, int height,

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <optional>
 
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "image/primitives.h"
 #include "qxiveilon31.h"
 

@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "editor/scale_alpha.h"
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "image/img.h"
 #include "image/primitives.h"
 #include "qxiveilon31.h"

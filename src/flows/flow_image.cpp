@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 
 namespace qx::flows {
 

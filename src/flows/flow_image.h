@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 
 namespace qx::flows {
 
@@ -46,7 +46,7 @@ PixelSets classifyPixels(const FlowImage& image);
 
 // What the long loops call between slices of their work, on the calling thread: the cancel flag
 // is looked at (Fault::Cancelled is thrown), then the caller's function, if any, is called.
-// Progress goes through the frame's spans (frame/progress.h), not through the poll.
+// Progress goes through the frame's spans (runtime/progress.h), not through the poll.
 struct Poll {
     void (*fn)(void*) = nullptr;
     void* param = nullptr;

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 
 
 namespace qx::flows {

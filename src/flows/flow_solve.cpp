@@ -7,7 +7,7 @@
 
 #include "flows/flow_pcg.h"
 #include "flows/local_laplacian.h"
-#include "frame/progress.h"
+#include "runtime/progress.h"
 
 namespace qx::flows {
 namespace {

@@ -1,4 +1,4 @@
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "foreground/fb_solve.h"
 
 #include <cmath>
@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "solver/sparse.h"
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "solver/direct_solver.h"
 
 namespace qx {

@@ -9,8 +9,8 @@
 
 #include "editor/brush.h"
 #include "foreground/shared_sample.h"
-#include "frame/args.h"
-#include "frame/export_guard.h"
+#include "runtime/args.h"
+#include "runtime/export_guard.h"
 #include "qxiveilon31.h"
 
 namespace qx {

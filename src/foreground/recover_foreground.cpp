@@ -1,7 +1,7 @@
 // qxRecoverForeground: foreground colours over a whole region, solved at a quarter of its size
 // in cells of up to 384 pixels a side.
 #include "foreground/recovery.h"
-#include "frame/memory.h"
+#include "runtime/memory.h"
 #include "qxiveilon31.h"
 
 namespace qx {

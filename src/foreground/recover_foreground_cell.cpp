@@ -1,7 +1,7 @@
 // qxRecoverForegroundCell: foreground colours as the keep-cut job runs it, in small cells, with
 // the result laid over dstImage through a smooth window.
 #include "foreground/recovery.h"
-#include "frame/memory.h"
+#include "runtime/memory.h"
 #include "qxiveilon31.h"
 
 namespace qx {

@@ -13,10 +13,10 @@
 
 #include "foreground/multilevel_fb.h"
 #include "foreground/recovery.h"
-#include "frame/args.h"
-#include "frame/fault.h"
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/args.h"
+#include "runtime/fault.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "qxiveilon31.h"
 
 namespace qx {

@@ -1,4 +1,4 @@
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "foreground/recovery.h"
 
 #include <algorithm>
@@ -8,9 +8,9 @@
 #include <opencv2/imgproc.hpp>
 
 #include "foreground/fb_solve.h"
-#include "frame/args.h"
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/args.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "image/img.h"
 #include "image/primitives.h"
 

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <new>
 
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "foreground/shared_sample.h"
-#include "frame/args.h"
+#include "runtime/args.h"
 
 namespace qx {
 

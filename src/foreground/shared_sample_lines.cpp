@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "foreground/shared_sample.h"
 
 namespace qx {

@@ -8,7 +8,7 @@
 #include <vector>
 #include <opencv2/imgproc.hpp>
 
-#include "frame/export_guard.h"
+#include "runtime/export_guard.h"
 #include "grabcut/grabcut_request.h"
 #include "grabcut/grabcut_session.h"
 

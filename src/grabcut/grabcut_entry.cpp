@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <optional>
 
-#include "frame/export_guard.h"
-#include "frame/fault.h"
-#include "frame/progress.h"
+#include "runtime/export_guard.h"
+#include "runtime/fault.h"
+#include "runtime/progress.h"
 #include "grabcut/codes.h"
 #include "grabcut/grabcut_request.h"
 #include "grabcut/grabcut_session.h"

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "frame/args.h"
+#include "runtime/args.h"
 #include "qxiveilon31.h"
 
 namespace qx {

@@ -1,10 +1,10 @@
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "grabcut/pyramid_cut.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "grabcut/comp_alpha_map.h"
 #include "resample/mask_pyr.h"
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "image/base_tools.h"
 
 namespace qx {

@@ -13,7 +13,7 @@
 #include <exception>
 #include <type_traits>
 
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "image/primitives.h"
 
 namespace qx {

@@ -1,7 +1,7 @@
 // The two KD-tree drivers. Both unpack the region into colour planes, turn the stroke-coded
 // alpha plane into a known map and a plain alpha, check the strokes (or, in a refinement, fix a
 // frame), solve the tree leaf by leaf and put the result back into the stroke coding.
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "keepcut/kd_drivers.h"
 
 #include <algorithm>
@@ -10,8 +10,8 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "frame/progress.h"
-#include "frame/static_tls.h"
+#include "runtime/progress.h"
+#include "runtime/static_tls.h"
 #include "keepcut/kd_tree.h"
 #include "resample/mask_pyr.h"
 

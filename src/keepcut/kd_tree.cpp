@@ -1,4 +1,4 @@
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "keepcut/kd_tree.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "keepcut/solve_alpha_window.h"
 #include "resample/mask_pyr.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "keepcut/kd_tree.h"
 
 namespace qx {

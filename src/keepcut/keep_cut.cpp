@@ -9,12 +9,12 @@
 #include <new>
 #include <vector>
 
-#include "frame/args.h"
-#include "frame/fault.h"
-#include "frame/host_snapshot.h"
+#include "runtime/args.h"
+#include "runtime/fault.h"
+#include "runtime/host_snapshot.h"
 #include "foreground/recovery.h"
-#include "frame/fpmode.h"
-#include "frame/memory.h"
+#include "runtime/fpmode.h"
+#include "runtime/memory.h"
 #include "keepcut/kd_drivers.h"
 #include "keepcut/keep_cut_original.h"
 

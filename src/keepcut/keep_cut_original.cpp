@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "image/img.h"
 #include "keepcut/keep_cut.h"
 #include "keepcut/window_pyramid.h"

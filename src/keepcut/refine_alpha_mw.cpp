@@ -5,8 +5,8 @@
 #include <cmath>
 #include <cstdint>
 
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "keepcut/solve_alpha_window.h"
 #include "resample/cblf.h"
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "keepcut/refine_alpha_mw.h"
 #include "keepcut/solve_alpha_window.h"
 #include "resample/cblf.h"

@@ -14,9 +14,9 @@
 #include <new>
 #include <utility>
 
-#include "frame/fault.h"
-#include "frame/progress.h"
-#include "frame/stage_clock.h"
+#include "runtime/fault.h"
+#include "runtime/progress.h"
+#include "runtime/stage_clock.h"
 #include "matting/cfmatt.h"
 #include "solver/cg_solver.h"
 #include "solver/direct_solver.h"

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "frame/progress.h"
-#include "frame/stage_clock.h"
+#include "runtime/progress.h"
+#include "runtime/stage_clock.h"
 #include "matting/cfmatt.h"
 
 namespace qx {

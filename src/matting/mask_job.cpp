@@ -12,12 +12,12 @@
 #include <new>
 #include <optional>
 
-#include "frame/args.h"
-#include "frame/fault.h"
-#include "frame/host_snapshot.h"
-#include "frame/memory.h"
-#include "frame/progress.h"
-#include "frame/stage_clock.h"
+#include "runtime/args.h"
+#include "runtime/fault.h"
+#include "runtime/host_snapshot.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
+#include "runtime/stage_clock.h"
 #include "matting/cfmatt.h"
 #include "qxiveilon31.h"
 #include "resample/cblf.h"

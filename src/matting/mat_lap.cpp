@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "frame/fault.h"
-#include "frame/progress.h"
+#include "runtime/fault.h"
+#include "runtime/progress.h"
 #include "matting/cfmatt.h"
 
 namespace qx {

@@ -5,7 +5,7 @@
 #include <new>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "solver/sparse.h"
 
 namespace qx {

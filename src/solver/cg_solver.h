@@ -22,7 +22,7 @@ int cgSolver(int n, const double* a, const int* ia, const int* ja, const double*
              double* tmp, int maxIterations, double tolerance);
 
 // Preconditioned by the diagonal (a row whose diagonal is zero is left unscaled). Kicks the
-// progress (frame/progress.h) after every 21st iteration.
+// progress (runtime/progress.h) after every 21st iteration.
 int cgSolver_jacobi(int n, const double* a, const int* ia, const int* ja, const double* b,
                     double* x, double* tmp, int maxIterations, double tolerance);
 

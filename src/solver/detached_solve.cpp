@@ -19,8 +19,8 @@
 #include <utility>
 #include <vector>
 
-#include "frame/fault.h"
-#include "frame/progress.h"
+#include "runtime/fault.h"
+#include "runtime/progress.h"
 #include "solver/direct_backends.h"
 #include "solver/direct_solver.h"
 

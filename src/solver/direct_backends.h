@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <mutex>
 
-#include "frame/fault.h"
+#include "runtime/fault.h"
 #include "solver/direct_solver.h"
 
 namespace qx {

@@ -15,7 +15,7 @@
 #include <dlfcn.h>
 #include <omp.h>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "solver/direct_backends.h"
 #include "solver/sparse.h"
 

@@ -163,7 +163,7 @@ struct SystemArrays {
 };
 
 // directSolve on arrays that the solve may keep after its caller has gone. While the calling
-// thread has a cancel flag installed (frame/progress.h), or a progress listener and a system
+// thread has a cancel flag installed (runtime/progress.h), or a progress listener and a system
 // large enough to keep it waiting, the solve runs on a thread of its own and the caller waits
 // for it, making the phase kicks itself, telling the listener how far the phase in hand has got
 // (its elapsed time against an estimate) and looking at the flag every few milliseconds: once

@@ -12,11 +12,11 @@
 #include <new>
 #include <vector>
 
-#include "frame/args.h"
-#include "frame/fault.h"
-#include "frame/memory.h"
+#include "runtime/args.h"
+#include "runtime/fault.h"
+#include "runtime/memory.h"
 #include "flows/mask_alpha_flow.h"
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "matting/mask_job.h"
 #include "strokes/strokes_job.h"
 #include "qxiveilon31.h"

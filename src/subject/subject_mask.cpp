@@ -3,8 +3,8 @@
 #include <opencv2/imgproc.hpp>
 #include <sys/stat.h>
 
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "subject/subject_net.h"
 
 namespace qx::subject {

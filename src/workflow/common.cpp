@@ -4,8 +4,8 @@
 #include <opencv2/imgproc.hpp>
 #include <sstream>
 
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {

@@ -22,7 +22,7 @@
 #include <opencv2/imgproc/detail/gcgraph.hpp>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
-#include "frame/export_guard.h"
+#include "runtime/export_guard.h"
 #include "grabcut/grabcut_session.h"
 #include "grabcut/pyramid_cut.h"
 #include "workflow/grabcut_frame.h"

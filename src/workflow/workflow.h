@@ -8,9 +8,9 @@
 #include <opencv2/core.hpp>
 #include <string>
 
-#include "frame/fault.h"
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/fault.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "qxworkflow.h"
 
 namespace qx::workflow {
@@ -18,7 +18,7 @@ namespace qx::workflow {
 // Where a workflow's progress goes. Each library job it runs is given a span [lo, hi] of the
 // whole; the job's position is mapped into that span and never allowed to go back (the
 // library's counter falls back to half its total when a job overruns its estimate). The relay
-// hears the jobs as the thread's progress listener (frame/progress.h), for its whole life: every
+// hears the jobs as the thread's progress listener (runtime/progress.h), for its whole life: every
 // kick, and the finer positions inside the long steps (a factorisation, a reduced run's
 // doubling) that an export's own callback never hears. Jobs still take the relay through their
 // request's progress fields, so that they count as for any host, and the library takes a job's

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "editor/padded_plane.h"
-#include "frame/fpmode.h"
+#include "runtime/fpmode.h"
 #include "qxiveilon31.h"
 
 namespace {

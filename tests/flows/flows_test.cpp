@@ -18,8 +18,8 @@
 #include "flows/known_unknown.h"
 #include "flows/local_laplacian.h"
 #include "flows/unknown_unknown.h"
-#include "frame/fault.h"
-#include "frame/progress.h"
+#include "runtime/fault.h"
+#include "runtime/progress.h"
 #include "support/holes_scene.h"
 
 using namespace qx::flows;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
 #include "recovery_scene.h"

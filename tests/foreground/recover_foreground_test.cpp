@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "foreground/recovery.h"
-#include "frame/memory.h"
-#include "frame/progress.h"
+#include "runtime/memory.h"
+#include "runtime/progress.h"
 #include "image/primitives.h"
 #include "qxiveilon31.h"
 #include "recovery_scene.h"

@@ -17,7 +17,7 @@
 #include <limits>
 #include <vector>
 
-#include "frame/environment.h"
+#include "runtime/environment.h"
 #include "qxiveilon31.h"
 
 // QX_FUZZ_AVOID_KNOWN (build option of the same name): steer the inputs around faults that are

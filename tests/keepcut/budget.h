@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "frame/memory.h"
+#include "runtime/memory.h"
 
 namespace qxtest {
 

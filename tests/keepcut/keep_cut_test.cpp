@@ -6,7 +6,7 @@
 #include <functional>
 
 #include "budget.h"
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "image/primitives.h"
 #include "keepcut/keep_cut.h"
 #include "qxiveilon31.h"

@@ -8,7 +8,7 @@
 #include <random>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "matting/cfmatt.h"
 #include "matting_fixtures.h"
 

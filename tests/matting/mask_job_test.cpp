@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "frame/memory.h"
+#include "runtime/memory.h"
 #include "matting/mask_job.h"
 #include "solver/direct_solver.h"
 #include "matting_fixtures.h"

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"
 #include "support/holes_scene.h"

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "frame/memory.h"
+#include "runtime/memory.h"
 #include "qxworkflow.h"
 #include "subject/subject_net.h"
 #include "support/scenes.h"

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/memory.h"
+#include "runtime/memory.h"
 #include "support/scenes.h"
 
 namespace {

@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "frame/fault.h"
-#include "frame/memory.h"
+#include "runtime/fault.h"
+#include "runtime/memory.h"
 #include "workflow/workflow.h"
 
 extern char** environ;

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "qxiveilon31.h"
 #include "solver/direct_solver.h"
 #include "qxworkflow.h"

@@ -10,7 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "qxworkflow.h"
 #include "support/scenes.h"
 

@@ -1,4 +1,4 @@
-#include "frame/environment.h"
+#include "runtime/environment.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "frame/fpmode.h"
-#include "frame/progress.h"
-#include "frame/trace.h"
+#include "runtime/fpmode.h"
+#include "runtime/progress.h"
+#include "runtime/trace.h"
 #include "image/dispatch.h"
 #include "qxiveilon31.h"
 

@@ -1,4 +1,4 @@
-#include "frame/stage_clock.h"
+#include "runtime/stage_clock.h"
 
 #include <chrono>
 #include <mutex>

@@ -7,7 +7,7 @@
 #include <exception>
 #include <new>
 
-#include "frame/fpmode.h"
+#include "runtime/fpmode.h"
 
 namespace qx {
 
@@ -87,7 +87,7 @@ bool memoryMessage(const char* message);
 
 // Takes the job's progress callback out when an export returns, however it returns: nothing
 // calls the host back after its job.
-// Throws Fault::Cancelled when the calling thread's cancel flag is set (frame/progress.h).
+// Throws Fault::Cancelled when the calling thread's cancel flag is set (runtime/progress.h).
 void checkCancelled();
 
 struct JobEnd {

@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "frame/fault.h"
-#include "frame/progress.h"
+#include "runtime/fault.h"
+#include "runtime/progress.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Runs the library's entry when the shared object is loaded and unloaded. Kept out of the
 // static archive so that test programs, which link the archive, call the entry themselves.
-#include "frame/environment.h"
+#include "runtime/environment.h"
 
 namespace {
 

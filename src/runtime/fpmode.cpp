@@ -1,5 +1,5 @@
-#include "frame/fpmode.h"
-#include "frame/static_tls.h"
+#include "runtime/fpmode.h"
+#include "runtime/static_tls.h"
 
 #include <omp.h>
 #include <xmmintrin.h>

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 
 namespace qx {
 

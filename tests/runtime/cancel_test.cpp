@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "frame/progress.h"
+#include "runtime/progress.h"
 #include "solver/direct_backends.h"
 #include "qxiveilon31.h"
 #include "qxworkflow.h"

@@ -1,5 +1,5 @@
-#include "frame/fault.h"
-#include "frame/trace.h"
+#include "runtime/fault.h"
+#include "runtime/trace.h"
 
 #include <cstdint>
 #include <cstdio>

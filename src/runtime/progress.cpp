@@ -1,12 +1,12 @@
-#include "frame/progress.h"
+#include "runtime/progress.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <exception>
 
-#include "frame/fault.h"
-#include "frame/static_tls.h"
+#include "runtime/fault.h"
+#include "runtime/static_tls.h"
 
 namespace qx {
 namespace {

@@ -1,10 +1,10 @@
 // The boundary of the exports that answer every failure with one status (the brushes, tools,
 // previews, mask box and edge band): floating-point mode for the call's length and no C++
 // exception crossing into the host. Exports whose status depends on the failure go through
-// guardedExport() in frame/fault.h.
+// guardedExport() in runtime/fault.h.
 #pragma once
 
-#include "frame/fpmode.h"
+#include "runtime/fpmode.h"
 
 namespace qx {
 

@@ -1,4 +1,4 @@
-#include "frame/memory.h"
+#include "runtime/memory.h"
 
 #include <sys/resource.h>
 
@@ -10,7 +10,7 @@
 #include <sstream>
 #include <string>
 
-#include "frame/environment.h"
+#include "runtime/environment.h"
 
 namespace qx {
 namespace {

@@ -1,10 +1,10 @@
-#include "frame/fault.h"
+#include "runtime/fault.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/progress.h"
-#include "frame/static_tls.h"
+#include "runtime/progress.h"
+#include "runtime/static_tls.h"
 
 namespace qx {
 namespace {
