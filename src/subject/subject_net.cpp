@@ -1,6 +1,7 @@
 #include "subject/subject_net.h"
 
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <cstdlib>
 #include <map>
@@ -127,6 +128,19 @@ std::shared_ptr<SubjectNet> loadNet(const std::string& path) {
 std::string netModuleProblem() {
     std::string why;
     return netModule(&why) ? std::string() : why;
+}
+
+void releaseNet(const std::string& path) {
+    std::shared_ptr<SubjectNet> net;
+    {
+        std::lock_guard<std::mutex> lock(cacheMutex);
+        auto found = cache().find(path);
+        if (found == cache().end()) return;
+        net = std::move(found->second);
+        cache().erase(found);
+    }
+    net.reset();      // outside the lock: freeing the network's buffers takes a moment
+    malloc_trim(0);   // its many mid-sized blocks would otherwise stay in the process's heap
 }
 
 bool netLoaded(const std::string& path) {

@@ -29,6 +29,9 @@ class SubjectNet;
 // process's life, so that later calls (from any thread) don't read the file again. Throws
 // cv::Exception when the file is not a network OpenCV can read.
 std::shared_ptr<SubjectNet> loadNet(const std::string& path);
+// Lets the network of `path` go (a pass running on another thread keeps it until it ends) and
+// gives the freed memory back to the system; the next loadNet reads the file again.
+void releaseNet(const std::string& path);
 // Whether the network of `path` is loaded already (no file is read).
 bool netLoaded(const std::string& path);
 

@@ -9,12 +9,17 @@
 // narrow band along its edge is solved.
 #include <opencv2/imgproc.hpp>
 
+#include "subject/subject_net.h"
 #include "workflow/workflow.h"
 
 namespace qx::workflow {
 namespace {
 
 constexpr double kLeastOverlap = 0.5, kLeastKept = 0.25;
+// Above this many pixels the refinement and the colours need far more memory than the network
+// keeps between calls (about 0.8 GB of weights and working buffers): it is let go once its mask
+// is made, and the next call reads it again (about a second against a minute's job).
+constexpr int64_t kKeepNetPixels = 4000000;
 // The network sees a rectangle's surroundings too, this many percent of its sides either way.
 constexpr int kViewMargin = 10;
 // The narrow band of the fall-back: about 0.4% of the longer side, at least 3 pixels.
@@ -142,6 +147,9 @@ extern "C" QX_API QxwStatus qxwCutoutSubject(const QxwImage* image,
         QxwStatus s =
             subjectMask(bgr(seen), options ? options->modelPath : nullptr, &part, relay, job);
         if (s != QXW_OK) return s;
+        if (static_cast<int64_t>(bgr.total()) > kKeepNetPixels)
+            qx::subject::releaseNet(
+                qx::subject::modelPath(options ? options->modelPath : nullptr));
         soft = cv::Mat::zeros(bgr.size(), CV_8UC1);
         part.copyTo(soft(seen));
         relay.span(0.35, 1.0);
