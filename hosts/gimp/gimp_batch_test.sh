@@ -42,7 +42,7 @@ Image.fromarray(np.where(t >= 128, 255, 0).astype(np.uint8)).filter(
     ImageFilter.GaussianBlur(3)).save('coarse.png')" || exit 1
 
 HOME="$work/home" GIMP2_DIRECTORY="$work/gimp" XDG_CONFIG_HOME="$work/home/.config" \
-XDG_CACHE_HOME="$work/home/.cache" timeout 150 "$gimp" -i -d -f \
+XDG_CACHE_HOME="$work/home/.cache" timeout 450 "$gimp" -i -d -f \
   -b "$(cat "$here/gimp_batch_test.scm") (qx-batch-test ${rect//,/ })" \
   -b '(gimp-quit 0)' > gimp.log 2>&1
 if ! grep -q "qx batch test: done" gimp.log; then
