@@ -17,7 +17,9 @@
 // rcm, reg, dims (colour mixture: K, spatial weight, search radius, regularisation, rebuilt
 // dimensions), kku, sku, rku (known-to-unknown), kuu, suu (intra-unknown), eps (local
 // Laplacian), ccm, cku, cuu (points a neighbour search compares, 0 exact), tol, it (solver), start (1: from the known-to-unknown estimate), hard (the mask
-// job's hard-value rule). --cache DIR keeps infoFlow's results (and times) between runs.
+// job's hard-value rule), coarse (pixels a side of the preconditioner's aggregates, 0: the
+// diagonal alone), cmin (fewest aggregates for a coarse level). --cache DIR keeps infoFlow's
+// results (and times) between runs.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -98,6 +100,10 @@ bool parseFlow(const std::string& recipe, qx::flows::FlowOptions& o) {
         else if (k == "it") o.maxIterations = int(v);
         else if (k == "start") o.startFromEstimate = v != 0;
         else if (k == "hard") o.hardValueRule = v != 0;
+        else if (k == "coarse") o.coarse.aggregate = int(v);
+        else if (k == "cmin") o.coarse.minUnknowns = int(v);
+        else if (k == "cdrop") o.coarse.dropTolerance = v;
+        else if (k == "cbytes") o.coarse.factorBytesPerUnknown = v;
         else return false;
     }
     return true;
@@ -322,12 +328,13 @@ int main(int argc, char** argv) {
                 if (verbose && m.kind == Kind::Flow)
                     std::fprintf(stderr,
                                  "set %d %s %-8s n=%d it=%d res=%.1e conf %.3f  cm %.3f ku %.3f uu %.3f l %.3f "
-                                 "solve %.3f  SAD %.2f\n",
+                                 "solve %.3f (coarse %d, %zu entries, %.3f)  total %.3f  SAD %.2f\n",
                                  set, names[i].c_str(), m.name.c_str(), stats.unknowns,
                                  stats.iterations, stats.relativeResidual, stats.meanConfidence,
                                  stats.seconds[0],
                                  stats.seconds[1], stats.seconds[2], stats.seconds[3],
-                                 stats.seconds[4], r.sad);
+                                 stats.seconds[4], stats.coarseUnknowns,
+                                 stats.coarseFactorEntries, stats.coarseSeconds, r.seconds, r.sad);
                 results[k][i] = r;
             }
         }

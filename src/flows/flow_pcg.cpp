@@ -32,20 +32,63 @@ double blockSum(int n, std::vector<double>& partial, Term term) {
     return s;
 }
 
+// Two sums at once: the first returned, the second (what term sets in its second argument) in
+// `second`, each summed as blockSum sums.
+template <typename Term>
+double blockSum2(int n, std::vector<double>& partial, double& second, Term term) {
+    const int blocks = (n + kBlock - 1) / kBlock;
+    partial.assign(size_t(blocks) * 2, 0.0);
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
+    for (int b = 0; b < blocks; ++b) {
+        const int end = std::min(n, (b + 1) * kBlock);
+        double s = 0.0, t = 0.0;
+        for (int i = b * kBlock; i < end; ++i) {
+            double u = 0.0;
+            s += term(i, u);
+            t += u;
+        }
+        partial[size_t(b) * 2] = s;
+        partial[size_t(b) * 2 + 1] = t;
+    }
+    double s = 0.0, t = 0.0;
+    for (int b = 0; b < blocks; ++b) {
+        s += partial[size_t(b) * 2];
+        t += partial[size_t(b) * 2 + 1];
+    }
+    second = t;
+    return s;
+}
+
 }  // namespace
 
 PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, int maxIterations,
-                       const Poll& poll) {
+                       const Poll& poll, const CoarseLevel* coarse) {
     const int n = system.n;
     PcgResult result;
     if (n == 0) return result;
+    if (coarse && static_cast<int>(coarse->aggregateOf().size()) != n) coarse = nullptr;
     const size_t count = static_cast<size_t>(n);
-    std::vector<double> r(count), z(count), p(count), q(count), inv(count);
-    std::vector<double> scratch, partial;
+    std::vector<double> r(count), p(count), q(count), inv(count);
+    std::vector<double> scratch, partial, rc, restricted, work;
     for (int i = 0; i < n; ++i) {
         const double d = system.diagonal[size_t(i)];
         inv[size_t(i)] = d > 0.0 ? 1.0 / d : 1.0;
     }
+    const int* agg = coarse ? coarse->aggregateOf().data() : nullptr;
+    if (coarse) {
+        rc.resize(size_t(coarse->unknowns()));
+        restricted.resize(rc.size());
+    }
+    // The coarse part of r.z: z's coarse part is P ec with ec = Ac^-1 P^T r, so r.(P ec) = rc.ec
+    // over the aggregates (summed in their order). rc is left holding ec.
+    auto coarseCorrection = [&]() {
+        coarse->restrictResidual(r.data(), restricted.data());
+        rc = restricted;
+        coarse->solve(rc.data(), work);
+        double s = 0.0;
+        for (size_t a = 0; a < rc.size(); ++a) s += restricted[a] * rc[a];
+        return s;
+    };
     const double* b = system.rhs.data();
     const double bNorm = std::sqrt(blockSum(n, partial, [&](int i) { return b[i] * b[i]; }));
     system.apply(x, q.data(), scratch);
@@ -55,10 +98,12 @@ PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, in
     });
     const double goal = tolerance * (bNorm > 0.0 ? bNorm : 1.0);
     double rz = blockSum(n, partial, [&](int i) {
-        z[size_t(i)] = inv[size_t(i)] * r[size_t(i)];
-        p[size_t(i)] = z[size_t(i)];
-        return r[size_t(i)] * z[size_t(i)];
+        return r[size_t(i)] * (inv[size_t(i)] * r[size_t(i)]);
     });
+    if (coarse) rz += coarseCorrection();
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
+    for (int i = 0; i < n; ++i)
+        p[size_t(i)] = inv[size_t(i)] * r[size_t(i)] + (agg ? rc[size_t(agg[i])] : 0.0);
     const double firstResidual = std::sqrt(rr);
     int it = 0;
     while (std::sqrt(rr) > goal && it < maxIterations) {
@@ -66,19 +111,20 @@ PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, in
         const double pq = blockSum(n, partial, [&](int i) { return p[size_t(i)] * q[size_t(i)]; });
         if (!(pq > 0.0)) break;  // no curvature left along p: a singular direction
         const double alpha = rz / pq;
-        rr = blockSum(n, partial, [&](int i) {
+        double rzNew = 0.0;
+        rr = blockSum2(n, partial, rzNew, [&](int i, double& rzi) {
             x[i] += alpha * p[size_t(i)];
             r[size_t(i)] -= alpha * q[size_t(i)];
+            rzi = r[size_t(i)] * (inv[size_t(i)] * r[size_t(i)]);
             return r[size_t(i)] * r[size_t(i)];
         });
-        const double rzNew = blockSum(n, partial, [&](int i) {
-            z[size_t(i)] = inv[size_t(i)] * r[size_t(i)];
-            return r[size_t(i)] * z[size_t(i)];
-        });
+        if (coarse) rzNew += coarseCorrection();
         const double beta = rzNew / rz;
         rz = rzNew;
 #pragma omp parallel for schedule(static) if (n >= kParallelRows)
-        for (int i = 0; i < n; ++i) p[size_t(i)] = z[size_t(i)] + beta * p[size_t(i)];
+        for (int i = 0; i < n; ++i)
+            p[size_t(i)] = inv[size_t(i)] * r[size_t(i)] + (agg ? rc[size_t(agg[i])] : 0.0) +
+                           beta * p[size_t(i)];
         ++it;
         if (it % kCheckEvery == 0) {
             // The part done: how far the residual has come down the orders of magnitude between

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <memory>
 #include <vector>
 
 #include "flows/flow_pcg.h"
@@ -74,8 +75,17 @@ void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char
         const FlowSystem system = assembleFlowSystem(sets, terms, w);
         if (options.startFromEstimate && estimate.alpha.size() == size_t(n))
             for (int i = 0; i < n; ++i) x[size_t(i)] = estimate.alpha[size_t(i)];
+        const auto tc = Clock::now();
+        const std::unique_ptr<CoarseLevel> coarse =
+            CoarseLevel::build(system, sets.unknown.data(), image.width, options.coarse);
+        st.coarseSeconds = since(tc);
+        if (coarse) {
+            st.coarseUnknowns = coarse->unknowns();
+            st.coarseFactorEntries = coarse->factorEntries();
+        }
+        options.poll();
         const PcgResult r = solveFlowPcg(system, x.data(), options.tolerance,
-                                         options.maxIterations, options.poll);
+                                         options.maxIterations, options.poll, coarse.get());
         st.iterations = r.iterations;
         st.relativeResidual = r.relativeResidual;
     }

@@ -5,6 +5,7 @@
 // planes, tri-map, codes) and writes alpha over the whole box: decided pixels 0 or 255.
 #pragma once
 
+#include "flows/coarse_level.h"
 #include "flows/colour_mixture.h"
 #include "flows/flow_image.h"
 #include "flows/flow_system.h"
@@ -20,6 +21,9 @@ struct FlowOptions {
     UnknownUnknownOptions intra;
     // The local Laplacian's colour model regularisation (the workflows' plain solve takes 1e-8).
     double localEpsilon = 1e-8;
+    // The conjugate gradients' preconditioner: the diagonal, with a coarse level of aggregates
+    // when coarse.aggregate > 0 (flows/coarse_level.h; left out for small systems).
+    CoarseOptions coarse;
     double tolerance = 1e-4;
     int maxIterations = 2000;
     // First guess: the known-to-unknown estimate (true) or 0.5 everywhere.
@@ -28,7 +32,7 @@ struct FlowOptions {
     bool hardValueRule = false;
     // Called between pieces of work, between slices of the searches and every 4th iteration;
     // the cancel flag is looked at there too. Progress goes to the calling thread's innermost
-    // span (frame/progress.h): five stages, the searches by slice, the solve by its residual.
+    // span (runtime/progress.h): five stages, the searches by slice, the solve by its residual.
     Poll poll;
 };
 
@@ -37,6 +41,9 @@ struct FlowStats {
     int unknowns = 0;
     int iterations = 0;
     double relativeResidual = 0.0;
+    int coarseUnknowns = 0;         // 0: the diagonal preconditioner alone
+    size_t coarseFactorEntries = 0;
+    double coarseSeconds = 0.0;     // forming and factorising Ac (within seconds[4])
     double meanConfidence = 0.0;  // of the known-to-unknown estimates (when made)
     double seconds[5] = {};  // mixture, known-unknown, intra-unknown, local, system + solve
 };
