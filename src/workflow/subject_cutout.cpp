@@ -7,6 +7,15 @@
 // its hard selection overlaps the mask's by less than kLeastOverlap (intersection over union),
 // or keeps less than kLeastKept of the mask's area, the mask is trusted as it stands and only a
 // narrow band along its edge is solved.
+//
+// A user's rectangle is drawn around the whole subject, so the subject reaches close to its
+// sides (within a few percent). When the network's selection in the rectangle spans less than
+// kLeastSpan of its width or of its height, the network has found only part of the subject (a
+// second flower it doubts, a limb): the selection is made by GrabCut in the rectangle instead,
+// with the network's sure core (its mask at 230 and above, eroded) as keep strokes beside the
+// user's, and that selection is refined. On the benchmark photos with the rectangle grown 5%
+// around the truth, the network's selection spans 0.90-1.00 of the rectangle where it found the
+// subject and 0.84 where it missed a second flower (IoU 0.80 refined, 0.997 so).
 #include <opencv2/imgproc.hpp>
 
 #include "subject/subject_net.h"
@@ -16,6 +25,8 @@ namespace qx::workflow {
 namespace {
 
 constexpr double kLeastOverlap = 0.5, kLeastKept = 0.25;
+constexpr double kLeastSpan = 0.88;
+constexpr int kSureCore = 230, kCoreErosion = 4;
 // Above this many pixels the refinement and the colours need far more memory than the network
 // keeps between calls (about 0.8 GB of weights and working buffers): it is let go once its mask
 // is made, and the next call reads it again (about a second against a minute's job).
@@ -25,6 +36,10 @@ constexpr int kViewMargin = 10;
 // The narrow band of the fall-back: about 0.4% of the longer side, at least 3 pixels.
 int fallbackBand(const cv::Size& size) {
     return std::max(3, std::max(size.width, size.height) / 250);
+}
+
+cv::Mat disc(int radius) {
+    return cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * radius + 1, 2 * radius + 1));
 }
 
 bool trustworthy(const cv::Mat& refined, const cv::Mat& mask) {
@@ -53,16 +68,37 @@ void applyFixed(cv::Mat& plane, const cv::Mat& fixed) {
     plane.setTo(0, fixed == 0);
 }
 
+// Whether the mask's selection (128 and above) inside rect falls short of the rectangle's width
+// or height by more than kLeastSpan allows.
+bool fallsShort(const cv::Mat& mask, const cv::Rect& rect) {
+    if (rect.empty()) return false;
+    const cv::Rect box = cv::boundingRect(mask(rect) >= 128);
+    return box.width < kLeastSpan * rect.width || box.height < kLeastSpan * rect.height;
+}
+
+// GrabCut's selection in rect with the mask's sure core as keep strokes under the user's own.
+QxwStatus seededSelection(const cv::Mat& bgr, const cv::Mat& mask, const cv::Mat& strokes,
+                          const cv::Rect& rect, cv::Mat* selection, Relay& relay, QxwJob* job) {
+    cv::Mat seeds(bgr.size(), CV_8UC1, cv::Scalar(128));
+    const cv::Mat core = mask >= kSureCore;
+    cv::Mat eroded;
+    cv::erode(core, eroded, disc(kCoreErosion));
+    seeds.setTo(QXW_KEEP, eroded);
+    if (!strokes.empty()) {
+        seeds.setTo(QXW_KEEP, strokes == QXW_KEEP);
+        seeds.setTo(QXW_CUT, strokes == QXW_CUT);
+    }
+    return selectSubject(bgr, seeds, rect, 0, selection, nullptr, relay, job);
+}
+
 // The mask trusted as it stands: a band of fallbackBand pixels either side of its edge solved.
 QxwStatus narrowBand(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, Relay& relay,
                      QxwJob* job) {
     const cv::Mat hard = mask >= 128;
-    const int r = fallbackBand(mask.size());
-    const cv::Mat disc =
-        cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * r + 1, 2 * r + 1));
+    const cv::Mat round = disc(fallbackBand(mask.size()));
     cv::Mat grown, shrunk;
-    cv::dilate(hard, grown, disc);
-    cv::erode(hard, shrunk, disc);
+    cv::dilate(hard, grown, round);
+    cv::erode(hard, shrunk, round);
     cv::Mat trimap = hard.clone();
     trimap.setTo(128, grown != shrunk);
     if (cv::countNonZero(trimap == 128) == 0) {
@@ -99,8 +135,22 @@ QxwStatus cutoutFromSubject(const cv::Mat& bgr, const cv::Mat& soft, const cv::M
     const double lo = relay.spanLow(), hi = relay.spanHigh();
     auto at = [&](double part) { return lo + (hi - lo) * part; };
     const double refineEnd = colours ? 0.7 : 0.85, bandEnd = colours ? 0.8 : 1.0;
+    double start = 0.0;
+    QxwStatus s = QXW_OK;
+    if (fallsShort(mask, rect)) {
+        start = 0.15;
+        cv::Mat selection;
+        s = withinSpan(relay, job, at(0.0), at(start), [&](Relay& r, QxwJob* j) {
+            return seededSelection(bgr, mask, strokes, rect, &selection, r, j);
+        });
+        if (s == QXW_CANCELLED) return s;
+        if (s == QXW_OK && cv::countNonZero(selection) > 0) {
+            mask = selection;
+            applyFixed(mask, fixed);
+        }
+    }
     cv::Mat result;
-    QxwStatus s = withinSpan(relay, job, at(0.0), at(refineEnd), [&](Relay& r, QxwJob* j) {
+    s = withinSpan(relay, job, at(start), at(refineEnd), [&](Relay& r, QxwJob* j) {
         return refineMask(bgr, mask, &result, nullptr, r, j);
     });
     if (s == QXW_CANCELLED) return s;

@@ -205,6 +205,23 @@ TEST(SubjectCombine, RectangleIsBackgroundOutsideAndStrokesOverrideTheMask) {
     EXPECT_NE(none.message.find("no subject"), std::string::npos) << none.message;
 }
 
+// A network's mask holding only the left half of the subject: with the rectangle a user draws
+// around the whole subject, the mask falls short of its sides and GrabCut, seeded by the mask's
+// sure core, finds the rest by colour; without a rectangle nothing says the mask is short.
+TEST(SubjectCombine, AMaskFallingShortOfTheUsersRectangleIsCompletedByGrabCut) {
+    const qxtest::DiscScene s(200, 150, 40, 3, 3);
+    const cv::Mat truth = view(s.alpha, s.w, s.h);
+    cv::Mat half = truth.clone();
+    half(cv::Rect(s.w / 2, 0, s.w - s.w / 2, s.h)).setTo(0);
+    const cv::Rect rect(s.w / 2 - 44, s.h / 2 - 44, 88, 88);  // the disc's box grown by 5%
+    const Combined with = combine(s, half, cv::Mat(), rect);
+    ASSERT_EQ(with.status, QXW_OK) << with.message;
+    EXPECT_GT(iou(with.alpha, truth), 0.95);
+    const Combined without = combine(s, half, cv::Mat(), cv::Rect());
+    ASSERT_EQ(without.status, QXW_OK) << without.message;
+    EXPECT_LT(iou(without.alpha, truth), 0.75);
+}
+
 // A mask the refinement can't use (soft all over: nothing it may hold as sure) is trusted as it
 // stands rather than lost.
 TEST(SubjectCombine, AMaskTheRefinementLosesIsKept) {
