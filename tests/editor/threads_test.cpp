@@ -58,7 +58,6 @@ std::vector<uint8_t> round(unsigned seed) {
     KeepCutRequest hair{};
     hair.srcImage = image.data();
     hair.srcStep = image.step;
-    hair.alphaPlane = alpha.data();
     hair.alphaStep = alpha.step;
     hair.fullWidth = w;
     hair.fullHeight = h;

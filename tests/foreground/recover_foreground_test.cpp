@@ -138,83 +138,30 @@ TEST_F(Recovery, DecidedAlphaSkipsEveryCellAndCopiesTheSourceInsideTheFrame) {
         }
 }
 
-TEST_F(Recovery, FramesOfBothEntries) {
-    // Alpha 0 keeps the source (255) everywhere; the destination starts at 0.
-    for (int mode : {0, 1}) {
-        Host h(20, 20);
-        for (size_t i = 0; i < h.src.size(); ++i) h.src[i] = 255;
-        h.region(2, 3, 9, 9);
-        h.req.regionMode = mode;
-        ASSERT_EQ(qxRecoverForegroundCell(&h.req, mode), 1);
-        // The window is 1 in the middle: the centre is written in both modes.
-        EXPECT_GE(h.px(h.dst, 2 + 4, 3 + 4)[0], 250) << mode;
-        // Two columns left of the centre the window is well above 0: written with a frame of 1,
-        // left alone with a frame of 3.
-        const int v = h.px(h.dst, 2 + 2, 3 + 4)[0];
-        if (mode == 0) {
-            EXPECT_GT(v, 20);
-        } else {
-            EXPECT_EQ(v, 0);
-        }
-        // Outside the region nothing changes; byte 3 is never written.
-        for (int y = 0; y < 20; ++y)
-            for (int x = 0; x < 20; ++x) {
-                const bool in = x >= 2 && x < 11 && y >= 3 && y < 12;
-                if (!in) {
-                    ASSERT_EQ(h.px(h.dst, x, y)[0], 0);
-                }
-                ASSERT_EQ(h.px(h.dst, x, y)[3], 0);
-            }
-    }
-    // A region of 5 x 5 with regionMode set leaves nothing inside a frame of 3.
-    Host h(20, 20);
-    for (size_t i = 0; i < h.src.size(); ++i) h.src[i] = 255;
-    h.region(2, 3, 5, 5);
-    h.req.regionMode = 1;
-    ASSERT_EQ(qxRecoverForegroundCell(&h.req, 1), 1);
-    EXPECT_TRUE(std::all_of(h.dst.begin(), h.dst.end(), [](uint8_t v) { return v == 0; }));
-}
-
-// ---- Feathering ------------------------------------------------------------------------------
-
+// Feathering follows the edge ramp; only the low byte of the flag counts.
 TEST_F(Recovery, EdgeBlendFollowsTheRamp) {
-    Host h(200, 150, 100);
-    for (size_t i = 0; i < h.src.size(); ++i) h.src[i] = 201;  // alpha 0: the source is kept
-    ASSERT_EQ(qxRecoverForeground(&h.req, 1), 0);
-    EXPECT_EQ(h.px(h.dst, 32, 75)[0], 150);   // 0.5 * 201 + 0.5 * 100 = 150.5
-    EXPECT_EQ(h.px(h.dst, 3, 3)[1], 100);     // (3/64)^2: 100.2
-    EXPECT_EQ(h.px(h.dst, 100, 75)[2], 201);
-    EXPECT_EQ(h.px(h.dst, 180, 75)[0], 131);  // (20/64) * 201 + (44/64) * 100 = 131.56
-    // Only the low byte of the flag counts.
-    Host g(200, 150, 100);
-    for (size_t i = 0; i < g.src.size(); ++i) g.src[i] = 201;
-    ASSERT_EQ(qxRecoverForeground(&g.req, 0x100), 0);
-    EXPECT_EQ(g.px(g.dst, 32, 75)[0], 201);
+    for (int flag : {1, 0x100}) {
+        Host h(200, 150, 100);
+        std::fill(h.src.begin(), h.src.end(), 201);  // alpha 0: the source is kept
+        ASSERT_EQ(qxRecoverForeground(&h.req, flag), 0);
+        EXPECT_EQ(h.px(h.dst, 32, 75)[0], flag == 1 ? 150 : 201);  // 0.5 * 201 + 0.5 * 100
+        EXPECT_EQ(h.px(h.dst, 100, 75)[2], 201);
+    }
 }
 
 // ---- Progress ----------------------------------------------------------------------------------
 
-struct Calls {
-    std::vector<int> current, total;
-};
-int record(int current, int total, void* param) {
-    auto* c = static_cast<Calls*>(param);
-    c->current.push_back(current);
-    c->total.push_back(total);
-    return 1;
-}
-
 TEST_F(Recovery, CellWiseInstallsItsProgressAndSteps650) {
     // 800 x 600 at 0.18 is 144 x 108: two cells across, one down, so the step is
     // 0.065 * (20000 / 2) = 650.
-    // The cell-wise recovery of a disc with `record` as its progress, reporting to `c`.
-    const auto run = [](int w, int h, double r, Calls* c) {
+    // The cell-wise recovery of a disc reporting its progress to `c`.
+    const auto run = [](int w, int h, double r, fgtest::Reports* c) {
         Host host(fgtest::discScene(w, h, r, 0.3 * r));
-        host.req.progProc = record;
+        host.req.progProc = &fgtest::Reports::proc;
         host.req.progParam = c;
         EXPECT_EQ(qxRecoverForegroundCell(&host.req, 0), 1);
     };
-    Calls calls;
+    fgtest::Reports calls;
     run(800, 600, 200.0, &calls);
     ASSERT_GE(calls.current.size(), 3u);
     EXPECT_EQ(calls.current[0], 0);  // the opening tick, before the step is set
@@ -223,11 +170,11 @@ TEST_F(Recovery, CellWiseInstallsItsProgressAndSteps650) {
         const int expected = calls.current[i - 1] + 650;
         EXPECT_EQ(calls.current[i], expected >= 20000 ? 10000 : expected) << i;
     }
-    // A null parameter: no call at all (record would write through it).
+    // A null parameter: no call at all (proc would write through it).
     run(800, 600, 200.0, nullptr);
     // The walk visits a one-cell image's cell twice and solves it once; the host must still see
     // the reports of two solves, as here (400 x 300 at 0.18 is 72 x 54, one cell).
-    Calls oneCell;
+    fgtest::Reports oneCell;
     run(400, 300, 100.0, &oneCell);
     EXPECT_EQ(oneCell.current.size(), calls.current.size());
 }

@@ -74,4 +74,14 @@ inline double fgError(const Scene& s, const uint8_t* est, int channels, int inse
     return e;
 }
 
+// Progress reports of one job.
+struct Reports {
+    std::vector<int> current, total;
+    static int proc(int current, int total, void* self) {
+        static_cast<Reports*>(self)->current.push_back(current);
+        static_cast<Reports*>(self)->total.push_back(total);
+        return 1;
+    }
+};
+
 }  // namespace fgtest

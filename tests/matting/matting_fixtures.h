@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -30,23 +31,6 @@ struct PaddedPlane {
                 if (bytes[static_cast<size_t>(y) * step + x] != 0xEE) return false;
         return true;
     }
-};
-
-// Three planes of uniformly random bytes.
-struct RandomPlanes {
-    PaddedPlane planes[3];
-    unsigned char* ptrs[3];
-    RandomPlanes(int w, int h, unsigned seed) {
-        std::mt19937 rng(seed);
-        std::uniform_int_distribution<int> byte(0, 255);
-        for (int c = 0; c < 3; ++c) {
-            planes[c] = PaddedPlane(w, h);
-            for (int y = 0; y < h; ++y)
-                for (int x = 0; x < w; ++x) planes[c].at(x, y) = static_cast<unsigned char>(byte(rng));
-            ptrs[c] = planes[c].data();
-        }
-    }
-    int step() const { return planes[0].step; }
 };
 
 // A composite I = a F + (1 - a) B over three planes, with a soft disc as alpha: 1 inside
@@ -78,10 +62,7 @@ struct Composite {
                     planes[c].at(x, y) = static_cast<unsigned char>(std::lround(std::clamp(v, 0.0, 255.0)));
                 }
                 // Undecided within `band` pixels of the soft edge.
-                unsigned char code = 128;
-                if (d < r0 - band) code = 255;
-                else if (d > r1 + band) code = 0;
-                trimap.at(x, y) = code;
+                trimap.at(x, y) = d < r0 - band ? 255 : d > r1 + band ? 0 : 128;
             }
         }
     }
@@ -103,37 +84,8 @@ struct Composite {
         return n ? sum / n : 0.0;
     }
     int unknownCount() const {
-        int n = 0;
-        for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x) n += trimap.at(x, y) == 128;
-        return n;
+        return int(std::count(trimap.bytes.begin(), trimap.bytes.end(), 128));
     }
 };
-
-// Dense solve of A x = b by Gaussian elimination with partial pivoting (test reference).
-inline std::vector<double> denseSolve(std::vector<double> A, std::vector<double> b) {
-    const int n = static_cast<int>(b.size());
-    for (int k = 0; k < n; ++k) {
-        int p = k;
-        for (int i = k + 1; i < n; ++i)
-            if (std::fabs(A[i * n + k]) > std::fabs(A[p * n + k])) p = i;
-        if (p != k) {
-            for (int j = 0; j < n; ++j) std::swap(A[k * n + j], A[p * n + j]);
-            std::swap(b[k], b[p]);
-        }
-        for (int i = k + 1; i < n; ++i) {
-            const double f = A[i * n + k] / A[k * n + k];
-            for (int j = k; j < n; ++j) A[i * n + j] -= f * A[k * n + j];
-            b[i] -= f * b[k];
-        }
-    }
-    std::vector<double> x(n);
-    for (int i = n - 1; i >= 0; --i) {
-        double s = b[i];
-        for (int j = i + 1; j < n; ++j) s -= A[i * n + j] * x[j];
-        x[i] = s / A[i * n + i];
-    }
-    return x;
-}
 
 }  // namespace qxtest
