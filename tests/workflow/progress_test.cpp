@@ -5,10 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
@@ -54,12 +51,6 @@ std::vector<unsigned char> maskAlpha(const DiscScene& s, bool plain, Calls* call
     return mask;
 }
 
-Calls maskAlphaCalls(const DiscScene& s, bool plain) {
-    Calls calls;
-    maskAlpha(s, plain, &calls);
-    return calls;
-}
-
 Calls strokesCalls(const DiscScene& s, int budgetMB) {
     const std::vector<unsigned char> coded = qxtest::libraryCoding(s.strokes);
     std::vector<unsigned char> alpha(coded.size());
@@ -95,35 +86,32 @@ Calls foregroundCalls(const DiscScene& s) {
     return calls;
 }
 
-struct Expected {
-    const char* what;
-    size_t count;
-    int64_t sum;
-    int total;
-};
-
-void expectCalls(const Calls& c, const Expected& e) {
-    SCOPED_TRACE(e.what);
-    EXPECT_EQ(c.seen.size(), e.count);
-    EXPECT_EQ(c.sum(), e.sum);
-    if (!c.seen.empty()) {
-        EXPECT_EQ(c.seen.back().second, e.total);
-    }
+void expectCalls(const Calls& c, const char* what, size_t count, int64_t sum, int total) {
+    SCOPED_TRACE(what);
+    EXPECT_EQ(c.seen.size(), count);
+    EXPECT_EQ(c.sum(), sum);
+    if (!c.seen.empty()) { EXPECT_EQ(c.seen.back().second, total); }
 }
 
 // What each export's progProc was given before the workflows had a listener, counted on these
 // inputs with the library as it was: the listener must leave it exactly so.
 void expectTheExportsCallsAsTheyWere() {
     const DiscScene small = disc(320, 240, 80, 6);
-    expectCalls(maskAlphaCalls(small, false), {"qxMaskAlpha", 12, 780, 130});
-    expectCalls(maskAlphaCalls(small, true), {"qxMaskAlphaPlain", 12, 780, 130});
     const DiscScene large = disc(1300, 1200, 400, 3);  // 1.56 MP: a half-size run
-    expectCalls(maskAlphaCalls(large, true), {"qxMaskAlphaPlain half", 13, 845, 130});
-    expectCalls(strokesCalls(small, 0), {"qxStrokesToAlpha", 12, 780, 130});
-    expectCalls(strokesCalls(small, 1), {"qxStrokesToAlpha reduced", 0, 0, 0});
-    expectCalls(keepCutCalls(small, 1), {"qxKeepCutToAlpha", 256, 2269824, 20000});
-    expectCalls(keepCutCalls(small, 0), {"qxKeepCutToAlpha half", 123, 526194, 20000});
-    expectCalls(foregroundCalls(small), {"qxRecoverForegroundFull", 60, 1830, 61});
+    const auto mask = [](const DiscScene& s, bool plain) { Calls c; maskAlpha(s, plain, &c); return c; };
+    expectCalls(mask(small, false), "qxMaskAlpha", 12, 780, 130);
+    expectCalls(mask(small, true), "qxMaskAlphaPlain", 12, 780, 130);
+    expectCalls(mask(large, true), "qxMaskAlphaPlain half", 13, 845, 130);
+    expectCalls(strokesCalls(small, 0), "qxStrokesToAlpha", 12, 780, 130);
+    expectCalls(strokesCalls(small, 1), "qxStrokesToAlpha reduced", 0, 0, 0);
+    expectCalls(keepCutCalls(small, 1), "qxKeepCutToAlpha", 256, 2269824, 20000);
+    expectCalls(keepCutCalls(small, 0), "qxKeepCutToAlpha half", 123, 526194, 20000);
+    expectCalls(foregroundCalls(small), "qxRecoverForegroundFull", 60, 1830, 61);
+}
+
+bool allOnThisThread(const std::vector<std::thread::id>& threads) {
+    return std::all_of(threads.begin(), threads.end(),
+                       [](std::thread::id t) { return t == std::this_thread::get_id(); });
 }
 
 // What a listener hears, and on which thread.
@@ -131,13 +119,8 @@ struct Heard {
     std::vector<double> at;
     std::vector<std::thread::id> threads;
     static void record(double fraction, void* param) {
-        auto* h = static_cast<Heard*>(param);
-        h->at.push_back(fraction);
-        h->threads.push_back(std::this_thread::get_id());
-    }
-    bool onThisThread() const {
-        return std::all_of(threads.begin(), threads.end(),
-                           [](std::thread::id t) { return t == std::this_thread::get_id(); });
+        static_cast<Heard*>(param)->at.push_back(fraction);
+        static_cast<Heard*>(param)->threads.push_back(std::this_thread::get_id());
     }
 };
 
@@ -152,7 +135,7 @@ TEST(ExportProgress, TheExportsCallTheirHostsAsTheyDidWithOrWithoutAListener) {
     }
     EXPECT_FALSE(qx::progressListening());
     EXPECT_GT(heard.at.size(), 500u);
-    EXPECT_TRUE(heard.onThisThread());
+    EXPECT_TRUE(allOnThisThread(heard.threads));
 }
 
 // The reduced run of the stroke engine told its host nothing (its progProc is not handed to the
@@ -294,13 +277,7 @@ struct Timeline {
         for (double t : seconds) gap = std::max(gap, t - last), last = t;
         return std::max(gap, total - last) / total;
     }
-    bool onTheCallersThread() const {
-        return std::all_of(threads.begin(), threads.end(),
-                           [](std::thread::id t) { return t == std::this_thread::get_id(); });
-    }
     void expectTenStepsSpreadOverTime() const {
-        std::printf("%zu reports in %.2f s, longest gap %.0f%% of the job\n", fractions.size(),
-                    total, 100 * longestGap());
         EXPECT_TRUE(std::adjacent_find(fractions.begin(), fractions.end(),
                                        [](double a, double b) { return b <= a; }) ==
                     fractions.end());
@@ -308,7 +285,7 @@ struct Timeline {
         ASSERT_FALSE(fractions.empty());
         EXPECT_EQ(fractions.back(), 1.0);
         EXPECT_LT(longestGap(), 0.35);
-        EXPECT_TRUE(onTheCallersThread());
+        EXPECT_TRUE(allOnThisThread(threads));
         EXPECT_FALSE(afterReturn);
     }
 };
@@ -358,7 +335,7 @@ TEST(WorkflowProgressCancel, ACancelledJobStopsAtOnceAndReportsNoMore) {
     ASSERT_LT(at, t.fractions.size());
     EXPECT_LT(t.total - t.seconds[at], 1.0);
     EXPECT_TRUE(std::is_sorted(t.fractions.begin(), t.fractions.end()));
-    EXPECT_TRUE(t.onTheCallersThread());
+    EXPECT_TRUE(allOnThisThread(t.threads));
     EXPECT_TRUE(std::all_of(alpha.begin(), alpha.end(), [](unsigned char a) { return a == 77; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(t.afterReturn);
