@@ -11,9 +11,9 @@
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <set>
-#include <utility>
 #include <vector>
 
 #include "flows/coarse_level.h"
@@ -34,15 +34,18 @@ using flowtest::Scene;
 
 namespace {
 
+using Rows = std::vector<std::vector<std::pair<int, float>>>;
+
 // A scene's system with all four terms at the workflows' weights, and its pixel sets.
 struct SceneSystem {
+    Scene scene;
     PixelSets sets;
     FlowSystem system;
 };
 
-SceneSystem sceneSystem(const Scene& s) {
-    SceneSystem out;
-    const FlowImage image = s.image();
+SceneSystem sceneSystem(int size, int band) {
+    SceneSystem out{holesScene(size, band), {}, {}};
+    const FlowImage image = out.scene.image();
     out.sets = classifyPixels(image);
     const WeightRows cm = colourMixtureWeights(image, out.sets, {});
     const WeightRows uu = unknownUnknownWeights(image, out.sets, {});
@@ -52,88 +55,59 @@ SceneSystem sceneSystem(const Scene& s) {
     return out;
 }
 
+const SceneSystem& scene64() {
+    static const SceneSystem ss = sceneSystem(64, 8);
+    return ss;
+}
+
+std::unique_ptr<CoarseLevel> sceneLevel(const SceneSystem& ss, int aggregate, double drop = 0.01) {
+    CoarseOptions o;
+    o.aggregate = aggregate;
+    o.minUnknowns = 1;
+    o.dropTolerance = drop;
+    return CoarseLevel::build(ss.system, ss.sets.unknown.data(), ss.scene.width, o);
+}
+
+SparseRows csr(Rows rows) {
+    SparseRows m;
+    for (auto& row : rows) {
+        std::sort(row.begin(), row.end());
+        for (const auto& [c, v] : row) m.cols.push_back(c), m.values.push_back(v);
+        m.start.push_back(static_cast<int>(m.cols.size()));
+    }
+    return m;
+}
+
 // The 5-point Laplacian of a w x h grid with nothing held fixed (each row sums to zero: the
 // constants are its null space), plus `diagonal` on every pixel; all pixels unknown.
 FlowSystem gridLaplacian(int w, int h, float diagonal) {
     FlowSystem s;
     s.n = w * h;
-    SparseRows& e = s.explicitPart;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            std::vector<std::pair<int, float>> row;
-            float d = diagonal;
-            const int nb[4][2] = {{x, y - 1}, {x - 1, y}, {x + 1, y}, {x, y + 1}};
-            for (const auto& q : nb)
-                if (q[0] >= 0 && q[0] < w && q[1] >= 0 && q[1] < h) {
-                    row.push_back({q[1] * w + q[0], -1.0f});
-                    d += 1.0f;
-                }
-            row.push_back({y * w + x, d});
-            std::sort(row.begin(), row.end());
-            for (const auto& [c, v] : row) {
-                e.cols.push_back(c);
-                e.values.push_back(v);
-            }
-            e.start.push_back(static_cast<int>(e.cols.size()));
-            s.diagonal.push_back(d);
-        }
+    Rows rows(size_t(s.n));
+    for (int p = 0; p < s.n; ++p) {
+        const int x = p % w, y = p / w;
+        float d = diagonal;
+        for (const auto& [qx, qy] : {std::pair{x, y - 1}, {x - 1, y}, {x + 1, y}, {x, y + 1}})
+            if (qx >= 0 && qx < w && qy >= 0 && qy < h)
+                rows[size_t(p)].push_back({qy * w + qx, -1.0f}), d += 1.0f;
+        rows[size_t(p)].push_back({p, d});
+        s.diagonal.push_back(d);
+    }
+    s.explicitPart = csr(rows);
     s.rhs.assign(size_t(s.n), 0.0);
     return s;
 }
 
-// `s` with a mixture part of weight 0.5: each pixel's row of M is 1 at itself and -0.9 / k at k
-// other pixels drawn across the whole grid; the diagonal takes M's column sums of squares and
-// the right-hand side is drawn at random.
-FlowSystem withMixture(FlowSystem s, int k, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::uniform_int_distribution<int> pick(0, s.n - 1);
-    SparseRows& m = s.mixture;
-    std::vector<std::vector<std::pair<int, float>>> cols(static_cast<size_t>(s.n));
-    for (int r = 0; r < s.n; ++r) {
-        std::set<int> others;
-        while (static_cast<int>(others.size()) < k) {
-            const int c = pick(rng);
-            if (c != r) others.insert(c);
-        }
-        std::vector<std::pair<int, float>> row{{r, 1.0f}};
-        for (int c : others) row.push_back({c, -0.9f / k});
-        std::sort(row.begin(), row.end());
-        for (const auto& [c, v] : row) {
-            m.cols.push_back(c);
-            m.values.push_back(v);
-            cols[size_t(c)].push_back({r, v});
-        }
-        m.start.push_back(static_cast<int>(m.cols.size()));
-    }
-    s.mixtureWeight = 0.5;
-    for (int c = 0; c < s.n; ++c) {
-        double d = 0.0;
-        for (const auto& [r, v] : cols[size_t(c)]) {
-            s.mixtureT.cols.push_back(r);
-            s.mixtureT.values.push_back(v);
-            d += double(v) * v;
-        }
-        s.mixtureT.start.push_back(static_cast<int>(s.mixtureT.cols.size()));
-        s.diagonal[size_t(c)] += 0.5 * d;
-    }
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    for (double& b : s.rhs) b = u(rng);
-    return s;
-}
-
-std::vector<int> identityPixels(int n) {
-    std::vector<int> p(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i) p[size_t(i)] = i;
-    return p;
-}
-
-// The coarse level of a system over a whole w-wide grid (unknown i is pixel i), however few
-// aggregates it has.
-std::unique_ptr<CoarseLevel> gridLevel(const FlowSystem& sys, int w, int aggregate) {
-    const std::vector<int> pixels = identityPixels(sys.n);
+// The coarse level of a system over a whole w-wide grid (unknown i is pixel i).
+std::unique_ptr<CoarseLevel> gridLevel(const FlowSystem& sys, int w, int aggregate,
+                                       int minUnknowns = 1,
+                                       double factorBytes = CoarseOptions{}.factorBytesPerUnknown) {
+    std::vector<int> pixels(size_t(sys.n));
+    std::iota(pixels.begin(), pixels.end(), 0);
     CoarseOptions o;
     o.aggregate = aggregate;
-    o.minUnknowns = 1;
+    o.minUnknowns = minUnknowns;
+    o.factorBytesPerUnknown = factorBytes;
     return CoarseLevel::build(sys, pixels.data(), w, o);
 }
 
@@ -161,20 +135,16 @@ double dot(const std::vector<double>& a, const std::vector<double>& b) {
 }  // namespace
 
 TEST(FlowsCoarseLevel, AggregatesAreTheNonEmptyCellsOfThePixels) {
-    const Scene s = holesScene(64, 8);
-    const SceneSystem ss = sceneSystem(s);
-    CoarseOptions o;
-    o.aggregate = 5;
-    o.minUnknowns = 1;
-    const auto level = CoarseLevel::build(ss.system, ss.sets.unknown.data(), s.width, o);
+    const SceneSystem& ss = scene64();
+    const auto level = sceneLevel(ss, 5);
     ASSERT_TRUE(level);
     const std::vector<int>& agg = level->aggregateOf();
     ASSERT_EQ(agg.size(), ss.sets.unknown.size());
     std::set<std::pair<int, int>> cells;
     std::vector<std::pair<int, int>> cellOfAggregate(size_t(level->unknowns()), {-1, -1});
     for (size_t i = 0; i < agg.size(); ++i) {
-        const int p = ss.sets.unknown[i];
-        const std::pair<int, int> cell{p % s.width / 5, p / s.width / 5};
+        const int p = ss.sets.unknown[i], w = ss.scene.width;
+        const std::pair<int, int> cell{p % w / 5, p / w / 5};
         cells.insert(cell);
         ASSERT_GE(agg[i], 0);
         ASSERT_LT(agg[i], level->unknowns());
@@ -186,25 +156,20 @@ TEST(FlowsCoarseLevel, AggregatesAreTheNonEmptyCellsOfThePixels) {
     EXPECT_EQ(static_cast<int>(cells.size()), level->unknowns());
 }
 
-TEST(FlowsCoarseLevel, CoarseSolveInvertsTheGalerkinProductOfTheFineSystem) {
+TEST(FlowsCoarseLevel, CoarseSolveInvertsTheGalerkinProductAndDroppedLinksOnlyShrinkIt) {
     // P^T A P y formed through the fine product (A by apply, P and P^T from the aggregates)
     // and handed to the coarse solve gives y back.
-    const Scene s = holesScene(64, 8);
-    const SceneSystem ss = sceneSystem(s);
+    const SceneSystem& ss = scene64();
     const int n = ss.system.n;
     ASSERT_GT(ss.system.mixture.cols.size(), size_t(n));  // the mixture's part is in it
-    CoarseOptions o;
-    o.aggregate = 4;
-    o.minUnknowns = 1;
-    o.dropTolerance = 0.0;  // every link kept: Ac is P^T A P itself
-    const auto level = CoarseLevel::build(ss.system, ss.sets.unknown.data(), s.width, o);
+    const auto level = sceneLevel(ss, 4, 0.0);  // every link kept: Ac is P^T A P itself
     ASSERT_TRUE(level);
     const int nc = level->unknowns();
     ASSERT_GT(nc, 50);
     const std::vector<int>& agg = level->aggregateOf();
     const std::vector<double> y = randomVector(nc, 3);
-    std::vector<double> fine(static_cast<size_t>(n)), Afine(static_cast<size_t>(n)), scratch, work;
-    std::vector<double> coarse(static_cast<size_t>(nc), 0.0);
+    const size_t un = static_cast<size_t>(n);
+    std::vector<double> fine(un), Afine(un), coarse(static_cast<size_t>(nc), 0.0), scratch, work;
     for (int i = 0; i < n; ++i) fine[size_t(i)] = y[size_t(agg[size_t(i)])];
     ss.system.apply(fine.data(), Afine.data(), scratch);
     for (int i = 0; i < n; ++i) coarse[size_t(agg[size_t(i)])] += Afine[size_t(i)];
@@ -216,50 +181,25 @@ TEST(FlowsCoarseLevel, CoarseSolveInvertsTheGalerkinProductOfTheFineSystem) {
     }
     EXPECT_LT(err, 1e-6 * scale);
     EXPECT_EQ(level->shift(), 0.0);
-}
 
-TEST(FlowsCoarseLevel, DroppedLinksLeaveTheCoarseMatrixAboveTheExactOne) {
     // Moving a link onto its ends' diagonals adds a positive semi-definite term, so the coarse
     // inverse can only shrink: g . Ac~^-1 g <= g . Ac^-1 g for every g, and stays positive.
-    const Scene s = holesScene(64, 8);
-    const SceneSystem ss = sceneSystem(s);
-    CoarseOptions exact, dropped;
-    exact.aggregate = dropped.aggregate = 4;
-    exact.minUnknowns = dropped.minUnknowns = 1;
-    exact.dropTolerance = 0.0;
-    dropped.dropTolerance = 0.1;
-    const auto a = CoarseLevel::build(ss.system, ss.sets.unknown.data(), s.width, exact);
-    const auto b = CoarseLevel::build(ss.system, ss.sets.unknown.data(), s.width, dropped);
-    ASSERT_TRUE(a && b);
-    ASSERT_EQ(a->unknowns(), b->unknowns());
-    EXPECT_LT(b->factorEntries(), a->factorEntries());
-    std::vector<double> work;
+    const auto dropped = sceneLevel(ss, 4, 0.1), c = sceneLevel(ss, 6);
+    ASSERT_TRUE(dropped && c);
+    ASSERT_EQ(dropped->unknowns(), nc);
+    EXPECT_LT(dropped->factorEntries(), level->factorEntries());
     for (unsigned seed = 1; seed <= 5; ++seed) {
-        const std::vector<double> g = randomVector(a->unknowns(), seed);
+        const std::vector<double> g = randomVector(nc, seed);
         std::vector<double> ga = g, gb = g;
-        a->solve(ga.data(), work);
-        b->solve(gb.data(), work);
-        const double ea = dot(g, ga), eb = dot(g, gb);
-        EXPECT_GT(eb, 0.0);
-        EXPECT_LE(eb, ea * (1.0 + 1e-9));
-    }
-}
-
-TEST(FlowsCoarseLevel, CorrectionIsSymmetricAndPositive) {
-    const Scene s = holesScene(64, 8);
-    const SceneSystem ss = sceneSystem(s);
-    const int n = ss.system.n;
-    CoarseOptions o;
-    o.aggregate = 6;
-    o.minUnknowns = 1;
-    const auto level = CoarseLevel::build(ss.system, ss.sets.unknown.data(), s.width, o);
-    ASSERT_TRUE(level);
-    std::vector<double> work;
-    for (unsigned seed = 1; seed <= 5; ++seed) {
+        level->solve(ga.data(), work);
+        dropped->solve(gb.data(), work);
+        EXPECT_GT(dot(g, gb), 0.0);
+        EXPECT_LE(dot(g, gb), dot(g, ga) * (1.0 + 1e-9));
+        // The fine correction is symmetric and positive.
         const std::vector<double> r1 = randomVector(n, seed), r2 = randomVector(n, seed + 100);
-        std::vector<double> z1(size_t(n), 0.0), z2(size_t(n), 0.0);
-        level->correct(r1.data(), z1.data(), work);
-        level->correct(r2.data(), z2.data(), work);
+        std::vector<double> z1(un, 0.0), z2(un, 0.0);
+        c->correct(r1.data(), z1.data(), work);
+        c->correct(r2.data(), z2.data(), work);
         EXPECT_GT(dot(r1, z1), 0.0);
         EXPECT_GT(dot(r2, z2), 0.0);
         const double cross = dot(r1, z2), back = dot(r2, z1);
@@ -283,19 +223,11 @@ TEST(FlowsCoarseLevel, SingularCoarseMatrixIsShiftedNotRefused) {
 }
 
 TEST(FlowsCoarseLevel, LeftOutWhenTooSmallOrNotAsked) {
-    const int w = 20, h = 20;
-    const FlowSystem sys = gridLaplacian(w, h, 0.01f);
-    const std::vector<int> pixels = identityPixels(w * h);
-    CoarseOptions o;
-    o.aggregate = 0;
-    EXPECT_FALSE(CoarseLevel::build(sys, pixels.data(), w, o));
-    o.aggregate = 4;
-    o.minUnknowns = 26;  // 25 aggregates
-    EXPECT_FALSE(CoarseLevel::build(sys, pixels.data(), w, o));
-    o.minUnknowns = 25;
-    EXPECT_TRUE(CoarseLevel::build(sys, pixels.data(), w, o));
-    o.factorBytesPerUnknown = 0.01;  // no factor fits
-    EXPECT_FALSE(CoarseLevel::build(sys, pixels.data(), w, o));
+    const FlowSystem sys = gridLaplacian(20, 20, 0.01f);
+    EXPECT_FALSE(gridLevel(sys, 20, 0));
+    EXPECT_FALSE(gridLevel(sys, 20, 4, 26));  // 25 aggregates
+    EXPECT_TRUE(gridLevel(sys, 20, 4, 25));
+    EXPECT_FALSE(gridLevel(sys, 20, 4, 25, 0.01));  // no factor fits
 }
 
 TEST(FlowsCoarseLevel, GridLaplacianNeedsFarFewerIterations) {
@@ -315,34 +247,15 @@ TEST(FlowsCoarseLevel, GridLaplacianNeedsFarFewerIterations) {
 }
 
 TEST(FlowsCoarseLevel, CompositeReachesTheJacobiSolutionInFewerIterations) {
-    const Scene s = holesScene(160, 12);
-    const SceneSystem ss = sceneSystem(s);
-    const FlowSystem& sys = ss.system;
-    const int n = sys.n;
-    CoarseOptions o;
-    o.aggregate = 6;
-    o.minUnknowns = 1;
-    const auto level = CoarseLevel::build(sys, ss.sets.unknown.data(), s.width, o);
+    const SceneSystem ss = sceneSystem(160, 12);
+    const Scene& s = ss.scene;
+    const auto level = sceneLevel(ss, 6);
     ASSERT_TRUE(level);
-    std::vector<double> xj(size_t(n), 0.5), xc(size_t(n), 0.5), y(static_cast<size_t>(n)), scratch;
-    const PcgResult rj = solveFlowPcg(sys, xj.data(), 1e-8, 20000);
-    const PcgResult rc = solveFlowPcg(sys, xc.data(), 1e-8, 20000, {}, level.get());
-    EXPECT_LT(rc.iterations, rj.iterations);
-    // The residual as the fine product sees it, not as the recurrence kept it.
-    sys.apply(xc.data(), y.data(), scratch);
-    double res = 0.0, b = 0.0, diff = 0.0;
-    for (int i = 0; i < n; ++i) {
-        res += (y[size_t(i)] - sys.rhs[size_t(i)]) * (y[size_t(i)] - sys.rhs[size_t(i)]);
-        b += sys.rhs[size_t(i)] * sys.rhs[size_t(i)];
-        diff = std::max(diff, std::abs(xc[size_t(i)] - xj[size_t(i)]));
-    }
-    EXPECT_LE(std::sqrt(res), 1.01e-8 * std::sqrt(b));
-    EXPECT_LT(diff, 1e-3);
-
-    // Through the whole solve at the workflows' tolerance: the same alpha within a level or two,
-    // as close to the composite's truth.
+    // The whole solve at the workflows' tolerance: the same alpha within a level or two, as close
+    // to the composite's truth, in fewer iterations.
     FlowOptions jacobi, twoLevel;
-    twoLevel.coarse = o;
+    twoLevel.coarse.aggregate = 6;
+    twoLevel.coarse.minUnknowns = 1;
     jacobi.coarse.aggregate = 0;
     FlowStats sj, sc;
     std::vector<unsigned char> aj(s.tri.size()), ac(s.tri.size());
@@ -360,21 +273,16 @@ TEST(FlowsCoarseLevel, CompositeReachesTheJacobiSolutionInFewerIterations) {
 }
 
 TEST(FlowsCoarseLevel, SameBitsOnOneThreadAsOnTwo) {
-    // Large enough for the parallel loops (16,384 unknowns and more), with mixture rows that link
-    // pixels far apart, as the colour mixtures do.
-    const int w = 140, h = 130;
-    const FlowSystem sys = withMixture(gridLaplacian(w, h, 1e-3f), 6, 21);
-    ASSERT_GE(sys.n, 16384);
-    const std::vector<int> pixels = identityPixels(sys.n);
-    CoarseOptions o;
-    o.aggregate = 4;
-    o.dropTolerance = 0.01;
+    // Large enough for the parallel loops (16,384 unknowns and more), with the colour mixtures'
+    // rows that link pixels far apart.
+    const SceneSystem ss = sceneSystem(320, 16);
+    ASSERT_GE(ss.system.n, 16384);
     auto run = [&](int threads, int* iterations) {
         const int before = omp_get_max_threads();
         omp_set_num_threads(threads);
-        const auto level = CoarseLevel::build(sys, pixels.data(), w, o);
-        std::vector<double> x(size_t(sys.n), 0.0);
-        const PcgResult r = solveFlowPcg(sys, x.data(), 1e-8, 2000, {}, level.get());
+        const auto level = sceneLevel(ss, 4);
+        std::vector<double> x(size_t(ss.system.n), 0.0);
+        const PcgResult r = solveFlowPcg(ss.system, x.data(), 1e-8, 100, {}, level.get());
         omp_set_num_threads(before);
         *iterations = level ? r.iterations : -1;
         return x;
@@ -394,12 +302,10 @@ TEST(FlowsCoarseLevel, CancelStopsTheSolveBetweenIterations) {
     // Uncancelled it takes more than the 12 iterations the cancel should stop it at.
     std::vector<double> x(size_t(sys.n), 0.0);
     ASSERT_GT(solveFlowPcg(sys, x.data(), 1e-12, 5000, {}, level.get()).iterations, 12);
+    std::fill(x.begin(), x.end(), 0.0);
     // The poll's own function raises the flag the second time it is called; the third poll sees
     // the flag before calling it.
-    struct State {
-        volatile int32_t flag = 0;
-        int calls = 0;
-    } state;
+    struct State { volatile int32_t flag = 0; int calls = 0; } state;
     Poll poll;
     poll.param = &state;
     poll.fn = [](void* p) {
@@ -408,7 +314,6 @@ TEST(FlowsCoarseLevel, CancelStopsTheSolveBetweenIterations) {
     };
     qx::setCancelFlag(&state.flag);
     int thrown = 0;
-    std::fill(x.begin(), x.end(), 0.0);
     try {
         solveFlowPcg(sys, x.data(), 1e-12, 5000, poll, level.get());
     } catch (const qx::Failure& e) {
