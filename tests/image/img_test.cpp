@@ -35,13 +35,6 @@ TEST(ImgContainer, WrappedImageDestructorTouchesNothing) {
     EXPECT_EQ(host, before);
 }
 
-TEST(ImgContainer, NullPointerWrapAllocatesAndOwns) {
-    GIMG<uint8_t> im(7, 3, nullptr, 7);
-    EXPECT_EQ(im.wrapped, 0);
-    ASSERT_NE(im.rawPtr, nullptr);
-    EXPECT_GE(im.step, 7);
-}
-
 TEST(ImgContainer, GuardRowCatchesOneElementPastTheLastRow) {
     EXPECT_EQ(thrownCode([] {
                   GIMG<uint8_t> im(10, 5);

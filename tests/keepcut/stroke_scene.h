@@ -67,9 +67,6 @@ struct StrokeScene {
         req.roiHeight = h;
         req.regionMode = regionMode;
     }
-    double truth(int x, int y) const {
-        return comp.alpha[static_cast<size_t>(y) * comp.width + x];
-    }
     // Mean absolute error (0..1 scale) of the alpha plane over the unpainted pixels of the
     // given rectangle.
     double meanError(int x0, int y0, int w, int h) const {
@@ -78,7 +75,8 @@ struct StrokeScene {
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
                 if ((alpha.at(x, y) & 1) == 0) {
-                    sum += std::fabs(alpha.at(x, y) / 255.0 - truth(x, y));
+                    sum += std::fabs(alpha.at(x, y) / 255.0 -
+                                      comp.alpha[static_cast<size_t>(y) * comp.width + x]);
                     ++n;
                 }
         return n ? sum / n : 0.0;

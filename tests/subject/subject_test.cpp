@@ -36,17 +36,10 @@ cv::Mat view(const Bytes& plane, int w, int h) {
 
 // The environment's QX_SUBJECT_MODEL for one test, put back after.
 struct ModelEnv {
-    std::string saved;
-    bool had;
-    explicit ModelEnv(const char* value) {
-        const char* old = std::getenv("QX_SUBJECT_MODEL");
-        had = old != nullptr;
-        if (had) saved = old;
-        setenv("QX_SUBJECT_MODEL", value, 1);
-    }
-    ~ModelEnv() {
-        had ? setenv("QX_SUBJECT_MODEL", saved.c_str(), 1) : unsetenv("QX_SUBJECT_MODEL");
-    }
+    const char* old = std::getenv("QX_SUBJECT_MODEL");
+    std::string saved = old ? old : "";
+    explicit ModelEnv(const char* value) { setenv("QX_SUBJECT_MODEL", value, 1); }
+    ~ModelEnv() { old ? setenv("QX_SUBJECT_MODEL", saved.c_str(), 1) : unsetenv("QX_SUBJECT_MODEL"); }
 };
 
 TEST(SubjectModel, MissingModelIsItsOwnStatusNamingTheSetUpAndTouchesNothing) {
