@@ -1,7 +1,6 @@
-"""Fixtures of the package's tests. Run from the build with CTest, or by hand:
-    QXIVEILON31_LIBRARY=build/libqxiveilon31.so.0 QXMATTE=build/qxmatte \
-        /usr/bin/python3 -m pytest python/tests
-QXMATTE names the command-line tool the smoke test compares with (skipped without it)."""
+# Fixtures of the package's tests. Run from the build with CTest, or by hand:
+#   QXIVEILON31_LIBRARY=build/libqxiveilon31.so.0 QXMATTE=build/qxmatte \
+#       /usr/bin/python3 -m pytest python/tests
 
 import os
 import subprocess
@@ -43,8 +42,7 @@ def qxmatte():
 
 @pytest.fixture
 def no_library(monkeypatch):
-    """A stand-in for the library that fails the test on any use: for arguments that must be
-    refused before the library is called."""
+    """A stand-in for the library that fails the test on any use."""
     from qxiveilon31 import _native
 
     class Untouchable:

@@ -1,7 +1,5 @@
-"""Run by the install tests with an installed copy of the package on the path:
-    python installed_check.py PACKAGE_ROOT [LIBRARY_ROOT]
-checks that the package imported is the one under PACKAGE_ROOT (and the library loaded the one
-under LIBRARY_ROOT), and that a job runs and gets the scene's alpha."""
+# python installed_check.py PACKAGE_ROOT [LIBRARY_ROOT]: the installed package (and library)
+# are the ones under those roots, and a job gets the scene's alpha.
 
 import os
 import sys

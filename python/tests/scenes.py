@@ -6,10 +6,8 @@ import numpy as np
 
 
 def soft_disc(width=160, height=120, radius=34.0, ramp=6.0, band=8.0):
-    """A warm subject with a soft edge (alpha falls linearly from 1 to 0 over `ramp` pixels
-    around the circle of `radius`) over a cool background, both smooth colour gradients:
-    image = alpha fg + (1 - alpha) bg, rounded to bytes (RGB). The tri-map leaves `band` pixels
-    undecided on each side of the circle; `strokes` paint all the rest (255 keep, 0 cut)."""
+    """A warm subject, its edge a linear ramp, over a cool background, both colour gradients;
+    the tri-map (and strokes) leave `band` pixels undecided on each side of the circle."""
     y, x = np.mgrid[0:height, 0:width].astype(np.float64)
     d = np.hypot(x - width / 2.0, y - height / 2.0)
     u, v = x / (width - 1), y / (height - 1)
@@ -28,9 +26,7 @@ def soft_disc(width=160, height=120, radius=34.0, ramp=6.0, band=8.0):
 
 
 def subject_and_square(width=180, height=140, seed=3):
-    """The GrabCut scene: a noisy blue-grey background, an orange disc (the subject, centre
-    (80, 70), radius 40) and a small orange square (x 140..155, y 20..35) that the user does not
-    want. Returns (image RGB uint8, subject mask, square mask)."""
+    """The GrabCut scene: (image, the orange disc wanted, an orange square not wanted)."""
     y, x = np.mgrid[0:height, 0:width]
     subject = (x - 80) ** 2 + (y - 70) ** 2 <= 40 * 40
     square = (x >= 140) & (x < 156) & (y >= 20) & (y < 36)
@@ -46,14 +42,12 @@ def mean_error(values, truth, where):
 
 
 def hard_cut_error(scene):
-    """The band's error of the best answer that knows only where the edge is: 1 inside the
-    circle where the true alpha is one half, 0 outside."""
+    """The band's error of the hard cut at the true edge."""
     return mean_error((scene.alpha >= 0.5) * 1.0, scene.alpha, scene.band)
 
 
 def foreground_error(colours, scene):
-    """Over the partly transparent pixels, the sum of alpha * |colour - true foreground| (three
-    channels, 0..1 scale): a pixel counts as much as it shows."""
+    """Over the partly transparent pixels, the sum of alpha * |colour - true foreground|."""
     c = colours / 255.0 if colours.dtype == np.uint8 else colours
     part = (scene.alpha > 0) & (scene.alpha < 1)
     return float((scene.alpha[:, :, None] * np.abs(c - scene.fg))[part].sum())

@@ -1,5 +1,4 @@
-"""What the package takes and gives back (orders, kinds, strides, stroke forms), what it leaves
-alone, how it refuses and fails, where progress goes, and threads."""
+"""The package's interface: inputs, refusals, failures, progress, cancel and threads."""
 
 import ctypes
 import os
@@ -25,8 +24,6 @@ def test_orders_kinds_and_strides_give_the_same_bytes(disc):
     assert warm[:, 0].mean() > warm[:, 2].mean() + 100  # RGB in, RGB out: red is the high one
     bgr = np.ascontiguousarray(disc.image[:, :, ::-1])
     assert np.array_equal(qx.foreground(bgr, alpha, bgr=True), fg[:, :, ::-1])
-    assert np.array_equal(qx.cutout(bgr, trimap=disc.trimap, bgr=True)[:, :, [2, 1, 0, 3]],
-                          qx.cutout(disc.image, trimap=disc.trimap))
     # Windows of larger arrays (rows read in place at their stride), channels of an RGBA array
     # (pixels 4 bytes apart), a Fortran-ordered copy, a reversed view.
     big, big_t = np.zeros((129, 173, 3), np.uint8), np.zeros((129, 173), np.uint8)
@@ -45,10 +42,8 @@ def test_orders_kinds_and_strides_give_the_same_bytes(disc):
 
 
 def _rows_apart(path, a, step):
-    """A read-only view of a's rows `step` bytes apart (negative: each row below the one
-    before) in a sparse file: a row stride the C interface's 32-bit int can't hold, with only
-    the rows themselves stored. Cut to 32 bits, each step below reads the zeros a row's bytes
-    away instead of the next row, and stays inside the file."""
+    # A read-only view of a's rows `step` bytes apart in a sparse file: a stride cut to 32 bits
+    # reads the zeros a row's bytes away instead of the next row, still inside the file.
     row = a[0].nbytes
     span = (a.shape[0] - 1) * abs(step) + a.nbytes + row
     first = 0 if step > 0 else span - a.nbytes - row
@@ -75,11 +70,7 @@ def test_rows_further_apart_than_a_32_bit_stride_are_copied_not_cut(disc, square
             cut = session.cut()
         return {"matte_trimap": qx.matte_trimap(image, trimap),
                 "matte_strokes": qx.matte_strokes(image, strokes),
-                "foreground": qx.foreground(image, mask),
-                "refine": qx.refine(image, mask),
-                "grabcut": qx.grabcut(square, rect, marks),
-                "cutout": qx.cutout(square, rect, strokes=marks),
-                "session": cut}
+                "foreground": qx.foreground(image, mask), "session": cut}
 
     arrays = (disc.image, disc.trimap, disc.strokes, coarse, square, marks)
     want = results(*arrays)
@@ -91,8 +82,6 @@ def test_rows_further_apart_than_a_32_bit_stride_are_copied_not_cut(disc, square
         got = results(*far)
         for name in want:
             assert np.array_equal(got[name], want[name]), (name, step)
-    # The sparse files hold a few pages each, however long they say they are.
-    assert sum(os.stat(p).st_blocks for p in tmp_path.iterdir()) * 512 < 2 ** 26
     for p in tmp_path.iterdir():
         p.unlink()
 
@@ -203,8 +192,7 @@ def test_progress_reaches_each_callers_callback_on_its_thread(disc, capsys):
 
 
 def _longest_stall(scene):
-    """Runs a job on another thread while this one spins: (the longest time this thread could
-    not run, the job's length)."""
+    # (the longest this spinning thread could not run, the length of a job on another thread)
     worker = threading.Thread(target=qx.matte_trimap, args=(scene.image, scene.trimap))
     start = last = time.perf_counter()
     longest = 0.0
@@ -225,31 +213,8 @@ def test_the_gil_is_released_while_a_job_runs(monkeypatch):
     assert stall > 0.5 * length, (stall, length)
 
 
-def test_jobs_on_two_threads_equal_their_one_at_a_time_results(disc, square_scene):
-    image, _, _ = square_scene
-    jobs = [lambda: qx.cutout(disc.image, trimap=disc.trimap),
-            lambda: qx.matte_strokes(disc.image, disc.strokes),
-            lambda: qx.grabcut(image, (30, 20, 110, 105)),
-            lambda: qx.foreground(disc.image, disc.alpha)]
-    alone = [job() for job in jobs]
-    start = threading.Barrier(2)
-
-    def run(half):
-        start.wait()
-        return [jobs[i]() for i in half]
-
-    with ThreadPoolExecutor(2) as pool:
-        a, b = pool.map(run, [(0, 2), (1, 3)])
-    for got, want in zip(a + b, [alone[0], alone[2], alone[1], alone[3]]):
-        assert np.array_equal(got, want)
-
-
-def _big_scene():
-    return soft_disc(2400, 1800, radius=700.0, ramp=40.0, band=60.0)
-
-
 def test_cancel_stops_a_job_within_a_second_and_the_next_job_is_right():
-    s = _big_scene()
+    s = soft_disc(2400, 1800, radius=700.0, ramp=40.0, band=60.0)
     event = threading.Event()
     event.set()
     with pytest.raises(qx.Cancelled):  # set before: the job does not start
@@ -277,24 +242,18 @@ def _resident_mb():
         return int(f.read().split()[1]) * 4096 / 2 ** 20
 
 
-@pytest.mark.skipif("asan" in os.environ.get("LD_PRELOAD", ""),
-                    reason="AddressSanitizer keeps freed blocks in a quarantine of up to 256 MB, "
-                           "so resident memory measures no leak under it (LeakSanitizer does, "
-                           "in the C++ suites)")
+# AddressSanitizer's quarantine of freed blocks makes resident memory no measure of leaks.
+@pytest.mark.skipif("asan" in os.environ.get("LD_PRELOAD", ""), reason="AddressSanitizer")
 def test_150_jobs_in_a_row_leave_resident_memory_flat(disc):
-    def job(i):
-        if i % 3 == 0:
-            qx.cutout(disc.image, trimap=disc.trimap)
-        elif i % 3 == 1:
-            qx.matte_strokes(disc.image, disc.strokes)
-        else:
-            with qx.GrabCutSession(disc.image, (30, 20, 100, 80)) as session:
-                session.cut()
-    for i in range(15):  # warm up: the allocator's and the runtime's first pools
-        job(i)
-    before = _resident_mb()
-    for i in range(150):
-        job(i)
+    def session_cut():
+        with qx.GrabCutSession(disc.image, (30, 20, 100, 80)) as session:
+            session.cut()
+    jobs = (lambda: qx.cutout(disc.image, trimap=disc.trimap),
+            lambda: qx.matte_strokes(disc.image, disc.strokes), session_cut)
+    for i in range(165):
+        if i == 15:  # after warming up the allocator's and the runtime's first pools
+            before = _resident_mb()
+        jobs[i % 3]()
     assert _resident_mb() - before < 30
 
 
@@ -324,15 +283,11 @@ except qx.QxError as e:
     assert "module" in done.stdout and "no-module.so" in done.stdout
 
 
-def test_one_click_without_a_model_raises_no_subject_model(disc, tmp_path):
+def test_one_click_without_a_model_raises_no_subject_model(disc, tmp_path, monkeypatch):
     missing = str(tmp_path / "none.onnx")
     with pytest.raises(qx.NoSubjectModel, match="scripts/setup.sh"):
         qx.subject_mask(disc.image, model=missing)
-    # cutout with nothing but the image is the one-click cut-out; with strokes alone it stays
-    # the stroke workflow.
-    os.environ["QX_SUBJECT_MODEL"] = missing
-    try:
-        with pytest.raises(qx.NoSubjectModel, match=missing):
-            qx.cutout(disc.image)
-    finally:
-        del os.environ["QX_SUBJECT_MODEL"]
+    # cutout with nothing but the image is the one-click cut-out.
+    monkeypatch.setenv("QX_SUBJECT_MODEL", missing)
+    with pytest.raises(qx.NoSubjectModel, match=missing):
+        qx.cutout(disc.image)

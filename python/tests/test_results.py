@@ -1,11 +1,7 @@
-"""Each public function on synthetic scenes against their known alpha and foreground.
-
-The soft disc is a composite whose foreground and background are linear colour gradients: in
-every small window both lie on a line in colour space, the model closed-form matting solves
-exactly up to rounding. So its alpha must beat by far any answer that knows only where the edge
-is (the hard cut at the true edge): under 40% of that error. A wrong side is 255 levels off, so
-definite pixels are held to a level or two.
-"""
+"""Each public function on synthetic scenes against their known alpha and foreground."""
+# The soft disc's colours are linear gradients, the model closed-form matting solves exactly up
+# to rounding: its alpha must beat the hard cut at the true edge by far (under 40% of its error).
+# A wrong side is 255 levels off, so definite pixels are held to a level or two.
 
 import numpy as np
 import pytest
