@@ -16,7 +16,6 @@
 
 #include <opencv2/core.hpp>
 
-#include "foreground/recovery.h"
 #include "matting/cfmatt.h"
 #include "qxiveilon31.h"
 
@@ -93,9 +92,6 @@ public:
 
     // The job's memory budget (1000-byte units), for the leaves' colour recovery.
     int memUnits = 0;
-    // The cell recovery that traverseTreeFBRecovery runs on each grown leaf (replaceable so
-    // that the walk can be checked on its own).
-    int64_t (*recoverCell)(KeepCutRequest*, int memUnits) = recoverForegroundCellJob;
 
     // Pixels of a leaf's box that may be unknown before the call fails.
     static constexpr double kMaxLeafUnknown = 2000000.0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "foreground/recovery.h"
 #include "runtime/progress.h"
 #include "keepcut/kd_tree.h"
 
@@ -59,7 +60,7 @@ void KDTree::traverseTreeFBRecovery(KDNode* node, int pass) {
     request.roiWidth = gw;
     request.roiHeight = gh;
     request.regionMode = 0;
-    recoverCell(&request, memUnits);
+    recoverForegroundCellJob(&request, memUnits);
     progressKick();
 }
 
