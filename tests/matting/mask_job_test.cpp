@@ -142,6 +142,24 @@ TEST_F(MaskAlpha, IntermediateCodesNeverBecomeHardValues) {
     job.expectHardValueRule();
 }
 
+// The levels (80, 16) map the plain result's 16..80 linearly onto the whole range: worked out
+// by hand, (v - 16) * 255 / 64 within the hard values.
+TEST_F(MaskAlpha, LevelsStretchTheResult) {
+    Job plain(100, 80, 15, 25, 3), stretched(100, 80, 15, 25, 3);
+    ASSERT_EQ(plain.run(), 1);
+    ASSERT_EQ(stretched.run(80, 16), 1);
+    int mid = 0;
+    for (int y = 0; y < 80; ++y)
+        for (int x = 0; x < 100; ++x) {
+            const int v = plain.mask.at(x, y);
+            if (plain.comp.trimap.at(x, y) != 128 || v == 1 || v == 254) continue;
+            const double want = std::clamp((v - 16) * 255.0 / 64.0, 1.0, 254.0);
+            EXPECT_NEAR(stretched.mask.at(x, y), want, 1.0) << v << " at " << x << "," << y;
+            mid += v > 40 && v < 70;
+        }
+    EXPECT_GT(mid, 20);
+}
+
 TEST_F(MaskAlpha, TriMapsWithoutUndecidedOrWithoutDefinitePixelsRunToTheEnd) {
     for (bool known : {true, false}) {
         Job job(50, 40, 8, 12, 0);
