@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <numeric>
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -14,7 +16,6 @@
 
 #include "runtime/progress.h"
 #include "qxiveilon31.h"
-#include "solver/direct_solver.h"
 #include "qxworkflow.h"
 #include "support/scenes.h"
 
@@ -34,9 +35,8 @@ struct Calls {
         return 0;
     }
     int64_t sum() const {
-        int64_t s = 0;
-        for (const auto& c : seen) s += c.first;
-        return s;
+        return std::accumulate(seen.begin(), seen.end(), int64_t(0),
+                               [](int64_t s, const auto& c) { return s + c.first; });
     }
 };
 
@@ -86,27 +86,27 @@ Calls foregroundCalls(const DiscScene& s) {
     return calls;
 }
 
-void expectCalls(const Calls& c, const char* what, size_t count, int64_t sum, int total) {
-    SCOPED_TRACE(what);
-    EXPECT_EQ(c.seen.size(), count);
-    EXPECT_EQ(c.sum(), sum);
-    if (!c.seen.empty()) { EXPECT_EQ(c.seen.back().second, total); }
-}
-
 // What each export's progProc was given before the workflows had a listener, counted on these
 // inputs with the library as it was: the listener must leave it exactly so.
 void expectTheExportsCallsAsTheyWere() {
     const DiscScene small = disc(320, 240, 80, 6);
     const DiscScene large = disc(1300, 1200, 400, 3);  // 1.56 MP: a half-size run
     const auto mask = [](const DiscScene& s, bool plain) { Calls c; maskAlpha(s, plain, &c); return c; };
-    expectCalls(mask(small, false), "qxMaskAlpha", 12, 780, 130);
-    expectCalls(mask(small, true), "qxMaskAlphaPlain", 12, 780, 130);
-    expectCalls(mask(large, true), "qxMaskAlphaPlain half", 13, 845, 130);
-    expectCalls(strokesCalls(small, 0), "qxStrokesToAlpha", 12, 780, 130);
-    expectCalls(strokesCalls(small, 1), "qxStrokesToAlpha reduced", 0, 0, 0);
-    expectCalls(keepCutCalls(small, 1), "qxKeepCutToAlpha", 256, 2269824, 20000);
-    expectCalls(keepCutCalls(small, 0), "qxKeepCutToAlpha half", 123, 526194, 20000);
-    expectCalls(foregroundCalls(small), "qxRecoverForegroundFull", 60, 1830, 61);
+    const struct { const char* what; Calls calls; size_t count; int64_t sum; int total; } table[] = {
+        {"qxMaskAlpha", mask(small, false), 12, 780, 130},
+        {"qxMaskAlphaPlain", mask(small, true), 12, 780, 130},
+        {"qxMaskAlphaPlain half", mask(large, true), 13, 845, 130},
+        {"qxStrokesToAlpha", strokesCalls(small, 0), 12, 780, 130},
+        {"qxStrokesToAlpha reduced", strokesCalls(small, 1), 0, 0, 0},
+        {"qxKeepCutToAlpha", keepCutCalls(small, 1), 256, 2269824, 20000},
+        {"qxKeepCutToAlpha half", keepCutCalls(small, 0), 123, 526194, 20000},
+        {"qxRecoverForegroundFull", foregroundCalls(small), 60, 1830, 61}};
+    for (const auto& t : table) {
+        SCOPED_TRACE(t.what);
+        EXPECT_EQ(t.calls.seen.size(), t.count);
+        EXPECT_EQ(t.calls.sum(), t.sum);
+        if (t.count) { EXPECT_EQ(t.calls.seen.back().second, t.total); }
+    }
 }
 
 bool allOnThisThread(const std::vector<std::thread::id>& threads) {
@@ -154,28 +154,6 @@ TEST(ExportProgress, TheStrokeEnginesReducedRunMovesForAListener) {
     EXPECT_EQ(heard.at.front(), 0.0);
     EXPECT_EQ(heard.at.back(), 1.0);
     EXPECT_GE(std::set<double>(heard.at.begin(), heard.at.end()).size(), 10u);
-}
-
-// With a listener the tri-map job's solve runs on a thread of its own, so that the job's thread
-// can tell how far it has got; the alpha is the same to the bit as without.
-TEST(ExportProgress, AWatchedSolveGivesTheSameAlpha) {
-    const DiscScene s = disc(640, 480, 190, 30);
-    const std::vector<unsigned char> alone = maskAlpha(s, true, nullptr);
-    struct Watch {
-        int detachedSeen = 0;
-        static void record(double, void* param) {
-            auto* w = static_cast<Watch*>(param);
-            w->detachedSeen = std::max(w->detachedSeen, qx::detail::runningDetachedSolves());
-        }
-    } watch;
-    std::vector<unsigned char> watched;
-    {
-        const qx::ProgressListenerScope scope(&Watch::record, &watch);
-        watched = maskAlpha(s, true, nullptr);
-    }
-    EXPECT_EQ(watch.detachedSeen, 1);
-    EXPECT_TRUE(watched == alone);
-    EXPECT_EQ(qx::detail::runningDetachedSolves(), 0);
 }
 
 // Kicks without a callback, within a step, spans and their parts, by hand.
@@ -277,17 +255,6 @@ struct Timeline {
         for (double t : seconds) gap = std::max(gap, t - last), last = t;
         return std::max(gap, total - last) / total;
     }
-    void expectTenStepsSpreadOverTime() const {
-        EXPECT_TRUE(std::adjacent_find(fractions.begin(), fractions.end(),
-                                       [](double a, double b) { return b <= a; }) ==
-                    fractions.end());
-        EXPECT_GE(fractions.size(), 10u);
-        ASSERT_FALSE(fractions.empty());
-        EXPECT_EQ(fractions.back(), 1.0);
-        EXPECT_LT(longestGap(), 0.35);
-        EXPECT_TRUE(allOnThisThread(threads));
-        EXPECT_FALSE(afterReturn);
-    }
 };
 
 // A stroke job and a tri-map job whose solve takes most of a second: the factorisation, a
@@ -307,7 +274,13 @@ TEST_P(WorkflowProgressSteps, TenStepsSpreadOverTheJobsTime) {
                        : qxwMatteTrimap(&img, s.trimap.data(), s.w, 255, 0, 255, 0,
                                         alpha.data(), s.w, j);
     }, job), QXW_OK) << job.message;
-    t.expectTenStepsSpreadOverTime();
+    EXPECT_TRUE(std::adjacent_find(t.fractions.begin(), t.fractions.end(),
+                                   std::greater_equal<double>()) == t.fractions.end());
+    ASSERT_GE(t.fractions.size(), 10u);
+    EXPECT_EQ(t.fractions.back(), 1.0);
+    EXPECT_LT(t.longestGap(), 0.35);
+    EXPECT_TRUE(allOnThisThread(t.threads));
+    EXPECT_FALSE(t.afterReturn);
     EXPECT_LT(s.openError(alpha), 8.0 / 255);  // and the alpha is the disc's
 }
 
