@@ -10,19 +10,11 @@
 
 #include "image_io.h"
 
-namespace {
-
-std::string scratchFile() {
-    const char* dir = std::getenv("TMPDIR");
-    return std::string(dir ? dir : "/tmp") + "/qx_fuzz_decode_" + std::to_string(getpid());
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string path = [] {
         qxmatte::setPixelLimit(4);  // keeps each decode small
-        return scratchFile();
+        const char* dir = std::getenv("TMPDIR");
+        return std::string(dir ? dir : "/tmp") + "/qx_fuzz_decode_" + std::to_string(getpid());
     }();
     const qxmatte::DeclaredSize declared = qxmatte::declaredSize(data, size);
     qxmatte::jpegDamage(data, size);

@@ -13,9 +13,7 @@ void showAlpha(Input& in, const PlaneShape& s) {
     const int alphaStep = stepFor(in, std::max(s.width, 0), 1);
     HostPlane image(s.width, s.height, 4, s.step), alpha(s.width, s.height, 1, alphaStep);
     HostPlane colour(3, 1, 1, 3);
-    image.fill(in, false);
-    alpha.fill(in, true);
-    colour.fill(in, false);
+    for (HostPlane* p : {&image, &alpha, &colour}) p->fill(in, p == &alpha);
     const uint8_t high = in.byte(), low = in.flag() ? high : in.byte();
     const int style = in.wideInt(0, 7);
     const bool noColour = in.range<int>(0, 7) == 0;
@@ -27,8 +25,7 @@ void showAlpha(Input& in, const PlaneShape& s) {
                                     alphaStep, high, low, style,
                                     noColour ? nullptr : colour.data());
     const char* call = "qxShowImageAlpha";
-    alpha.checkUntouched(call);
-    colour.checkUntouched(call);
+    untouched(call, alpha, colour);
     if (refused(refuse, rc, 0, call, image)) return;
     expect(rc == 1, "status other than 1", call);
     if (style < 1 || style > 6) image.checkUntouched(call);
@@ -49,39 +46,26 @@ void scale(Input& in, const PlaneShape& s) {
     alpha.checkWritable(call);
     if (!keepFixed) return;
     // Fixed (odd) codes stay; everything else comes out even.
-    size_t k = 0;
-    for (int y = 0; y < s.height; ++y)
-        for (int x = 0; x < s.width; ++x, ++k) {
-            const uint8_t was = before[k], now = alpha.at(x, y);
-            if (was & 1) expect(now == was, "a fixed code changed", call);
-            else expect((now & 1) == 0, "a computed value came out odd", call);
-        }
+    alpha.eachPixel(before, [&](int, int, uint8_t was, uint8_t now) {
+        if (was & 1) expect(now == was, "a fixed code changed", call);
+        else expect((now & 1) == 0, "a computed value came out odd", call);
+    });
 }
 
 void keepBlend(Input& in, const PlaneShape& s) {
     const int keepStep = stepFor(in, std::max(s.width, 0), 4);
     HostPlane image(s.width, s.height, 4, s.step), keep(s.width, s.height, 4, keepStep);
-    image.fill(in, false);
-    keep.fill(in, false);
+    for (HostPlane* p : {&image, &keep}) p->fill(in, false);
     const float weight = in.wideFloat(0.0f, 1.0f);
     const bool refuse = !validShape(s.width, s.height, s.step, 4) ||
                         !validShape(s.width, s.height, keepStep, 4);
-    std::vector<uint8_t> byte3;
-    if (!refuse)
-        for (int y = 0; y < s.height; ++y)
-            for (int x = 0; x < s.width; ++x) byte3.push_back(image.at(size_t(x) * 4 + 3, y));
+    const std::vector<uint8_t> byte3 = refuse ? std::vector<uint8_t>() : image.channel(3);
     qxShowKeepBlend(image.data(), s.step, s.width, s.height, keep.data(), keepStep, 0, 0, weight);
     const char* call = "qxShowKeepBlend";
     keep.checkUntouched(call);
-    if (refuse) {
-        image.checkUntouched(call);
-        return;
-    }
+    if (refuse) return image.checkUntouched(call);
     image.checkWritable(call);
-    size_t k = 0;
-    for (int y = 0; y < s.height; ++y)
-        for (int x = 0; x < s.width; ++x, ++k)
-            expect(image.at(size_t(x) * 4 + 3, y) == byte3[k], "byte 3 of a pixel changed", call);
+    expect(image.channel(3) == byte3, "byte 3 of a pixel changed", call);
 }
 
 void ycbcr(Input& in, const PlaneShape& s) {
@@ -120,7 +104,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int which = in.range<int>(0, 4);
     const int bpp = which == 0 || which == 2 ? 4 : which == 1 ? 1 : 3;
     const PlaneShape s = shapeFor(in, 48, 48, bpp);
-    trace("display function %d, plane %dx%d step %d\n", which, s.width, s.height, s.step);
     switch (which) {
     case 0: showAlpha(in, s); break;
     case 1: scale(in, s); break;

@@ -14,36 +14,22 @@ bool validRadius(int r) { return r >= 0 && r <= 16383; }
 
 void drawLineChecked(Input& in, HostPlane& mask, int w, int h) {
     const std::vector<uint8_t> before = mask.pixels();
-    const int x0 = in.wideInt(-8, w + 8);
-    const int y0 = in.wideInt(-8, h + 8);
-    const int x1 = in.wideInt(-8, w + 8);
-    const int y1 = in.wideInt(-8, h + 8);
+    const int x0 = in.wideInt(-8, w + 8), y0 = in.wideInt(-8, h + 8);
+    const int x1 = in.wideInt(-8, w + 8), y1 = in.wideInt(-8, h + 8);
     const int radius = in.wideInt(0, 6);
     const uint8_t mode = in.range<uint8_t>(0, 4), value = in.byte();
+    const uint8_t codes[5] = {1, 255, 126, uint8_t((value & 254) + 1), 0};
     int step = mask.step();
     if (step == w && in.flag()) step = 0;
     mask.snapshot();
-    trace("qxDrawLine8u %dx%d step %d (%d,%d)-(%d,%d) radius %d mode %d value %d\n", w, h, step,
-          x0, y0, x1, y1, radius, mode, value);
     const int rc = qxDrawLine8u(mask.data(), step, w, h, x0, y0, x1, y1, radius, mode, value);
     const char* call = "qxDrawLine8u";
     if (refused(!validRadius(radius), rc, 0, call, mask)) return;
     expect(rc == 1, "status other than 1", call);
     mask.checkWritable(call);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const uint8_t was = before[size_t(y) * w + x], now = mask.at(x, y);
-            if (was == now) continue;
-            uint8_t code = 0;
-            switch (mode) {
-            case 0: code = 1; break;
-            case 1: code = 255; break;
-            case 2: code = 126; break;
-            case 3: code = uint8_t((value & 254) + 1); break;
-            default: code = 0;
-            }
-            expect(now == code, "a stroke wrote a byte other than its mode's code", call);
-        }
+    mask.eachPixel(before, [&](int, int, uint8_t was, uint8_t now) {
+        if (was != now) expect(now == codes[mode], "a stroke wrote a byte other than its code", call);
+    });
 }
 
 void floodFill(Input& in, HostPlane& mask, int w, int h) {
@@ -52,28 +38,22 @@ void floodFill(Input& in, HostPlane& mask, int w, int h) {
     HostPlane rect(4, 1, sizeof(int), 4 * sizeof(int));
     rect.fillValue(0x5A);
     mask.snapshot();
-    trace("qxFloodFillAlpha %dx%d seed (%d,%d) mode %d\n", w, h, sx, sy, mode);
     const int rc = qxFloodFillAlpha(mask.data(), mask.step(), w, h, sx, sy, 0, 0, mode, 0,
                                     reinterpret_cast<int*>(rect.data()));
     const char* call = "qxFloodFillAlpha";
     rect.checkWritable(call);
+    const bool outside = sx < 0 || sy < 0 || sx >= w || sy >= h;
+    int r[4];
+    std::memcpy(r, rect.data(), sizeof r);
+    expect(outside == (rc == -3), "seed outside not refused, or inside refused", call);
     if (rc == -3) {
-        expect(sx < 0 || sy < 0 || sx >= w || sy >= h, "seed inside reported outside", call);
         mask.checkUntouched(call);
-        int r[4];
-        std::memcpy(r, rect.data(), sizeof r);
         expect(r[0] == 0 && r[1] == 0 && r[2] == 0 && r[3] == 0, "rect not zeroed", call);
         return;
     }
-    expect(!(sx < 0 || sy < 0 || sx >= w || sy >= h), "seed outside not refused", call);
-    if (rc == -1) {
-        mask.checkWritable(call);
-        return;
-    }
+    if (rc == -1) return mask.checkWritable(call);
     expect(rc == 1, "unknown status", call);
     mask.checkWritable(call);
-    int r[4];
-    std::memcpy(r, rect.data(), sizeof r);
     expect(r[0] >= 0 && r[1] >= 0 && r[2] >= 0 && r[3] >= 0 && int64_t(r[0]) + r[2] <= w &&
                int64_t(r[1]) + r[3] <= h,
            "changed rectangle outside the plane", call);
@@ -82,52 +62,38 @@ void floodFill(Input& in, HostPlane& mask, int w, int h) {
 }
 
 void colourRange(Input& in, HostPlane& image, HostPlane& mask, int w, int h) {
-    GrabCutRequest req{};
-    req.image = image.data();
-    req.imageStep = image.step();
-    req.mask = mask.data();
-    req.maskStep = mask.step();
-    req.width = w;
-    req.height = h;
+    GrabCutRequest req{.image = image.data(), .imageStep = image.step(), .mask = mask.data(),
+                       .maskStep = mask.step(), .width = w, .height = h};
     // Fields the brush does not read: a host may leave anything in them.
     req.roiLeft = in.wideInt(0, w);
     req.roiTop = in.wideInt(0, h);
     req.roiWidth = in.wideInt(0, w);
     req.roiHeight = in.wideInt(0, h);
-    const int x0 = in.wideInt(-8, w + 8);
-    const int y0 = in.wideInt(-8, h + 8);
-    const int x1 = in.wideInt(-8, w + 8);
-    const int y1 = in.wideInt(-8, h + 8);
+    const int x0 = in.wideInt(-8, w + 8), y0 = in.wideInt(-8, h + 8);
+    const int x1 = in.wideInt(-8, w + 8), y1 = in.wideInt(-8, h + 8);
     const int radius = in.wideInt(0, 6);
     uint8_t colour[3] = {in.byte(), in.byte(), in.byte()};
     const unsigned tolerance =
         in.flag() ? in.range<unsigned>(0, 200) : in.range<unsigned>(0, 0xFFFFFFFFu);
     const uint8_t fg = in.range<uint8_t>(0, 2);
     const std::vector<uint8_t> before = mask.pixels();
-    image.snapshot();
-    mask.snapshot();
-    trace("qxColorRangeSelect %dx%d (%d,%d)-(%d,%d) radius %d tolerance %u fg %d\n", w, h, x0, y0,
-          x1, y1, radius, tolerance, fg);
+    snapshotAll(image, mask);
     const int rc = qxColorRangeSelect(&req, x0, y0, x1, y1, radius, colour, tolerance, fg);
     const char* call = "qxColorRangeSelect";
     image.checkUntouched(call);
     if (refused(!validRadius(radius), rc, 0, call, mask)) return;
     expect(rc == 1, "status other than 1", call);
     mask.checkWritable(call);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const uint8_t was = before[size_t(y) * w + x], now = mask.at(x, y);
-            if (was == now) continue;
-            expect((was & 1) == 0, "a fixed pixel was overwritten", call);
-            expect(now == (fg ? 255 : 1), "a byte other than the brush's code", call);
-        }
+    mask.eachPixel(before, [&](int, int, uint8_t was, uint8_t now) {
+        if (was == now) return;
+        expect((was & 1) == 0, "a fixed pixel was overwritten", call);
+        expect(now == (fg ? 255 : 1), "a byte other than the brush's code", call);
+    });
 }
 
 void desaturate(Input& in, HostPlane& image, HostPlane& alpha, int w, int h) {
     const float strength = in.wideFloat(0.0f, 1.0f);
-    image.snapshot();
-    alpha.snapshot();
-    trace("qxDesaturation %dx%d strength %g\n", w, h, double(strength));
+    snapshotAll(image, alpha);
     const int rc = qxDesaturation(image.data(), image.step(), w, h, alpha.data(), alpha.step(),
                                   strength);
     const char* call = "qxDesaturation";
@@ -139,7 +105,6 @@ void desaturate(Input& in, HostPlane& image, HostPlane& alpha, int w, int h) {
 void filter(Input& in, HostPlane& plane, int w, int h) {
     const int mode = in.wideInt(-1, 2);
     plane.snapshot();
-    trace("qxfilterIm8u %dx%d mode %d\n", w, h, mode);
     const int rc = qxfilterIm8u(plane.data(), plane.step(), w, h, mode);
     const char* call = "qxfilterIm8u";
     expect(rc == 1, "status other than 1", call);
@@ -156,41 +121,24 @@ void refusals(Input& in) {
     const bool maskOk = validShape(w, h, s.step, 1), imageOk = validShape(w, h, t.step, 4);
     if (maskOk && imageOk) return;
     HostPlane mask(w, h, 1, s.step), image(w, h, 4, t.step), alpha(w, h, 1, s.step);
-    mask.fill(in, true);
-    image.fill(in, false);
-    alpha.fill(in, false);
-    int rc;
-    if (!maskOk && s.step != 0) {
-        rc = qxDrawLine8u(mask.data(), s.step, w, h, 1, 1, 3, 3, 1, 1, 0);
-        expect(rc == 0, "invalid plane not refused", "qxDrawLine8u");
-        mask.checkUntouched("qxDrawLine8u");
-    }
+    for (HostPlane* p : {&mask, &image, &alpha}) p->fill(in, p == &mask);
+    if (!maskOk && s.step != 0)
+        refused(true, qxDrawLine8u(mask.data(), s.step, w, h, 1, 1, 3, 3, 1, 1, 0), 0,
+                "qxDrawLine8u", mask);
     if (!maskOk) {
         int rect[4] = {7, 7, 7, 7};
-        rc = qxFloodFillAlpha(mask.data(), s.step, w, h, 0, 0, 0, 0, 1, 0, rect);
-        expect(rc == 0 && rect[0] == 7 && rect[3] == 7, "invalid plane not refused",
-               "qxFloodFillAlpha");
-        mask.checkUntouched("qxFloodFillAlpha");
-        rc = qxfilterIm8u(mask.data(), s.step, w, h, 1);
-        expect(rc == 0, "invalid plane not refused", "qxfilterIm8u");
-        mask.checkUntouched("qxfilterIm8u");
+        refused(true, qxFloodFillAlpha(mask.data(), s.step, w, h, 0, 0, 0, 0, 1, 0, rect), 0,
+                "qxFloodFillAlpha", mask);
+        expect(rect[0] == 7 && rect[3] == 7, "rect written on refusal", "qxFloodFillAlpha");
+        refused(true, qxfilterIm8u(mask.data(), s.step, w, h, 1), 0, "qxfilterIm8u", mask);
     }
-    GrabCutRequest req{};
-    req.image = image.data();
-    req.imageStep = t.step;
-    req.mask = mask.data();
-    req.maskStep = s.step;
-    req.width = w;
-    req.height = h;
+    GrabCutRequest req{.image = image.data(), .imageStep = t.step, .mask = mask.data(),
+                       .maskStep = s.step, .width = w, .height = h};
     const uint8_t colour[3] = {1, 2, 3};
-    rc = qxColorRangeSelect(&req, 0, 0, 2, 2, 1, colour, 1000, 1);
-    expect(rc == 0, "invalid plane not refused", "qxColorRangeSelect");
-    mask.checkUntouched("qxColorRangeSelect");
-    image.checkUntouched("qxColorRangeSelect");
-    rc = qxDesaturation(image.data(), t.step, w, h, alpha.data(), s.step, 1.0f);
-    expect(rc == 0, "invalid plane not refused", "qxDesaturation");
-    image.checkUntouched("qxDesaturation");
-    alpha.checkUntouched("qxDesaturation");
+    refused(true, qxColorRangeSelect(&req, 0, 0, 2, 2, 1, colour, 1000, 1), 0,
+            "qxColorRangeSelect", mask, image);
+    refused(true, qxDesaturation(image.data(), t.step, w, h, alpha.data(), s.step, 1.0f), 0,
+            "qxDesaturation", image, alpha);
 }
 
 }  // namespace
@@ -205,9 +153,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     HostPlane mask(w, h, 1, w + in.pad());
     HostPlane image(w, h, 4, w * 4 + in.pad());
     HostPlane alpha(w, h, 1, w + in.pad());
-    mask.fill(in, true);
-    image.fill(in, false);
-    alpha.fill(in, false);
+    for (HostPlane* p : {&mask, &image, &alpha}) p->fill(in, p == &mask);
     const int ops = in.range<int>(1, 6);
     for (int i = 0; i < ops && in.remaining() > 0; ++i) {
         switch (in.range<int>(0, 5)) {
@@ -216,11 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 2: colourRange(in, image, mask, w, h); break;
         case 3: desaturate(in, image, alpha, w, h); break;
         case 4: filter(in, in.flag() ? mask : alpha, w, h); break;
-        default: {
-            // A brush stroke on the colour-range plane too, then a fill from its end.
-            drawLineChecked(in, mask, w, h);
-            floodFill(in, mask, w, h);
-        }
+        default: drawLineChecked(in, mask, w, h), floodFill(in, mask, w, h);
         }
     }
     return 0;

@@ -23,17 +23,10 @@ struct Session {
           mask(w, h, 1, stepFor(in, w, 1)),
           result(w, h, 1, stepFor(in, w, 1)),
           withResult(in.range<int>(0, 3) != 0) {
-        image.fill(in, false);
-        mask.fill(in, true);
-        result.fill(in, true);
-        req.image = image.data();
-        req.imageStep = image.step();
-        req.mask = mask.data();
-        req.maskStep = mask.step();
-        req.result = withResult ? result.data() : nullptr;
-        req.resultStep = result.step();
-        req.width = w;
-        req.height = h;
+        for (HostPlane* p : {&image, &mask, &result}) p->fill(in, p != &image);
+        req = {.image = image.data(), .imageStep = image.step(), .mask = mask.data(),
+               .maskStep = mask.step(), .result = withResult ? result.data() : nullptr,
+               .resultStep = result.step(), .width = w, .height = h};
     }
     bool planesValid() const {
         return validShape(w, h, image.step(), 4) && validShape(w, h, mask.step(), 1) &&
@@ -48,11 +41,7 @@ struct Session {
         return req.roiWidth >= 1 && req.roiHeight >= 1 && req.roiLeft >= 0 && req.roiTop >= 0 &&
                int64_t(req.roiLeft) + req.roiWidth <= w && int64_t(req.roiTop) + req.roiHeight <= h;
     }
-    void snapshot() {
-        image.snapshot();
-        mask.snapshot();
-        result.snapshot();
-    }
+    void snapshot() { snapshotAll(image, mask, result); }
     std::vector<uint8_t> roiBytes(HostPlane& p) {
         std::vector<uint8_t> v;
         for (int y = req.roiTop; y < req.roiTop + req.roiHeight; ++y)
@@ -61,28 +50,13 @@ struct Session {
     }
     void checkOutsideRoi(const char* call) {
         image.checkUntouched(call);
-        mask.checkWritable(call);
-        result.checkWritable(call);
+        writable(call, mask, result);
         expect(mask.unchangedOutside(req.roiLeft, req.roiTop, req.roiWidth, req.roiHeight),
                "mask written outside the rectangle", call);
         expect(result.unchangedOutside(req.roiLeft, req.roiTop, req.roiWidth, req.roiHeight),
                "result written outside the rectangle", call);
     }
 };
-
-void pickRoi(Input& in, Session& s) {
-    if (in.range<int>(0, 7) == 0) {
-        s.req.roiLeft = in.wideInt(-2, s.w);
-        s.req.roiTop = in.wideInt(-2, s.h);
-        s.req.roiWidth = in.wideInt(-1, s.w + 1);
-        s.req.roiHeight = in.wideInt(-1, s.h + 1);
-        return;
-    }
-    s.req.roiLeft = in.range<int>(0, std::max(s.w - 1, 0));
-    s.req.roiTop = in.range<int>(0, std::max(s.h - 1, 0));
-    s.req.roiWidth = in.range<int>(1, std::max(s.w - s.req.roiLeft, 1));
-    s.req.roiHeight = in.range<int>(1, std::max(s.h - s.req.roiTop, 1));
-}
 
 // One cut. `expectRefusal`: the caller knows the control does not fit this request.
 void cut(Input& in, Session& s, bool expectRefusal) {
@@ -91,20 +65,10 @@ void cut(Input& in, Session& s, bool expectRefusal) {
                                                             : std::vector<uint8_t>();
     void* const controlBefore = s.req.control;
     s.snapshot();
-    trace("qxGrabCut %dx%d steps %d %d %d result %d roi %d,%d %dx%d control %p\n", s.w, s.h,
-          s.req.imageStep, s.req.maskStep, s.req.resultStep, int(s.withResult), s.req.roiLeft,
-          s.req.roiTop, s.req.roiWidth, s.req.roiHeight, s.req.control);
     const int rc = qxGrabCut(&s.req, in.byte());
-    trace("  -> %d\n", rc);
     const char* call = "qxGrabCut";
-    if (refuse) {
-        expect(rc == 0, "refusal not reported", call);
-        expect(s.req.control == controlBefore, "a refused call changed the control", call);
-        s.image.checkUntouched(call);
-        s.mask.checkUntouched(call);
-        s.result.checkUntouched(call);
-        return;
-    }
+    if (refused(refuse, rc, 0, call, s.image, s.mask, s.result))
+        return expect(s.req.control == controlBefore, "a refused call changed the control", call);
     s.checkOutsideRoi(call);
     if (rc != 1) {
         expect(rc == 102 || rc == 103 || rc == 112 || rc == 113 || rc == -1000,
@@ -140,15 +104,10 @@ void edgeGen(Input& in, Session& s) {
                         band > 32767;
     const auto resultBytes = !refuse ? s.roiBytes(s.result) : std::vector<uint8_t>();
     s.snapshot();
-    trace("qxGrabCutEdgeGen band %d\n", band);
     qxGrabCutEdgeGen(&s.req, band);
     const char* call = "qxGrabCutEdgeGen";
-    s.image.checkUntouched(call);
-    s.result.checkUntouched(call);
-    if (refuse) {
-        s.mask.checkUntouched(call);
-        return;
-    }
+    untouched(call, s.image, s.result);
+    if (refuse) return s.mask.checkUntouched(call);
     s.checkOutsideRoi(call);
     const auto m = s.roiBytes(s.mask);
     for (size_t i = 0; i < m.size(); ++i) {
@@ -173,11 +132,7 @@ void finish(Session& s) {
     const char* call = "qxGrabCutDeleteBuf";
     expect(s.req.control == nullptr, "control not cleared", call);
     s.image.checkUntouched(call);
-    if (!codes) {
-        s.mask.checkUntouched(call);
-        s.result.checkUntouched(call);
-        return;
-    }
+    if (!codes) return untouched(call, s.mask, s.result);
     s.checkOutsideRoi(call);
     const auto m = s.roiBytes(s.mask);
     for (size_t i = 0; i < m.size(); ++i)
@@ -194,16 +149,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int w = hostile ? in.range<int>(-1, 2) : in.range<int>(1, 36);
     const int h = hostile ? in.range<int>(-1, 2) : in.range<int>(1, 36);
     Session s(in, w, h);
-    pickRoi(in, s);
+    rectFor(in, w, h, s.req.roiLeft, s.req.roiTop, s.req.roiWidth, s.req.roiHeight);
     cut(in, s, false);
     const int steps = in.range<int>(0, 4);
     for (int i = 0; i < steps && in.remaining() > 0; ++i) {
         switch (in.range<int>(0, 4)) {
         case 0:
-        case 1:
-            paint(in, s);
-            cut(in, s, false);
-            break;
+        case 1: paint(in, s), cut(in, s, false); break;
         case 2: {
             // Another rectangle size with the same control: refused, nothing written.
             if (s.req.control == nullptr) break;
@@ -224,9 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             qxGrabCutDeleteBuf(&s.req);
             expect(s.req.control == fake.data(), "a foreign control was cleared",
                    "qxGrabCutDeleteBuf");
-            s.mask.checkUntouched("qxGrabCutDeleteBuf");
-            s.result.checkUntouched("qxGrabCutDeleteBuf");
-            fake.checkUntouched("qxGrabCut");
+            untouched("qxGrabCutDeleteBuf", s.mask, s.result, fake);
             s.req = keep;
             break;
         }

@@ -37,14 +37,6 @@ constexpr bool kAvoidKnown = QX_FUZZ_AVOID_KNOWN != 0;
     std::abort();
 }
 
-// With QXFUZZ_TRACE set in the environment, the targets print each call's arguments: the way
-// to read a crash input (run the program on the file alone).
-template <class... Args>
-void trace(const char* format, Args... args) {
-    static const bool on = std::getenv("QXFUZZ_TRACE") != nullptr;
-    if (on) std::fprintf(stderr, format, args...);
-}
-
 inline void expect(bool ok, const char* what, const char* call) {
     if (!ok) fail(what, call);
 }
@@ -65,16 +57,8 @@ public:
     int wideInt(int lo, int hi) {
         switch (byte() & 7) {
         case 0: {
-            static constexpr int kEdges[] = {std::numeric_limits<int>::min(),
-                                             std::numeric_limits<int>::min() + 1,
-                                             -65536,
-                                             -1,
-                                             0,
-                                             32767,
-                                             65535,
-                                             1 << 30,
-                                             std::numeric_limits<int>::max() - 1,
-                                             std::numeric_limits<int>::max()};
+            constexpr int kMin = std::numeric_limits<int>::min(), kMax = std::numeric_limits<int>::max();
+            static constexpr int kEdges[] = {kMin, kMin + 1, -65536, -1, 0, 32767, 65535, 1 << 30, kMax - 1, kMax};
             if (flag()) return kEdges[range<int>(0, std::size(kEdges) - 1)];
             return fdp_.ConsumeIntegral<int>();
         }
@@ -97,7 +81,8 @@ public:
     int pad() { return range<int>(0, 9); }
     uint64_t seed() { return fdp_.ConsumeIntegral<uint64_t>(); }
     size_t remaining() { return fdp_.remaining_bytes(); }
-    std::vector<uint8_t> rest(size_t n) { return fdp_.ConsumeBytes<uint8_t>(n); }
+
+    FuzzedDataProvider& fdp() { return fdp_; }
 
 private:
     FuzzedDataProvider fdp_;
@@ -141,8 +126,6 @@ public:
 
     uint8_t* data() { return mem_.data() + kGuard; }
     int step() const { return step_; }
-    int width() const { return width_; }
-    int height() const { return height_; }
     bool stepValid() const { return step_ >= 0 && size_t(step_) >= rowBytes_; }
 
     // Pixel bytes: a run of the input's bytes (mapped to codes when `codes`), then a generator
@@ -154,7 +137,7 @@ public:
         const uint8_t a = codes ? codeFromByte(in.byte()) : in.byte();
         const uint8_t b = codes ? codeFromByte(in.byte()) : in.byte();
         const int split = in.range<int>(0, std::max(width_, 1));
-        std::vector<uint8_t> given = in.rest(std::min<size_t>(in.remaining() / 2, body_));
+        std::vector<uint8_t> given = in.fdp().ConsumeBytes<uint8_t>(std::min<size_t>(in.remaining() / 2, body_));
         size_t k = 0;
         for (int y = 0; y < height_; ++y)
             for (size_t i = 0; i < rowBytes_; ++i) {
@@ -214,6 +197,19 @@ public:
             for (size_t i = 0; i < rowBytes_; ++i) v.push_back(at(i, y));
         return v;
     }
+    // Byte `b` of every pixel, row after row.
+    std::vector<uint8_t> channel(int b) {
+        std::vector<uint8_t> v;
+        for (int y = 0; y < height_; ++y)
+            for (int x = 0; x < width_; ++x) v.push_back(at(size_t(x) * bpp_ + b, y));
+        return v;
+    }
+    // f(x, y, was, now) for every byte of a plane of 1 byte a pixel; `was` from pixels().
+    template <class F>
+    void eachPixel(const std::vector<uint8_t>& before, F f) {
+        for (int y = 0, k = 0; y < height_; ++y)
+            for (int x = 0; x < width_; ++x, ++k) f(x, y, before[k], at(x, y));
+    }
     uint8_t& at(size_t byteInRow, int y) {
         const size_t pitch = stepValid() ? size_t(step_) : rowBytes_;
         return mem_[kGuard + size_t(y) * pitch + byteInRow];
@@ -235,12 +231,26 @@ private:
     std::vector<uint8_t> mem_, before_;
 };
 
+// The checks above on several buffers at once; a snapshot of several.
+template <class... Buffers>
+void untouched(const char* call, const Buffers&... buffers) {
+    (buffers.checkUntouched(call), ...);
+}
+template <class... Buffers>
+void writable(const char* call, const Buffers&... buffers) {
+    (buffers.checkWritable(call), ...);
+}
+template <class... Buffers>
+void snapshotAll(Buffers&... buffers) {
+    (buffers.snapshot(), ...);
+}
+
 // A call that had to refuse reports `code` and leaves every given buffer as it was.
 template <class Status, class... Buffers>
 bool refused(bool refuse, Status rc, Status code, const char* call, const Buffers&... buffers) {
     if (!refuse) return false;
     expect(rc == code, "refusal not reported", call);
-    (buffers.checkUntouched(call), ...);
+    untouched(call, buffers...);
     return true;
 }
 
@@ -260,6 +270,17 @@ inline int stepFor(Input& in, int width, int bpp) {
     }
 }
 
+// A rectangle inside a plane of w x h, one time in eight anything (outside, empty, negative).
+inline void rectFor(Input& in, int w, int h, int& x, int& y, int& rw, int& rh) {
+    if (in.range<int>(0, 7) == 0) {
+        x = in.wideInt(-2, w), y = in.wideInt(-2, h);
+        rw = in.wideInt(-1, w + 2), rh = in.wideInt(-1, h + 2);
+        return;
+    }
+    x = in.range<int>(0, std::max(w - 1, 0)), y = in.range<int>(0, std::max(h - 1, 0));
+    rw = in.range<int>(1, std::max(w - x, 1)), rh = in.range<int>(1, std::max(h - y, 1));
+}
+
 inline PlaneShape shapeFor(Input& in, int maxW, int maxH, int bpp) {
     PlaneShape s{};
     const bool hostile = in.range<int>(0, 15) == 0;
@@ -273,14 +294,8 @@ inline bool validShape(int width, int height, int step, int bpp) {
     return width >= 1 && height >= 1 && int64_t(step) >= int64_t(width) * bpp;
 }
 
-// A progress callback that checks what it is given.
-inline int progressProbe(int current, int total, void* param) {
-    auto* calls = static_cast<int*>(param);
-    ++*calls;
-    (void)current;
-    (void)total;
-    return 0;
-}
+// A progress callback that counts its calls.
+inline int progressProbe(int, int, void* calls) { return ++*static_cast<int*>(calls), 0; }
 
 }  // namespace qxfuzz
 

@@ -58,23 +58,16 @@ void maskAlpha(Input& in) {
     const int planeStep = stepFor(in, std::max(s.width, 0), 1);
     HostPlane r(s.width, s.height, 1, planeStep), g(s.width, s.height, 1, planeStep),
         b(s.width, s.height, 1, planeStep), mask(s.width, s.height, 1, s.step);
-    r.fill(in, false);
-    g.fill(in, false);
-    b.fill(in, false);
-    mask.fill(in, true);
+    for (HostPlane* p : {&r, &g, &b, &mask}) p->fill(in, p == &mask);
     HostPlane planes(3, 1, sizeof(void*), 3 * sizeof(void*));
     unsigned char* p[3] = {r.data(), g.data(), b.data()};
     std::memcpy(planes.data(), p, sizeof p);
     planes.snapshot();
     const bool nullPlanes = in.range<int>(0, 15) == 0;
     int calls = 0;
-    MaskRequest req{};
-    req.planes = nullPlanes ? nullptr : reinterpret_cast<unsigned char**>(planes.data());
-    req.planeStep = planeStep;
-    req.mask = mask.data();
-    req.maskStep = s.step;
-    req.width = s.width;
-    req.height = s.height;
+    MaskRequest req{.planes = nullPlanes ? nullptr : reinterpret_cast<unsigned char**>(planes.data()),
+                    .planeStep = planeStep, .mask = mask.data(), .maskStep = s.step,
+                    .width = s.width, .height = s.height};
     if (in.flag()) {
         req.progProc = progressProbe;
         req.progParam = &calls;
@@ -82,16 +75,11 @@ void maskAlpha(Input& in) {
     const float unknown = in.wideFloat(0.0f, float(s.width * s.height));
     const int fgCode = in.wideInt(128, 255), bgCode = in.wideInt(0, 127);
     const int levelHigh = in.wideInt(128, 255), levelLow = in.wideInt(0, 127);
-    trace("qxMaskAlpha %dx%d steps %d %d unknown %g codes %d %d levels %d %d\n", s.width,
-          s.height, s.step, planeStep, double(unknown), fgCode, bgCode, levelHigh, levelLow);
     const bool refuse = nullPlanes || !validShape(s.width, s.height, s.step, 1) ||
                         !validShape(s.width, s.height, planeStep, 1);
     const int rc = qxMaskAlpha(&req, 0, unknown, fgCode, bgCode, levelHigh, levelLow);
     const char* call = "qxMaskAlpha";
-    planes.checkUntouched(call);
-    r.checkUntouched(call);
-    g.checkUntouched(call);
-    b.checkUntouched(call);
+    untouched(call, planes, r, g, b);
     if (refused(refuse, rc, -1000, call, mask)) return;
     mask.checkWritable(call);
     expect(rc == 1 || (rc <= -870 && rc >= -1001), "status outside the documented set", call);
