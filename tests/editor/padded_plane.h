@@ -20,6 +20,7 @@ public:
           buf(static_cast<size_t>(step) * height, kPad) {
         setAll(fill);
     }
+    PaddedPlane() : PaddedPlane(0, 0) {}
 
     uint8_t* data() { return buf.data(); }
     uint8_t& at(int x, int y, int c = 0) { return buf[size_t(y) * step + size_t(x) * bpp + c]; }

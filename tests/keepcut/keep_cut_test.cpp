@@ -49,7 +49,7 @@ TEST(KeepCutEntry, HiResOneIsTheFullResolutionTreeAnyOtherValueThePyramid) {
             EXPECT_GT(job.scene.alpha.at(31, 30), 0);  // the keep pixel pulls its neighbours up
         } else {
             EXPECT_EQ(status, -5) << hiRes;
-            EXPECT_EQ(job.scene.alpha.bytes, before.bytes) << hiRes;
+            EXPECT_EQ(job.scene.alpha.buf, before.buf) << hiRes;
         }
     }
 }
@@ -58,13 +58,13 @@ TEST(KeepCutEntry, TooFewStrokesGiveMinusFiveWithTheFlagsIntact) {
     for (int hiRes : {1, 2}) {
         // Keep strokes and a band, but no cut stroke.
         StrokeScene scene(50, 40, 10.0, 15.0, 2);
-        for (auto& v : scene.alpha.bytes)
+        for (auto& v : scene.alpha.buf)
             if (v == 1) v = 0;
         scene.syncAux();
         const PaddedPlane before = scene.alpha, dst = scene.dst;
         EXPECT_EQ(qxKeepCutToAlpha(&scene.req, hiRes), -5);
-        EXPECT_EQ(scene.alpha.bytes, before.bytes);
-        EXPECT_EQ(scene.dst.bytes, dst.bytes);
+        EXPECT_EQ(scene.alpha.buf, before.buf);
+        EXPECT_EQ(scene.dst.buf, dst.buf);
     }
 }
 
@@ -96,7 +96,8 @@ TEST(KeepCutEntry, LeafTooLargeGivesMinusOneWithTheFlagsIntact) {
     // Keep in column 0, cut in the last column, 2001 x 1000 unpainted between: one leaf of
     // 2,001,000 unknown pixels, more than one solve may take.
     const int w = 2003, h = 1000;
-    PaddedPlane src(4 * w, h, 4, 60), alpha(w, h, 3, 100), aux(w, h, 2, 0), dst(4 * w, h, 4, 0);
+    PaddedPlane src(4 * w, h, 1, 60, 4), alpha(w, h, 1, 100, 3), aux(w, h, 1, 0, 2),
+        dst(4 * w, h, 1, 0, 4);
     for (int y = 0; y < h; ++y) {
         alpha.at(0, y) = 255;
         alpha.at(w - 1, y) = 1;
@@ -106,7 +107,7 @@ TEST(KeepCutEntry, LeafTooLargeGivesMinusOneWithTheFlagsIntact) {
     KeepCutRequest req = qxtest::requestOver(src, alpha, aux, dst);
     const PaddedPlane before = alpha;
     EXPECT_EQ(qxKeepCutToAlpha(&req, 1), -1);
-    EXPECT_EQ(alpha.bytes, before.bytes);
+    EXPECT_EQ(alpha.buf, before.buf);
 }
 
 // A refinement of the region (20, 16) 50 x 44 of an 90 x 80 scene with a frame of 2: strokes
@@ -156,19 +157,19 @@ TEST(KeepCutEntry, RegionModeStatuses) {
         // No cut stroke at all, in a region smaller than the image: the frame holds the
         // earlier alpha, no stroke check is made, and the region is solved.
         MergeCase c(2);
-        for (auto& v : c.scene.alpha.bytes)
+        for (auto& v : c.scene.alpha.buf)
             if (v == 1) v = 0;
         c.scene.syncAux();
         const PaddedPlane before = c.scene.alpha;
         EXPECT_EQ(qxKeepCutToAlpha(&c.scene.req, 1), 1);
-        EXPECT_NE(c.scene.alpha.bytes, before.bytes);
+        EXPECT_NE(c.scene.alpha.buf, before.buf);
     }
     {
         // The same strokes with a region that is the whole image: the frame clips to nothing,
         // the bounding-box check fails, the flags are restored from the record (which also
         // marks (3, 3) as painted), and the call still reads 1.
         MergeCase c(2);
-        for (auto& v : c.scene.alpha.bytes)
+        for (auto& v : c.scene.alpha.buf)
             if (v == 1) v = 0;
         c.scene.syncAux();
         c.scene.aux.at(3, 3) = 1;
@@ -177,7 +178,7 @@ TEST(KeepCutEntry, RegionModeStatuses) {
         EXPECT_EQ(qxKeepCutToAlpha(&c.scene.req, 1), 1);
         PaddedPlane expect = before;
         expect.at(3, 3) |= 1;
-        EXPECT_EQ(c.scene.alpha.bytes, expect.bytes);
+        EXPECT_EQ(c.scene.alpha.buf, expect.buf);
     }
 }
 
@@ -191,7 +192,7 @@ TEST(KeepCutEntry, ImageFailurePassesThroughWithFlagsRestored) {
     qx::prim::failNextAllocations(0);
     PaddedPlane expect = before;
     expect.at(30, 30) |= 1;
-    EXPECT_EQ(c.scene.alpha.bytes, expect.bytes);
+    EXPECT_EQ(c.scene.alpha.buf, expect.buf);
 }
 
 }  // namespace

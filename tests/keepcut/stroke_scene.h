@@ -40,10 +40,10 @@ struct StrokeScene {
     // the band unpainted with `bandValue` (even).
     StrokeScene(int w, int h, double r0, double r1, int band, unsigned char bandValue = 0)
         : comp(w, h, r0, r1, band, 0.0),
-          src(4 * w, h, 8, 0),
-          alpha(w, h, 3),
-          aux(w, h, 6),
-          dst(4 * w, h, 4, 0) {
+          src(4 * w, h, 1, 0, 8),
+          alpha(w, h, 1, 0, 3),
+          aux(w, h, 1, 0, 6),
+          dst(4 * w, h, 1, 0, 4) {
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
                 for (int c = 0; c < 3; ++c) src.at(4 * x + c, y) = comp.planes[c].at(x, y);

@@ -76,7 +76,7 @@ TEST(CompAlpha, OuterFormSharpensAndKicksProgress) {
 TEST(CompAlpha, RefusedSizesLeaveTheMask) {
     PaddedPlane planes[3] = {PaddedPlane(3, 3), PaddedPlane(3, 3), PaddedPlane(3, 3)};
     unsigned char* ptrs[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
-    PaddedPlane mask(3, 3, 2, 128);
+    PaddedPlane mask(3, 3, 1, 128, 2);
     Plane8 v = view(mask);
     CFMatt m;
     EXPECT_EQ(m.CompAlpha(ptrs, planes[0].step, 3, 3, v), 2);  // 9 pixels: below 10
@@ -85,7 +85,7 @@ TEST(CompAlpha, RefusedSizesLeaveTheMask) {
 }
 
 TEST(SharpenAlpha, FlatMaskStaysFlat) {
-    PaddedPlane mask(12, 12, 3, 77);
+    PaddedPlane mask(12, 12, 1, 77, 3);
     CFMatt m;
     m.sharpen = 3.0f;
     Plane8 v = view(mask);

@@ -1,5 +1,5 @@
-// Small helpers shared by the matting tests: padded planes and synthetic composites whose alpha
-// is known.
+// Synthetic composites whose alpha is known, over padded planes (editor/padded_plane.h), for
+// the matting and keep-cut tests.
 #pragma once
 
 #include <cmath>
@@ -8,30 +8,10 @@
 #include <random>
 #include <vector>
 
+#include "editor/padded_plane.h"
 #include "image/img.h"
 
 namespace qxtest {
-
-// A byte plane with `pad` bytes after every row, filled with the pad value 0xEE.
-struct PaddedPlane {
-    int width = 0, height = 0, step = 0;
-    std::vector<unsigned char> bytes;
-    PaddedPlane() = default;
-    PaddedPlane(int w, int h, int pad = 7, unsigned char fill = 0)
-        : width(w), height(h), step(w + pad), bytes(static_cast<size_t>(step) * h, 0xEE) {
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) at(x, y) = fill;
-    }
-    unsigned char& at(int x, int y) { return bytes[static_cast<size_t>(y) * step + x]; }
-    unsigned char at(int x, int y) const { return bytes[static_cast<size_t>(y) * step + x]; }
-    unsigned char* data() { return bytes.data(); }
-    bool padsIntact() const {
-        for (int y = 0; y < height; ++y)
-            for (int x = width; x < step; ++x)
-                if (bytes[static_cast<size_t>(y) * step + x] != 0xEE) return false;
-        return true;
-    }
-};
 
 // A composite I = a F + (1 - a) B over three planes, with a soft disc as alpha: 1 inside
 // radius r0, 0 outside r1, linear in between. F and B are constant colours plus an optional
@@ -48,8 +28,8 @@ struct Composite {
         const double fg[3] = {220, 60, 40}, bgBase[3] = {30, 90, 200};
         std::mt19937 rng(seed);
         std::uniform_real_distribution<double> noise(-1.0, 1.0);
-        for (auto& p : planes) p = PaddedPlane(w, h, 5);
-        trimap = PaddedPlane(w, h, 3);
+        for (auto& p : planes) p = PaddedPlane(w, h, 1, 0, 5);
+        trimap = PaddedPlane(w, h, 1, 0, 3);
         const double cx = w / 2.0, cy = h / 2.0;
         for (int y = 0; y < h; ++y) {
             for (int x = 0; x < w; ++x) {
@@ -84,7 +64,7 @@ struct Composite {
         return n ? sum / n : 0.0;
     }
     int unknownCount() const {
-        return int(std::count(trimap.bytes.begin(), trimap.bytes.end(), 128));
+        return int(std::count(trimap.buf.begin(), trimap.buf.end(), 128));
     }
 };
 
