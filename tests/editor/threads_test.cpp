@@ -41,13 +41,8 @@ std::vector<uint8_t> round(unsigned seed) {
     int rect[4];
     keep(qxFloodFillAlpha(codes.data(), codes.step, w, h, w / 2, 1, 0, 0, 2, 0, rect), codes);
     out.insert(out.end(), reinterpret_cast<uint8_t*>(rect), reinterpret_cast<uint8_t*>(rect + 4));
-    GrabCutRequest req{};
-    req.image = image.data();
-    req.imageStep = image.step;
-    req.mask = codes.data();
-    req.maskStep = codes.step;
-    req.width = w;
-    req.height = h;
+    GrabCutRequest req{.image = image.data(), .imageStep = image.step, .mask = codes.data(),
+                       .maskStep = codes.step, .width = w, .height = h};
     const uint8_t colour[3] = {uint8_t(rng()), uint8_t(rng()), uint8_t(rng())};
     keep(qxColorRangeSelect(&req, 0, h / 2, w, h / 3, 6, colour, 200, 0), codes);
     keep(qxDesaturation(image.data(), image.step, w, h, alpha.data(), alpha.step, 0.7f), image);
@@ -55,28 +50,18 @@ std::vector<uint8_t> round(unsigned seed) {
     keep(qxfilterIm8u(smooth.data(), smooth.step, w, h, int(rng() % 2)), smooth);
 
     // Hair brush over the image between two colours, and the tri-map band of a selection.
-    KeepCutRequest hair{};
-    hair.srcImage = image.data();
-    hair.srcStep = image.step;
-    hair.alphaStep = alpha.step;
-    hair.fullWidth = w;
-    hair.fullHeight = h;
     uint8_t fore[3] = {250, 240, 230}, back[3] = {5, 10, 15};
-    hair.foreColor = fore;
-    hair.backColor = back;
     PaddedPlane hairAlpha = alpha;
-    hair.alphaPlane = hairAlpha.data();
+    KeepCutRequest hair{.srcImage = image.data(), .srcStep = image.step,
+                        .alphaPlane = hairAlpha.data(), .alphaStep = alpha.step, .fullWidth = w,
+                        .fullHeight = h, .foreColor = fore, .backColor = back};
     keep(int(qxHairSelect(&hair, 10, 12, w - 12, h - 10, 3 + rng() % 4)), hairAlpha);
     PaddedPlane selection(w, h, 1, 0, 3), trimap(w, h, 1, 99, 1);
     for (int y = h / 4; y < h * 3 / 4; ++y)
         for (int x = w / 5 + int(rng() % 3); x < w * 4 / 5; ++x) selection.at(x, y) = 254;
-    GrabCutRequest band{};
-    band.mask = trimap.data();
-    band.maskStep = trimap.step;
-    band.result = selection.data();
-    band.resultStep = selection.step;
-    band.width = band.roiWidth = w;
-    band.height = band.roiHeight = h;
+    GrabCutRequest band{.mask = trimap.data(), .maskStep = trimap.step, .result = selection.data(),
+                        .resultStep = selection.step, .width = w, .height = h, .roiWidth = w,
+                        .roiHeight = h};
     qxGrabCutEdgeGen(&band, 4 + int(rng() % 5));
     keep(1, trimap);
 

@@ -55,15 +55,9 @@ struct GrabCutSession {
     GrabCutRequest r{};
     GrabCutSession(Scene& s, const std::vector<unsigned char>& start, unsigned char resultFill)
         : codes(start), result(W * H, resultFill) {
-        r.image = s.bgra4.data();
-        r.imageStep = W * 4;
-        r.mask = codes.data();
-        r.maskStep = W;
-        r.result = result.data();
-        r.resultStep = W;
-        r.width = r.roiWidth = W;
-        r.height = r.roiHeight = H;
-        r.progProc = &Trigger::proc;
+        r = {.image = s.bgra4.data(), .imageStep = W * 4, .mask = codes.data(), .maskStep = W,
+             .result = result.data(), .resultStep = W, .width = W, .height = H,
+             .progProc = &Trigger::proc, .roiWidth = W, .roiHeight = H};
     }
     ~GrabCutSession() { qxGrabCutDeleteBuf(&r); }
     int cut(Trigger* t) {
@@ -169,27 +163,20 @@ TEST(Cancel, AJobStopsWaitingForItsFactorisation) {
 
 TEST(Cancel, StrokeJobs) {
     Scene s;
-    std::vector<unsigned char> coded(W * H), alpha(W * H, 7);
-    for (int i = 0; i < W * H; ++i)
-        coded[i] = s.strokes[i] == 255 ? 255 : s.strokes[i] == 0 ? 1 : 126;
+    std::vector<unsigned char> coded = qxtest::libraryCoding(s.strokes), alpha(W * H, 7);
     checkCancel("qxStrokesToAlpha", {[&](Trigger* t) {
-                                         StrokeMatteRequest r =
-                                             qxtest::strokeRequest(s.image, coded, alpha, W, H);
-                                         r.progProc = &Trigger::proc;
-                                         r.progParam = t;
-                                         return qxStrokesToAlpha(&r);
-                                     },
-                                     {&alpha},
-                                     1});
+        StrokeMatteRequest r = qxtest::strokeRequest(s.image, coded, alpha, W, H);
+        r.progProc = &Trigger::proc;
+        r.progParam = t;
+        return qxStrokesToAlpha(&r);
+    }, {&alpha}, 1});
     std::vector<unsigned char> plane = coded, aux(W * H, 0), dst = s.bgra4;
     checkCancel("qxKeepCutToAlpha", {[&](Trigger* t) {
-                                         KeepCutRequest r = qxtest::keepCutRequest(s.bgra4, plane, dst, aux, W, H);
-                                         r.progProc = &Trigger::proc;
-                                         r.progParam = t;
-                                         return qxKeepCutToAlpha(&r, 1);
-                                     },
-                                     {&plane, &dst, &aux},
-                                     1});
+        KeepCutRequest r = qxtest::keepCutRequest(s.bgra4, plane, dst, aux, W, H);
+        r.progProc = &Trigger::proc;
+        r.progParam = t;
+        return qxKeepCutToAlpha(&r, 1);
+    }, {&plane, &dst, &aux}, 1});
 }
 
 TEST(Cancel, ColourRecovery) {
