@@ -19,13 +19,10 @@ struct Host {
     int fw, fh;
     std::vector<uint8_t> src, alpha, dst, aux;
     KeepCutRequest req{};
-    Host(int w, int h, uint8_t dstFill = 0) : fw(w), fh(h) {
-        src.assign(size_t(w) * h * 4, 0);
-        alpha.assign(size_t(w) * h, 0);
-        dst.assign(size_t(w) * h * 4, dstFill);
-        aux.assign(size_t(w) * h, 0);
-        req = qxtest::keepCutRequest(src, alpha, dst, aux, w, h);
-    }
+    Host(int w, int h, uint8_t dstFill = 0)
+        : fw(w), fh(h), src(size_t(w) * h * 4), alpha(size_t(w) * h),
+          dst(size_t(w) * h * 4, dstFill), aux(size_t(w) * h),
+          req(qxtest::keepCutRequest(src, alpha, dst, aux, w, h)) {}
     void region(int x, int y, int w, int h) {
         req.roiX = x, req.roiY = y, req.roiWidth = w, req.roiHeight = h;
     }
