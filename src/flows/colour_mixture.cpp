@@ -8,8 +8,6 @@
 namespace qx::flows {
 namespace {
 
-constexpr int kMaxNeighbours = 64;
-
 // Solves G w = 1 for the symmetric positive definite k x k matrix G (row-major, overwritten by
 // its Cholesky factor). Returns false when a pivot is not positive.
 bool choleskySolveOnes(double* G, int k, double* w) {

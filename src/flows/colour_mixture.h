@@ -38,7 +38,10 @@ struct ColourMixtureOptions {
     int searchRadius = -1;
     // Points compared a search before it settles for the nearest found (0: exact search,
     // which can take a hundred times as long where many points lie at nearly one distance).
-    int maxChecks = 64;
+    // Each search starts from the previous pixel's neighbours, so 32 find as good a mixture
+    // as 64 did without that start (mean SAD on the benchmark photos' two tri-map sets within
+    // 0.5%, bench_matting_peers).
+    int maxChecks = 32;
     Poll poll;  // between slices of the search
 };
 

@@ -8,7 +8,11 @@
 //
 // KdTree holds a copy of its points, split at the median of the widest coordinate down to small
 // leaves; nearest() is exact (the k points of least squared Euclidean distance, nearest first)
-// or, given a budget of points to compare, approximate.
+// or, given a budget of points to compare, approximate. A search may start from the points the
+// previous search found (a SearchHint): queries in raster order are mostly near one another, so
+// those points bound the distances to beat from the start and a budgeted search spends its
+// budget near the answer. The tree's top is split on the calling thread, the subtrees below on
+// all threads, into the same tree whatever their number.
 // Queries only read the tree, so any number of threads may query one tree at once.
 #pragma once
 
@@ -25,6 +29,15 @@ constexpr int kFeatureDims = 5;
 std::vector<float> pixelFeatures(const FlowImage& image, const std::vector<int>& pixels,
                                  float spatialWeight);
 
+constexpr int kMaxNeighbours = 64;
+
+// The points a search found, by their place in the tree, for the next search to start from
+// (empty: no start).
+struct SearchHint {
+    int count = 0;
+    int slots[kMaxNeighbours];
+};
+
 class KdTree {
 public:
     // Copies `count` points of kFeatureDims floats; ids[i] is the name nearest() reports for
@@ -35,9 +48,10 @@ public:
     // The k nearest points to `query` (fewer when the tree is smaller), nearest first, leaving
     // out the point named `skip` (-1: none). Writes names and squared distances; returns how
     // many were found. With maxChecks > 0 the search is approximate: it ends once about that
-    // many points were compared (the nearest leaves first).
+    // many points were compared (the hint's first, then the nearest leaves). With a hint the
+    // search compares its points first and leaves its own result in it.
     int nearest(const float* query, int k, int skip, int* names, float* dist2,
-                int maxChecks = 0) const;
+                int maxChecks = 0, SearchHint* hint = nullptr) const;
 
 private:
     struct Node {
@@ -53,8 +67,9 @@ private:
 
 // For each query point (kFeatureDims floats each), the names of its k nearest points in the
 // tree, k a query (a short result is padded with -1). With excludeSelf, query i leaves out the
-// point named selfNames[i]. Queries run in parallel; the result does not depend on the number
-// of threads. poll is called between slices of the queries.
+// point named selfNames[i]. Queries run in parallel, each starting from the previous query's
+// points within its run (forSlices); the result does not depend on the number of threads. poll
+// is called between slices of the queries.
 std::vector<int> nearestAll(const KdTree& tree, const float* queries, int count, int k,
                             const std::vector<int>& selfNames = {}, int maxChecks = 0,
                             const Poll& poll = {});

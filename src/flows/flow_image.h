@@ -53,16 +53,22 @@ struct Poll {
     void operator()() const;
 };
 
-// body(i) for every i in [0, count), spread over the threads in up to eight slices of at least
-// 4096; after each slice the part done is reported, and between two slices poll() is called.
+// body(first, last) over runs of up to kSliceRun consecutive indices covering [0, count), each
+// run on one thread from its first index up, spread over the threads in up to eight slices of
+// at least 4096; after each slice the part done is reported, and between two slices poll() is
+// called. The runs do not depend on the number of threads, so a body that carries something
+// from one index to the next within its run gives the same result on any number of them.
 // body must not throw.
+constexpr int kSliceRun = 256;
 template <class Body>
 void forSlices(int count, const Poll& poll, Body&& body) {
     const int slice = std::max(4096, count / 8 + 1);
     for (int first = 0; first < count; first += slice) {
         const int last = std::min(count, first + slice);
-#pragma omp parallel for schedule(dynamic, 256)
-        for (int i = first; i < last; ++i) body(i);
+        const int runs = (last - first + kSliceRun - 1) / kSliceRun;
+#pragma omp parallel for schedule(dynamic, 1)
+        for (int r = 0; r < runs; ++r)
+            body(first + r * kSliceRun, std::min(last, first + (r + 1) * kSliceRun));
         progressWithin(double(last) / count);
         if (last < count) poll();
     }

@@ -23,6 +23,39 @@ std::vector<int> sidePixels(const std::vector<int>& side, const std::vector<int>
     return out;
 }
 
+// The estimate at q from its nf foreground and nb background neighbours (names, in that
+// order): the foreground's share of the mixture weights that rebuild q's colour from theirs, and
+// a confidence that grows with how far apart the two sides' mixed colours lie.
+void mixSides(const FlowImage& image, const float* q, const int* names, int nf, int nb,
+              double regularisation, float& alpha, float& confidence) {
+    const int m = nf + nb;
+    float colours[2 * kMaxSide * 3];
+    for (int j = 0; j < m; ++j)
+        for (int c = 0; c < 3; ++c) colours[3 * j + c] = image.colour(c, names[j]) / 255.0f;
+    double w[2 * kMaxSide];
+    mixtureWeights(q, colours, m, 3, regularisation, w);
+    // The two sides' colours as the weights mix them, each over its own share; a side whose
+    // share is near 0 (a pixel the other side explains) takes its neighbours' plain mean.
+    double share[2] = {0.0, 0.0}, mix[2][3] = {{0, 0, 0}, {0, 0, 0}}, mean[2][3] = {};
+    for (int j = 0; j < m; ++j) {
+        const int side = j < nf ? 0 : 1;
+        share[side] += w[j];
+        for (int c = 0; c < 3; ++c) {
+            mix[side][c] += w[j] * colours[3 * j + c];
+            mean[side][c] += colours[3 * j + c] / (side == 0 ? nf : nb);
+        }
+    }
+    double d2 = 0.0;
+    for (int c = 0; c < 3; ++c) {
+        const double f = std::abs(share[0]) > kLeastShare ? mix[0][c] / share[0] : mean[0][c];
+        const double b = std::abs(share[1]) > kLeastShare ? mix[1][c] / share[1] : mean[1][c];
+        d2 += (f - b) * (f - b);
+    }
+    const double fgShare = share[0];
+    alpha = static_cast<float>(std::clamp(fgShare, 0.0, 1.0));
+    confidence = static_cast<float>(std::min(d2 / 3.0, 1.0));
+}
+
 }  // namespace
 
 KnownUnknownEstimate knownUnknownFlow(const FlowImage& image, const PixelSets& sets,
@@ -57,38 +90,18 @@ KnownUnknownEstimate knownUnknownFlow(const FlowImage& image, const PixelSets& s
     const std::vector<float> queries = pixelFeatures(image, sets.unknown, s);
     const int k = std::clamp(options.neighbours, 1, kMaxSide);
 
-    forSlices(n, options.poll, [&](int r) {
-        const float* q = queries.data() + int64_t(r) * kFeatureDims;
-        int names[2 * kMaxSide];
-        float dist[2 * kMaxSide];
-        const int nf = fgTree.nearest(q, k, -1, names, dist, options.maxChecks);
-        const int nb = bgTree.nearest(q, k, -1, names + nf, dist + nf, options.maxChecks);
-        const int m = nf + nb;
-        float colours[2 * kMaxSide * 3];
-        for (int j = 0; j < m; ++j)
-            for (int c = 0; c < 3; ++c) colours[3 * j + c] = image.colour(c, names[j]) / 255.0f;
-        double w[2 * kMaxSide];
-        mixtureWeights(q, colours, m, 3, options.regularisation, w);
-        // The two sides' colours as the weights mix them, each over its own share; a side whose
-        // share is near 0 (a pixel the other side explains) takes its neighbours' plain mean.
-        double share[2] = {0.0, 0.0}, mix[2][3] = {{0, 0, 0}, {0, 0, 0}}, mean[2][3] = {};
-        for (int j = 0; j < m; ++j) {
-            const int side = j < nf ? 0 : 1;
-            share[side] += w[j];
-            for (int c = 0; c < 3; ++c) {
-                mix[side][c] += w[j] * colours[3 * j + c];
-                mean[side][c] += colours[3 * j + c] / (side == 0 ? nf : nb);
-            }
+    forSlices(n, options.poll, [&](int first, int last) {
+        // Each side's search starts from the previous pixel's neighbours on that side.
+        SearchHint fgHint, bgHint;
+        for (int r = first; r < last; ++r) {
+            const float* q = queries.data() + int64_t(r) * kFeatureDims;
+            int names[2 * kMaxSide];
+            float dist[2 * kMaxSide];
+            const int nf = fgTree.nearest(q, k, -1, names, dist, options.maxChecks, &fgHint);
+            const int nb = bgTree.nearest(q, k, -1, names + nf, dist + nf, options.maxChecks, &bgHint);
+            mixSides(image, q, names, nf, nb, options.regularisation, e.alpha[size_t(r)],
+                     e.confidence[size_t(r)]);
         }
-        double d2 = 0.0;
-        for (int c = 0; c < 3; ++c) {
-            const double f = std::abs(share[0]) > kLeastShare ? mix[0][c] / share[0] : mean[0][c];
-            const double b = std::abs(share[1]) > kLeastShare ? mix[1][c] / share[1] : mean[1][c];
-            d2 += (f - b) * (f - b);
-        }
-        const double fgShare = share[0];
-        e.alpha[size_t(r)] = static_cast<float>(std::clamp(fgShare, 0.0, 1.0));
-        e.confidence[size_t(r)] = static_cast<float>(std::min(d2 / 3.0, 1.0));
     });
     return e;
 }

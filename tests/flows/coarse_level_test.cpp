@@ -274,12 +274,13 @@ TEST(FlowsCoarseLevel, CompositeReachesTheJacobiSolutionInFewerIterations) {
 
 TEST(FlowsCoarseLevel, SameBitsOnOneThreadAsOnTwo) {
     // Large enough for the parallel loops (16,384 unknowns and more), with the colour mixtures'
-    // rows that link pixels far apart.
-    const SceneSystem ss = sceneSystem(320, 16);
-    ASSERT_GE(ss.system.n, 16384);
+    // rows that link pixels far apart; the system too is made on that many threads (the trees'
+    // subtrees and the searches' runs).
     auto run = [&](int threads, int* iterations) {
         const int before = omp_get_max_threads();
         omp_set_num_threads(threads);
+        const SceneSystem ss = sceneSystem(320, 16);
+        EXPECT_GE(ss.system.n, 16384);
         const auto level = sceneLevel(ss, 4);
         std::vector<double> x(size_t(ss.system.n), 0.0);
         const PcgResult r = solveFlowPcg(ss.system, x.data(), 1e-8, 100, {}, level.get());
