@@ -36,8 +36,10 @@ void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char
     KnownUnknownEstimate estimate;
     auto t = Clock::now();
     // The pieces, each a stage of the caller's progress span weighed by its share of the time on
-    // the benchmark photos (the searches report their slices, the solve its residual).
-    ProgressParts parts({0.2, 0.15, 0.1, 0.05, 0.5});
+    // the benchmark photos (the searches report their slices, the iterations their residual;
+    // the system and its coarse level are stages of their own so that the bar moves between
+    // the searches and the first iterations).
+    ProgressParts parts({0.2, 0.15, 0.1, 0.05, 0.05, 0.05, 0.4});
     ColourMixtureOptions mixtureOptions = options.mixture;
     KnownUnknownOptions knownOptions = options.known;
     UnknownUnknownOptions intraOptions = options.intra;
@@ -75,6 +77,8 @@ void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char
         const FlowSystem system = assembleFlowSystem(sets, terms, w);
         if (options.startFromEstimate && estimate.alpha.size() == size_t(n))
             for (int i = 0; i < n; ++i) x[size_t(i)] = estimate.alpha[size_t(i)];
+        options.poll();
+        parts.next();
         const auto tc = Clock::now();
         const std::unique_ptr<CoarseLevel> coarse =
             CoarseLevel::build(system, sets.unknown.data(), image.width, options.coarse);
@@ -84,6 +88,7 @@ void flowAlpha(const FlowImage& image, const FlowOptions& options, unsigned char
             st.coarseFactorEntries = coarse->factorEntries();
         }
         options.poll();
+        parts.next();
         const PcgResult r = solveFlowPcg(system, x.data(), options.tolerance,
                                          options.maxIterations, options.poll, coarse.get());
         st.iterations = r.iterations;
