@@ -323,4 +323,25 @@ TEST(WorkflowRefine, ACoarseMaskComesBackCloseToTheTruth) {
     EXPECT_TRUE(untouched(kept));
 }
 
+TEST(WorkflowRefine, ALargeImagesBandIsMadeSmallAndSolvedAtFullSize) {
+    // 1.7 MP, over the size above which the band is made on a reduced copy: the demonstration
+    // scene (a subject off the centre, with fine strands) and a coarse mask as the other test's.
+    const qxtest::DemoScene d(1700, 1000, 11);
+    cv::Mat hard, mask;
+    cv::threshold(cv::Mat(d.h, d.w, CV_8UC1, const_cast<unsigned char*>(d.truth.data())), hard,
+                  127, 255, cv::THRESH_BINARY);
+    cv::blur(hard, mask, cv::Size(7, 7));
+    std::vector<unsigned char> alpha(d.truth.size(), kSentinel);
+    const QxwImage view = d.view();
+    QxwJob job{};
+    ASSERT_EQ(qxwRefineMask(&view, mask.data, d.w, alpha.data(), d.w, nullptr, &job), QXW_OK)
+        << job.message;
+    double coarse = 0, refined = 0;
+    for (size_t i = 0; i < alpha.size(); ++i) {
+        coarse += std::abs(mask.data[i] - d.truth[i]);
+        refined += std::abs(alpha[i] - d.truth[i]);
+    }
+    EXPECT_LT(refined, 0.5 * coarse) << "coarse " << coarse << " refined " << refined;
+}
+
 }  // namespace
