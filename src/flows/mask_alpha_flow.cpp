@@ -13,7 +13,15 @@ namespace {
 
 constexpr float kRunUnknownLimit = 400000.0f;
 
-void solveRun(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
+// The conjugate gradients stop at this residual, relative to the right-hand side's. Beside the
+// two-level preconditioner a tri-map's band loses nothing at 1e-3 against 1e-4 (mean SAD over
+// infoFlow's 0.783 / 0.860 against 0.783 / 0.862 on the benchmark photos' two tri-map sets, the
+// true-resolution composites 0.4% lower) in 47% fewer iterations; strokes lose 3% there and
+// keep 1e-4.
+constexpr double kBandTolerance = 1e-3, kStrokesTolerance = 1e-4;
+
+void solveWith(double tolerance, Plane8** colour, Plane8& mask, unsigned char fgCode,
+               unsigned char bgCode) {
     FlowImage image;
     image.width = mask.width;
     image.height = mask.height;
@@ -23,18 +31,27 @@ void solveRun(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char
     image.triStep = mask.step;
     image.fgCode = fgCode;
     image.bgCode = bgCode;
-    const FlowOptions options;
+    FlowOptions options;
+    options.tolerance = tolerance;
     // The tri-map is read while the alpha is written: the alpha goes to a plane of its own.
     Plane8 alpha(mask.width, mask.height);
     flowAlpha(image, options, alpha.data, alpha.step);
     Copy(alpha, mask);
 }
 
+void solveBand(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
+    solveWith(kBandTolerance, colour, mask, fgCode, bgCode);
+}
+
+void solveStrokes(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
+    solveWith(kStrokesTolerance, colour, mask, fgCode, bgCode);
+}
+
 }  // namespace
 
-MattingFinish flowFinish() {
+MattingFinish flowFinish(FlowRun run) {
     MattingFinish finish = MattingFinish::plain();
-    finish.solveRun = &solveRun;
+    finish.solveRun = run == FlowRun::Strokes ? &solveStrokes : &solveBand;
     finish.runUnknownLimit = kRunUnknownLimit;
     finish.undecidedOffTheEnds = false;
     return finish;

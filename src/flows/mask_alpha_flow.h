@@ -6,6 +6,10 @@
 
 namespace qx::flows {
 
-MattingFinish flowFinish();
+// What the run is: a tri-map's band, or strokes, which leave most pixels undecided and far from
+// what is known, so their solve is taken further.
+enum class FlowRun { Band, Strokes };
+
+MattingFinish flowFinish(FlowRun run = FlowRun::Band);
 
 }  // namespace qx::flows

@@ -151,6 +151,6 @@ extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
 extern "C" QX_API int qxStrokesToAlphaFlow(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
     return qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
-        return qx::strokesJob(*request, qx::flows::flowFinish());
+        return qx::strokesJob(*request, qx::flows::flowFinish(qx::flows::FlowRun::Strokes));
     });
 }

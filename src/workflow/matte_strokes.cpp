@@ -64,7 +64,8 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
         status = qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
-            return qx::strokesJob(req, qx::flows::flowFinish(), relay.budgetBytes());
+            return qx::strokesJob(req, qx::flows::flowFinish(qx::flows::FlowRun::Strokes),
+                                  relay.budgetBytes());
         });
     } else {
         status = runTiled(bgr, plane, engine == QXW_ENGINE_KDTREE, relay);
