@@ -5,8 +5,9 @@
 #include <new>
 #include <utility>
 
-#include <cholmod.h>
 #include <omp.h>
+
+#include "solver/cholmod_session.h"
 
 namespace qx::flows {
 namespace {
@@ -25,15 +26,9 @@ constexpr double kShiftGrowth = 100.0;
 // correction up along the singular direction.
 constexpr double kSmallestPivot = 1e-12;
 
-// CHOLMOD's workspace and objects, released on every way out.
-struct Cholmod {
-    cholmod_common c;
-    bool started = false;
-    cholmod_sparse* A = nullptr;
-    cholmod_factor* L = nullptr;
-
+// A CHOLMOD session set up for a simplicial LL' factor in AMD order, printing nothing.
+struct Cholmod : CholmodSession {
     Cholmod() {
-        started = cholmod_start(&c) != 0;
         if (!started) throw std::bad_alloc();
         c.print = 0;
         c.error_handler = nullptr;
@@ -44,17 +39,8 @@ struct Cholmod {
         c.final_ll = 1;
         c.quick_return_if_not_posdef = 1;
     }
-    ~Cholmod() {
-        if (L) cholmod_free_factor(&L, &c);
-        if (A) cholmod_free_sparse(&A, &c);
-        cholmod_finish(&c);
-    }
-    Cholmod(const Cholmod&) = delete;
-    Cholmod& operator=(const Cholmod&) = delete;
-
     void throwIfOutOfMemory() const {
-        if (c.status == CHOLMOD_OUT_OF_MEMORY || c.status == CHOLMOD_TOO_LARGE)
-            throw std::bad_alloc();
+        if (memoryFailure()) throw std::bad_alloc();
     }
 };
 
@@ -290,12 +276,6 @@ std::unique_ptr<CoarseLevel> CoarseLevel::build(const FlowSystem& system, const 
         std::copy(Lx + Lp[j], Lx + Lp[j] + Lnz[j], out.values_.begin() + out.colStart_[size_t(j)]);
     }
     return level;
-}
-
-size_t CoarseLevel::bytes() const {
-    return sizeof(int) * (aggregate_.size() + memberStart_.size() + members_.size() +
-                          perm_.size() + colStart_.size() + rows_.size()) +
-           sizeof(double) * values_.size();
 }
 
 void CoarseLevel::restrictResidual(const double* r, double* rc) const {

@@ -55,9 +55,8 @@ public:
     int unknowns() const { return count_; }
     // The aggregate of each fine unknown.
     const std::vector<int>& aggregateOf() const { return aggregate_; }
-    // The factor's entries and the bytes held beyond the fine vectors.
+    // The factor's entries.
     size_t factorEntries() const { return values_.size(); }
-    size_t bytes() const;
     // The diagonal shift the factorisation needed (0 when none).
     double shift() const { return shift_; }
 

@@ -32,7 +32,8 @@ struct FlowOptions {
     bool hardValueRule = false;
     // Called between pieces of work, between slices of the searches and every 4th iteration;
     // the cancel flag is looked at there too. Progress goes to the calling thread's innermost
-    // span (runtime/progress.h): five stages, the searches by slice, the solve by its residual.
+    // span (runtime/progress.h): seven stages (the four terms, the system, its coarse level, the
+    // iterations), the searches by slice, the iterations by their residual.
     Poll poll;
 };
 

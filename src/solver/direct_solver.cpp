@@ -16,6 +16,7 @@
 #include <omp.h>
 
 #include "runtime/progress.h"
+#include "solver/cholmod_session.h"
 #include "solver/direct_backends.h"
 #include "solver/sparse.h"
 
@@ -33,37 +34,23 @@ constexpr double kFirstShift = 1e-8;
 constexpr double kLastShift = 1e-4;
 constexpr double kShiftGrowth = 100.0;
 
-// Everything one solve holds, released in the destructor, so that every way out of the driver
-// (return, thrown int) frees the factor and the workspace.
-struct Session {
-    cholmod_common c;
-    bool started = false;
-    cholmod_sparse* A = nullptr;
-    cholmod_factor* L = nullptr;
+// Everything one solve holds: the session's matrix and factor and the dense blocks, the dense
+// ones released first.
+struct Session : CholmodSession {
     cholmod_dense* B = nullptr;
     cholmod_dense* X = nullptr;
     cholmod_dense* Y = nullptr;  // solve workspace
     cholmod_dense* E = nullptr;
 
-    Session() { started = cholmod_start(&c) != 0; }
     ~Session() {
         freeDense(&E);
         freeDense(&Y);
         freeDense(&X);
         freeDense(&B);
-        if (L) cholmod_free_factor(&L, &c);
-        if (A) cholmod_free_sparse(&A, &c);
-        if (started) cholmod_finish(&c);
     }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
 
     void freeDense(cholmod_dense** d) {
         if (*d) cholmod_free_dense(d, &c);
-    }
-
-    bool memoryFailure() const {
-        return c.status == CHOLMOD_OUT_OF_MEMORY || c.status == CHOLMOD_TOO_LARGE;
     }
 
     // A failed CHOLMOD call in the given phase.

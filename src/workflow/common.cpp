@@ -251,6 +251,10 @@ cv::Mat toBgra(const QxwImage& image) {
     return out;
 }
 
+cv::Mat disc(int radius) {
+    return cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * radius + 1, 2 * radius + 1));
+}
+
 cv::Mat planeView(const unsigned char* data, int stride, const QxwImage& image) {
     return cv::Mat(image.height, image.width, CV_8UC1, const_cast<unsigned char*>(data), stride);
 }

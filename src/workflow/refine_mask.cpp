@@ -42,10 +42,6 @@ constexpr double kBandPixels = 1.5e6;
 // seventh of the job's time at 6 MP.
 constexpr double kFirstShare = 0.15;
 
-cv::Mat disc(int radius) {
-    return cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * radius + 1, 2 * radius + 1));
-}
-
 // Up to kSamples pixels of `where` (every n-th), as float rows for k-means.
 cv::Mat samples(const cv::Mat& bgr, const cv::Mat& where) {
     const int count = cv::countNonZero(where);

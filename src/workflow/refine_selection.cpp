@@ -292,10 +292,10 @@ void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& a
 
     // The band: pixels within about one and a half working pixels of the edge.
     const int r = std::max(2, static_cast<int>(std::lround(1.5 * reduction)));
-    const cv::Mat disc = cv::getStructuringElement(cv::MORPH_ELLIPSE, {2 * r + 1, 2 * r + 1});
+    const cv::Mat round = disc(r);
     cv::Mat grown, shrunk;
-    cv::dilate(labels, grown, disc, {-1, -1}, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
-    cv::erode(labels, shrunk, disc, {-1, -1}, 1, cv::BORDER_CONSTANT, cv::Scalar(255));
+    cv::dilate(labels, grown, round, {-1, -1}, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+    cv::erode(labels, shrunk, round, {-1, -1}, 1, cv::BORDER_CONSTANT, cv::Scalar(255));
     const cv::Mat sureFg = shrunk & ~held, sureBg = ~grown & ~held;
     relay.reportPart(0.05);
 
@@ -338,8 +338,7 @@ void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& a
     {
         const int t = std::max(1, static_cast<int>(std::lround(reduction)));
         cv::Mat wide;
-        cv::morphologyEx(disagree, wide, cv::MORPH_OPEN,
-                         cv::getStructuringElement(cv::MORPH_ELLIPSE, {2 * t + 1, 2 * t + 1}));
+        cv::morphologyEx(disagree, wide, cv::MORPH_OPEN, disc(t));
         cv::Mat thin = disagree & ~wide;
         cv::dilate(thin, thin, cv::Mat());  // and their edges
         open |= thin;

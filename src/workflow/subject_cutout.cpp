@@ -38,10 +38,6 @@ int fallbackBand(const cv::Size& size) {
     return std::max(3, std::max(size.width, size.height) / 250);
 }
 
-cv::Mat disc(int radius) {
-    return cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * radius + 1, 2 * radius + 1));
-}
-
 bool trustworthy(const cv::Mat& refined, const cv::Mat& mask) {
     const cv::Mat a = refined >= 128, m = mask >= 128;
     const double inter = cv::countNonZero(a & m), uni = cv::countNonZero(a | m);

@@ -167,6 +167,9 @@ cv::Mat planeView(const unsigned char* data, int stride, const QxwImage& image);
 void copyPlaneOut(const cv::Mat& plane, unsigned char* data, int stride);
 void copyColoursOut(const cv::Mat& bgr, const QxwImage& image, const QxwColourOut& out);
 
+// The disc of `radius` pixels (2 radius + 1 across) for dilating and eroding a plane.
+cv::Mat disc(int radius);
+
 // The stroke coding of the library's planes for a stroke plane (QXW_KEEP, QXW_CUT, other):
 // keep 255, cut 1, unpainted `unpainted` (even: to be computed).
 cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
