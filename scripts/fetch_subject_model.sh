@@ -14,35 +14,23 @@
 # 1 when it could not be fetched or converted (one line says why; nothing is left half-written).
 set -uo pipefail
 cd "$(dirname "$0")/.."
+. scripts/fetch_common.sh
 
+LABEL="subject model"
 PACKAGE="@imgly/background-removal-data@1.4.5"
 TARBALL="https://registry.npmjs.org/@imgly/background-removal-data/-/background-removal-data-1.4.5.tgz"
 # SHA-256 of the converted model that convert_isnet.py makes from that package.
 SHA256="a874f72396630a1c86c1d5142627c65e0b86017695898c5d2b4dd2fcdc7b6899"
-out="${1:-${XDG_CACHE_HOME:-$HOME/.cache}/qxiveilon31/isnet-fp32.onnx}"
-
-sum_of() { sha256sum "$1" | cut -d' ' -f1; }
-if [ -f "$out" ] && [ "$(sum_of "$out")" = "$SHA256" ]; then
-  echo "subject model: $out"
-  exit 0
-fi
-say() { echo "subject model not installed: $*" >&2; exit 1; }
+out="${1:-$QX_CACHE/isnet-fp32.onnx}"
+keep_if_present "$out" "$SHA256"
 /usr/bin/python3 -c 'import onnx, numpy' 2>/dev/null || say "python3-onnx is missing"
 
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
-echo "subject model: fetching $PACKAGE (about 140 MB) ..."
-# The registry's tarball with curl; npm pack when curl can't (a proxy npm is set up for).
-if ! curl -fsSL --retry 2 -o "$work/package.tgz" "$TARBALL" 2>"$work/fetch.log"; then
-  command -v npm >/dev/null &&
-    (cd "$work" && npm pack --silent "$PACKAGE" >/dev/null 2>>"$work/fetch.log" &&
-      mv ./*.tgz package.tgz) ||
-    say "could not fetch $PACKAGE ($(tail -n1 "$work/fetch.log"))"
-fi
+echo "$LABEL: fetching $PACKAGE (about 140 MB) ..."
+fetch_tarball "$PACKAGE" "$TARBALL" "$work"
 tar -xzf "$work/package.tgz" -C "$work" || say "the package's archive is damaged"
-mkdir -p "$(dirname "$out")" || say "can't make $(dirname "$out")"
 /usr/bin/python3 tools/subject_model/convert_isnet.py "$work/package" "$work/model.onnx" ||
   say "conversion failed"
-[ "$(sum_of "$work/model.onnx")" = "$SHA256" ] || say "the converted model's checksum differs"
-mv -f "$work/model.onnx" "$out.part" && mv -f "$out.part" "$out" || say "can't write $out"
-echo "subject model: $out"
+install_checked "$work/model.onnx" "$SHA256" "$out" "converted model"
+echo "$LABEL: $out"

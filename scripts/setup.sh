@@ -13,7 +13,8 @@ cd "$(dirname "$0")/.."
 # Pillow reads the files of its README example);
 # GIMP's development files build the plug-in and gimp-console tests it (its dialogs on Xvfb,
 # driven by xdotool). curl fetches the subject-selection network and python3-onnx converts it
-# (scripts/fetch_subject_model.sh); python3-opencv reads the photos of bench/subject.py.
+# (scripts/fetch_subject_model.sh), curl fetches ONNX Runtime (scripts/fetch_onnxruntime.sh);
+# python3-opencv reads the photos of bench/subject.py.
 packages=(build-essential cmake pkg-config libopencv-dev libjpeg-dev zlib1g-dev libsuitesparse-dev libopenblas0-pthread
           libmumps-seq-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-dev libomp-dev
@@ -36,6 +37,8 @@ fi
 # selection works, so a failed fetch is reported and set-up goes on.
 scripts/fetch_subject_model.sh ||
   echo "one-click subject selection is off until scripts/fetch_subject_model.sh succeeds"
+# ONNX Runtime beside it runs the network faster; without it OpenCV's dnn does.
+scripts/fetch_onnxruntime.sh || true
 [ "${1:-}" = "--deps-only" ] && exit 0
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
