@@ -1,19 +1,27 @@
-// The module qxiveilon31-subject.so: reading and running the subject network with OpenCV's dnn.
-// Built apart from the library (see net_module.h for why) and loaded by it on demand.
+// The module qxiveilon31-subject.so: reading and running the subject network, on ONNX Runtime
+// when it is installed (ort_runtime.h), else on OpenCV's dnn. Built apart from the library (see
+// net_module.h for why) and loaded by it on demand.
 #include "subject/net_module.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <new>
 #include <opencv2/dnn.hpp>
 #include <string>
 
+#include "subject/ort_runtime.h"
+
 namespace {
 
+namespace ort = qx::subject::ort;
+
 struct Net {
-    std::mutex mutex;  // one pass at a time on one network
-    cv::dnn::Net net;
+    std::mutex mutex;          // one pass at a time on one network
+    ort::SessionPtr session;   // ONNX Runtime's, when it runs the network
+    cv::dnn::Net net;          // otherwise OpenCV's
 };
 
 void say(char* message, size_t size, const std::string& text) {
@@ -23,12 +31,29 @@ void say(char* message, size_t size, const std::string& text) {
 // OpenCV's messages run to several lines with the source position; the first says what failed.
 std::string firstLine(const cv::Exception& e) { return e.err.substr(0, e.err.find('\n')); }
 
+// QX_SUBJECT_RUNTIME=opencv keeps ONNX Runtime out (to compare the two, or to rule it out).
+bool openCvOnly() {
+    const char* choice = std::getenv("QX_SUBJECT_RUNTIME");
+    return choice && std::strcmp(choice, "opencv") == 0;
+}
+
 void* load(const char* path, char* message, size_t size) {
     try {
         auto net = std::make_unique<Net>();
+        std::string why = "QX_SUBJECT_RUNTIME=opencv";
+        if (!openCvOnly()) {
+            net->session = ort::open(ort::runtimePath(path), path, &why);
+            if (net->session) {
+                say(message, size, "ONNX Runtime " + ort::version(*net->session));
+                return net.release();
+            }
+            why = "ONNX Runtime: " + why;
+        }
+        // No runtime, or one that can't take this model: OpenCV's dnn runs it, as it always did.
         net->net = cv::dnn::readNetFromONNX(path);
         net->net.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
         net->net.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
+        say(message, size, "OpenCV dnn (" + why + ")");
         return net.release();
     } catch (const cv::Exception& e) {
         say(message, size, firstLine(e));
@@ -44,6 +69,16 @@ int forward(void* handle, const unsigned char* rgb, int side, float* mask, char*
             size_t size) {
     Net& net = *static_cast<Net*>(handle);
     try {
+        if (net.session) {
+            std::string why;
+            int status;
+            {
+                std::lock_guard<std::mutex> lock(net.mutex);
+                status = ort::forward(*net.session, rgb, side, mask, &why);
+            }
+            if (status == 1) say(message, size, why);
+            return status;
+        }
         const cv::Mat image(side, side, CV_8UC3, const_cast<unsigned char*>(rgb));
         // The network was trained on x / 256 - 0.5 per channel, RGB.
         const cv::Mat blob = cv::dnn::blobFromImage(image, 1.0 / 256.0, cv::Size(),

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "subject/net_module.h"
@@ -72,7 +73,8 @@ std::map<std::string, std::shared_ptr<SubjectNet>>& cache() {
 
 class SubjectNet {
 public:
-    SubjectNet(const QxSubjectNetModule& module, void* net) : module_(module), net_(net) {}
+    SubjectNet(const QxSubjectNetModule& module, void* net, std::string runtime)
+        : module_(module), net_(net), runtime_(std::move(runtime)) {}
     ~SubjectNet() { module_.release(net_); }
     SubjectNet(const SubjectNet&) = delete;
     SubjectNet& operator=(const SubjectNet&) = delete;
@@ -87,9 +89,12 @@ public:
         return mask;
     }
 
+    const std::string& runtime() const { return runtime_; }
+
 private:
     const QxSubjectNetModule& module_;
     void* net_;
+    std::string runtime_;
 };
 
 std::string modelPath(const char* explicitPath) {
@@ -120,7 +125,7 @@ std::shared_ptr<SubjectNet> loadNet(const std::string& path) {
     char message[512] = "";
     void* handle = module->load(path.c_str(), message, sizeof message);
     if (!handle) CV_Error(cv::Error::StsError, message);
-    auto net = std::make_shared<SubjectNet>(*module, handle);
+    auto net = std::make_shared<SubjectNet>(*module, handle, message);
     nets.emplace(path, net);
     return net;
 }
@@ -147,6 +152,8 @@ bool netLoaded(const std::string& path) {
     std::lock_guard<std::mutex> lock(cacheMutex);
     return cache().count(path) != 0;
 }
+
+std::string netRuntime(const SubjectNet& net) { return net.runtime(); }
 
 cv::Mat forward(SubjectNet& net, const cv::Mat& rgb) {
     CV_Assert(rgb.type() == CV_8UC3 && rgb.rows == kNetSide && rgb.cols == kNetSide &&

@@ -34,6 +34,9 @@ std::shared_ptr<SubjectNet> loadNet(const std::string& path);
 void releaseNet(const std::string& path);
 // Whether the network of `path` is loaded already (no file is read).
 bool netLoaded(const std::string& path);
+// What runs `net`, in the module's words: "ONNX Runtime 1.30.0", or "OpenCV dnn (...)" saying
+// why not ONNX Runtime (QX_SUBJECT_RUNTIME=opencv, or what the runtime's loading gave).
+std::string netRuntime(const SubjectNet& net);
 
 // One forward pass on an 8-bit RGB image of kNetSide x kNetSide: the soft mask, float on 0..1,
 // of the same size. A pass can't be interrupted once it has begun: a cancel is seen before and
