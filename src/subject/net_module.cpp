@@ -42,7 +42,7 @@ void* load(const char* path, char* message, size_t size) {
         auto net = std::make_unique<Net>();
         std::string why = "QX_SUBJECT_RUNTIME=opencv";
         if (!openCvOnly()) {
-            net->session = ort::open(ort::runtimePath(path), path, &why);
+            net->session = ort::open(ort::runtimePath(), path, &why);
             if (net->session) {
                 say(message, size, "ONNX Runtime " + ort::version(*net->session));
                 return net.release();

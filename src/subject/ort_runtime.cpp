@@ -20,6 +20,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "subject/cache_folder.h"
+
 namespace qx::subject::ort {
 namespace {
 
@@ -339,11 +341,10 @@ private:
 
 void SessionDeleter::operator()(Session* session) const { delete session; }
 
-std::string runtimePath(const std::string& modelPath) {
+std::string runtimePath() {
     if (const char* env = std::getenv("QX_ONNXRUNTIME"); env && *env) return env;
-    const size_t slash = modelPath.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : modelPath.substr(0, slash);
-    return folder + "/libonnxruntime.so.1";
+    const std::string folder = cacheFolder();
+    return folder.empty() ? folder : folder + "/libonnxruntime.so.1";
 }
 
 SessionPtr open(const std::string& runtimePath, const std::string& modelPath, std::string* why) {

@@ -15,10 +15,11 @@ struct SessionDeleter {
 };
 using SessionPtr = std::unique_ptr<Session, SessionDeleter>;
 
-// Where the runtime is looked for beside the model at `modelPath`: the environment's
-// QX_ONNXRUNTIME when set and not empty, else libonnxruntime.so.1 in the model's folder (where
-// scripts/fetch_onnxruntime.sh puts it).
-std::string runtimePath(const std::string& modelPath);
+// Where the runtime is looked for: the environment's QX_ONNXRUNTIME when set and not empty, else
+// libonnxruntime.so.1 in the user's cache folder (where scripts/fetch_onnxruntime.sh puts it).
+// Never beside a model the caller names: a folder a model is read from need not be one whose
+// libraries may be loaded.
+std::string runtimePath();
 
 // A session of the network at `modelPath` on the runtime at `runtimePath`, with as many threads
 // as the process may use cores; null with *why saying what stopped it (no library there, not the

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "subject/cache_folder.h"
 #include "subject/net_module.h"
 
 namespace qx::subject {
@@ -101,16 +102,8 @@ std::string modelPath(const char* explicitPath) {
     if (explicitPath && *explicitPath) return explicitPath;
     const char* env = std::getenv("QX_SUBJECT_MODEL");
     if (env && *env) return env;
-    const char* xdg = std::getenv("XDG_CACHE_HOME");
-    std::string dir;
-    if (xdg && *xdg) {
-        dir = xdg;
-    } else if (const char* home = std::getenv("HOME"); home && *home) {
-        dir = std::string(home) + "/.cache";
-    } else {
-        return {};
-    }
-    return dir + "/qxiveilon31/isnet-fp32.onnx";
+    const std::string folder = cacheFolder();
+    return folder.empty() ? folder : folder + "/isnet-fp32.onnx";
 }
 
 std::shared_ptr<SubjectNet> loadNet(const std::string& path) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <opencv2/imgproc.hpp>
 #include <string>
@@ -14,6 +15,7 @@
 
 #include "runtime/memory.h"
 #include "qxworkflow.h"
+#include "subject/cache_folder.h"
 #include "subject/subject_net.h"
 #include "support/scenes.h"
 #include "workflow/workflow.h"
@@ -133,9 +135,8 @@ TEST(SubjectModel, OnnxRuntimeGivesOpenCvsMask) {
     const std::string model = qx::subject::modelPath(nullptr);
     if (!std::ifstream(model)) GTEST_SKIP() << "no subject model at " << model;
     const char* env = std::getenv("QX_ONNXRUNTIME");
-    const std::string runtime = env && *env ? std::string(env)
-                                            : model.substr(0, model.rfind('/')) +
-                                                  "/libonnxruntime.so.1";
+    const std::string runtime =
+        env && *env ? std::string(env) : qx::subject::cacheFolder() + "/libonnxruntime.so.1";
     if (!std::ifstream(runtime)) GTEST_SKIP() << "no ONNX Runtime at " << runtime;
     std::string used;
     const cv::Mat dnn = netMask(model, "opencv", &used);
@@ -173,6 +174,29 @@ TEST(SubjectModel, ARuntimeThatIsNoLibraryFallsBackToOpenCv) {
     EXPECT_EQ(used.rfind("OpenCV dnn", 0), 0u) << used;
     EXPECT_NE(used.find(fake), std::string::npos) << used;
     qx::subject::releaseNet(model);
+}
+
+// A model read from a folder of the caller's choosing: a libonnxruntime.so.1 beside it is not
+// loaded (a folder a model comes from need not be one whose libraries may run); the runtime is
+// looked for in the cache folder only.
+TEST(SubjectModel, ALibraryBesideAModelIsNotLoaded) {
+    const std::string model = qx::subject::modelPath(nullptr);
+    if (!std::ifstream(model)) GTEST_SKIP() << "no subject model at " << model;
+    const std::string folder = ::testing::TempDir() + "/qx-model-folder";
+    const std::string cache = ::testing::TempDir() + "/qx-empty-cache";
+    std::filesystem::create_directories(folder);
+    std::filesystem::create_directories(cache + "/qxiveilon31");
+    const std::string copy = folder + "/isnet-fp32.onnx";
+    std::filesystem::remove(copy);
+    std::filesystem::create_symlink(model, copy);
+    std::ofstream(folder + "/libonnxruntime.so.1") << "not a library";
+    const EnvVar runtime("QX_ONNXRUNTIME", nullptr), choice("QX_SUBJECT_RUNTIME", nullptr);
+    const EnvVar home("XDG_CACHE_HOME", cache.c_str());
+    const std::string used = qx::subject::netRuntime(*qx::subject::loadNet(copy));
+    qx::subject::releaseNet(copy);
+    EXPECT_EQ(used.rfind("OpenCV dnn", 0), 0u) << used;
+    EXPECT_EQ(used.find(folder), std::string::npos) << used;
+    EXPECT_NE(used.find(cache + "/qxiveilon31/libonnxruntime.so.1"), std::string::npos) << used;
 }
 
 // Cancel of the network's calls, with the model: set before the call, nothing runs (the model
