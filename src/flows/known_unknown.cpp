@@ -96,9 +96,9 @@ KnownUnknownEstimate knownUnknownFlow(const FlowImage& image, const PixelSets& s
         for (int r = first; r < last; ++r) {
             const float* q = queries.data() + int64_t(r) * kFeatureDims;
             int names[2 * kMaxSide];
-            float dist[2 * kMaxSide];
-            const int nf = fgTree.nearest(q, k, -1, names, dist, options.maxChecks, &fgHint);
-            const int nb = bgTree.nearest(q, k, -1, names + nf, dist + nf, options.maxChecks, &bgHint);
+            const int nf = fgTree.nearest(q, k, -1, names, nullptr, options.maxChecks, &fgHint);
+            const int nb =
+                bgTree.nearest(q, k, -1, names + nf, nullptr, options.maxChecks, &bgHint);
             mixSides(image, q, names, nf, nb, options.regularisation, e.alpha[size_t(r)],
                      e.confidence[size_t(r)]);
         }

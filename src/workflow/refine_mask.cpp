@@ -203,25 +203,23 @@ QxwStatus growBandFor(const cv::Mat& bgr, const cv::Mat& mask, double growEnd, c
         cv::Mat solved;
         QxwStatus s = QXW_BAD_INPUT;
         if (!added.empty()) {
-            // After the first solve only the band around what was taken is solved again.
+            // After the first solve only the band around what was taken is solved again, into
+            // the last solve.
             const cv::Mat local = localTrimap(trimap, added, *sharp);
             s = matteTrimap(bgr, local, 255, 0, 255, 0, &solved, relay, job, true);
-            if (s == QXW_OK) {
-                cv::Mat merged = sharp->clone();
-                solved.copyTo(merged, local == 128);
-                solved = merged;
-            }
+            if (s == QXW_OK) solved.copyTo(*sharp, local == 128);
         }
         // The first solve, and a local band the job refuses (too few rows): the whole band.
-        if (s != QXW_OK && s != QXW_CANCELLED)
+        if (s != QXW_OK && s != QXW_CANCELLED) {
             s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &solved, relay, job, true);
+            if (s == QXW_OK) *sharp = solved;
+        }
         if (s != QXW_OK) {
             if (step == 0 || s == QXW_CANCELLED) return s;
             break;  // a grown band the job refuses: keep the last solve
         }
-        *sharp = solved;
         *band = trimap.clone();
-        if (step == kGrowSteps || !growBand(trimap, solved, &added)) break;
+        if (step == kGrowSteps || !growBand(trimap, *sharp, &added)) break;
     }
     return QXW_OK;
 }

@@ -13,6 +13,7 @@
 
 #include "runtime/progress.h"
 #include "qxworkflow.h"
+#include "workflow/workflow.h"
 #include "support/scenes.h"
 
 namespace {
@@ -334,10 +335,9 @@ TEST(WorkflowRefine, APhotosBandGrowsOutOverItsHair) {
     const cv::Mat truth = cv::imread((dir / "gt" / "GT04.png").string(), cv::IMREAD_GRAYSCALE);
     if (bgr.empty() || truth.empty()) GTEST_SKIP() << "no benchmark photos at " << dir;
     // What a segmentation model leaves: the truth cut at half, opened and closed, blurred.
-    const cv::Mat disc = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(9, 9));
     cv::Mat mask = truth >= 128;
-    cv::morphologyEx(mask, mask, cv::MORPH_OPEN, disc);
-    cv::morphologyEx(mask, mask, cv::MORPH_CLOSE, disc);
+    cv::morphologyEx(mask, mask, cv::MORPH_OPEN, qx::workflow::disc(4));
+    cv::morphologyEx(mask, mask, cv::MORPH_CLOSE, qx::workflow::disc(4));
     cv::GaussianBlur(mask, mask, cv::Size(), 3.0);
     const QxwImage view{bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
     cv::Mat alpha(truth.size(), CV_8UC1, cv::Scalar(kSentinel));
