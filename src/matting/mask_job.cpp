@@ -148,6 +148,13 @@ MaskJobSeconds maskJobSeconds(int width, int height, float unknownPixels, const 
     return s;
 }
 
+RunChoice maskJobRun(int width, int height, float unknownPixels, double budgetBytes,
+                     const MattingFinish& finish) {
+    return limitRunUnknowns(chooseMaskRun(width, height, unknownPixels,
+                                          budgetBytes > 0.0 ? budgetBytes : maskBudget()),
+                            width, height, unknownPixels, finish.runUnknownLimit);
+}
+
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
                  unsigned char bgCode, int levelHigh, int levelLow, double budgetBytes,
                  const MattingFinish& finish) {
@@ -161,10 +168,7 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
     PlanePtr mask = std::make_unique<Plane8>(width, height, req->mask, req->maskStep);
     Copy(*mask, savedTri);
 
-    const RunChoice run = limitRunUnknowns(
-        chooseMaskRun(width, height, unknownPixels,
-                      budgetBytes > 0.0 ? budgetBytes : maskBudget()),
-        width, height, unknownPixels, finish.runUnknownLimit);
+    const RunChoice run = maskJobRun(width, height, unknownPixels, budgetBytes, finish);
     if (run.width < 1 || run.height < 1) return -1000;  // nothing written yet
     // The job's stages for the progress listener: halving, solve, doubling and the last pass.
     const MaskJobSeconds seconds = maskJobSeconds(width, height, unknownPixels, run, finish);

@@ -58,6 +58,10 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
 RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float unknownPixels,
                            float limit);
 
+// The run the tri-map job makes for a request (budgetBytes 0: the library's own budget).
+RunChoice maskJobRun(int width, int height, float unknownPixels, double budgetBytes,
+                     const MattingFinish& finish);
+
 // Rough seconds of a tri-map job's stages, for laying out its progress (only their ratios
 // matter): the solve of the run with its finishing steps, and for a reduced run the halving
 // before it and the guided doubling after.

@@ -28,7 +28,7 @@ extern "C" QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image,
         if (cv::countNonZero(trimap == 128) == 0) {
             matte = selection;  // no edge inside the rectangle: the selection is the alpha
         } else {
-            s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &matte, relay, job);
+            s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &matte, relay, job, TrimapSolve::Flows);
             if (s != QXW_OK) return s;
         }
         if (colours) {

@@ -63,9 +63,10 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.alphaStep = static_cast<int32_t>(out.step);
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
+        const qx::MattingFinish second = qx::flows::flowFinish();
         status = qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
             return qx::strokesJob(req, qx::flows::flowFinish(qx::flows::FlowRun::Strokes),
-                                  relay.budgetBytes());
+                                  relay.budgetBytes(), &second);
         });
     } else {
         status = runTiled(bgr, plane, engine == QXW_ENGINE_KDTREE, relay);

@@ -206,12 +206,14 @@ QxwStatus growBandFor(const cv::Mat& bgr, const cv::Mat& mask, double growEnd, c
             // After the first solve only the band around what was taken is solved again, into
             // the last solve.
             const cv::Mat local = localTrimap(trimap, added, *sharp);
-            s = matteTrimap(bgr, local, 255, 0, 255, 0, &solved, relay, job, true);
+            s = matteTrimap(bgr, local, 255, 0, 255, 0, &solved, relay, job,
+                            TrimapSolve::Finished);
             if (s == QXW_OK) solved.copyTo(*sharp, local == 128);
         }
         // The first solve, and a local band the job refuses (too few rows): the whole band.
         if (s != QXW_OK && s != QXW_CANCELLED) {
-            s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &solved, relay, job, true);
+            s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &solved, relay, job,
+                            TrimapSolve::Finished);
             if (s == QXW_OK) *sharp = solved;
         }
         if (s != QXW_OK) {
@@ -270,7 +272,7 @@ QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& coarse, cv::Mat* alpha, 
     if (sharp.empty()) return deliver(band);
     relay.span(growEnd, solveShare);
     cv::Mat plain;
-    s = matteTrimap(bgr, band, 255, 0, 255, 0, &plain, relay, job);
+    s = matteTrimap(bgr, band, 255, 0, 255, 0, &plain, relay, job, TrimapSolve::Flows);
     if (s == QXW_CANCELLED) return s;
     // A band the plain job refuses keeps the sharpened solve of the same band.
     return deliver(s == QXW_OK ? plain : sharp);

@@ -96,7 +96,8 @@ QxwStatus narrowBand(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, Re
         *alpha = hard;
         return QXW_OK;
     }
-    const QxwStatus s = matteTrimap(bgr, trimap, 255, 0, 255, 0, alpha, relay, job);
+    const QxwStatus s =
+        matteTrimap(bgr, trimap, 255, 0, 255, 0, alpha, relay, job, TrimapSolve::Flows);
     if (s == QXW_OK || s == QXW_CANCELLED) return s;
     *alpha = hard;  // a band the job refuses (too few rows): the mask's hard edge
     return finishJob(job, QXW_OK);

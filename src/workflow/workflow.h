@@ -176,11 +176,15 @@ cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
 
 // The workflows on the library's own images (image BGR), reporting through one relay; the
 // status and message go to job. Outputs are written only on QXW_OK.
-// finished: with qxMaskAlpha's sharpening and clean-up (refine's band growth reads the sharper
-// edge), else qxMaskAlphaFlow.
+// How matteTrimap solves: with qxMaskAlphaFlow once (a band made from a selection's or a mask's
+// edge: GrabCut's, refine's, a subject's; solving again measured no better there), with it
+// again on the tri-map tightened from the first alpha when that one was solved at full size (a
+// person's tri-map), or with qxMaskAlpha's sharpening and clean-up (refine's band growth reads
+// the sharper edge).
+enum class TrimapSolve { Flows, FlowsAgain, Finished };
 QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
                       int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job,
-                      bool finished = false);
+                      TrimapSolve solve);
 QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngine engine,
                        cv::Mat* alpha, Relay& relay, QxwJob* job);
 QxwStatus recoverForeground(const cv::Mat& bgr, const cv::Mat& alpha, QxwForegroundMethod method,
