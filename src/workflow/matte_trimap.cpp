@@ -73,11 +73,12 @@ std::string unusableTrimap(const cv::Mat& trimap, int fgCode, int bgCode) {
 namespace {
 
 // The tri-map job on the box of the undecided pixels, pasted into `out` (decided pixels 255 or
-// 0, undecided ones as solved); `fullSize` says whether the job solved the box at full size.
-// Returns the job's status (1: solved, 0: no box).
+// 0, undecided ones as solved). `runKnown` hears, before the job starts, whether it solves the
+// box at full size. Returns the job's status (1: solved, 0: no box).
+template <typename RunKnown>
 int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, int levelHigh,
-             int levelLow, const qx::MattingFinish& finish, cv::Mat& out, bool& fullSize,
-             Relay& relay) {
+             int levelLow, const qx::MattingFinish& finish, cv::Mat& out, Relay& relay,
+             RunKnown runKnown) {
     const int width = bgr.cols, height = bgr.rows;
     int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
     qx::maskBox8(trimap.data, static_cast<int>(trimap.step), width, height, fgCode, bgCode, &left,
@@ -101,8 +102,8 @@ int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, 
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     const float unknown = static_cast<float>(unknownPixels);
-    fullSize = qx::maskJobRun(boxWidth, boxHeight, unknown, relay.budgetBytes(), finish).kind ==
-               qx::RunKind::Direct;
+    runKnown(qx::maskJobRun(boxWidth, boxHeight, unknown, relay.budgetBytes(), finish).kind ==
+             qx::RunKind::Direct);
     const int status = qx::guardedExport(qx::Export::MaskAlpha, [&] {
         return qx::maskAlphaJob(&req, unknown, static_cast<unsigned char>(fgCode),
                                 static_cast<unsigned char>(bgCode), levelHigh, levelLow,
@@ -136,15 +137,18 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     // the closed-form job's against 0.93x). Not with final levels other than 255 and 0 either:
     // the alpha's values are not the solve's then.
     const bool mayRepeat = solve == TrimapSolve::FlowsAgain && levelHigh == 255 && levelLow == 0;
-    if (mayRepeat) relay.span(lo, lo + (hi - lo) * kFirstSolveShare);
+    const double split = lo + (hi - lo) * kFirstSolveShare;
+    bool again = false;
     cv::Mat out;
-    bool fullSize = false;
-    int status = solveBox(bgr, trimap, fgCode, bgCode, levelHigh, levelLow, finish, out, fullSize,
-                          relay);
+    int status = solveBox(bgr, trimap, fgCode, bgCode, levelHigh, levelLow, finish, out, relay,
+                          [&](bool fullSize) {
+                              again = mayRepeat && fullSize;
+                              if (again) relay.span(lo, split);
+                          });
     if (status == 0)
         return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
     if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
-    if (mayRepeat && fullSize) {
+    if (again) {
         cv::Mat given(trimap.size(), CV_8UC1), tight(trimap.size(), CV_8UC1), second;
         for (int y = 0; y < trimap.rows; ++y) {
             const unsigned char* t = trimap.ptr<unsigned char>(y);
@@ -155,12 +159,12 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
         qx::tightTrimap(out.data, static_cast<int>(out.step), given.data,
                         static_cast<int>(given.step), out.cols, out.rows, tight.data,
                         static_cast<int>(tight.step));
-        relay.span(lo + (hi - lo) * kFirstSolveShare, hi);
-        status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, fullSize, relay);
+        relay.span(split, hi);
+        status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, relay, [](bool) {});
+        relay.span(lo, hi);
         if (status == 1) out = second;  // 0: nothing left unclear, the first alpha stands
         else if (status != 0) return jobFailed(job, qx::Export::MaskAlpha, status);
     }
-    if (mayRepeat) relay.span(lo, hi);
     *alpha = out;
     return finishJob(job, QXW_OK);
 }
