@@ -20,8 +20,8 @@ constexpr float kRunUnknownLimit = 400000.0f;
 // keep 1e-4.
 constexpr double kBandTolerance = 1e-3, kStrokesTolerance = 1e-4;
 
-void solveWith(double tolerance, Plane8** colour, Plane8& mask, unsigned char fgCode,
-               unsigned char bgCode) {
+void solveWith(double tolerance, bool mixture, Plane8** colour, Plane8& mask,
+               unsigned char fgCode, unsigned char bgCode) {
     FlowImage image;
     image.width = mask.width;
     image.height = mask.height;
@@ -33,6 +33,7 @@ void solveWith(double tolerance, Plane8** colour, Plane8& mask, unsigned char fg
     image.bgCode = bgCode;
     FlowOptions options;
     options.tolerance = tolerance;
+    if (!mixture) options.weights.colourMixture = 0.0;
     // The tri-map is read while the alpha is written: the alpha goes to a plane of its own.
     Plane8 alpha(mask.width, mask.height);
     flowAlpha(image, options, alpha.data, alpha.step);
@@ -40,18 +41,30 @@ void solveWith(double tolerance, Plane8** colour, Plane8& mask, unsigned char fg
 }
 
 void solveBand(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
-    solveWith(kBandTolerance, colour, mask, fgCode, bgCode);
+    solveWith(kBandTolerance, true, colour, mask, fgCode, bgCode);
 }
 
-void solveStrokes(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
-    solveWith(kStrokesTolerance, colour, mask, fgCode, bgCode);
+// A first solve that a second one follows (matting/tight_trimap.h) goes without the colour
+// mixture: the second solve brings the same error either way (tri-maps' mean SAD over
+// infoFlow's 0.732 / 0.730 against 0.730 / 0.739, strokes 4.54 against 4.59) and the first
+// takes a fifth to two fifths less time. Dropping the links between undecided pixels as well
+// gave 0.751 / 0.753 and 4.55.
+void solveFirstOfBand(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
+    solveWith(kBandTolerance, false, colour, mask, fgCode, bgCode);
+}
+
+void solveFirstOfStrokes(Plane8** colour, Plane8& mask, unsigned char fgCode,
+                         unsigned char bgCode) {
+    solveWith(kStrokesTolerance, false, colour, mask, fgCode, bgCode);
 }
 
 }  // namespace
 
 MattingFinish flowFinish(FlowRun run) {
     MattingFinish finish = MattingFinish::plain();
-    finish.solveRun = run == FlowRun::Strokes ? &solveStrokes : &solveBand;
+    finish.solveRun = run == FlowRun::FirstOfStrokes ? &solveFirstOfStrokes
+                      : run == FlowRun::FirstOfBand  ? &solveFirstOfBand
+                                                     : &solveBand;
     finish.runUnknownLimit = kRunUnknownLimit;
     finish.undecidedOffTheEnds = false;
     return finish;

@@ -6,9 +6,10 @@
 
 namespace qx::flows {
 
-// What the run is: a tri-map's band, or strokes, which leave most pixels undecided and far from
-// what is known, so their solve is taken further.
-enum class FlowRun { Band, Strokes };
+// What the run is: a tri-map's band; the first solve of a tri-map's band that is solved again
+// on the tri-map tightened from it; the first solve of strokes, which leave most pixels
+// undecided and far from what is known, so it is taken further (their second solve is a band's).
+enum class FlowRun { Band, FirstOfBand, FirstOfStrokes };
 
 MattingFinish flowFinish(FlowRun run = FlowRun::Band);
 

@@ -179,8 +179,9 @@ extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
 extern "C" QX_API int qxStrokesToAlphaFlow(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
     return qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
-        const qx::MattingFinish second = qx::flows::flowFinish();
-        return qx::strokesJob(*request, qx::flows::flowFinish(qx::flows::FlowRun::Strokes), 0.0,
+        using qx::flows::flowFinish;
+        const qx::MattingFinish second = flowFinish();
+        return qx::strokesJob(*request, flowFinish(qx::flows::FlowRun::FirstOfStrokes), 0.0,
                               &second);
     });
 }

@@ -65,7 +65,7 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.progParam = relay.param();
         const qx::MattingFinish second = qx::flows::flowFinish();
         status = qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
-            return qx::strokesJob(req, qx::flows::flowFinish(qx::flows::FlowRun::Strokes),
+            return qx::strokesJob(req, qx::flows::flowFinish(qx::flows::FlowRun::FirstOfStrokes),
                                   relay.budgetBytes(), &second);
         });
     } else {

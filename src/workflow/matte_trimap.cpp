@@ -73,8 +73,9 @@ std::string unusableTrimap(const cv::Mat& trimap, int fgCode, int bgCode) {
 namespace {
 
 // The tri-map job on the box of the undecided pixels, pasted into `out` (decided pixels 255 or
-// 0, undecided ones as solved). `runKnown` hears, before the job starts, whether it solves the
-// box at full size. Returns the job's status (1: solved, 0: no box).
+// 0, undecided ones as solved). The run is chosen as for `finish`; `runKnown(fullSize)` hears,
+// before the job starts, whether it solves the box at full size, and gives the finish the job
+// runs with (its run limit as `finish`'s). Returns the job's status (1: solved, 0: no box).
 template <typename RunKnown>
 int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, int levelHigh,
              int levelLow, const qx::MattingFinish& finish, cv::Mat& out, Relay& relay,
@@ -102,12 +103,13 @@ int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, 
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     const float unknown = static_cast<float>(unknownPixels);
-    runKnown(qx::maskJobRun(boxWidth, boxHeight, unknown, relay.budgetBytes(), finish).kind ==
-             qx::RunKind::Direct);
+    const qx::MattingFinish jobFinish = runKnown(
+        qx::maskJobRun(boxWidth, boxHeight, unknown, relay.budgetBytes(), finish).kind ==
+        qx::RunKind::Direct);
     const int status = qx::guardedExport(qx::Export::MaskAlpha, [&] {
         return qx::maskAlphaJob(&req, unknown, static_cast<unsigned char>(fgCode),
                                 static_cast<unsigned char>(bgCode), levelHigh, levelLow,
-                                relay.budgetBytes(), finish);
+                                relay.budgetBytes(), jobFinish);
     });
     if (status != 1) return status;
     out.create(height, width, CV_8UC1);
@@ -121,7 +123,7 @@ int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, 
 }
 
 // The share of the job's progress the first solve takes when a second follows.
-constexpr double kFirstSolveShare = 0.7;
+constexpr double kFirstSolveShare = 0.6;
 
 }  // namespace
 
@@ -143,7 +145,9 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     int status = solveBox(bgr, trimap, fgCode, bgCode, levelHigh, levelLow, finish, out, relay,
                           [&](bool fullSize) {
                               again = mayRepeat && fullSize;
-                              if (again) relay.span(lo, split);
+                              if (!again) return finish;
+                              relay.span(lo, split);
+                              return qx::flows::flowFinish(qx::flows::FlowRun::FirstOfBand);
                           });
     if (status == 0)
         return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
@@ -160,7 +164,8 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
                         static_cast<int>(given.step), out.cols, out.rows, tight.data,
                         static_cast<int>(tight.step));
         relay.span(split, hi);
-        status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, relay, [](bool) {});
+        status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, relay,
+                          [&](bool) { return finish; });
         relay.span(lo, hi);
         if (status == 1) out = second;  // 0: nothing left unclear, the first alpha stands
         else if (status != 0) return jobFailed(job, qx::Export::MaskAlpha, status);

@@ -118,7 +118,7 @@ TEST(StrokesToAlphaFlow, TheSecondSolveTakesTheHazeOff) {
     Scene s(240, 180);
     std::vector<unsigned char> once, twice;
     StrokeMatteRequest r = s.request(once);
-    ASSERT_EQ(qx::strokesJob(r, qx::flows::flowFinish(qx::flows::FlowRun::Strokes)), 1);
+    ASSERT_EQ(qx::strokesJob(r, qx::flows::flowFinish(qx::flows::FlowRun::FirstOfStrokes)), 1);
     r = s.request(twice);
     ASSERT_EQ(qxStrokesToAlphaFlow(&r), 1);
     // Unpainted pixels the truth has clear (0 or 255) that come back more than 8 off.
