@@ -80,8 +80,9 @@ QX_LAYOUT_CHECK(job_cancel, offsetof(QxwJob, cancel) == 536 && sizeof(QxwJob) ==
  * unpainted. */
 enum { QXW_KEEP = 255, QXW_CUT = 0 };
 
-/* Engines for strokes: the stroke engine of qxStrokesToAlpha (default), the older tiled engine
- * of qxKeepCutToAlpha at full resolution, or at half resolution with one guided doubling. */
+/* Engines for strokes: the stroke engine of qxStrokesToAlphaFlow (default: the information
+ * flows' solve, then again on the tri-map tightened from its alpha), the older tiled engine of
+ * qxKeepCutToAlpha at full resolution, or at half resolution with one guided doubling. */
 typedef enum QxwStrokeEngine {
     QXW_ENGINE_STROKES = 0,
     QXW_ENGINE_KDTREE = 1,
@@ -98,7 +99,10 @@ typedef enum QxwForegroundMethod {
 } QxwForegroundMethod;
 
 /* Alpha from a tri-map: codes <= bgCode background, >= fgCode foreground, others undecided;
- * the final levels stretch [levelLow, levelHigh] to [0, 255] (255 and 0: none). QXW_BAD_INPUT,
+ * the final levels stretch [levelLow, levelHigh] to [0, 255] (255 and 0: none). The undecided
+ * pixels' box is solved by the information flows (qxMaskAlphaFlow); when that ran at full size
+ * and the levels are 255 and 0, it is solved again with what came out at most 20 or at least 235
+ * taken as decided (progress: 0.6 of the call for the first solve). QXW_BAD_INPUT,
  * before any work, for a tri-map with no undecided pixel, or with undecided pixels but no
  * background or no foreground pixel (the message says which is missing). */
 QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned char* trimap,

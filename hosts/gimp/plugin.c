@@ -124,7 +124,7 @@ static const Procedure procedures[] = {
     {PROC_REFINE, "Refine the edge of a coarse mask or selection",
      "Turns a coarse mask or selection into a clean alpha: an undecided band made from the mask "
      "and the image (wide where the image has little contrast, reaching hair and holes the mask "
-     "closed over), solved by closed-form matting, with the subject's own colours recovered.",
+     "closed over), solved by the matting engine, with the subject's own colours recovered.",
      "_Refine Edge...", refineArgs, G_N_ELEMENTS(refineArgs),
      {.refine = {SOURCE_MASK, OUTPUT_LAYER}}, sizeof(RefineValues), refineFromCall,
      qxg_refine_dialog, qxg_refine_edge},
