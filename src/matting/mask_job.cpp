@@ -271,6 +271,8 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
     return run;
 }
 
+constexpr double kHalfRunSlack = 1.5;
+
 RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float unknownPixels,
                            float limit) {
     if (!(limit > 0.0f) || !(unknownPixels > 0.0f)) return run;
@@ -278,6 +280,11 @@ RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float un
     const double share = std::min(double(unknownPixels), pixels) / std::max(pixels, 1.0);
     const double runUnknowns = share * double(run.width) * run.height;
     if (runUnknowns <= limit) return run;
+    // A half-size run keeps its exact halving and guided doubling up to half as many again: a
+    // free-size run of nearly the same size loses more than the few pixels it saves (the
+    // true-resolution composites GT03, GT06 and GT08: summed SAD 0.916x the closed form's
+    // against 0.925x, in the same time).
+    if (run.kind == RunKind::Half && runUnknowns <= kHalfRunSlack * limit) return run;
     RunChoice out = run;
     const double scale = std::sqrt(share * pixels / limit);
     out.scale = std::max(run.scale, scale);

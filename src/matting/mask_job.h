@@ -54,7 +54,8 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
 
 // The run of chooseMaskRun made smaller, when needed, so that it holds at most `limit` undecided
 // pixels (taken as spread evenly over the image): a direct run becomes a half-size one, a
-// half-size one a free-size one. A limit of 0 or below changes nothing.
+// half-size one a free-size one, except that a half-size run given is kept up to 1.5 times the
+// limit. A limit of 0 or below changes nothing.
 RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float unknownPixels,
                            float limit);
 

@@ -86,6 +86,11 @@ TEST(MaskAlphaFlow, RunsAreKeptToTheUnknownLimit) {
         // Every pixel of 4000 x 3000 undecided: 12,000,000 / 400,000 = 30 times too many, each
         // side divided by sqrt(30) = 5.477: 730 x 547.
         {{RunKind::Half, 2000, 1500, 1.5}, 4000, 3000, 12e6f, 4e5f, {RunKind::Free, 730, 547, 0}},
+        // A half-size run given keeps its size up to 1.5 times the limit: 2,000,000 undecided,
+        // 500,000 in the half-size run; 2,500,000 (625,000 in it) makes it a free-size one,
+        // each side divided by sqrt(6.25) = 2.5.
+        {{RunKind::Half, 2000, 1500, 1.5}, 4000, 3000, 2e6f, 4e5f, {RunKind::Half, 2000, 1500, 0}},
+        {{RunKind::Half, 2000, 1500, 1.5}, 4000, 3000, 2.5e6f, 4e5f, {RunKind::Free, 1600, 1200, 0}},
         // A run the budget already made smaller stays as it is; no limit changes nothing.
         {{RunKind::Free, 400, 300, 10.0}, 4000, 3000, 12e6f, 4e5f, {RunKind::Free, 400, 300, 0}},
         {direct, 1000, 800, 800000.0f, 0.0f, direct},
