@@ -6,7 +6,8 @@
 namespace qx {
 
 void tightTrimap(const unsigned char* alpha, int alphaStep, const unsigned char* given,
-                 int givenStep, int width, int height, unsigned char* out, int outStep) {
+                 int givenStep, int fgCode, int bgCode, int width, int height, unsigned char* out,
+                 int outStep) {
     auto row = [](auto* base, int step, int y) { return base + int64_t(y) * step; };
     for (int y = 0; y < height; ++y) {
         const unsigned char* a = row(alpha, alphaStep, y);
@@ -32,8 +33,10 @@ void tightTrimap(const unsigned char* alpha, int alphaStep, const unsigned char*
             }
         }
         const unsigned char* g = row(given, givenStep, y);
-        for (int x = 0; x < width; ++x)
-            if (g[x] == 0 || g[x] == 255) o[x] = g[x];
+        for (int x = 0; x < width; ++x) {
+            if (g[x] >= fgCode) o[x] = 255;
+            else if (g[x] <= bgCode) o[x] = 0;
+        }
     }
 }
 

@@ -12,9 +12,11 @@ namespace qx {
 // 20 / 235 / 2 and at 15 / 240 / 1, 4.87 at 10 / 245 / 1, 5.42 at 64 / 191 / 1.
 constexpr int kTightLow = 20, kTightHigh = 235, kTightGrow = 1;
 
-// `out` from `alpha` as above; where `given` (0 background, 255 subject, anything else open)
-// is decided, `out` keeps it. All three planes are width x height with their own steps.
+// `out` (0, 255, undecided 128) from `alpha` as above; where the caller's tri-map `given` is
+// decided (at or below bgCode background, at or above fgCode subject), `out` keeps that. All
+// three planes are width x height with their own steps.
 void tightTrimap(const unsigned char* alpha, int alphaStep, const unsigned char* given,
-                 int givenStep, int width, int height, unsigned char* out, int outStep);
+                 int givenStep, int fgCode, int bgCode, int width, int height, unsigned char* out,
+                 int outStep);
 
 }  // namespace qx

@@ -17,4 +17,8 @@ namespace qx {
 int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double budgetBytes = 0.0,
                const MattingFinish* second = nullptr);
 
+// The stroke engine of the flows (qxStrokesToAlphaFlow, the workflows'): the first solve
+// without the colour mixture, then again on the tightened tri-map with a band's finish.
+int strokesFlowJob(const StrokeMatteRequest& r, double budgetBytes = 0.0);
+
 }  // namespace qx

@@ -44,12 +44,12 @@ bool validRequest(const StrokeMatteRequest* r) {
 }
 
 // The box of `tri`'s undecided pixels cut from the image, solved by the tri-map job, pasted into
-// `out` (which holds `tri` outside the box). When `onePieceAllowed` and the box's full-resolution
-// solve fits the budget it runs in one piece with the plain finish. False, with `out` untouched,
-// when the box rule gives no box and `wholeIfNoBox` is not set.
+// `out` (which holds `tri` outside the box). With the plain finish, when the box's
+// full-resolution solve fits the budget it runs in one piece. False, with `out` untouched, when
+// the box rule gives no box and `wholeIfNoBox` is not set.
 bool solveBox(const StrokeMatteRequest& r, const std::vector<unsigned char>& tri,
-              const MattingFinish& finish, double budget, bool onePieceAllowed, bool wholeIfNoBox,
-              ProgressParts& parts, int part, std::vector<unsigned char>& out) {
+              const MattingFinish& finish, double budget, bool wholeIfNoBox, ProgressParts& parts,
+              int part, std::vector<unsigned char>& out) {
     const int w = r.width, h = r.height;
     int left = 0, boxW = 0, top = 0, boxH = 0, fg = 0, bg = 0;
     qxMaskBBox(0, tri.data(), w, w, h, &left, &boxW, &top, &boxH, &fg, &bg, 0, 255, 0);
@@ -87,7 +87,7 @@ bool solveBox(const StrokeMatteRequest& r, const std::vector<unsigned char>& tri
     const RunChoice run = chooseMaskRun(boxW, boxH, unknown, budget);
     // At full resolution, the one-piece solve's stages are those of a direct run.
     const RunChoice direct{RunKind::Direct, boxW, boxH, run.scale};
-    const bool onePiece = onePieceAllowed && run.scale <= 1.0 && !finish.solveRun;
+    const bool onePiece = run.scale <= 1.0 && !finish.solveRun;
     parts.weigh(part, maskJobSeconds(boxW, boxH, unknown, onePiece ? direct : run, finish)
                           .total());
     parts.next();
@@ -144,12 +144,12 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double 
         const double budget = budgetBytes > 0.0        ? budgetBytes
                               : r.memoryBudgetMB > 0 ? r.memoryBudgetMB * 1e6
                                                      : usableMemoryBytes();
-        solveBox(r, tri, finish, budget, true, true, parts, 1, out);
+        solveBox(r, tri, finish, budget, true, parts, 1, out);
         if (second) {
             std::vector<unsigned char> tight(n);
-            tightTrimap(out.data(), w, tri.data(), w, w, h, tight.data(), w);
+            tightTrimap(out.data(), w, tri.data(), w, 255, 0, w, h, tight.data(), w);
             std::vector<unsigned char> again;
-            if (solveBox(r, tight, *second, budget, false, false, parts, 2, again))
+            if (solveBox(r, tight, *second, budget, false, parts, 2, again))
                 out.swap(again);
         } else {
             parts.next();
@@ -168,6 +168,11 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double 
     return 1;
 }
 
+int strokesFlowJob(const StrokeMatteRequest& r, double budgetBytes) {
+    const MattingFinish second = flows::flowFinish();
+    return strokesJob(r, flows::flowFinish(flows::FlowRun::FirstOfStrokes), budgetBytes, &second);
+}
+
 }  // namespace qx
 
 extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
@@ -179,9 +184,6 @@ extern "C" QX_API int qxStrokesToAlpha(const StrokeMatteRequest* request) {
 extern "C" QX_API int qxStrokesToAlphaFlow(const StrokeMatteRequest* request) {
     if (!qx::validRequest(request)) return -2;
     return qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
-        using qx::flows::flowFinish;
-        const qx::MattingFinish second = flowFinish();
-        return qx::strokesJob(*request, flowFinish(qx::flows::FlowRun::FirstOfStrokes), 0.0,
-                              &second);
+        return qx::strokesFlowJob(*request);
     });
 }

@@ -4,7 +4,6 @@
 // engine).
 #include <opencv2/imgproc.hpp>
 
-#include "flows/mask_alpha_flow.h"
 #include "keepcut/keep_cut.h"
 #include "strokes/strokes_job.h"
 #include "workflow/workflow.h"
@@ -63,11 +62,8 @@ QxwStatus matteStrokes(const cv::Mat& bgr, const cv::Mat& strokes, QxwStrokeEngi
         req.alphaStep = static_cast<int32_t>(out.step);
         req.progProc = &Relay::proc;
         req.progParam = relay.param();
-        const qx::MattingFinish second = qx::flows::flowFinish();
-        status = qx::guardedExport(qx::Export::StrokesToAlpha, [&] {
-            return qx::strokesJob(req, qx::flows::flowFinish(qx::flows::FlowRun::FirstOfStrokes),
-                                  relay.budgetBytes(), &second);
-        });
+        status = qx::guardedExport(qx::Export::StrokesToAlpha,
+                                   [&] { return qx::strokesFlowJob(req, relay.budgetBytes()); });
     } else {
         status = runTiled(bgr, plane, engine == QXW_ENGINE_KDTREE, relay);
         // Back from the stroke coding: keep 255, cut 0, computed alpha as it is.

@@ -68,10 +68,6 @@ std::string unusableTrimap(const cv::Mat& trimap, int fgCode, int bgCode) {
     return {};
 }
 
-}  // namespace
-
-namespace {
-
 // The tri-map job on the box of the undecided pixels, pasted into `out` (decided pixels 255 or
 // 0, undecided ones as solved). The run is chosen as for `finish`; `runKnown(fullSize)` hears,
 // before the job starts, whether it solves the box at full size, and gives the finish the job
@@ -153,16 +149,10 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
         return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
     if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
     if (again) {
-        cv::Mat given(trimap.size(), CV_8UC1), tight(trimap.size(), CV_8UC1), second;
-        for (int y = 0; y < trimap.rows; ++y) {
-            const unsigned char* t = trimap.ptr<unsigned char>(y);
-            unsigned char* g = given.ptr<unsigned char>(y);
-            for (int x = 0; x < trimap.cols; ++x)
-                g[x] = t[x] >= fgCode ? 255 : t[x] <= bgCode ? 0 : 128;
-        }
-        qx::tightTrimap(out.data, static_cast<int>(out.step), given.data,
-                        static_cast<int>(given.step), out.cols, out.rows, tight.data,
-                        static_cast<int>(tight.step));
+        cv::Mat tight(trimap.size(), CV_8UC1), second;
+        qx::tightTrimap(out.data, static_cast<int>(out.step), trimap.data,
+                        static_cast<int>(trimap.step), fgCode, bgCode, out.cols, out.rows,
+                        tight.data, static_cast<int>(tight.step));
         relay.span(split, hi);
         status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, relay,
                           [&](bool) { return finish; });

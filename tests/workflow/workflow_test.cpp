@@ -47,6 +47,23 @@ struct Progress {
     }
 };
 
+// One of the alpha-matting benchmark photos: colour, truth and tri-map, read from the shared data
+// (all empty when it is not there).
+struct BenchmarkPhoto {
+    cv::Mat bgr, truth, trimap;
+    explicit BenchmarkPhoto(const std::string& name) {
+        const std::filesystem::path dir = std::filesystem::path(QX_DATA_DIR) / "alphamatting";
+        const std::string file = name + ".png";
+        bgr = cv::imread((dir / "input" / file).string(), cv::IMREAD_COLOR);
+        truth = cv::imread((dir / "gt" / file).string(), cv::IMREAD_GRAYSCALE);
+        trimap = cv::imread((dir / "trimap" / file).string(), cv::IMREAD_GRAYSCALE);
+    }
+    bool missing() const { return bgr.empty() || truth.empty() || trimap.empty(); }
+    QxwImage view() const {
+        return {bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
+    }
+};
+
 // (Other byte orders and strides: python/tests' test_orders_kinds_and_strides_give_the_same_bytes.)
 TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
     const Scene s(120, 100, 30, 8, 3);
@@ -74,14 +91,10 @@ TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
 // photo (when the data is there) against a single solve of the same tri-map: 0.66 of its error
 // today.
 TEST(WorkflowTrimap, APhotosTrimapSolvedAgainComesCloser) {
-    const std::filesystem::path dir = std::filesystem::path(QX_DATA_DIR) / "alphamatting";
-    const cv::Mat bgr = cv::imread((dir / "input" / "GT01.png").string(), cv::IMREAD_COLOR);
-    const cv::Mat truth = cv::imread((dir / "gt" / "GT01.png").string(), cv::IMREAD_GRAYSCALE);
-    const cv::Mat trimap =
-        cv::imread((dir / "trimap" / "GT01.png").string(), cv::IMREAD_GRAYSCALE);
-    if (bgr.empty() || truth.empty() || trimap.empty())
-        GTEST_SKIP() << "no benchmark photos at " << dir;
-    const QxwImage view{bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
+    const BenchmarkPhoto photo("GT01");
+    if (photo.missing()) GTEST_SKIP() << "no benchmark photos at " << QX_DATA_DIR;
+    const cv::Mat &bgr = photo.bgr, &truth = photo.truth, &trimap = photo.trimap;
+    const QxwImage view = photo.view();
     cv::Mat twice(truth.size(), CV_8UC1, cv::Scalar(kSentinel)), once;
     QxwJob job{};
     ASSERT_EQ(qxwMatteTrimap(&view, trimap.data, static_cast<int>(trimap.step), 255, 0, 255, 0,
@@ -361,16 +374,15 @@ TEST(WorkflowRefine, ACoarseMaskComesBackCloseToTheTruth) {
 // the band has to grow over several steps to take it in, and refine has to take about half of
 // the mask's error away (0.53 of it today; a growing step that dropped what it solved left 0.75).
 TEST(WorkflowRefine, APhotosBandGrowsOutOverItsHair) {
-    const std::filesystem::path dir = std::filesystem::path(QX_DATA_DIR) / "alphamatting";
-    const cv::Mat bgr = cv::imread((dir / "input" / "GT04.png").string(), cv::IMREAD_COLOR);
-    const cv::Mat truth = cv::imread((dir / "gt" / "GT04.png").string(), cv::IMREAD_GRAYSCALE);
-    if (bgr.empty() || truth.empty()) GTEST_SKIP() << "no benchmark photos at " << dir;
+    const BenchmarkPhoto photo("GT04");
+    if (photo.missing()) GTEST_SKIP() << "no benchmark photos at " << QX_DATA_DIR;
+    const cv::Mat& truth = photo.truth;
     // What a segmentation model leaves: the truth cut at half, opened and closed, blurred.
     cv::Mat mask = truth >= 128;
     cv::morphologyEx(mask, mask, cv::MORPH_OPEN, qx::workflow::disc(4));
     cv::morphologyEx(mask, mask, cv::MORPH_CLOSE, qx::workflow::disc(4));
     cv::GaussianBlur(mask, mask, cv::Size(), 3.0);
-    const QxwImage view{bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
+    const QxwImage view = photo.view();
     cv::Mat alpha(truth.size(), CV_8UC1, cv::Scalar(kSentinel));
     QxwJob job{};
     ASSERT_EQ(qxwRefineMask(&view, mask.data, static_cast<int>(mask.step), alpha.data,
