@@ -11,12 +11,16 @@
 // SAD (thousands) and MSE (x1000) over the undecided pixels, seconds, peak resident memory above
 // the start of the run.
 //
-//   bench_hair [--megapixels 7] [--images GT01,GT04] [--radius 15] [--strands 400]
+//   bench_hair [--megapixels 7] [--images GT01,GT04] [--radius 15] [--strands 400] [--dump DIR]
+//
+// --dump writes each composite, its tri-map, its truth and the workflow's alpha into DIR as
+// GTnn_image.png, GTnn_trimap.png, GTnn_truth.png and GTnn_flows.png, for a closer look.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <random>
 #include <sstream>
@@ -144,6 +148,7 @@ int main(int argc, char** argv) {
     double megapixels = 7.0;
     int radius = 15, strands = 400;
     std::vector<std::string> only;
+    std::string dump;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : "";
@@ -151,6 +156,7 @@ int main(int argc, char** argv) {
         else if (a == "--radius") radius = std::atoi(v), ++i;
         else if (a == "--strands") strands = std::atoi(v), ++i;
         else if (a == "--images") only = split(v), ++i;
+        else if (a == "--dump") dump = v, ++i;
         else {
             std::fprintf(stderr, "unknown argument %s\n", a.c_str());
             return 2;
@@ -169,6 +175,13 @@ int main(int argc, char** argv) {
         const cv::Mat tri = bench::truthTrimap(c.alpha, radius);
         cv::Mat a[2];
         const Result r[2] = {runClosed(c.composite, tri, a[0]), runFlows(c.composite, tri, a[1])};
+        if (!dump.empty() && r[1].ok) {
+            const fs::path out = fs::path(dump) / stem;
+            cv::imwrite(out.string() + "_image.png", c.composite);
+            cv::imwrite(out.string() + "_trimap.png", tri);
+            cv::imwrite(out.string() + "_truth.png", c.alpha);
+            cv::imwrite(out.string() + "_flows.png", a[1]);
+        }
         qxmatte::Accuracy acc[2];
         for (int m = 0; m < 2; ++m) {
             if (r[m].ok) acc[m] = qxmatte::measureAccuracy(a[m], c.alpha, tri);

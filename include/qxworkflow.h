@@ -195,13 +195,18 @@ QX_API QxwStatus qxwSubjectMask(const QxwImage* image, const QxwSubjectOptions* 
                                 unsigned char* mask, int maskStride, QxwJob* job);
 
 /* The whole cut-out in one click: the subject's mask (qxwSubjectMask), combined with what the
- * user gave, refined as qxwRefineMask refines a coarse mask, and, when colours is not NULL, the
- * recovered colours (QXW_FG_FULL). A rectangle (width and height above 0; 0 and 0: none) makes
+ * user gave, solved on a band made for the network's mask (from a twentieth of the network's
+ * view inside the mask's edge to a fiftieth outside it: the network paints loose hair mostly
+ * as opaque subject) by the tri-map workflow (qxwMatteTrimap), and, when colours is not NULL,
+ * the recovered colours (QXW_FG_FULL). A rectangle (width and height above 0; 0 and 0: none) makes
  * everything outside it background, and the network is shown the rectangle with a margin of
  * a tenth of its sides rather than the whole image; strokes (NULL: none) override both: keep
- * pixels are subject, cut pixels background, in the mask and in the alpha. When the refinement
- * loses most of the mask (its hard selection overlaps the mask's by less than a half, or keeps
- * under a quarter of it), the mask is trusted instead: a narrow band along its edge is solved.
+ * pixels are subject, cut pixels background, in the mask and in the alpha. When the mask falls
+ * short of the rectangle's sides (it spans under 0.88 of its width or height), GrabCut seeded
+ * by the mask's sure core makes the selection, refined as qxwRefineMask refines a coarse mask.
+ * When the solve loses most of the mask (its hard selection overlaps the mask's by less than a
+ * half, or keeps under a quarter of it), the mask is trusted instead: a narrow band along its
+ * edge is solved.
  * Statuses as qxwSubjectMask's, and QXW_BAD_INPUT when the network finds no subject (in the
  * rectangle). */
 QX_API QxwStatus qxwCutoutSubject(const QxwImage* image, const QxwSubjectOptions* options,

@@ -368,7 +368,8 @@ def cutout(image, rect=None, trimap=None, strokes=None, *, subject=None, model=N
 
     - nothing but the image, or ``subject=True`` (rect and strokes optional): the subject's mask
       from the segmentation network (``model`` as in subject_mask), outside rect background,
-      strokes over it, refined as ``refine`` refines a mask (qxmatte cutout without --rect);
+      strokes over it, solved on a band reaching far inside the mask's edge (qxmatte cutout
+      without --rect);
 
     - rect (strokes optional): GrabCut in the rectangle, an undecided band of ``band`` pixels on
       the selection's edge, tri-map matting on it, foreground recovery (qxmatte cutout);

@@ -1,21 +1,25 @@
 // The one-click cut-out: the subject's soft mask from the network, what the user gave laid over
-// it (outside a rectangle is background, strokes override), the mask refined as refine refines
-// any coarse mask, and the colours recovered at full resolution.
+// it (outside a rectangle is background, strokes override), the band made from the mask
+// (subjectTrimap) solved by the tri-map workflow, and the colours recovered at full resolution.
+// The band is the network's own: refine's band, made for a coarse mask of any source, holds
+// too much of the network's opaque hair as sure (see bench/README.md, "One click").
 //
-// Refine reads the image's edges and colours; on a photo where the subject and the background
-// share colours it can lose most of a good mask. Its result is checked against the mask: when
-// its hard selection overlaps the mask's by less than kLeastOverlap (intersection over union),
-// or keeps less than kLeastKept of the mask's area, the mask is trusted as it stands and only a
-// narrow band along its edge is solved.
+// On a photo where the subject and the background share colours the solve can lose most of a
+// good mask. Its result is checked against the mask: when its hard selection overlaps the
+// mask's by less than kLeastOverlap (intersection over union), or keeps less than kLeastKept of
+// the mask's area, the mask is trusted as it stands and only a narrow band along its edge is
+// solved.
 //
 // A user's rectangle is drawn around the whole subject, so the subject reaches close to its
 // sides (within a few percent). When the network's selection in the rectangle spans less than
 // kLeastSpan of its width or of its height, the network has found only part of the subject (a
 // second flower it doubts, a limb): the selection is made by GrabCut in the rectangle instead,
 // with the network's sure core (its mask at 230 and above, eroded) as keep strokes beside the
-// user's, and that selection is refined. On the benchmark photos with the rectangle grown 5%
-// around the truth, the network's selection spans 0.90-1.00 of the rectangle where it found the
-// subject and 0.84 where it missed a second flower (IoU 0.80 refined, 0.997 so).
+// user's, and that selection, a hard one, is refined as refine refines any coarse mask. On the
+// benchmark photos with the rectangle grown 5% around the truth, the network's selection spans
+// 0.90-1.00 of the rectangle where it found the subject and 0.84 where it missed a second
+// flower (IoU 0.80 refined, 0.997 so).
+#include <algorithm>
 #include <opencv2/imgproc.hpp>
 
 #include "subject/subject_net.h"
@@ -103,6 +107,16 @@ QxwStatus narrowBand(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, Re
     return finishJob(job, QXW_OK);
 }
 
+// The network's mask solved on its own band; QXW_BAD_INPUT when the band has nothing undecided
+// (a subject that fills the frame, a mask of one value) or the job refuses it.
+QxwStatus solveSubjectBand(const cv::Mat& bgr, const cv::Mat& mask, const cv::Mat& fixed,
+                           int viewSide, cv::Mat* alpha, Relay& relay, QxwJob* job) {
+    cv::Mat trimap = subjectTrimap(mask, viewSide);
+    applyFixed(trimap, fixed);
+    if (cv::countNonZero(trimap == 128) == 0) return QXW_BAD_INPUT;
+    return matteTrimap(bgr, trimap, 255, 0, 255, 0, alpha, relay, job, TrimapSolve::FlowsAgain);
+}
+
 }  // namespace
 
 cv::Rect networkView(const cv::Size& image, const cv::Rect& rect) {
@@ -123,12 +137,13 @@ QxwStatus cutoutFromSubject(const cv::Mat& bgr, const cv::Mat& soft, const cv::M
                          std::string("no subject found") +
                              (rect.empty() ? "" : " in the rectangle") +
                              ": draw a rectangle around it or paint keep strokes over it");
-    // Shares of the caller's span: the refinement is most of the time.
+    // Shares of the caller's span: the band's solve is most of the time.
     const double lo = relay.spanLow(), hi = relay.spanHigh();
     auto at = [&](double part) { return lo + (hi - lo) * part; };
-    const double refineEnd = colours ? 0.7 : 0.85, bandEnd = colours ? 0.8 : 1.0;
+    const double solveEnd = colours ? 0.7 : 0.85, bandEnd = colours ? 0.8 : 1.0;
     double start = 0.0;
     QxwStatus s = QXW_OK;
+    bool completed = false;  // by GrabCut: a hard selection, refined as any coarse mask
     if (fallsShort(mask, rect)) {
         start = 0.15;
         cv::Mat selection;
@@ -139,18 +154,22 @@ QxwStatus cutoutFromSubject(const cv::Mat& bgr, const cv::Mat& soft, const cv::M
         if (s == QXW_OK && cv::countNonZero(selection) > 0) {
             mask = selection;
             applyFixed(mask, fixed);
+            completed = true;
         }
     }
+    const cv::Size view = networkView(bgr.size(), rect).size();
     cv::Mat result;
-    s = withinSpan(relay, job, at(start), at(refineEnd), [&](Relay& r, QxwJob* j) {
-        return refineMask(bgr, mask, &result, nullptr, r, j);
+    s = withinSpan(relay, job, at(start), at(solveEnd), [&](Relay& r, QxwJob* j) {
+        if (completed) return refineMask(bgr, mask, &result, nullptr, r, j);
+        return solveSubjectBand(bgr, mask, fixed, std::max(view.width, view.height), &result, r,
+                                j);
     });
     if (s == QXW_CANCELLED) return s;
     if (s != QXW_OK && s != QXW_BAD_INPUT) return s;
-    // A mask of one value (the subject fills the frame) has no edge to refine; nor can a mask
-    // that refine loses be the answer.
+    // A mask of one value (the subject fills the frame) has no edge to solve; nor can a mask
+    // that the solve loses be the answer.
     if (s == QXW_BAD_INPUT || !trustworthy(result, mask)) {
-        relay.span(at(refineEnd), at(bandEnd));
+        relay.span(at(solveEnd), at(bandEnd));
         s = narrowBand(bgr, mask, &result, relay, job);
         if (s != QXW_OK) return s;
     }

@@ -177,10 +177,10 @@ cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
 // The workflows on the library's own images (image BGR), reporting through one relay; the
 // status and message go to job. Outputs are written only on QXW_OK.
 // How matteTrimap solves: with qxMaskAlphaFlow once (a band made from a selection's or a mask's
-// edge: GrabCut's, refine's, a subject's; solving again measured no better there), with it
+// edge: GrabCut's, refine's, the fall-back's; solving again measured no better there), with it
 // again on the tri-map tightened from the first alpha when that one was solved at full size (a
-// person's tri-map), or with qxMaskAlpha's sharpening and clean-up (refine's band growth reads
-// the sharper edge).
+// person's tri-map, the one-click's band), or with qxMaskAlpha's sharpening and clean-up
+// (refine's band growth reads the sharper edge).
 enum class TrimapSolve { Flows, FlowsAgain, Finished };
 QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
                       int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job,
@@ -200,10 +200,15 @@ QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& mask, cv::Mat* alpha, cv
 // or the default cache's), reporting through the relay's current span.
 QxwStatus subjectMask(const cv::Mat& bgr, const char* modelPath, cv::Mat* mask, Relay& relay,
                       QxwJob* job);
+// The one-click's tri-map (0, 128, 255) from the network's soft mask: a band reaching far inside
+// the mask's edge and a little outside it, scaled to `viewSide` (the longer side of what the
+// network saw), thin parts keeping a sure middle.
+cv::Mat subjectTrimap(const cv::Mat& soft, int viewSide);
 // The one-click cut-out from the subject's soft mask `soft` (8-bit, the image's size): outside
-// `rect` (empty: none) background, strokes (may be empty) over both, refined as refineMask does,
-// trusted as it stands (a narrow band solved along its edge) when the refinement loses most of
-// it; painted and outside pixels keep their side in the alpha. Colours when not null.
+// `rect` (empty: none) background, strokes (may be empty) over both, solved on subjectTrimap's
+// band (a selection GrabCut completed is refined as refineMask does), trusted as it stands (a
+// narrow band solved along its edge) when the solve loses most of it; painted and outside
+// pixels keep their side in the alpha. Colours when not null.
 QxwStatus cutoutFromSubject(const cv::Mat& bgr, const cv::Mat& soft, const cv::Mat& strokes,
                             const cv::Rect& rect, cv::Mat* alpha, cv::Mat* colours,
                             Relay& relay, QxwJob* job);

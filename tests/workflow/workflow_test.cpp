@@ -7,17 +7,17 @@
 #include <string>
 #include <vector>
 
-#include <filesystem>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "runtime/progress.h"
 #include "qxworkflow.h"
 #include "workflow/workflow.h"
+#include "support/benchmark_photo.h"
 #include "support/scenes.h"
 
 namespace {
 
+using qxtest::BenchmarkPhoto;
 using qxtest::kSentinel;
 using qxtest::untouched;
 using Scene = qxtest::DiscScene;
@@ -44,23 +44,6 @@ struct Progress {
         EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
         EXPECT_GE(seen.front(), 0.0);
         EXPECT_EQ(seen.back(), 1.0);
-    }
-};
-
-// One of the alpha-matting benchmark photos: colour, truth and tri-map, read from the shared data
-// (all empty when it is not there).
-struct BenchmarkPhoto {
-    cv::Mat bgr, truth, trimap;
-    explicit BenchmarkPhoto(const std::string& name) {
-        const std::filesystem::path dir = std::filesystem::path(QX_DATA_DIR) / "alphamatting";
-        const std::string file = name + ".png";
-        bgr = cv::imread((dir / "input" / file).string(), cv::IMREAD_COLOR);
-        truth = cv::imread((dir / "gt" / file).string(), cv::IMREAD_GRAYSCALE);
-        trimap = cv::imread((dir / "trimap" / file).string(), cv::IMREAD_GRAYSCALE);
-    }
-    bool missing() const { return bgr.empty() || truth.empty() || trimap.empty(); }
-    QxwImage view() const {
-        return {bgr.data, static_cast<int32_t>(bgr.step), 3, bgr.cols, bgr.rows, QXW_BGR};
     }
 };
 

@@ -84,8 +84,8 @@ const Command kCommands[] = {
      "band, recovered colours; --alpha also writes the alpha. Without\n"
      "--rect (or with --subject), one click: the subject's mask from the\n"
      "segmentation network that scripts/setup.sh installs (--model, or\n"
-     "QX_SUBJECT_MODEL, names another file), refined as refine does;\n"
-     "outside --rect is background, strokes override."},
+     "QX_SUBJECT_MODEL, names another file), solved on a band reaching\n"
+     "far inside its edge; outside --rect is background, strokes override."},
     {"refine",
      "qxmatte refine IMAGE MASK -o CUTOUT.png [--alpha A.png] [-q]",
      "a coarse mask or soft alpha of any source (a segmentation model, a\n"
