@@ -197,8 +197,9 @@ QX_API QxwStatus qxwSubjectMask(const QxwImage* image, const QxwSubjectOptions* 
 /* The whole cut-out in one click: the subject's mask (qxwSubjectMask), combined with what the
  * user gave, solved on a band made for the network's mask (from a twentieth of the network's
  * view inside the mask's edge to a fiftieth outside it: the network paints loose hair mostly
- * as opaque subject) by the tri-map workflow (qxwMatteTrimap), and, when colours is not NULL,
- * the recovered colours (QXW_FG_FULL). A rectangle (width and height above 0; 0 and 0: none) makes
+ * as opaque subject) by the tri-map workflow (qxwMatteTrimap; on a large photo, whose band the
+ * workflow first solves at a reduced size, its tightened band again at full size when it fits
+ * the flows' run), and, when colours is not NULL, the recovered colours (QXW_FG_FULL). A rectangle (width and height above 0; 0 and 0: none) makes
  * everything outside it background, and the network is shown the rectangle with a margin of
  * a tenth of its sides rather than the whole image; strokes (NULL: none) override both: keep
  * pixels are subject, cut pixels background, in the mask and in the alpha. When the mask falls

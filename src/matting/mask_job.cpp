@@ -150,9 +150,12 @@ MaskJobSeconds maskJobSeconds(int width, int height, float unknownPixels, const 
 
 RunChoice maskJobRun(int width, int height, float unknownPixels, double budgetBytes,
                      const MattingFinish& finish) {
-    return limitRunUnknowns(chooseMaskRun(width, height, unknownPixels,
-                                          budgetBytes > 0.0 ? budgetBytes : maskBudget()),
-                            width, height, unknownPixels, finish.runUnknownLimit);
+    const RunChoice run = chooseMaskRun(width, height, unknownPixels,
+                                        budgetBytes > 0.0 ? budgetBytes : maskBudget());
+    if (finish.fullSizeWhenUnknownsFit && finish.runUnknownLimit > 0.0f &&
+        unknownPixels <= finish.runUnknownLimit && run.scale <= 1.0)
+        return RunChoice{RunKind::Direct, width, height, run.scale};
+    return limitRunUnknowns(run, width, height, unknownPixels, finish.runUnknownLimit);
 }
 
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,

@@ -36,6 +36,10 @@ struct MattingFinish {
     // Runs whose undecided pixels would exceed this many are made smaller until they don't
     // (0: no limit beyond the budget's).
     float runUnknownLimit = 0.0f;
+    // A job whose undecided pixels are within runUnknownLimit runs at full size whatever the
+    // image's size, when the budget allows: the 1.5 MP limit is the direct factorisation's, and
+    // the flows' time follows the undecided pixels.
+    bool fullSizeWhenUnknownsFit = false;
 
     static constexpr MattingFinish plain() { return {false, false, 1e-8, true, 1}; }
 };

@@ -114,7 +114,8 @@ QxwStatus solveSubjectBand(const cv::Mat& bgr, const cv::Mat& mask, const cv::Ma
     cv::Mat trimap = subjectTrimap(mask, viewSide);
     applyFixed(trimap, fixed);
     if (cv::countNonZero(trimap == 128) == 0) return QXW_BAD_INPUT;
-    return matteTrimap(bgr, trimap, 255, 0, 255, 0, alpha, relay, job, TrimapSolve::FlowsAgain);
+    return matteTrimap(bgr, trimap, 255, 0, 255, 0, alpha, relay, job,
+                       TrimapSolve::FlowsAgainAtFullSize);
 }
 
 }  // namespace

@@ -179,9 +179,10 @@ cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
 // How matteTrimap solves: with qxMaskAlphaFlow once (a band made from a selection's or a mask's
 // edge: GrabCut's, refine's, the fall-back's; solving again measured no better there), with it
 // again on the tri-map tightened from the first alpha when that one was solved at full size (a
-// person's tri-map, the one-click's band), or with qxMaskAlpha's sharpening and clean-up
-// (refine's band growth reads the sharper edge).
-enum class TrimapSolve { Flows, FlowsAgain, Finished };
+// person's tri-map), with it again also after a reduced first run, at full size when the
+// tightened band's undecided pixels fit a run (the one-click's band), or with qxMaskAlpha's
+// sharpening and clean-up (refine's band growth reads the sharper edge).
+enum class TrimapSolve { Flows, FlowsAgain, FlowsAgainAtFullSize, Finished };
 QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
                       int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job,
                       TrimapSolve solve);

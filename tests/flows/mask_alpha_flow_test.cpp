@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "flows/mask_alpha_flow.h"
 #include "support/holes_scene.h"
 #include "matting/mask_job.h"
 #include "qxiveilon31.h"
@@ -101,6 +102,23 @@ TEST(MaskAlphaFlow, RunsAreKeptToTheUnknownLimit) {
         EXPECT_EQ(r.width, c.expected.width);
         EXPECT_EQ(r.height, c.expected.height);
     }
+}
+
+// Beyond 1.5 MP a tri-map job never runs at full size, unless its finish asks for full size
+// whenever the undecided pixels fit the flows' run and the budget holds the image.
+TEST(MaskAlphaFlow, AFinishMayAskForFullSizeWhenTheUnknownsFit) {
+    using qx::RunKind;
+    qx::MattingFinish finish = qx::flows::flowFinish();
+    const double plenty = 16e9, scarce = 1e8;  // bytes
+    EXPECT_NE(qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish).kind, RunKind::Direct);
+    finish.fullSizeWhenUnknownsFit = true;
+    const qx::RunChoice full = qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish);
+    EXPECT_EQ(full.kind, RunKind::Direct);
+    EXPECT_EQ(full.width, 2000);
+    EXPECT_EQ(full.height, 1500);
+    // More undecided pixels than a run holds, or a budget too small for the image: reduced.
+    EXPECT_NE(qx::maskJobRun(2000, 1500, 500000.0f, plenty, finish).kind, RunKind::Direct);
+    EXPECT_NE(qx::maskJobRun(2000, 1500, 300000.0f, scarce, finish).kind, RunKind::Direct);
 }
 
 }  // namespace
