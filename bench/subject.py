@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """One-click subject selection on the matting benchmark photos: the network's raw mask, the mask
 with a fixed band solved by the tri-map workflow (what free tools do with a segmentation mask),
-and ours (``qxmatte cutout PHOTO`` without a rectangle: the mask solved on its own band, with its fall-back).
-IoU (pixels at 128 and above) and SAD (sum of |alpha - truth| on 0..1, in thousands) over all
-pixels against the truth, per photo and means; the seconds and peak resident memory of our
-command (a process of its own per photo, the network loaded each time).
+and ours (``qxmatte cutout PHOTO`` without a rectangle: the mask solved on its own band, with
+its fall-back). IoU (pixels at 128 and above) and SAD (sum of |alpha - truth| on 0..1, in
+thousands) over all pixels against the truth, per photo and means; the seconds and peak
+resident memory of our command (a process of its own per photo, the network loaded each time).
 
     /usr/bin/python3 bench/subject.py [--data DIR] [--build DIR] [--images GT01,GT02]
                                       [--rect] [--megapixels 12]
