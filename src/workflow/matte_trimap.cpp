@@ -148,30 +148,32 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
         (solve == TrimapSolve::FlowsAgain || atFullSize) && levelHigh == 255 && levelLow == 0;
     finish.fullSizeWhenUnknownsFit = atFullSize;
     const double split = lo + (hi - lo) * kFirstSolveShare;
-    bool again = false;
+    bool firstFullSize = false;
     cv::Mat out;
     int status = solveBox(bgr, trimap, fgCode, bgCode, levelHigh, levelLow, finish, out, relay,
                           [&](bool fullSize) -> std::optional<qx::MattingFinish> {
-                              again = mayRepeat && fullSize;
-                              if (mayRepeat && (fullSize || atFullSize)) relay.span(lo, split);
-                              if (!again) return finish;
+                              firstFullSize = fullSize;
+                              if (!mayRepeat || !(fullSize || atFullSize)) return finish;
+                              relay.span(lo, split);
+                              if (!fullSize) return finish;
                               qx::MattingFinish first =
                                   qx::flows::flowFinish(qx::flows::FlowRun::FirstOfBand);
-                              first.fullSizeWhenUnknownsFit = atFullSize;
+                              first.fullSizeWhenUnknownsFit = finish.fullSizeWhenUnknownsFit;
                               return first;
                           });
     if (status == 0)
         return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
     if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
-    if (again || (mayRepeat && atFullSize)) {
+    if (mayRepeat && (firstFullSize || atFullSize)) {
         cv::Mat tight(trimap.size(), CV_8UC1), second;
         qx::tightTrimap(out.data, static_cast<int>(out.step), trimap.data,
                         static_cast<int>(trimap.step), fgCode, bgCode, out.cols, out.rows,
                         tight.data, static_cast<int>(tight.step));
         relay.span(split, hi);
+        // After a reduced first run, only a full-size second one is worth its time.
         status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, relay,
                           [&](bool fullSize) -> std::optional<qx::MattingFinish> {
-                              if (again || fullSize) return finish;
+                              if (firstFullSize || fullSize) return finish;
                               return std::nullopt;
                           });
         relay.span(lo, hi);
