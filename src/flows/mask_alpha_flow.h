@@ -7,9 +7,10 @@
 namespace qx::flows {
 
 // What the run is: a tri-map's band; the first solve of a tri-map's band that is solved again
-// on the tri-map tightened from it; the first solve of strokes, which leave most pixels
-// undecided and far from what is known, so it is taken further (their second solve is a band's).
-enum class FlowRun { Band, FirstOfBand, FirstOfStrokes };
+// on the tri-map tightened from it, and that second solve; the first solve of strokes, which
+// leave most pixels undecided and far from what is known, so it is taken further (their second
+// solve is a band's).
+enum class FlowRun { Band, FirstOfBand, SecondOfBand, FirstOfStrokes };
 
 MattingFinish flowFinish(FlowRun run = FlowRun::Band);
 

@@ -155,7 +155,12 @@ RunChoice maskJobRun(int width, int height, float unknownPixels, double budgetBy
     if (finish.fullSizeWhenUnknownsFit && finish.runUnknownLimit > 0.0f &&
         unknownPixels <= finish.runUnknownLimit && run.scale <= 1.0)
         return RunChoice{RunKind::Direct, width, height, run.scale};
-    return limitRunUnknowns(run, width, height, unknownPixels, finish.runUnknownLimit);
+    const RunChoice limited =
+        limitRunUnknowns(run, width, height, unknownPixels, finish.runUnknownLimit);
+    if (finish.halveFullSizeRun && limited.kind == RunKind::Direct &&
+        unknownPixels >= kHalvedRunLeastUnknowns)
+        return RunChoice{RunKind::Half, width / 2, height / 2, limited.scale};
+    return limited;
 }
 
 int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,

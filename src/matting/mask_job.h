@@ -40,6 +40,11 @@ struct MattingFinish {
     // image's size, when the budget allows: the 1.5 MP limit is the direct factorisation's, and
     // the flows' time follows the undecided pixels.
     bool fullSizeWhenUnknownsFit = false;
+    // A first solve that only has to find the edges for a second solve at full size (the
+    // tri-map workflow's): a run that would be at full size is made at half size, when it has
+    // at least kHalvedRunLeastUnknowns undecided pixels (below that a run takes a fraction of a
+    // second either way).
+    bool halveFullSizeRun = false;
 
     static constexpr MattingFinish plain() { return {false, false, 1e-8, true, 1}; }
 };
@@ -62,6 +67,8 @@ RunChoice chooseMaskRun(int width, int height, float unknownPixels, double budge
 // limit. A limit of 0 or below changes nothing.
 RunChoice limitRunUnknowns(const RunChoice& run, int width, int height, float unknownPixels,
                            float limit);
+
+constexpr float kHalvedRunLeastUnknowns = 10000.0f;
 
 // The run the tri-map job makes for a request (budgetBytes 0: the library's own budget).
 RunChoice maskJobRun(int width, int height, float unknownPixels, double budgetBytes,

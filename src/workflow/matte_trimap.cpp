@@ -72,14 +72,12 @@ std::string unusableTrimap(const cv::Mat& trimap, int fgCode, int bgCode) {
 }
 
 // The tri-map job on the box of the undecided pixels, pasted into `out` (decided pixels 255 or
-// 0, undecided ones as solved). The run is chosen as for `finish`; `runKnown(fullSize)` hears,
-// before the job starts, whether it solves the box at full size, and gives the finish the job
-// runs with (its run choice as `finish`'s), or nothing to let the job go. Returns the job's
-// status (1: solved, 0: no box, kLetGo: let go).
-template <typename RunKnown>
+// 0, undecided ones as solved). Before the job starts, `chooseFinish(runOf)` gives the finish
+// it runs with, or nothing to let it go; runOf(f) is the run the job would make of this box
+// with finish f. Returns the job's status (1: solved, 0: no box, kLetGo: let go).
+template <typename ChooseFinish>
 int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, int levelHigh,
-             int levelLow, const qx::MattingFinish& finish, cv::Mat& out, Relay& relay,
-             RunKnown runKnown) {
+             int levelLow, cv::Mat& out, Relay& relay, ChooseFinish chooseFinish) {
     const int width = bgr.cols, height = bgr.rows;
     int left = 0, boxWidth = 0, top = 0, boxHeight = 0, fgCount = 0, bgCount = 0;
     qx::maskBox8(trimap.data, static_cast<int>(trimap.step), width, height, fgCode, bgCode, &left,
@@ -103,9 +101,10 @@ int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, 
     req.progProc = &Relay::proc;
     req.progParam = relay.param();
     const float unknown = static_cast<float>(unknownPixels);
-    const std::optional<qx::MattingFinish> jobFinish = runKnown(
-        qx::maskJobRun(boxWidth, boxHeight, unknown, relay.budgetBytes(), finish).kind ==
-        qx::RunKind::Direct);
+    const std::optional<qx::MattingFinish> jobFinish =
+        chooseFinish([&](const qx::MattingFinish& f) {
+            return qx::maskJobRun(boxWidth, boxHeight, unknown, relay.budgetBytes(), f).kind;
+        });
     if (!jobFinish) return kLetGo;
     const int status = qx::guardedExport(qx::Export::MaskAlpha, [&] {
         return qx::maskAlphaJob(&req, unknown, static_cast<unsigned char>(fgCode),
@@ -123,14 +122,16 @@ int solveBox(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode, 
     return 1;
 }
 
-// The share of the job's progress the first solve takes when a second follows.
-constexpr double kFirstSolveShare = 0.6;
+// The share of the job's progress the first solve takes when a second follows: at full size,
+// and at half size.
+constexpr double kFirstSolveShare = 0.6, kHalvedFirstSolveShare = 0.3;
 
 }  // namespace
 
 QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int bgCode,
                       int levelHigh, int levelLow, cv::Mat* alpha, Relay& relay, QxwJob* job,
                       TrimapSolve solve) {
+    using qx::RunKind;
     qx::MattingFinish finish =
         solve == TrimapSolve::Finished ? qx::MattingFinish{} : qx::flows::flowFinish();
     const double lo = relay.spanLow(), hi = relay.spanHigh();
@@ -139,6 +140,9 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     // tightening would take them as background (true-resolution composites, summed SAD 0.98x
     // the closed-form job's against 0.93x). Not with final levels other than 255 and 0 either:
     // the alpha's values are not the solve's then.
+    // A person's tri-map (FlowsAgain) makes that first solve at half size: it only has to find
+    // the edges, and the second solve, at full size, takes the detail. On the benchmark photos'
+    // two tri-map sets this halves the time for 2-3% of the SAD (bench/README.md).
     // The one-click's band (FlowsAgainAtFullSize) is wide: on a photo of 1.5 MP and more its
     // first solve is a reduced run, which softens a crisp outline. Its tightened band is solved
     // again at full size when its undecided pixels fit a run (the benchmark photos enlarged 2x:
@@ -147,38 +151,48 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     const bool mayRepeat =
         (solve == TrimapSolve::FlowsAgain || atFullSize) && levelHigh == 255 && levelLow == 0;
     finish.fullSizeWhenUnknownsFit = atFullSize;
-    const double split = lo + (hi - lo) * kFirstSolveShare;
-    bool firstFullSize = false;
+    bool firstFullSize = false, firstHalved = false;
+    double split = lo + (hi - lo) * kFirstSolveShare;
     cv::Mat out;
-    int status = solveBox(bgr, trimap, fgCode, bgCode, levelHigh, levelLow, finish, out, relay,
-                          [&](bool fullSize) -> std::optional<qx::MattingFinish> {
-                              firstFullSize = fullSize;
-                              if (!mayRepeat || !(fullSize || atFullSize)) return finish;
-                              relay.span(lo, split);
-                              if (!fullSize) return finish;
-                              qx::MattingFinish first =
-                                  qx::flows::flowFinish(qx::flows::FlowRun::FirstOfBand);
-                              first.fullSizeWhenUnknownsFit = finish.fullSizeWhenUnknownsFit;
-                              return first;
-                          });
+    int status = solveBox(
+        bgr, trimap, fgCode, bgCode, levelHigh, levelLow, out, relay,
+        [&](const auto& runOf) -> std::optional<qx::MattingFinish> {
+            firstFullSize = runOf(finish) == RunKind::Direct;
+            if (!mayRepeat || !(firstFullSize || atFullSize)) return finish;
+            if (!firstFullSize) {
+                relay.span(lo, split);
+                return finish;
+            }
+            qx::MattingFinish first = qx::flows::flowFinish(qx::flows::FlowRun::FirstOfBand);
+            first.fullSizeWhenUnknownsFit = finish.fullSizeWhenUnknownsFit;
+            first.halveFullSizeRun = solve == TrimapSolve::FlowsAgain;
+            firstHalved = runOf(first) == RunKind::Half;
+            if (firstHalved) split = lo + (hi - lo) * kHalvedFirstSolveShare;
+            relay.span(lo, split);
+            return first;
+        });
     if (status == 0)
         return finishJob(job, QXW_BAD_INPUT, emptyBoxReason(trimap, fgCode, bgCode));
     if (status != 1) return jobFailed(job, qx::Export::MaskAlpha, status);
     if (mayRepeat && (firstFullSize || atFullSize)) {
-        cv::Mat tight(trimap.size(), CV_8UC1), second;
+        const qx::MattingFinish second =
+            firstHalved ? qx::flows::flowFinish(qx::flows::FlowRun::SecondOfBand) : finish;
+        cv::Mat tight(trimap.size(), CV_8UC1), again;
         qx::tightTrimap(out.data, static_cast<int>(out.step), trimap.data,
                         static_cast<int>(trimap.step), fgCode, bgCode, out.cols, out.rows,
-                        tight.data, static_cast<int>(tight.step));
+                        tight.data, static_cast<int>(tight.step),
+                        firstHalved ? qx::kTightAfterHalfRun : qx::kTight);
         relay.span(split, hi);
         // After a reduced first run, only a full-size second one is worth its time.
-        status = solveBox(bgr, tight, 255, 0, 255, 0, finish, second, relay,
-                          [&](bool fullSize) -> std::optional<qx::MattingFinish> {
-                              if (firstFullSize || fullSize) return finish;
+        status = solveBox(bgr, tight, 255, 0, 255, 0, again, relay,
+                          [&](const auto& runOf) -> std::optional<qx::MattingFinish> {
+                              if (firstFullSize || runOf(second) == RunKind::Direct)
+                                  return second;
                               return std::nullopt;
                           });
         relay.span(lo, hi);
         // 0: nothing left unclear; kLetGo: too large for a full-size run. The first alpha stands.
-        if (status == 1) out = second;
+        if (status == 1) out = again;
         else if (status != 0 && status != kLetGo)
             return jobFailed(job, qx::Export::MaskAlpha, status);
     }

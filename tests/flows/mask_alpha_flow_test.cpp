@@ -104,6 +104,12 @@ TEST(MaskAlphaFlow, RunsAreKeptToTheUnknownLimit) {
     }
 }
 
+void expectRun(const qx::RunChoice& r, qx::RunKind kind, int width, int height) {
+    EXPECT_EQ(r.kind, kind);
+    EXPECT_EQ(r.width, width);
+    EXPECT_EQ(r.height, height);
+}
+
 // Beyond 1.5 MP a tri-map job never runs at full size, unless its finish asks for full size
 // whenever the undecided pixels fit the flows' run and the budget holds the image.
 TEST(MaskAlphaFlow, AFinishMayAskForFullSizeWhenTheUnknownsFit) {
@@ -112,13 +118,27 @@ TEST(MaskAlphaFlow, AFinishMayAskForFullSizeWhenTheUnknownsFit) {
     const double plenty = 16e9, scarce = 1e8;  // bytes
     EXPECT_NE(qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish).kind, RunKind::Direct);
     finish.fullSizeWhenUnknownsFit = true;
-    const qx::RunChoice full = qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish);
-    EXPECT_EQ(full.kind, RunKind::Direct);
-    EXPECT_EQ(full.width, 2000);
-    EXPECT_EQ(full.height, 1500);
+    expectRun(qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish), RunKind::Direct, 2000, 1500);
     // More undecided pixels than a run holds, or a budget too small for the image: reduced.
     EXPECT_NE(qx::maskJobRun(2000, 1500, 500000.0f, plenty, finish).kind, RunKind::Direct);
     EXPECT_NE(qx::maskJobRun(2000, 1500, 300000.0f, scarce, finish).kind, RunKind::Direct);
+}
+
+// The tri-map workflow's first solve of two asks for half size: a run that would be at full size
+// is halved, unless it has too few undecided pixels to gain from it; a run that is reduced
+// anyway stays as it was.
+TEST(MaskAlphaFlow, AFirstSolveOfTwoIsHalvedWhenItWouldBeAtFullSize) {
+    using qx::RunKind;
+    const double plenty = 16e9;  // bytes
+    qx::MattingFinish finish = qx::flows::flowFinish(qx::flows::FlowRun::FirstOfBand);
+    ASSERT_EQ(qx::maskJobRun(801, 601, 90000.0f, plenty, finish).kind, RunKind::Direct);
+    const qx::RunChoice reducedAnyway = qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish);
+    ASSERT_NE(reducedAnyway.kind, RunKind::Direct);
+    finish.halveFullSizeRun = true;
+    expectRun(qx::maskJobRun(801, 601, 90000.0f, plenty, finish), RunKind::Half, 400, 300);
+    expectRun(qx::maskJobRun(801, 601, 5000.0f, plenty, finish), RunKind::Direct, 801, 601);
+    expectRun(qx::maskJobRun(2000, 1500, 300000.0f, plenty, finish), reducedAnyway.kind,
+              reducedAnyway.width, reducedAnyway.height);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "matting/mask_job.h"
 #include "runtime/progress.h"
 #include "qxworkflow.h"
 #include "workflow/workflow.h"
@@ -86,8 +87,8 @@ TEST(WorkflowTrimap, RecoversTheKnownAlphaAndKeepsTheDecidedPixels) {
 
 // A person's tri-map is solved twice: the flows' alpha, with what came out clear taken as
 // decided, is solved again, each edge then taking its colours from beside it. On a benchmark
-// photo (when the data is there) against a single solve of the same tri-map: 0.66 of its error
-// today.
+// photo (when the data is there) against a single solve of the same tri-map: 0.86 of its error
+// today (0.66 when the first solve was at full size too).
 TEST(WorkflowTrimap, APhotosTrimapSolvedAgainComesCloser) {
     const BenchmarkPhoto photo("GT01");
     if (photo.missing()) GTEST_SKIP() << "no benchmark photos at " << QX_DATA_DIR;
@@ -101,9 +102,25 @@ TEST(WorkflowTrimap, APhotosTrimapSolvedAgainComesCloser) {
         << job.message;
     const double one = openError(solvedAs(bgr, trimap, TrimapSolve::Flows), truth, trimap);
     const double two = openError(twice, truth, trimap);
-    EXPECT_LT(two, 0.8 * one) << "once " << one << " twice " << two;
+    EXPECT_LT(two, 0.9 * one) << "once " << one << " twice " << two;
     EXPECT_EQ(cv::countNonZero((trimap == 255) & (twice != 255)), 0);
     EXPECT_EQ(cv::countNonZero((trimap == 0) & (twice != 0)), 0);
+}
+
+// A person's tri-map on a photo-sized image: the first solve is made at half size and only
+// finds the edges; the tightened band is solved again at full size, which brings back the
+// strands the halved run lost. On the demonstration scene's hair against one full-size solve:
+// 0.88 of its error; the halved first run alone, three times it.
+TEST(WorkflowTrimap, AHalvedFirstSolveKeepsTheStrandsOfAFullSizeOne) {
+    const qxtest::DemoScene s(640, 480, 3);
+    const cv::Mat bgr(s.h, s.w, CV_8UC3, const_cast<unsigned char*>(s.image.data()));
+    const cv::Mat trimap(s.h, s.w, CV_8UC1, const_cast<unsigned char*>(s.trimap.data()));
+    const cv::Mat truth(s.h, s.w, CV_8UC1, const_cast<unsigned char*>(s.truth.data()));
+    const int undecided = cv::countNonZero(trimap == 128);
+    ASSERT_GT(undecided, qx::kHalvedRunLeastUnknowns);
+    const double once = openError(solvedAs(bgr, trimap, TrimapSolve::Flows), truth, trimap);
+    const double twice = openError(solvedAs(bgr, trimap, TrimapSolve::FlowsAgain), truth, trimap);
+    EXPECT_LT(twice, once) << "once " << once / 255 << " twice " << twice / 255;
 }
 
 // A wide band on a 2 MP image is solved at half size first. The one-click's mode solves its
