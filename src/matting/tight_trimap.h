@@ -18,8 +18,8 @@ constexpr TightLevels kTight{20, 235, 1};
 
 // After a first solve at half size, whose doubled alpha is softer and has lost what is finer
 // than its pixels, more is left undecided: the tri-map workflow's bands, mean SAD over the two
-// tri-map sets of the benchmark photos 3.753 / 4.250 against 3.948 / 4.231 at 20 / 235 / 1
-// (5 / 250: 3.726 / 4.484; 20 / 235 / 2: 3.876 / 4.202).
+// tri-map sets of the benchmark photos (the second solve with every term) 3.753 / 4.250 against
+// 3.948 / 4.231 at 20 / 235 / 1 (5 / 250: 3.726 / 4.484; 20 / 235 / 2: 3.876 / 4.202).
 constexpr TightLevels kTightAfterHalfRun{10, 245, 1};
 
 // `out` (0, 255, undecided 128) from `alpha` as above; where the caller's tri-map `given` is

@@ -142,7 +142,7 @@ QxwStatus matteTrimap(const cv::Mat& bgr, const cv::Mat& trimap, int fgCode, int
     // the alpha's values are not the solve's then.
     // A person's tri-map (FlowsAgain) makes that first solve at half size: it only has to find
     // the edges, and the second solve, at full size, takes the detail. On the benchmark photos'
-    // two tri-map sets this halves the time for 2-3% of the SAD (bench/README.md).
+    // two tri-map sets this takes 0.4 of the time for 2-3% of the SAD (bench/README.md).
     // The one-click's band (FlowsAgainAtFullSize) is wide: on a photo of 1.5 MP and more its
     // first solve is a reduced run, which softens a crisp outline. Its tightened band is solved
     // again at full size when its undecided pixels fit a run (the benchmark photos enlarged 2x:
