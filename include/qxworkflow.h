@@ -100,9 +100,11 @@ typedef enum QxwForegroundMethod {
 
 /* Alpha from a tri-map: codes <= bgCode background, >= fgCode foreground, others undecided;
  * the final levels stretch [levelLow, levelHigh] to [0, 255] (255 and 0: none). The undecided
- * pixels' box is solved by the information flows (qxMaskAlphaFlow); when that ran at full size
- * and the levels are 255 and 0, it is solved again with what came out at most 20 or at least 235
- * taken as decided (progress: 0.6 of the call for the first solve). QXW_BAD_INPUT,
+ * pixels' box is solved by the information flows (qxMaskAlphaFlow). When that would run at full
+ * size and the levels are 255 and 0, it is solved twice: first at half size (from 10,000
+ * undecided pixels up; progress: 0.3 of the call), then at full size with what came out at most
+ * 10 or at least 245 taken as decided (at full size throughout, below 10,000: 20 and 235, 0.6 of
+ * the call for the first solve). QXW_BAD_INPUT,
  * before any work, for a tri-map with no undecided pixel, or with undecided pixels but no
  * background or no foreground pixel (the message says which is missing). */
 QX_API QxwStatus qxwMatteTrimap(const QxwImage* image, const unsigned char* trimap,
