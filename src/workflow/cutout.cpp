@@ -28,7 +28,10 @@ extern "C" QX_API QxwStatus qxwCutoutFromRect(const QxwImage* image,
         if (cv::countNonZero(trimap == 128) == 0) {
             matte = selection;  // no edge inside the rectangle: the selection is the alpha
         } else {
-            s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &matte, relay, job, TrimapSolve::Flows);
+            // Solved as a person's tri-map: on the benchmark photos' rectangles the same SAD
+            // (32.47 against 32.48 for one full-size solve) in 0.9 of the time.
+            s = matteTrimap(bgr, trimap, 255, 0, 255, 0, &matte, relay, job,
+                            TrimapSolve::FlowsAgain);
             if (s != QXW_OK) return s;
         }
         if (colours) {

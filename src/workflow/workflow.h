@@ -176,10 +176,10 @@ cv::Mat encodeStrokes(const cv::Mat& strokes, unsigned char unpainted = 128);
 
 // The workflows on the library's own images (image BGR), reporting through one relay; the
 // status and message go to job. Outputs are written only on QXW_OK.
-// How matteTrimap solves: with qxMaskAlphaFlow once (a band made from a selection's edge:
-// GrabCut's, the fall-back's), with it again on the tri-map tightened from the first alpha when
-// that one would be solved at full size, the first then made at half size (a person's tri-map,
-// refine's last band), with it again also after a reduced first run, at full size when the
+// How matteTrimap solves: with qxMaskAlphaFlow once (the one-click's fall-back narrow band),
+// with it again on the tri-map tightened from the first alpha when that one would be solved at
+// full size, the first then made at half size (a person's tri-map, refine's last band, GrabCut's
+// band), with it again also after a reduced first run, at full size when the
 // tightened band's undecided pixels fit a run (the one-click's band), or with qxMaskAlpha's
 // sharpening and clean-up (refine's band growth reads the sharper edge).
 enum class TrimapSolve { Flows, FlowsAgain, FlowsAgainAtFullSize, Finished };
