@@ -220,7 +220,9 @@ int maskAlphaJob(MaskRequest* req, float unknownPixels, unsigned char fgCode,
         Plane8* reduced[3] = {small[0].get(), small[1].get(), small[2].get()};
         // With the settled regularisation the doubling back needs both finishing steps (without,
         // the error of a halved run grows by half); the plain solve's smaller one needs neither.
-        qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow, finish);
+        MattingFinish reducedFinish = finish;
+        if (finish.solveReducedRun) reducedFinish.solveRun = finish.solveReducedRun;
+        qxMaskProc(reduced, smallMask, 0, fgCode, bgCode, levelHigh, levelLow, reducedFinish);
         parts.next();
         clock.emplace(Stage::Enlarge);
 

@@ -29,6 +29,9 @@ struct MattingFinish {
     // background and at or above fgCode foreground, into alpha in place. Failures are thrown.
     void (*solveRun)(Plane8** colour, Plane8& mask, unsigned char fgCode,
                      unsigned char bgCode) = nullptr;
+    // The solve of a reduced run (half or free size) in place of solveRun, when set.
+    void (*solveReducedRun)(Plane8** colour, Plane8& mask, unsigned char fgCode,
+                            unsigned char bgCode) = nullptr;
     // Only pixels given as exactly 0 or 255 come back as 0 or 255 (the others are moved to 1 or
     // 254). The flows' solve leaves whole stretches of a wide band at exactly 0 or 1, where the
     // move costs it 2% of its SAD on the benchmark photos; it goes without.

@@ -45,13 +45,11 @@ bool validRequest(const StrokeMatteRequest* r) {
 
 // The box of `tri`'s undecided pixels cut from the image, solved by the tri-map job, pasted into
 // `out` (which holds `tri` outside the box). With the plain finish, when the box's
-// full-resolution solve fits the budget it runs in one piece. With `whenReduced`, a box that
-// `finish` would not solve at full size is solved with that finish instead. False, with `out`
-// untouched, when the box rule gives no box and `wholeIfNoBox` is not set.
+// full-resolution solve fits the budget it runs in one piece. False, with `out` untouched, when
+// the box rule gives no box and `wholeIfNoBox` is not set.
 bool solveBox(const StrokeMatteRequest& r, const std::vector<unsigned char>& tri,
-              const MattingFinish& given, double budget, bool wholeIfNoBox, ProgressParts& parts,
-              int part, std::vector<unsigned char>& out,
-              const MattingFinish* whenReduced = nullptr) {
+              const MattingFinish& finish, double budget, bool wholeIfNoBox, ProgressParts& parts,
+              int part, std::vector<unsigned char>& out) {
     const int w = r.width, h = r.height;
     int left = 0, boxW = 0, top = 0, boxH = 0, fg = 0, bg = 0;
     qxMaskBBox(0, tri.data(), w, w, h, &left, &boxW, &top, &boxH, &fg, &bg, 0, 255, 0);
@@ -86,10 +84,6 @@ bool solveBox(const StrokeMatteRequest& r, const std::vector<unsigned char>& tri
     mr.width = boxW;
     mr.height = boxH;
     const float unknown = float(int64_t(boxW) * boxH - fg - bg);
-    const MattingFinish& finish =
-        whenReduced && maskJobRun(boxW, boxH, unknown, budget, given).kind != RunKind::Direct
-            ? *whenReduced
-            : given;
     const RunChoice run = chooseMaskRun(boxW, boxH, unknown, budget);
     // At full resolution, the one-piece solve's stages are those of a direct run.
     const RunChoice direct{RunKind::Direct, boxW, boxH, run.scale};
@@ -114,7 +108,7 @@ bool solveBox(const StrokeMatteRequest& r, const std::vector<unsigned char>& tri
 }  // namespace
 
 int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double budgetBytes,
-               const MattingFinish* second, const MattingFinish* secondReduced) {
+               const MattingFinish* second) {
     const int w = r.width, h = r.height;
     const size_t n = size_t(w) * h;
     // For the progress listener: the tri-map and the box's planes, the solve (weighed once the
@@ -155,7 +149,7 @@ int strokesJob(const StrokeMatteRequest& r, const MattingFinish& finish, double 
             std::vector<unsigned char> tight(n);
             tightTrimap(out.data(), w, tri.data(), w, 255, 0, w, h, tight.data(), w);
             std::vector<unsigned char> again;
-            if (solveBox(r, tight, *second, budget, false, parts, 2, again, secondReduced))
+            if (solveBox(r, tight, *second, budget, false, parts, 2, again))
                 out.swap(again);
         } else {
             parts.next();
@@ -185,8 +179,7 @@ int strokesFlowJob(const StrokeMatteRequest& r, double budgetBytes) {
     MattingFinish first = flows::flowFinish(flows::FlowRun::FirstOfStrokes);
     first.halveFullSizeRun = true;
     const MattingFinish second = flows::flowFinish(flows::FlowRun::SecondOfBand);
-    const MattingFinish secondReduced = flows::flowFinish();
-    return strokesJob(r, first, budgetBytes, &second, &secondReduced);
+    return strokesJob(r, first, budgetBytes, &second);
 }
 
 }  // namespace qx

@@ -3,6 +3,7 @@
 // exact, and runs are kept to the unknown limit.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 #include "flows/mask_alpha_flow.h"
@@ -73,6 +74,12 @@ TEST(MaskAlphaFlow, HolesDeepInTheBandComeBackThroughTheExport) {
     EXPECT_GE(flowRun.kicks.size(), 2u);
 }
 
+void expectRun(const qx::RunChoice& r, qx::RunKind kind, int width, int height) {
+    EXPECT_EQ(r.kind, kind);
+    EXPECT_EQ(r.width, width);
+    EXPECT_EQ(r.height, height);
+}
+
 // Undecided pixels spread evenly: a run holds at most the limit.
 TEST(MaskAlphaFlow, RunsAreKeptToTheUnknownLimit) {
     using qx::RunChoice;
@@ -97,17 +104,11 @@ TEST(MaskAlphaFlow, RunsAreKeptToTheUnknownLimit) {
         {direct, 1000, 800, 800000.0f, 0.0f, direct},
     };
     for (const auto& c : cases) {
-        const RunChoice r = qx::limitRunUnknowns(c.run, c.w, c.h, c.unknown, c.limit);
-        EXPECT_EQ(r.kind, c.expected.kind) << c.unknown << " of " << c.w << " x " << c.h;
-        EXPECT_EQ(r.width, c.expected.width);
-        EXPECT_EQ(r.height, c.expected.height);
+        SCOPED_TRACE(std::to_string(c.unknown) + " of " + std::to_string(c.w) + " x " +
+                     std::to_string(c.h));
+        expectRun(qx::limitRunUnknowns(c.run, c.w, c.h, c.unknown, c.limit), c.expected.kind,
+                  c.expected.width, c.expected.height);
     }
-}
-
-void expectRun(const qx::RunChoice& r, qx::RunKind kind, int width, int height) {
-    EXPECT_EQ(r.kind, kind);
-    EXPECT_EQ(r.width, width);
-    EXPECT_EQ(r.height, height);
 }
 
 // Beyond 1.5 MP a tri-map job never runs at full size, unless its finish asks for full size
