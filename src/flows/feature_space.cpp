@@ -8,9 +8,6 @@ namespace {
 
 constexpr int kLeafSize = 10;
 constexpr int kHeapSize = 512;
-// The tree's top is split on the calling thread down to ranges of about this many points'
-// worth of work each, which are built on all threads.
-constexpr int kSubtrees = 64;
 
 // The k best so far, nearest first, by place in the tree; `worst` is the k-th distance once k
 // are held.
@@ -35,58 +32,84 @@ struct Best {
     }
 };
 
-struct Range {
-    int node, first, last;
+// A point while the tree is built: its coordinates and its index in the caller's array, moved
+// as one so that each split reads its range in order.
+struct Entry {
+    float p[kFeatureDims];
+    int index;
 };
 
-// Splits the nodes below `top` (whose points are order[first, last)) down to leaves of
-// kLeafSize, or, with stopAt > kLeafSize, down to ranges of at most stopAt points, which are
-// left as leaves and listed in `rest`. A node is split at the median of the coordinate along
-// which its points spread most; a node whose points are all equal stays a leaf.
+// Points at or above this many split their two halves as tasks of their own (on any thread);
+// below it a range is split on the thread that holds it.
+constexpr int kTaskPoints = 16384;
+
+// The nodes of the tree over entries [first, last): the root first, then its subtrees'. A
+// node is split at the median of the coordinate along which its points spread most (ties in
+// that coordinate broken by the point's index, so that the halves are the same sets whatever
+// order the range came in); a node of at most kLeafSize points, or whose points are all
+// equal, is a leaf.
 template <class Node>
-void split(const float* points, std::vector<int>& order, std::vector<Node>& nodes, Range top,
-           int stopAt, std::vector<Range>* rest) {
-    std::vector<Range> stack{top};
+std::vector<Node> subtree(Entry* e, int first, int last) {
+    std::vector<Node> nodes{{first, last, -1, -1, 0, 0.0f}};
+    struct Pending {
+        int node, first, last;
+    };
+    std::vector<Pending> stack{{0, first, last}};
     while (!stack.empty()) {
-        const Range t = stack.back();
+        const Pending t = stack.back();
         stack.pop_back();
         if (t.last - t.first <= kLeafSize) continue;
-        if (t.last - t.first <= stopAt) {
-            rest->push_back(t);
-            continue;
-        }
         float lo[kFeatureDims], hi[kFeatureDims];
         std::fill(lo, lo + kFeatureDims, 3.4e38f);
         std::fill(hi, hi + kFeatureDims, -3.4e38f);
-        for (int i = t.first; i < t.last; ++i) {
-            const float* p = points + int64_t(order[size_t(i)]) * kFeatureDims;
+        for (int i = t.first; i < t.last; ++i)
             for (int d = 0; d < kFeatureDims; ++d) {
-                lo[d] = std::min(lo[d], p[d]);
-                hi[d] = std::max(hi[d], p[d]);
+                lo[d] = std::min(lo[d], e[i].p[d]);
+                hi[d] = std::max(hi[d], e[i].p[d]);
             }
-        }
         int dim = 0;
         for (int d = 1; d < kFeatureDims; ++d)
             if (hi[d] - lo[d] > hi[dim] - lo[dim]) dim = d;
         if (hi[dim] <= lo[dim]) continue;  // all points equal: one leaf
         const int mid = (t.first + t.last) / 2;
-        std::nth_element(order.begin() + t.first, order.begin() + mid, order.begin() + t.last,
-                         [&](int a, int b) {
-                             const float va = points[int64_t(a) * kFeatureDims + dim];
-                             const float vb = points[int64_t(b) * kFeatureDims + dim];
-                             return va < vb || (va == vb && a < b);
-                         });
-        const int left = static_cast<int>(nodes.size());
-        nodes.push_back({t.first, mid, -1, -1, 0, 0.0f});
-        nodes.push_back({mid, t.last, -1, -1, 0, 0.0f});
-        Node& n = nodes[size_t(t.node)];
-        n.left = left;
-        n.right = left + 1;
-        n.dim = dim;
-        n.split = points[int64_t(order[size_t(mid)]) * kFeatureDims + dim];
-        stack.push_back({left, t.first, mid});
-        stack.push_back({left + 1, mid, t.last});
+        std::nth_element(e + t.first, e + mid, e + t.last, [dim](const Entry& a, const Entry& b) {
+            return a.p[dim] < b.p[dim] || (a.p[dim] == b.p[dim] && a.index < b.index);
+        });
+        nodes[size_t(t.node)].dim = dim;
+        nodes[size_t(t.node)].split = e[mid].p[dim];
+        if (t.last - t.first < kTaskPoints) {
+            const int left = static_cast<int>(nodes.size());
+            nodes[size_t(t.node)].left = left;
+            nodes[size_t(t.node)].right = left + 1;
+            nodes.push_back({t.first, mid, -1, -1, 0, 0.0f});
+            nodes.push_back({mid, t.last, -1, -1, 0, 0.0f});
+            stack.push_back({left, t.first, mid});
+            stack.push_back({left + 1, mid, t.last});
+            continue;
+        }
+        // Only the root of a large range gets here (the stack holds small ranges alone): its
+        // halves are built as tasks, then appended, left then right, their links moved past
+        // the nodes before them.
+        std::vector<Node> halves[2];
+#pragma omp task shared(halves) if (t.last - t.first >= 2 * kTaskPoints)
+        halves[0] = subtree<Node>(e, t.first, mid);
+#pragma omp task shared(halves) if (t.last - t.first >= 2 * kTaskPoints)
+        halves[1] = subtree<Node>(e, mid, t.last);
+#pragma omp taskwait
+        for (int side = 0; side < 2; ++side) {
+            const int base = static_cast<int>(nodes.size());
+            if (side == 0) nodes[size_t(t.node)].left = base;
+            else nodes[size_t(t.node)].right = base;
+            for (Node m : halves[side]) {
+                if (m.left >= 0) {
+                    m.left += base;
+                    m.right += base;
+                }
+                nodes.push_back(m);
+            }
+        }
     }
+    return nodes;
 }
 
 }  // namespace
@@ -112,44 +135,28 @@ std::vector<float> pixelFeatures(const FlowImage& image, const std::vector<int>&
 }
 
 void KdTree::build(const float* points, int count, const std::vector<int>& ids) {
+    std::vector<Entry> entries(static_cast<size_t>(std::max(count, 0)));
+#pragma omp parallel for schedule(static)
+    for (int i = 0; i < count; ++i) {
+        std::copy(points + int64_t(i) * kFeatureDims, points + int64_t(i + 1) * kFeatureDims,
+                  entries[size_t(i)].p);
+        entries[size_t(i)].index = i;
+    }
     nodes_.clear();
-    std::vector<int> order(static_cast<size_t>(count));
-    std::iota(order.begin(), order.end(), 0);
     if (count > 0) {
-        // The top here, then each range left below it as a tree of its own on any thread, its
-        // nodes appended in the ranges' order: the tree the whole split on one thread makes, in
-        // another node order.
-        nodes_.push_back({0, count, -1, -1, 0, 0.0f});
-        std::vector<Range> below;
-        split(points, order, nodes_, {0, 0, count}, std::max(kLeafSize, count / kSubtrees), &below);
-        std::vector<std::vector<Node>> subtrees(below.size());
-#pragma omp parallel for schedule(dynamic, 1)
-        for (size_t s = 0; s < below.size(); ++s) {
-            subtrees[s].push_back({below[s].first, below[s].last, -1, -1, 0, 0.0f});
-            split(points, order, subtrees[s], {0, below[s].first, below[s].last}, 0, nullptr);
-        }
-        for (size_t s = 0; s < below.size(); ++s) {
-            // The subtree's root takes its range's node; its other nodes follow the tree's.
-            const int root = below[s].node;
-            const int base = static_cast<int>(nodes_.size()) - 1;
-            auto place = [&](int j) { return j < 0 ? -1 : j == 0 ? root : base + j; };
-            for (size_t j = 0; j < subtrees[s].size(); ++j) {
-                Node n = subtrees[s][j];
-                n.left = place(n.left);
-                n.right = place(n.right);
-                if (j == 0) nodes_[size_t(root)] = n;
-                else nodes_.push_back(n);
-            }
-        }
+        // The root's range splits on this thread; halves of kTaskPoints and more are tasks for
+        // the team, which gives the same tree on any number of threads.
+#pragma omp parallel
+#pragma omp single
+        nodes_ = subtree<Node>(entries.data(), 0, count);
     }
     pts_.resize(size_t(count) * kFeatureDims);
     ids_.resize(size_t(count));
 #pragma omp parallel for schedule(static)
     for (int i = 0; i < count; ++i) {
-        const int src = order[size_t(i)];
-        std::copy(points + int64_t(src) * kFeatureDims, points + int64_t(src + 1) * kFeatureDims,
-                  pts_.begin() + int64_t(i) * kFeatureDims);
-        ids_[size_t(i)] = ids.empty() ? src : ids[size_t(src)];
+        const Entry& en = entries[size_t(i)];
+        std::copy(en.p, en.p + kFeatureDims, pts_.begin() + int64_t(i) * kFeatureDims);
+        ids_[size_t(i)] = ids.empty() ? en.index : ids[size_t(en.index)];
     }
 }
 
@@ -159,14 +166,15 @@ int KdTree::nearest(const float* query, int k, int skip, int* names, float* dist
     if (k == 0 || nodes_.empty()) return 0;
     Best best;
     best.k = k;
+    // The skipped point is looked for only among those near enough to be taken: most are not.
     auto compare = [&](int i) {
-        if (ids_[size_t(i)] == skip) return;
         const float* p = pts_.data() + int64_t(i) * kFeatureDims;
         float d = 0.0f;
         for (int c = 0; c < kFeatureDims; ++c) {
             const float t = p[c] - query[c];
             d += t * t;
         }
+        if (d >= best.worst() || (skip >= 0 && ids_[size_t(i)] == skip)) return;
         best.offer(i, d);
     };
     int checked = 0;

@@ -11,8 +11,9 @@
 // or, given a budget of points to compare, approximate. A search may start from the points the
 // previous search found (a SearchHint): queries in raster order are mostly near one another, so
 // those points bound the distances to beat from the start and a budgeted search spends its
-// budget near the answer. The tree's top is split on the calling thread, the subtrees below on
-// all threads, into the same tree whatever their number.
+// budget near the answer. The points move with the splits (each split reads its range in
+// order); the halves of large ranges are built as tasks on all threads, into the same tree
+// whatever their number.
 // Queries only read the tree, so any number of threads may query one tree at once.
 #pragma once
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <numeric>
+#include <omp.h>
 #include <random>
 #include <vector>
 
@@ -46,15 +47,16 @@ double weightAt(const WeightRows& w, int r, int c) {
 
 }  // namespace
 
-TEST(FlowsNeighbours, ExactSearchMatchesBruteForce) {
-    const int n = 3000, k = 9;
+// The exact search on n points against brute force, for `queries` of the points (themselves
+// left out). A third of the points share their first coordinate, as 8-bit pixels share colours.
+void expectExactSearch(int n, int queries) {
+    const int k = 9;
     std::vector<float> pts = randomPoints(n, 5);
-    // Coarse copies: many points share their colour, as 8-bit pixels do.
     for (int i = 0; i < n; i += 3) pts[size_t(i) * kFeatureDims] = 0.5f;
     KdTree tree;
     tree.build(pts.data(), n);
-    for (int q = 0; q < 200; ++q) {
-        const int self = q * 7;
+    for (int q = 0; q < queries; ++q) {
+        const int self = int(int64_t(q) * 7919 % n);
         const float* query = pts.data() + int64_t(self) * kFeatureDims;
         int names[k];
         float dist[k];
@@ -74,6 +76,30 @@ TEST(FlowsNeighbours, ExactSearchMatchesBruteForce) {
             EXPECT_NE(names[j], self);
         }
     }
+}
+
+TEST(FlowsNeighbours, ExactSearchMatchesBruteForce) {
+    expectExactSearch(3000, 200);
+    // Large enough for the tree's top halves to be built apart and joined.
+    expectExactSearch(70000, 60);
+}
+
+TEST(FlowsNeighbours, TheTreeIsTheSameOnAnyNumberOfThreads) {
+    // A budgeted search depends on the order of the points in the leaves, not only on the
+    // tree's splits: the same neighbours on one thread and on four say the same tree.
+    const int n = 70000, k = 7;
+    const std::vector<float> pts = randomPoints(n, 11);
+    std::vector<int> found[2];
+    const int threads[2] = {1, 4};
+    const int before = omp_get_max_threads();
+    for (int t = 0; t < 2; ++t) {
+        omp_set_num_threads(threads[t]);
+        KdTree tree;
+        tree.build(pts.data(), n);
+        found[t] = nearestAll(tree, pts.data(), n, k, {}, 32);
+    }
+    omp_set_num_threads(before);
+    EXPECT_EQ(found[0], found[1]);
 }
 
 TEST(FlowsNeighbours, BudgetedSearchGivesDistinctNeighboursNearFirst) {

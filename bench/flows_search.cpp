@@ -1,0 +1,129 @@
+// The flows' neighbour searches on one benchmark photo at full size (GT04 and its tri-map, 178,728
+// undecided pixels; a synthetic scene of the same size when the photos are absent): the k-d
+// trees' builds, and each term's searches as its stage runs them.
+//
+//   bench_flows_search --benchmark_filter=Build     the trees over the background / undecided pixels
+//   bench_flows_search --benchmark_filter=Stage     known-to-unknown (7 a side from 64 points,
+//                                                   and 4 from 32), intra-unknown (Rows/0),
+//                                                   mixture (Rows/1)
+//
+// Each stage labels its result with a checksum of what it found ("sum"): two builds that find the same
+// neighbours give the same sum, so a change meant to be only faster can be checked here.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <opencv2/imgcodecs.hpp>
+#include <vector>
+
+#include "flows/colour_mixture.h"
+#include "flows/feature_space.h"
+#include "flows/known_unknown.h"
+#include "flows/unknown_unknown.h"
+
+namespace {
+
+using namespace qx::flows;
+
+struct Photo {
+    cv::Mat planes[3], tri;
+    FlowImage image;
+    PixelSets sets;
+};
+
+const Photo& photo() {
+    static Photo p = [] {
+        Photo out;
+        const std::string dir = std::string(QX_DATA_DIR) + "/alphamatting/";
+        cv::Mat bgr = cv::imread(dir + "input/GT04.png", cv::IMREAD_COLOR);
+        cv::Mat tri = cv::imread(dir + "trimap/GT04.png", cv::IMREAD_GRAYSCALE);
+        if (bgr.empty() || tri.empty()) {
+            // A smooth colour field with a wavy undecided band across the middle.
+            bgr.create(600, 800, CV_8UC3);
+            tri.create(600, 800, CV_8UC1);
+            for (int y = 0; y < 600; ++y)
+                for (int x = 0; x < 800; ++x) {
+                    bgr.at<cv::Vec3b>(y, x) = cv::Vec3b(uchar((x * 7 + y) % 256),
+                                                        uchar((y * 5 + x / 3) % 256),
+                                                        uchar((x ^ y) & 255));
+                    const int edge = 300 + int(40 * std::sin(x / 37.0));
+                    tri.at<uchar>(y, x) = y < edge - 60 ? 0 : y > edge + 60 ? 255 : 128;
+                }
+        }
+        cv::split(bgr, out.planes);
+        out.tri = tri;
+        FlowImage& im = out.image;
+        im.width = bgr.cols;
+        im.height = bgr.rows;
+        for (int c = 0; c < 3; ++c) im.planes[c] = out.planes[2 - c].data;
+        im.planeStep = int(out.planes[0].step);
+        im.tri = out.tri.data;
+        im.triStep = int(out.tri.step);
+        out.sets = classifyPixels(im);
+        return out;
+    }();
+    return p;
+}
+
+// The checksum in full on the label (a counter would round it to four digits).
+void report(benchmark::State& state, double sum) {
+    char label[64];
+    std::snprintf(label, sizeof label, "sum %.12g", sum);
+    state.SetLabel(label);
+}
+
+// Arg 0: the tree over the background pixels (as the known-to-unknown estimate builds it),
+// 1: over the undecided ones (the intra-unknown links', the mixture's is the same and more).
+void BM_Build(benchmark::State& state) {
+    const Photo& p = photo();
+    const std::vector<int>& pixels = state.range(0) == 0 ? p.sets.background : p.sets.unknown;
+    const std::vector<float> pts = pixelFeatures(p.image, pixels, 1.0f);
+    for (auto _ : state) {
+        KdTree tree;
+        tree.build(pts.data(), int(pixels.size()), pixels);
+        benchmark::DoNotOptimize(tree.size());
+    }
+    state.counters["points"] = double(pixels.size());
+}
+BENCHMARK(BM_Build)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_StageKnownUnknown(benchmark::State& state) {
+    const Photo& p = photo();
+    KnownUnknownOptions o;
+    if (state.range(0) > 0) {
+        o.neighbours = int(state.range(0));
+        o.maxChecks = int(state.range(1));
+    }
+    double sum = 0;
+    for (auto _ : state) {
+        const KnownUnknownEstimate e = knownUnknownFlow(p.image, p.sets, o);
+        sum = 0;
+        for (size_t i = 0; i < e.alpha.size(); ++i) sum += e.alpha[i] * double(i % 97 + 1);
+    }
+    report(state, sum);
+}
+BENCHMARK(BM_StageKnownUnknown)->Args({0, 0})->Args({4, 32})->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+double rowsSum(const WeightRows& w) {
+    double sum = 0;
+    for (size_t e = 0; e < w.cols.size(); ++e) sum += double(w.cols[e] % 101) * w.weights[e];
+    return sum;
+}
+
+// Arg 0: the intra-unknown links, 1: the colour mixture's rows.
+void BM_StageRows(benchmark::State& state) {
+    const Photo& p = photo();
+    double sum = 0;
+    for (auto _ : state)
+        sum = rowsSum(state.range(0) == 0 ? unknownUnknownWeights(p.image, p.sets, {})
+                                          : colourMixtureWeights(p.image, p.sets, {}));
+    report(state, sum);
+}
+BENCHMARK(BM_StageRows)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
