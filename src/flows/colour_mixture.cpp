@@ -8,56 +8,69 @@
 namespace qx::flows {
 namespace {
 
-// Solves G w = 1 for the symmetric positive definite k x k matrix G (row-major, overwritten by
+// Solves H z = u for the symmetric positive definite d x d matrix H (row-major, overwritten by
 // its Cholesky factor). Returns false when a pivot is not positive.
-bool choleskySolveOnes(double* G, int k, double* w) {
-    for (int j = 0; j < k; ++j) {
-        double d = G[j * k + j];
-        for (int t = 0; t < j; ++t) d -= G[j * k + t] * G[j * k + t];
-        if (!(d > 0.0)) return false;
-        const double l = std::sqrt(d);
-        G[j * k + j] = l;
-        for (int i = j + 1; i < k; ++i) {
-            double s = G[i * k + j];
-            for (int t = 0; t < j; ++t) s -= G[i * k + t] * G[j * k + t];
-            G[i * k + j] = s / l;
+bool choleskySolve(double* H, int d, const double* u, double* z) {
+    for (int j = 0; j < d; ++j) {
+        double p = H[j * d + j];
+        for (int t = 0; t < j; ++t) p -= H[j * d + t] * H[j * d + t];
+        if (!(p > 0.0)) return false;
+        const double l = std::sqrt(p);
+        H[j * d + j] = l;
+        for (int i = j + 1; i < d; ++i) {
+            double v = H[i * d + j];
+            for (int t = 0; t < j; ++t) v -= H[i * d + t] * H[j * d + t];
+            H[i * d + j] = v / l;
         }
     }
-    for (int i = 0; i < k; ++i) {  // L y = 1
-        double s = 1.0;
-        for (int t = 0; t < i; ++t) s -= G[i * k + t] * w[t];
-        w[i] = s / G[i * k + i];
+    for (int i = 0; i < d; ++i) {  // L y = u
+        double v = u[i];
+        for (int t = 0; t < i; ++t) v -= H[i * d + t] * z[t];
+        z[i] = v / H[i * d + i];
     }
-    for (int i = k - 1; i >= 0; --i) {  // L^T w = y
-        double s = w[i];
-        for (int t = i + 1; t < k; ++t) s -= G[t * k + i] * w[t];
-        w[i] = s / G[i * k + i];
+    for (int i = d - 1; i >= 0; --i) {  // L^T z = y
+        double v = z[i];
+        for (int t = i + 1; t < d; ++t) v -= H[t * d + i] * z[t];
+        z[i] = v / H[i * d + i];
     }
     return true;
 }
 
 }  // namespace
 
+// With D the k x dims differences (neighbour minus target), the weights solve
+// (D D^T + s I) w = 1, then are scaled to sum one. D D^T has rank dims at most, so the k x k
+// system is solved through the dims x dims one: (D D^T + s I)^-1 1 = (1 - D z) / s with
+// (D^T D + s I) z = D^T 1; the 1 / s goes with the scaling.
 void mixtureWeights(const float* target, const float* neighbours, int k, int dims,
                     double regularisation, double* weights) {
-    double G[kMaxNeighbours * kMaxNeighbours];
-    double diff[kMaxNeighbours * 8];
+    constexpr int kMaxDims = 8;
+    double diff[kMaxNeighbours * kMaxDims];
+    double H[kMaxDims * kMaxDims] = {}, u[kMaxDims] = {}, z[kMaxDims];
     for (int j = 0; j < k; ++j)
-        for (int d = 0; d < dims; ++d)
-            diff[j * dims + d] = double(neighbours[j * dims + d]) - double(target[d]);
-    double trace = 0.0;
-    for (int i = 0; i < k; ++i)
-        for (int j = 0; j <= i; ++j) {
-            double s = 0.0;
-            for (int d = 0; d < dims; ++d) s += diff[i * dims + d] * diff[j * dims + d];
-            G[i * k + j] = G[j * k + i] = s;
-            if (i == j) trace += s;
+        for (int d = 0; d < dims; ++d) {
+            const double v = double(neighbours[j * dims + d]) - double(target[d]);
+            diff[j * dims + d] = v;
+            u[d] += v;
         }
+    for (int a = 0; a < dims; ++a)
+        for (int b = 0; b <= a; ++b) {
+            double s = 0.0;
+            for (int j = 0; j < k; ++j) s += diff[j * dims + a] * diff[j * dims + b];
+            H[a * dims + b] = H[b * dims + a] = s;
+        }
+    double trace = 0.0;
+    for (int d = 0; d < dims; ++d) trace += H[d * dims + d];
     const double shift = regularisation * trace + 1e-12;
-    for (int i = 0; i < k; ++i) G[i * k + i] += shift;
+    for (int d = 0; d < dims; ++d) H[d * dims + d] += shift;
     double sum = 0.0;
-    if (choleskySolveOnes(G, k, weights))
-        for (int i = 0; i < k; ++i) sum += weights[i];
+    if (choleskySolve(H, dims, u, z))
+        for (int j = 0; j < k; ++j) {
+            double w = 1.0;
+            for (int d = 0; d < dims; ++d) w -= diff[j * dims + d] * z[d];
+            weights[j] = w;
+            sum += w;
+        }
     if (!(std::abs(sum) > 1e-300) || !std::isfinite(sum)) {
         for (int i = 0; i < k; ++i) weights[i] = 1.0 / k;
         return;
