@@ -5,7 +5,7 @@
 //   bench_flows_search --benchmark_filter=Build     the trees over the background / undecided pixels
 //   bench_flows_search --benchmark_filter=Stage     known-to-unknown (7 a side from 64 points,
 //                                                   and 4 from 32), intra-unknown (Rows/0),
-//                                                   mixture (Rows/1)
+//                                                   mixture (Rows/1), local Laplacian (Rows/2)
 //
 // Each stage labels its result with a checksum of what it found ("sum"): two builds that find the same
 // neighbours give the same sum, so a change meant to be only faster can be checked here.
@@ -21,6 +21,7 @@
 #include "flows/colour_mixture.h"
 #include "flows/feature_space.h"
 #include "flows/known_unknown.h"
+#include "flows/local_laplacian.h"
 #include "flows/unknown_unknown.h"
 
 namespace {
@@ -113,16 +114,18 @@ double rowsSum(const WeightRows& w) {
     return sum;
 }
 
-// Arg 0: the intra-unknown links, 1: the colour mixture's rows.
+// Arg 0: the intra-unknown links, 1: the colour mixture's rows, 2: the local Laplacian's rows
+// (no search; for scale).
 void BM_StageRows(benchmark::State& state) {
     const Photo& p = photo();
     double sum = 0;
     for (auto _ : state)
-        sum = rowsSum(state.range(0) == 0 ? unknownUnknownWeights(p.image, p.sets, {})
-                                          : colourMixtureWeights(p.image, p.sets, {}));
+        sum = rowsSum(state.range(0) == 0   ? unknownUnknownWeights(p.image, p.sets, {})
+                      : state.range(0) == 1 ? colourMixtureWeights(p.image, p.sets, {})
+                                            : localLaplacianRows(p.image, p.sets, 1e-8));
     report(state, sum);
 }
-BENCHMARK(BM_StageRows)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StageRows)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 
