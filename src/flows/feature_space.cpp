@@ -1,6 +1,7 @@
 #include "flows/feature_space.h"
 
 #include <algorithm>
+#include <exception>
 #include <numeric>
 
 namespace qx::flows {
@@ -90,12 +91,22 @@ std::vector<Node> subtree(Entry* e, int first, int last) {
         // Only the root of a large range gets here (the stack holds small ranges alone): its
         // halves are built as tasks, then appended, left then right, their links moved past
         // the nodes before them.
+        // A failure (out of memory) may not leave a task: it is carried out and thrown here.
         std::vector<Node> halves[2];
-#pragma omp task shared(halves) if (t.last - t.first >= 2 * kTaskPoints)
-        halves[0] = subtree<Node>(e, t.first, mid);
-#pragma omp task shared(halves) if (t.last - t.first >= 2 * kTaskPoints)
-        halves[1] = subtree<Node>(e, mid, t.last);
+        std::exception_ptr failed[2];
+        const bool apart = t.last - t.first >= 2 * kTaskPoints;
+        const int bounds[3] = {t.first, mid, t.last};
+        for (int side = 0; side < 2; ++side) {
+#pragma omp task shared(halves, failed, bounds) firstprivate(side) if (apart)
+            try {
+                halves[side] = subtree<Node>(e, bounds[side], bounds[side + 1]);
+            } catch (...) {
+                failed[side] = std::current_exception();
+            }
+        }
 #pragma omp taskwait
+        for (const std::exception_ptr& f : failed)
+            if (f) std::rethrow_exception(f);
         for (int side = 0; side < 2; ++side) {
             const int base = static_cast<int>(nodes.size());
             if (side == 0) nodes[size_t(t.node)].left = base;
@@ -146,9 +157,15 @@ void KdTree::build(const float* points, int count, const std::vector<int>& ids) 
     if (count > 0) {
         // The root's range splits on this thread; halves of kTaskPoints and more are tasks for
         // the team, which gives the same tree on any number of threads.
+        std::exception_ptr failed;
 #pragma omp parallel
 #pragma omp single
-        nodes_ = subtree<Node>(entries.data(), 0, count);
+        try {
+            nodes_ = subtree<Node>(entries.data(), 0, count);
+        } catch (...) {
+            failed = std::current_exception();
+        }
+        if (failed) std::rethrow_exception(failed);
     }
     pts_.resize(size_t(count) * kFeatureDims);
     ids_.resize(size_t(count));
