@@ -1,6 +1,7 @@
 #include "flows/flow_system.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace qx::flows {
@@ -13,15 +14,21 @@ double knownAlpha(const PixelSets& sets, int p) {
     return sets.kind[size_t(p)] == PixelKind::Foreground ? 1.0 : 0.0;
 }
 
-// Sorts one row's (column, value) pairs by column and adds up equal columns, in place; returns
-// the merged length. Pairs of one column are added in the order they were put in.
-int mergeRow(std::pair<int, double>* row, int count) {
-    std::stable_sort(row, row + count,
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+// A row's entry while the rows are built. No initialiser: the room for all rows is left unset
+// until each row's own thread writes it (setting it first took longer than filling it).
+struct Entry {
+    int col;
+    double value;
+};
+
+// Sorts one row's entries by column and adds up equal columns, in place; returns the merged
+// length. Entries of one column are added in the order they were put in.
+int mergeRow(Entry* row, int count) {
+    std::stable_sort(row, row + count, [](const Entry& a, const Entry& b) { return a.col < b.col; });
     int m = 0;
     for (int t = 0; t < count; ++t) {
-        if (m > 0 && row[m - 1].first == row[t].first)
-            row[m - 1].second += row[t].second;
+        if (m > 0 && row[m - 1].col == row[t].col)
+            row[m - 1].value += row[t].value;
         else
             row[m++] = row[t];
     }
@@ -33,11 +40,11 @@ template <typename FillRow>
 SparseRows buildRows(int n, const std::vector<int>& bound, FillRow fill) {
     std::vector<int64_t> at(size_t(n) + 1, 0);
     for (int r = 0; r < n; ++r) at[size_t(r) + 1] = at[size_t(r)] + bound[size_t(r)];
-    std::vector<std::pair<int, double>> work(static_cast<size_t>(at[size_t(n)]));
+    const std::unique_ptr<Entry[]> work(new Entry[size_t(at[size_t(n)])]);
     std::vector<int> length(size_t(n), 0);
 #pragma omp parallel for schedule(dynamic, 512)
     for (int r = 0; r < n; ++r) {
-        std::pair<int, double>* row = work.data() + at[size_t(r)];
+        Entry* row = work.get() + at[size_t(r)];
         const int count = fill(r, row);
         length[size_t(r)] = mergeRow(row, count);
     }
@@ -48,10 +55,10 @@ SparseRows buildRows(int n, const std::vector<int>& bound, FillRow fill) {
     out.values.resize(out.cols.size());
 #pragma omp parallel for schedule(static)
     for (int r = 0; r < n; ++r) {
-        const std::pair<int, double>* row = work.data() + at[size_t(r)];
+        const Entry* row = work.get() + at[size_t(r)];
         for (int t = 0; t < length[size_t(r)]; ++t) {
-            out.cols[size_t(out.start[size_t(r)] + t)] = row[t].first;
-            out.values[size_t(out.start[size_t(r)] + t)] = static_cast<float>(row[t].second);
+            out.cols[size_t(out.start[size_t(r)] + t)] = row[t].col;
+            out.values[size_t(out.start[size_t(r)] + t)] = static_cast<float>(row[t].value);
         }
     }
     return out;
@@ -98,7 +105,7 @@ FlowSystem assembleFlowSystem(const PixelSets& sets, const FlowTerms& terms,
         if (uu) bound[size_t(r)] += uu->start[size_t(r) + 1] - uu->start[size_t(r)];
     }
     const double sL = weights.local, sUU = weights.unknownUnknown, sKU = weights.knownUnknown;
-    s.explicitPart = buildRows(n, bound, [&](int r, std::pair<int, double>* row) {
+    s.explicitPart = buildRows(n, bound, [&](int r, Entry* row) {
         int m = 0;
         double diag = 0.0, b = 0.0;
         if (local)
@@ -136,7 +143,7 @@ FlowSystem assembleFlowSystem(const PixelSets& sets, const FlowTerms& terms,
         std::vector<int> mbound(static_cast<size_t>(n));
         for (int r = 0; r < n; ++r)
             mbound[size_t(r)] = 1 + cm->start[size_t(r) + 1] - cm->start[size_t(r)];
-        s.mixture = buildRows(n, mbound, [&](int r, std::pair<int, double>* row) {
+        s.mixture = buildRows(n, mbound, [&](int r, Entry* row) {
             int m = 0;
             row[m++] = {r, 1.0};
             double c = 0.0;
