@@ -40,6 +40,18 @@ struct Entry {
     int index;
 };
 
+// What f throws, kept (nothing when it returns): a failure may not leave an OpenMP task or
+// parallel region, so it is carried out and thrown after it.
+template <class F>
+std::exception_ptr failureOf(F&& f) {
+    try {
+        f();
+    } catch (...) {
+        return std::current_exception();
+    }
+    return nullptr;
+}
+
 // Points at or above this many split their two halves as tasks of their own (on any thread);
 // below it a range is split on the thread that holds it.
 constexpr int kTaskPoints = 16384;
@@ -91,34 +103,33 @@ std::vector<Node> subtree(Entry* e, int first, int last) {
         // Only the root of a large range gets here (the stack holds small ranges alone): its
         // halves are built as tasks, then appended, left then right, their links moved past
         // the nodes before them.
-        // A failure (out of memory) may not leave a task: it is carried out and thrown here.
         std::vector<Node> halves[2];
         std::exception_ptr failed[2];
         const bool apart = t.last - t.first >= 2 * kTaskPoints;
         const int bounds[3] = {t.first, mid, t.last};
         for (int side = 0; side < 2; ++side) {
 #pragma omp task shared(halves, failed, bounds) firstprivate(side) if (apart)
-            try {
-                halves[side] = subtree<Node>(e, bounds[side], bounds[side + 1]);
-            } catch (...) {
-                failed[side] = std::current_exception();
-            }
+            failed[side] = failureOf(
+                [&] { halves[side] = subtree<Node>(e, bounds[side], bounds[side + 1]); });
         }
 #pragma omp taskwait
         for (const std::exception_ptr& f : failed)
             if (f) std::rethrow_exception(f);
-        for (int side = 0; side < 2; ++side) {
+        auto append = [&nodes](const std::vector<Node>& half) {
             const int base = static_cast<int>(nodes.size());
-            if (side == 0) nodes[size_t(t.node)].left = base;
-            else nodes[size_t(t.node)].right = base;
-            for (Node m : halves[side]) {
+            for (Node m : half) {
                 if (m.left >= 0) {
                     m.left += base;
                     m.right += base;
                 }
                 nodes.push_back(m);
             }
-        }
+            return base;
+        };
+        const int left = append(halves[0]);
+        const int right = append(halves[1]);
+        nodes[size_t(t.node)].left = left;
+        nodes[size_t(t.node)].right = right;
     }
     return nodes;
 }
@@ -160,11 +171,7 @@ void KdTree::build(const float* points, int count, const std::vector<int>& ids) 
         std::exception_ptr failed;
 #pragma omp parallel
 #pragma omp single
-        try {
-            nodes_ = subtree<Node>(entries.data(), 0, count);
-        } catch (...) {
-            failed = std::current_exception();
-        }
+        failed = failureOf([&] { nodes_ = subtree<Node>(entries.data(), 0, count); });
         if (failed) std::rethrow_exception(failed);
     }
     pts_.resize(size_t(count) * kFeatureDims);

@@ -273,7 +273,7 @@ QxwStatus refineMask(const cv::Mat& bgr, const cv::Mat& coarse, cv::Mat* alpha, 
     relay.span(growEnd, solveShare);
     // The last band is solved as a person's tri-map is, twice, the first at half size:
     // bench_refine 0.569 of the coarse masks' SAD against 0.579 for one full-size solve, the
-    // network's masks 0.651 of the raw mask's against 0.700.
+    // network's masks 0.651 of the raw mask's against 0.691.
     cv::Mat plain;
     s = matteTrimap(bgr, band, 255, 0, 255, 0, &plain, relay, job, TrimapSolve::FlowsAgain);
     if (s == QXW_CANCELLED) return s;
