@@ -89,7 +89,7 @@ WeightRows colourMixtureWeights(const FlowImage& image, const PixelSets& sets,
     const std::vector<float> points = pixelFeatures(image, all, options.spatialWeight);
     KdTree tree;
     options.poll();
-    tree.build(points.data(), static_cast<int>(all.size()), all);
+    tree.build(points.data(), static_cast<int>(all.size()), all, KdTree::Split::OnDemand);
     options.poll();
 
     const int n = static_cast<int>(sets.unknown.size());

@@ -1,8 +1,10 @@
 #include "flows/feature_space.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <numeric>
+#include <thread>
 
 namespace qx::flows {
 namespace {
@@ -33,105 +35,33 @@ struct Best {
     }
 };
 
-// A point while the tree is built: its coordinates and its index in the caller's array, moved
-// as one so that each split reads its range in order.
-struct Entry {
-    float p[kFeatureDims];
-    int index;
-};
+using Point = KdTree::Point;
 
-// What f throws, kept (nothing when it returns): a failure may not leave an OpenMP task or
-// parallel region, so it is carried out and thrown after it.
-template <class F>
-std::exception_ptr failureOf(F&& f) {
-    try {
-        f();
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
-
-// Points at or above this many split their two halves as tasks of their own (on any thread);
-// below it a range is split on the thread that holds it.
+// Nodes of at least this many points are split before build returns, their halves as tasks of
+// their own (on any thread) from twice as many; below it a node is split on the thread that
+// holds it, at once or, on demand, by the first search that enters it.
 constexpr int kTaskPoints = 16384;
 
-// The nodes of the tree over entries [first, last): the root first, then its subtrees'. A
-// node is split at the median of the coordinate along which its points spread most (ties in
-// that coordinate broken by the point's index, so that the halves are the same sets whatever
-// order the range came in); a node of at most kLeafSize points, or whose points are all
-// equal, is a leaf.
-template <class Node>
-std::vector<Node> subtree(Entry* e, int first, int last) {
-    std::vector<Node> nodes{{first, last, -1, -1, 0, 0.0f}};
-    struct Pending {
-        int node, first, last;
-    };
-    std::vector<Pending> stack{{0, first, last}};
-    while (!stack.empty()) {
-        const Pending t = stack.back();
-        stack.pop_back();
-        if (t.last - t.first <= kLeafSize) continue;
-        float lo[kFeatureDims], hi[kFeatureDims];
-        std::fill(lo, lo + kFeatureDims, 3.4e38f);
-        std::fill(hi, hi + kFeatureDims, -3.4e38f);
-        for (int i = t.first; i < t.last; ++i)
-            for (int d = 0; d < kFeatureDims; ++d) {
-                lo[d] = std::min(lo[d], e[i].p[d]);
-                hi[d] = std::max(hi[d], e[i].p[d]);
-            }
-        int dim = 0;
-        for (int d = 1; d < kFeatureDims; ++d)
-            if (hi[d] - lo[d] > hi[dim] - lo[dim]) dim = d;
-        if (hi[dim] <= lo[dim]) continue;  // all points equal: one leaf
-        const int mid = (t.first + t.last) / 2;
-        std::nth_element(e + t.first, e + mid, e + t.last, [dim](const Entry& a, const Entry& b) {
-            return a.p[dim] < b.p[dim] || (a.p[dim] == b.p[dim] && a.index < b.index);
-        });
-        nodes[size_t(t.node)].dim = dim;
-        nodes[size_t(t.node)].split = e[mid].p[dim];
-        if (t.last - t.first < kTaskPoints) {
-            const int left = static_cast<int>(nodes.size());
-            nodes[size_t(t.node)].left = left;
-            nodes[size_t(t.node)].right = left + 1;
-            nodes.push_back({t.first, mid, -1, -1, 0, 0.0f});
-            nodes.push_back({mid, t.last, -1, -1, 0, 0.0f});
-            stack.push_back({left, t.first, mid});
-            stack.push_back({left + 1, mid, t.last});
-            continue;
-        }
-        // Only the root of a large range gets here (the stack holds small ranges alone): its
-        // halves are built as tasks, then appended, left then right, their links moved past
-        // the nodes before them.
-        std::vector<Node> halves[2];
-        std::exception_ptr failed[2];
-        const bool apart = t.last - t.first >= 2 * kTaskPoints;
-        const int bounds[3] = {t.first, mid, t.last};
-        for (int side = 0; side < 2; ++side) {
-#pragma omp task shared(halves, failed, bounds) firstprivate(side) if (apart)
-            failed[side] = failureOf(
-                [&] { halves[side] = subtree<Node>(e, bounds[side], bounds[side + 1]); });
-        }
-#pragma omp taskwait
-        for (const std::exception_ptr& f : failed)
-            if (f) std::rethrow_exception(f);
-        auto append = [&nodes](const std::vector<Node>& half) {
-            const int base = static_cast<int>(nodes.size());
-            for (Node m : half) {
-                if (m.left >= 0) {
-                    m.left += base;
-                    m.right += base;
-                }
-                nodes.push_back(m);
-            }
-            return base;
-        };
-        const int left = append(halves[0]);
-        const int right = append(halves[1]);
-        nodes[size_t(t.node)].left = left;
-        nodes[size_t(t.node)].right = right;
-    }
-    return nodes;
+enum NodeState : unsigned char { kUnsplit, kBusy, kSplit, kLeaf };
+
+// A point's place along one coordinate as an integer: the coordinate's bits made to order as
+// the floats do, the point's index below them. No two points share one, so the median is one
+// point however many share its coordinate.
+inline uint64_t splitKey(const Point& x, int dim) {
+    const float v = x.p[dim] + 0.0f;  // -0 as +0, which compare equal
+    uint32_t u;
+    std::memcpy(&u, &v, sizeof u);
+    u = (u & 0x80000000u) ? ~u : (u | 0x80000000u);
+    return (uint64_t(u) << 32) | uint32_t(x.index);
+}
+
+// The coordinate a key was made from.
+inline float keyCoordinate(uint64_t key) {
+    uint32_t u = uint32_t(key >> 32);
+    u = (u & 0x80000000u) ? (u & 0x7fffffffu) : ~u;
+    float v;
+    std::memcpy(&v, &u, sizeof v);
+    return v;
 }
 
 }  // namespace
@@ -156,49 +86,181 @@ std::vector<float> pixelFeatures(const FlowImage& image, const std::vector<int>&
     return f;
 }
 
-void KdTree::build(const float* points, int count, const std::vector<int>& ids) {
-    std::vector<Entry> entries(static_cast<size_t>(std::max(count, 0)));
+KdTree::KdTree() = default;
+KdTree::~KdTree() = default;
+KdTree::KdTree(KdTree&&) noexcept = default;
+KdTree& KdTree::operator=(KdTree&&) noexcept = default;
+
+void KdTree::build(const float* points, int count, const std::vector<int>& ids, Split split) {
+    count = std::max(count, 0);
+    nodes_.reset();
+    nodeCount_ = 0;
+    count_ = count;
+    ids_ = ids;
+    points_.resize(size_t(count));
 #pragma omp parallel for schedule(static)
     for (int i = 0; i < count; ++i) {
         std::copy(points + int64_t(i) * kFeatureDims, points + int64_t(i + 1) * kFeatureDims,
-                  entries[size_t(i)].p);
-        entries[size_t(i)].index = i;
+                  points_[size_t(i)].p);
+        points_[size_t(i)].index = i;
     }
-    nodes_.clear();
-    if (count > 0) {
-        // The root's range splits on this thread; halves of kTaskPoints and more are tasks for
-        // the team, which gives the same tree on any number of threads.
-        std::exception_ptr failed;
+    if (count == 0) return;
+    // The ranges follow from the count alone: a node of more than kLeafSize points has two
+    // children, its first half and the rest, so the nodes are counted and linked before any
+    // point is looked at.
+    std::vector<int> subtreeNodes;  // by range size, filled as far as needed
+    auto nodesOf = [&](auto&& self, int size) -> int {
+        if (size <= kLeafSize) return 1;
+        if (size_t(size) < subtreeNodes.size() && subtreeNodes[size_t(size)] > 0)
+            return subtreeNodes[size_t(size)];
+        const int total = 1 + self(self, size / 2) + self(self, size - size / 2);
+        if (size_t(size) >= subtreeNodes.size()) subtreeNodes.resize(size_t(size) + 1, 0);
+        subtreeNodes[size_t(size)] = total;
+        return total;
+    };
+    nodeCount_ = nodesOf(nodesOf, count);
+    nodes_ = std::make_unique<Node[]>(size_t(nodeCount_));
+    nodes_[0].last = count;
+    for (int i = 0; i < nodeCount_; ++i) {
+        Node& n = nodes_[size_t(i)];
+        if (n.last - n.first <= kLeafSize) continue;
+        const int mid = (n.first + n.last) / 2;
+        n.left = i + 1;
+        n.right = i + 1 + nodesOf(nodesOf, mid - n.first);
+        nodes_[size_t(n.left)].first = n.first;
+        nodes_[size_t(n.left)].last = mid;
+        nodes_[size_t(n.right)].first = mid;
+        nodes_[size_t(n.right)].last = n.last;
+    }
+    std::exception_ptr failed;
 #pragma omp parallel
 #pragma omp single
-        failed = failureOf([&] { nodes_ = subtree<Node>(entries.data(), 0, count); });
-        if (failed) std::rethrow_exception(failed);
+    failed = failureOf([&] { settleFrom(0, split == Split::Whole); });
+    if (failed) std::rethrow_exception(failed);
+}
+
+// Splits `node` and the nodes below it: all of them (whole) or those of kTaskPoints points and
+// more.
+void KdTree::settleFrom(int node, bool whole) const {
+    const int size = nodes_[size_t(node)].last - nodes_[size_t(node)].first;
+    if (!whole && size < kTaskPoints) return;
+    if (settle(node) != kSplit) return;
+    const int children[2] = {nodes_[size_t(node)].left, nodes_[size_t(node)].right};
+    if (size < 2 * kTaskPoints) {
+        settleFrom(children[0], whole);
+        settleFrom(children[1], whole);
+        return;
     }
-    pts_.resize(size_t(count) * kFeatureDims);
-    ids_.resize(size_t(count));
-#pragma omp parallel for schedule(static)
-    for (int i = 0; i < count; ++i) {
-        const Entry& en = entries[size_t(i)];
-        std::copy(en.p, en.p + kFeatureDims, pts_.begin() + int64_t(i) * kFeatureDims);
-        ids_[size_t(i)] = ids.empty() ? en.index : ids[size_t(en.index)];
+    std::exception_ptr failed[2];
+    for (int side = 0; side < 2; ++side) {
+#pragma omp task shared(failed, children) firstprivate(side)
+        failed[side] = failureOf([&] { settleFrom(children[side], whole); });
     }
+#pragma omp taskwait
+    for (const std::exception_ptr& f : failed)
+        if (f) std::rethrow_exception(f);
+}
+
+// The node's state once it is split or a leaf: this thread splits it when nobody has, or waits
+// while another thread does. A failed split leaves it unsplit.
+unsigned char KdTree::settle(int node) const {
+    std::atomic<unsigned char>& state = nodes_[size_t(node)].state;
+    unsigned char s = state.load(std::memory_order_acquire);
+    while (s == kUnsplit || s == kBusy) {
+        if (s == kBusy) {
+            std::this_thread::yield();
+            s = state.load(std::memory_order_acquire);
+            continue;
+        }
+        if (!state.compare_exchange_strong(s, kBusy, std::memory_order_acquire)) continue;
+        try {
+            s = splitNode(node);
+        } catch (...) {
+            state.store(kUnsplit, std::memory_order_release);
+            throw;
+        }
+        state.store(s, std::memory_order_release);
+    }
+    return s;
+}
+
+// Splits a node at the median of the coordinate along which its points spread most (ties in
+// that coordinate broken by the point's index, so that the halves are the same sets whatever
+// order the range came in; splitKey orders them so). A node of at most kLeafSize points, or
+// whose points are all equal, is a leaf, its points put in the order of their indices, so that
+// the order the selections left them in does not matter.
+unsigned char KdTree::splitNode(int node) const {
+    Node& n = nodes_[size_t(node)];
+    Point* e = points_.data();
+    float lo[kFeatureDims], hi[kFeatureDims];
+    std::fill(lo, lo + kFeatureDims, 3.4e38f);
+    std::fill(hi, hi + kFeatureDims, -3.4e38f);
+    for (int i = n.first; i < n.last; ++i)
+        for (int d = 0; d < kFeatureDims; ++d) {
+            lo[d] = std::min(lo[d], e[i].p[d]);
+            hi[d] = std::max(hi[d], e[i].p[d]);
+        }
+    int dim = 0;
+    for (int d = 1; d < kFeatureDims; ++d)
+        if (hi[d] - lo[d] > hi[dim] - lo[dim]) dim = d;
+    if (n.last - n.first <= kLeafSize || hi[dim] <= lo[dim]) {
+        std::sort(e + n.first, e + n.last,
+                  [](const Point& a, const Point& b) { return a.index < b.index; });
+        return kLeaf;
+    }
+    const int count = n.last - n.first, half = count / 2;
+    uint64_t median;
+    constexpr int kOnStack = 256;
+    if (count > kOnStack) {
+        // A large node is selected in place, with no room taken beside the tree.
+        std::nth_element(e + n.first, e + n.first + half, e + n.last,
+                         [dim](const Point& a, const Point& b) {
+                             return splitKey(a, dim) < splitKey(b, dim);
+                         });
+        median = splitKey(e[n.first + half], dim);
+    } else {
+        // The many small ones: the keys selected and the points partitioned through a copy, both
+        // on the stack.
+        uint64_t keys[kOnStack];
+        Point copy[kOnStack];
+        for (int i = 0; i < count; ++i) keys[i] = splitKey(e[n.first + i], dim);
+        std::nth_element(keys, keys + half, keys + count);
+        median = keys[half];
+        std::copy(e + n.first, e + n.last, copy);
+        int below = n.first, above = n.first + half;
+        for (int i = 0; i < count; ++i) {
+            const int right = splitKey(copy[i], dim) >= median;
+            e[right ? above : below] = copy[i];
+            above += right;
+            below += 1 - right;
+        }
+    }
+    n.dim = static_cast<unsigned char>(dim);
+    n.split = keyCoordinate(median);
+    return kSplit;
 }
 
 int KdTree::nearest(const float* query, int k, int skip, int* names, float* dist2,
                     int maxChecks, SearchHint* hint) const {
     k = std::clamp(k, 0, kMaxNeighbours);
-    if (k == 0 || nodes_.empty()) return 0;
+    if (k == 0 || count_ == 0) return 0;
+    auto nameOf = [this](const Point& x) { return ids_.empty() ? x.index : ids_[size_t(x.index)]; };
+    auto stateOf = [this](int node) {
+        const unsigned char s = nodes_[size_t(node)].state.load(std::memory_order_acquire);
+        return s == kSplit || s == kLeaf ? s : settle(node);
+    };
     Best best;
     best.k = k;
     // The skipped point is looked for only among those near enough to be taken: most are not.
     auto compare = [&](int i) {
-        const float* p = pts_.data() + int64_t(i) * kFeatureDims;
+        const Point& x = points_[size_t(i)];
+        const float* p = x.p;
         float d = 0.0f;
         for (int c = 0; c < kFeatureDims; ++c) {
             const float t = p[c] - query[c];
             d += t * t;
         }
-        if (d >= best.worst() || (skip >= 0 && ids_[size_t(i)] == skip)) return;
+        if (d >= best.worst() || (skip >= 0 && nameOf(x) == skip)) return;
         best.offer(i, d);
     };
     int checked = 0;
@@ -238,7 +300,7 @@ int KdTree::nearest(const float* query, int k, int skip, int* names, float* dist
         if (maxChecks > 0 && checked >= maxChecks && best.held == k) break;
         int node = e.node;
         float planeDist = e.planeDist;
-        while (nodes_[size_t(node)].left >= 0) {
+        while (stateOf(node) == kSplit) {
             const Node& n = nodes_[size_t(node)];
             const float diff = query[n.dim] - n.split;
             const float farDist = std::max(planeDist, diff * diff);
@@ -250,7 +312,7 @@ int KdTree::nearest(const float* query, int k, int skip, int* names, float* dist
         checked += leaf.last - leaf.first;
     }
     for (int i = 0; i < best.held; ++i) {
-        names[i] = ids_[size_t(best.slots[i])];
+        names[i] = nameOf(points_[size_t(best.slots[i])]);
         if (dist2) dist2[i] = best.dist[i];
     }
     if (hint) {

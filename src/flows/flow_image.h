@@ -4,7 +4,9 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <vector>
 
 #include "runtime/progress.h"
@@ -53,12 +55,24 @@ struct Poll {
     void operator()() const;
 };
 
+// What f throws, kept (nothing when it returns): a failure may not leave an OpenMP task or
+// parallel region, so it is carried out and thrown after it.
+template <class F>
+std::exception_ptr failureOf(F&& f) {
+    try {
+        f();
+    } catch (...) {
+        return std::current_exception();
+    }
+    return nullptr;
+}
+
 // body(first, last) over runs of up to kSliceRun consecutive indices covering [0, count), each
 // run on one thread from its first index up, spread over the threads in up to eight slices of
 // at least 4096; after each slice the part done is reported, and between two slices poll() is
 // called. The runs do not depend on the number of threads, so a body that carries something
-// from one index to the next within its run gives the same result on any number of them.
-// body must not throw.
+// from one index to the next within its run gives the same result on any number of them. What
+// body throws (a memory failure) ends the work after the runs under way and is thrown here.
 constexpr int kSliceRun = 256;
 template <class Body>
 void forSlices(int count, const Poll& poll, Body&& body) {
@@ -66,9 +80,19 @@ void forSlices(int count, const Poll& poll, Body&& body) {
     for (int first = 0; first < count; first += slice) {
         const int last = std::min(count, first + slice);
         const int runs = (last - first + kSliceRun - 1) / kSliceRun;
+        std::exception_ptr failed;
+        std::atomic<bool> stop{false};
 #pragma omp parallel for schedule(dynamic, 1)
-        for (int r = 0; r < runs; ++r)
-            body(first + r * kSliceRun, std::min(last, first + (r + 1) * kSliceRun));
+        for (int r = 0; r < runs; ++r) {
+            if (stop.load(std::memory_order_relaxed)) continue;
+            const std::exception_ptr f = failureOf(
+                [&] { body(first + r * kSliceRun, std::min(last, first + (r + 1) * kSliceRun)); });
+            if (!f) continue;
+            stop = true;
+#pragma omp critical(qx_flows_slices)
+            if (!failed) failed = f;
+        }
+        if (failed) std::rethrow_exception(failed);
         progressWithin(double(last) / count);
         if (last < count) poll();
     }

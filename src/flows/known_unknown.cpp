@@ -83,9 +83,9 @@ KnownUnknownEstimate knownUnknownFlow(const FlowImage& image, const PixelSets& s
     const std::vector<float> bgPoints = pixelFeatures(image, bg, s);
     KdTree fgTree, bgTree;
     options.poll();
-    fgTree.build(fgPoints.data(), static_cast<int>(fg.size()), fg);
+    fgTree.build(fgPoints.data(), static_cast<int>(fg.size()), fg, KdTree::Split::OnDemand);
     options.poll();
-    bgTree.build(bgPoints.data(), static_cast<int>(bg.size()), bg);
+    bgTree.build(bgPoints.data(), static_cast<int>(bg.size()), bg, KdTree::Split::OnDemand);
     options.poll();
     const std::vector<float> queries = pixelFeatures(image, sets.unknown, s);
     const int k = std::clamp(options.neighbours, 1, kMaxSide);

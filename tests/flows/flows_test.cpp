@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <new>
 #include <numeric>
 #include <omp.h>
 #include <random>
@@ -49,18 +50,20 @@ double weightAt(const WeightRows& w, int r, int c) {
 
 // The exact search on n points against brute force, for `queries` of the points (themselves
 // left out). A third of the points share their first coordinate, as 8-bit pixels share colours.
-void expectExactSearch(int n, int queries) {
+// The queries run on all threads at once, so that a tree split on demand is split by several.
+void expectExactSearch(int n, int queries, KdTree::Split split) {
     const int k = 9;
     std::vector<float> pts = randomPoints(n, 5);
     for (int i = 0; i < n; i += 3) pts[size_t(i) * kFeatureDims] = 0.5f;
     KdTree tree;
-    tree.build(pts.data(), n);
+    tree.build(pts.data(), n, {}, split);
+#pragma omp parallel for schedule(dynamic, 1)
     for (int q = 0; q < queries; ++q) {
         const int self = int(int64_t(q) * 7919 % n);
         const float* query = pts.data() + int64_t(self) * kFeatureDims;
         int names[k];
         float dist[k];
-        ASSERT_EQ(tree.nearest(query, k, self, names, dist), k);
+        EXPECT_EQ(tree.nearest(query, k, self, names, dist), k);
         std::vector<float> all;
         for (int i = 0; i < n; ++i) {
             float d = 0.0f;
@@ -79,9 +82,12 @@ void expectExactSearch(int n, int queries) {
 }
 
 TEST(FlowsNeighbours, ExactSearchMatchesBruteForce) {
-    expectExactSearch(3000, 200);
-    // Large enough for the tree's top halves to be built apart and joined.
-    expectExactSearch(70000, 60);
+    for (KdTree::Split split : {KdTree::Split::Whole, KdTree::Split::OnDemand}) {
+        expectExactSearch(3000, 200, split);
+        // Large enough for the tree's top halves to be split apart, and on demand for most of
+        // its nodes to be left to the searches.
+        expectExactSearch(70000, 60, split);
+    }
 }
 
 TEST(FlowsNeighbours, TheTreeIsTheSameOnAnyNumberOfThreads) {
@@ -100,6 +106,49 @@ TEST(FlowsNeighbours, TheTreeIsTheSameOnAnyNumberOfThreads) {
     }
     omp_set_num_threads(before);
     EXPECT_EQ(found[0], found[1]);
+}
+
+TEST(FlowsNeighbours, ATreeSplitOnDemandIsTheWholeTree) {
+    // Budgeted searches, a leaf's order included: the whole tree on one thread against one split
+    // by the searches of four threads as they go, over clustered points (most of them in a few
+    // small clouds, as an image's colours are) and queries from one part of the space only.
+    const int n = 60000, k = 7;
+    std::mt19937 rng(3);
+    std::normal_distribution<float> spread(0.0f, 0.02f);
+    std::vector<float> pts = randomPoints(n, 13);
+    for (int i = 0; i < n; i += 4)
+        for (int c = 0; c < kFeatureDims; ++c)
+            pts[size_t(i) * kFeatureDims + c] = float(i % 3) * 0.3f + spread(rng);
+    std::vector<float> queries;
+    for (int i = 0; i < n; ++i)
+        if (pts[size_t(i) * kFeatureDims + 3] < 0.3f)
+            queries.insert(queries.end(), pts.begin() + int64_t(i) * kFeatureDims,
+                           pts.begin() + int64_t(i + 1) * kFeatureDims);
+    const int count = int(queries.size()) / kFeatureDims;
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(1);
+    KdTree whole;
+    whole.build(pts.data(), n);
+    const std::vector<int> expected = nearestAll(whole, queries.data(), count, k, {}, 32);
+    omp_set_num_threads(4);
+    KdTree onDemand;
+    onDemand.build(pts.data(), n, {}, KdTree::Split::OnDemand);
+    const std::vector<int> found = nearestAll(onDemand, queries.data(), count, k, {}, 32);
+    omp_set_num_threads(before);
+    EXPECT_EQ(found, expected);
+}
+
+TEST(FlowsNeighbours, AFailureInsideTheSlicesIsThrownOnTheCallingThread) {
+    const int n = 100000;
+    std::vector<int> done(size_t(n), 0);
+    EXPECT_THROW(forSlices(n, {},
+                           [&](int first, int last) {
+                               if (first <= n / 2 && n / 2 < last) throw std::bad_alloc();
+                               for (int i = first; i < last; ++i) done[size_t(i)] = 1;
+                           }),
+                 std::bad_alloc);
+    // Nothing after the failing slice was started.
+    EXPECT_EQ(std::count(done.begin() + n * 3 / 4, done.end(), 1), 0);
 }
 
 TEST(FlowsNeighbours, BudgetedSearchGivesDistinctNeighboursNearFirst) {
