@@ -196,9 +196,20 @@ TEST(FlowsWeights, IntraUnknownLinksAreSymmetricAndBounded) {
             EXPECT_GT(w.weights[size_t(e)], 0.0f);
             EXPECT_LE(w.weights[size_t(e)], 2.0f);  // a link found from both ends counts twice
             EXPECT_EQ(w.weights[size_t(e)], weightAt(w, c, r));
+            if (e > w.start[size_t(r)]) {
+                EXPECT_LT(w.cols[size_t(e) - 1], c);  // merged, ascending
+            }
             ++links;
         }
     EXPECT_GE(links, w.rows());  // every pixel links to its neighbours
+    // The links are gathered on all threads: the same rows on one.
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(1);
+    const WeightRows one = unknownUnknownWeights(image, sets, {});
+    omp_set_num_threads(before);
+    EXPECT_EQ(one.start, w.start);
+    EXPECT_EQ(one.cols, w.cols);
+    EXPECT_EQ(one.weights, w.weights);
 }
 
 TEST(FlowsWeights, LocalRowsSumToZeroAndAreSymmetric) {
