@@ -5,17 +5,21 @@ N passes over the ten photos of each set, and the mean SAD (thousands, over the 
 pixels) against the truth.
 
     /usr/bin/python3 bench/workflow_sets.py [--root DIR] [--library SO] [--data DIR]
-                                            [--repeat N]
+                                            [--repeat N] [--against DIR --against-library SO]
 
 Set 1 is the benchmark's own tri-maps; set 2 is made from each truth as bench_matting_peers
 makes it (undecided where 0 < truth < 255, grown by a disc of radius 12). --root is the
-checkout whose Python package is used (default this one), --library its library: with another
-checkout and its build, two versions of the workflow can be timed in turn on the same machine
-(their ratio holds where the machine's speed drifts; the absolute seconds do not). Needs
-Debian's python3 with NumPy, Pillow and OpenCV.
+checkout whose Python package is used (default this one), --library its library. With
+--against, a second checkout's package and library are loaded into the same process and the two
+are called in turn, photo by photo (which goes first alternates from pass to pass), N passes:
+the seconds each took summed over the passes, and their ratio, whole and pass by pass. This
+machine's speed drifts by tens of percent over minutes; calls a second apart see the same
+machine, whole runs a minute apart do not. Needs Debian's python3 with NumPy, Pillow and
+OpenCV.
 """
 
 import argparse
+import importlib.util
 import os
 import sys
 import time
@@ -29,7 +33,89 @@ def parse():
     p.add_argument("--library", default=None)
     p.add_argument("--data", default=os.path.join(ROOT, "..", "shared", "data", "alphamatting"))
     p.add_argument("--repeat", type=int, default=3)
+    p.add_argument("--against", default=None)
+    p.add_argument("--against-library", default=None)
     return p.parse_args()
+
+
+def package(root, library, name):
+    """The Python package of checkout `root` on `library`, imported as `name`: two checkouts'
+    packages, each with its own copy of the library, can live in one process."""
+    os.environ["QXIVEILON31_LIBRARY"] = library or os.path.join(root, "build",
+                                                                "libqxiveilon31.so.0")
+    folder = os.path.join(root, "python", "qxiveilon31")
+    spec = importlib.util.spec_from_file_location(
+        name, os.path.join(folder, "__init__.py"), submodule_search_locations=[folder])
+    module = importlib.util.module_from_spec(spec)
+    sys.modules[name] = module
+    spec.loader.exec_module(module)
+    return module
+
+
+def load_sets(data):
+    import cv2
+    import numpy as np
+    from PIL import Image
+
+    disc = cv2.getStructuringElement(cv2.MORPH_ELLIPSE, (25, 25))
+    sets = {1: [], 2: []}
+    for i in range(1, 11):
+        name = "GT%02d.png" % i
+        image = np.asarray(Image.open(os.path.join(data, "input", name)).convert("RGB"))
+        given = np.asarray(Image.open(os.path.join(data, "trimap", name)).convert("L"))
+        truth = np.asarray(Image.open(os.path.join(data, "gt", name)).convert("L"))
+        sets[1].append((image, given, truth))
+        band = cv2.dilate(((truth > 0) & (truth < 255)).astype(np.uint8), disc)
+        made = np.where(band > 0, 128, np.where(truth >= 128, 255, 0)).astype(np.uint8)
+        sets[2].append((image, made, truth))
+    return sets
+
+
+def mean_sad(qx, photos):
+    import numpy as np
+
+    sad = 0.0
+    for image, trimap, truth in photos:
+        alpha = np.asarray(qx.matte_trimap(image, trimap), dtype=float).reshape(truth.shape)
+        undecided = (trimap > 0) & (trimap < 255)
+        sad += np.abs(alpha - truth)[undecided].sum() / 255.0 / 1000.0
+    return sad / len(photos)
+
+
+def timed(qx, image, trimap):
+    start = time.perf_counter()
+    qx.matte_trimap(image, trimap)
+    return time.perf_counter() - start
+
+
+def alone(qx, sets, repeat):
+    for s in (1, 2):
+        best = float("inf")
+        for _ in range(repeat):
+            best = min(best, sum(timed(qx, image, trimap) for image, trimap, _ in sets[s]))
+        print("set %d: %.3f s for the ten (least of %d), mean SAD %.3f"
+              % (s, best, repeat, mean_sad(qx, sets[s])), flush=True)
+
+
+def in_turn(qx, other, sets, repeat):
+    print("this: %s\nagainst: %s" % (qx.library_path(), other.library_path()))
+    for s in (1, 2):
+        ours, theirs, ratios = 0.0, 0.0, []
+        for r in range(repeat):
+            a = b = 0.0
+            for image, trimap, _ in sets[s]:
+                if r % 2 == 0:
+                    a += timed(qx, image, trimap)
+                    b += timed(other, image, trimap)
+                else:
+                    b += timed(other, image, trimap)
+                    a += timed(qx, image, trimap)
+            ours, theirs = ours + a, theirs + b
+            ratios.append(a / b)
+        print("set %d: %.3f s against %.3f s over %d passes, ratio %.3f (passes %.3f to %.3f); "
+              "mean SAD %.3f against %.3f"
+              % (s, ours, theirs, repeat, ours / theirs, min(ratios), max(ratios),
+                 mean_sad(qx, sets[s]), mean_sad(other, sets[s])), flush=True)
 
 
 def main():
@@ -37,40 +123,12 @@ def main():
     if not os.path.isdir(os.path.join(args.data, "input")):
         print("workflow_sets: no benchmark images at %s: skipped" % args.data)
         return 0
-    sys.path.insert(0, os.path.join(args.root, "python"))
-    os.environ["QXIVEILON31_LIBRARY"] = args.library or os.path.join(
-        args.root, "build", "libqxiveilon31.so.0")
-    import cv2
-    import numpy as np
-    from PIL import Image
-
-    import qxiveilon31 as qx
-
-    disc = cv2.getStructuringElement(cv2.MORPH_ELLIPSE, (25, 25))
-    sets = {1: [], 2: []}
-    for i in range(1, 11):
-        name = "GT%02d.png" % i
-        image = np.asarray(Image.open(os.path.join(args.data, "input", name)).convert("RGB"))
-        given = np.asarray(Image.open(os.path.join(args.data, "trimap", name)).convert("L"))
-        truth = np.asarray(Image.open(os.path.join(args.data, "gt", name)).convert("L"))
-        sets[1].append((image, given, truth))
-        band = cv2.dilate(((truth > 0) & (truth < 255)).astype(np.uint8), disc)
-        made = np.where(band > 0, 128, np.where(truth >= 128, 255, 0)).astype(np.uint8)
-        sets[2].append((image, made, truth))
-    for s in (1, 2):
-        best = float("inf")
-        for _ in range(args.repeat):
-            start = time.perf_counter()
-            for image, trimap, _ in sets[s]:
-                qx.matte_trimap(image, trimap)
-            best = min(best, time.perf_counter() - start)
-        sad = 0.0
-        for image, trimap, truth in sets[s]:
-            alpha = np.asarray(qx.matte_trimap(image, trimap), dtype=float).reshape(truth.shape)
-            undecided = (trimap > 0) & (trimap < 255)
-            sad += np.abs(alpha - truth)[undecided].sum() / 255.0 / 1000.0
-        print("set %d: %.3f s for the ten (least of %d), mean SAD %.3f"
-              % (s, best, args.repeat, sad / len(sets[s])), flush=True)
+    qx = package(args.root, args.library, "qx_this")
+    sets = load_sets(args.data)
+    if args.against:
+        in_turn(qx, package(args.against, args.against_library, "qx_against"), sets, args.repeat)
+    else:
+        alone(qx, sets, args.repeat)
     return 0
 
 
