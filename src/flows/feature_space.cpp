@@ -5,6 +5,7 @@
 #include <exception>
 #include <numeric>
 #include <thread>
+#include <utility>
 
 namespace qx::flows {
 namespace {
@@ -108,14 +109,14 @@ void KdTree::build(const float* points, int count, const std::vector<int>& ids, 
     // The ranges follow from the count alone: a node of more than kLeafSize points has two
     // children, its first half and the rest, so the nodes are counted and linked before any
     // point is looked at.
-    std::vector<int> subtreeNodes;  // by range size, filled as far as needed
+    // Nodes of a range by its size; a level holds ranges of two sizes at most, so few are kept.
+    std::vector<std::pair<int, int>> known;
     auto nodesOf = [&](auto&& self, int size) -> int {
         if (size <= kLeafSize) return 1;
-        if (size_t(size) < subtreeNodes.size() && subtreeNodes[size_t(size)] > 0)
-            return subtreeNodes[size_t(size)];
+        for (const auto& [s, nodes] : known)
+            if (s == size) return nodes;
         const int total = 1 + self(self, size / 2) + self(self, size - size / 2);
-        if (size_t(size) >= subtreeNodes.size()) subtreeNodes.resize(size_t(size) + 1, 0);
-        subtreeNodes[size_t(size)] = total;
+        known.emplace_back(size, total);
         return total;
     };
     nodeCount_ = nodesOf(nodesOf, count);
