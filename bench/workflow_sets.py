@@ -19,10 +19,11 @@ OpenCV.
 """
 
 import argparse
-import importlib.util
+import importlib.machinery
 import os
 import sys
 import time
+import types
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
@@ -44,11 +45,13 @@ def package(root, library, name):
     os.environ["QXIVEILON31_LIBRARY"] = library or os.path.join(root, "build",
                                                                 "libqxiveilon31.so.0")
     folder = os.path.join(root, "python", "qxiveilon31")
-    spec = importlib.util.spec_from_file_location(
-        name, os.path.join(folder, "__init__.py"), submodule_search_locations=[folder])
-    module = importlib.util.module_from_spec(spec)
+    init = os.path.join(folder, "__init__.py")
+    # A package of its own name: its relative imports resolve through __path__ to its own folder.
+    module = types.ModuleType(name)
+    module.__file__, module.__path__, module.__package__ = init, [folder], name
+    module.__loader__ = importlib.machinery.SourceFileLoader(name, init)
     sys.modules[name] = module
-    spec.loader.exec_module(module)
+    module.__loader__.exec_module(module)
     return module
 
 

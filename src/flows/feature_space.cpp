@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
 #include <numeric>
 #include <thread>
 #include <utility>
@@ -95,7 +94,6 @@ KdTree& KdTree::operator=(KdTree&&) noexcept = default;
 void KdTree::build(const float* points, int count, const std::vector<int>& ids, Split split) {
     count = std::max(count, 0);
     nodes_.reset();
-    nodeCount_ = 0;
     count_ = count;
     ids_ = ids;
     points_.resize(size_t(count));
@@ -108,9 +106,8 @@ void KdTree::build(const float* points, int count, const std::vector<int>& ids, 
     if (count == 0) return;
     // The ranges follow from the count alone: a node of more than kLeafSize points has two
     // children, its first half and the rest, so the nodes are counted and linked before any
-    // point is looked at.
-    // Nodes of a range by its size; a level holds ranges of two sizes at most, so few are kept.
-    std::vector<std::pair<int, int>> known;
+    // point is looked at. A level holds ranges of two sizes at most: few node counts are kept.
+    std::vector<std::pair<int, int>> known;  // a range's size, its subtree's nodes
     auto nodesOf = [&](auto&& self, int size) -> int {
         if (size <= kLeafSize) return 1;
         for (const auto& [s, nodes] : known)
@@ -119,10 +116,10 @@ void KdTree::build(const float* points, int count, const std::vector<int>& ids, 
         known.emplace_back(size, total);
         return total;
     };
-    nodeCount_ = nodesOf(nodesOf, count);
-    nodes_ = std::make_unique<Node[]>(size_t(nodeCount_));
+    const int nodeCount = nodesOf(nodesOf, count);
+    nodes_ = std::make_unique<Node[]>(size_t(nodeCount));
     nodes_[0].last = count;
-    for (int i = 0; i < nodeCount_; ++i) {
+    for (int i = 0; i < nodeCount; ++i) {
         Node& n = nodes_[size_t(i)];
         if (n.last - n.first <= kLeafSize) continue;
         const int mid = (n.first + n.last) / 2;
@@ -133,16 +130,15 @@ void KdTree::build(const float* points, int count, const std::vector<int>& ids, 
         nodes_[size_t(n.right)].first = mid;
         nodes_[size_t(n.right)].last = n.last;
     }
-    std::exception_ptr failed;
 #pragma omp parallel
 #pragma omp single
-    failed = failureOf([&] { settleFrom(0, split == Split::Whole); });
-    if (failed) std::rethrow_exception(failed);
+    settleFrom(0, split == Split::Whole);
 }
 
 // Splits `node` and the nodes below it: all of them (whole) or those of kTaskPoints points and
-// more.
-void KdTree::settleFrom(int node, bool whole) const {
+// more. Nothing here throws (a split takes no memory), so nothing has to be carried out of the
+// tasks.
+void KdTree::settleFrom(int node, bool whole) const noexcept {
     const int size = nodes_[size_t(node)].last - nodes_[size_t(node)].first;
     if (!whole && size < kTaskPoints) return;
     if (settle(node) != kSplit) return;
@@ -152,19 +148,16 @@ void KdTree::settleFrom(int node, bool whole) const {
         settleFrom(children[1], whole);
         return;
     }
-    std::exception_ptr failed[2];
     for (int side = 0; side < 2; ++side) {
-#pragma omp task shared(failed, children) firstprivate(side)
-        failed[side] = failureOf([&] { settleFrom(children[side], whole); });
+#pragma omp task shared(children) firstprivate(side)
+        settleFrom(children[side], whole);
     }
 #pragma omp taskwait
-    for (const std::exception_ptr& f : failed)
-        if (f) std::rethrow_exception(f);
 }
 
 // The node's state once it is split or a leaf: this thread splits it when nobody has, or waits
-// while another thread does. A failed split leaves it unsplit.
-unsigned char KdTree::settle(int node) const {
+// while another thread does.
+unsigned char KdTree::settle(int node) const noexcept {
     std::atomic<unsigned char>& state = nodes_[size_t(node)].state;
     unsigned char s = state.load(std::memory_order_acquire);
     while (s == kUnsplit || s == kBusy) {
@@ -174,12 +167,7 @@ unsigned char KdTree::settle(int node) const {
             continue;
         }
         if (!state.compare_exchange_strong(s, kBusy, std::memory_order_acquire)) continue;
-        try {
-            s = splitNode(node);
-        } catch (...) {
-            state.store(kUnsplit, std::memory_order_release);
-            throw;
-        }
+        s = splitNode(node);
         state.store(s, std::memory_order_release);
     }
     return s;
@@ -190,7 +178,7 @@ unsigned char KdTree::settle(int node) const {
 // order the range came in; splitKey orders them so). A node of at most kLeafSize points, or
 // whose points are all equal, is a leaf, its points put in the order of their indices, so that
 // the order the selections left them in does not matter.
-unsigned char KdTree::splitNode(int node) const {
+unsigned char KdTree::splitNode(int node) const noexcept {
     Node& n = nodes_[size_t(node)];
     Point* e = points_.data();
     float lo[kFeatureDims], hi[kFeatureDims];

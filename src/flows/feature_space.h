@@ -67,7 +67,7 @@ public:
     // many were found. With maxChecks > 0 the search is approximate: it ends once about that
     // many points were compared (the hint's first, then the nearest leaves). With a hint the
     // search compares its points first and leaves its own result in it. In a tree built on
-    // demand it may split nodes, and so throw std::bad_alloc.
+    // demand it may split nodes (taking no memory).
     int nearest(const float* query, int k, int skip, int* names, float* dist2,
                 int maxChecks = 0, SearchHint* hint = nullptr) const;
 
@@ -86,11 +86,11 @@ private:
         unsigned char dim = 0;
         std::atomic<unsigned char> state{0};  // NodeState (feature_space.cpp)
     };
-    unsigned char settle(int node) const;
-    unsigned char splitNode(int node) const;
-    void settleFrom(int node, bool whole) const;
+    unsigned char settle(int node) const noexcept;
+    unsigned char splitNode(int node) const noexcept;
+    void settleFrom(int node, bool whole) const noexcept;
 
-    int count_ = 0, nodeCount_ = 0;
+    int count_ = 0;
     mutable std::vector<Point> points_;  // in leaf order once every node above is split
     std::vector<int> ids_;               // the caller's names by index (empty: the index)
     std::unique_ptr<Node[]> nodes_;

@@ -9,6 +9,7 @@
 #include <exception>
 #include <vector>
 
+#include "runtime/fault.h"
 #include "runtime/progress.h"
 
 namespace qx::flows {
@@ -55,18 +56,6 @@ struct Poll {
     void operator()() const;
 };
 
-// What f throws, kept (nothing when it returns): a failure may not leave an OpenMP task or
-// parallel region, so it is carried out and thrown after it.
-template <class F>
-std::exception_ptr failureOf(F&& f) {
-    try {
-        f();
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
-
 // body(first, last) over runs of up to kSliceRun consecutive indices covering [0, count), each
 // run on one thread from its first index up, spread over the threads in up to eight slices of
 // at least 4096; after each slice the part done is reported, and between two slices poll() is
@@ -85,7 +74,7 @@ void forSlices(int count, const Poll& poll, Body&& body) {
 #pragma omp parallel for schedule(dynamic, 1)
         for (int r = 0; r < runs; ++r) {
             if (stop.load(std::memory_order_relaxed)) continue;
-            const std::exception_ptr f = failureOf(
+            const std::exception_ptr f = qx::thrownBy(
                 [&] { body(first + r * kSliceRun, std::min(last, first + (r + 1) * kSliceRun)); });
             if (!f) continue;
             stop = true;

@@ -69,8 +69,9 @@ void solveFirstOfBand(Plane8** colour, Plane8& mask, unsigned char fgCode, unsig
 // (mean SAD, seconds for the ten photos of each, one run): the full second solve 3.753 / 4.250
 // in 9.2 / 9.6 s; without the mixture 3.799 / 4.267, 6.4 / 6.9 s; with the cheaper estimate as
 // well 3.774 / 4.256, 5.8 / 6.1 s (without the estimate 3.810 / 4.379; without the
-// intra-unknown links 4.113 / 4.419). A reduced run keeps every term: there the mixture is worth its time (true-resolution
-// composites solved once without it, summed SAD 0.930x the closed form's against 0.916x).
+// intra-unknown links 4.113 / 4.419). A reduced run keeps every term: there the mixture is
+// worth its time (true-resolution composites solved once without it, summed SAD 0.930x the
+// closed form's against 0.916x).
 void solveSecondOfBand(Plane8** colour, Plane8& mask, unsigned char fgCode, unsigned char bgCode) {
     solveWith({kBandTolerance, false, 4, 32}, colour, mask, fgCode, bgCode);
 }

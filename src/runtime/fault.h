@@ -38,6 +38,18 @@ struct Failure {
 
 [[noreturn]] inline void fail(Fault f) { throw Failure{f}; }
 
+// What f throws, kept (nothing when it returns): a failure may not leave an OpenMP task or
+// parallel region, so it is carried out and thrown after it.
+template <class F>
+std::exception_ptr thrownBy(F&& f) {
+    try {
+        f();
+    } catch (...) {
+        return std::current_exception();
+    }
+    return nullptr;
+}
+
 // The exports whose status is made from the failure (the others return one fixed status for
 // any failure).
 enum class Export {

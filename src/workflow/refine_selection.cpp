@@ -22,6 +22,7 @@
 #include <opencv2/imgproc/detail/gcgraph.hpp>
 #include <vector>
 
+#include "runtime/fault.h"
 #include "runtime/progress.h"
 #include "workflow/workflow.h"
 
@@ -375,13 +376,14 @@ void refineSelection(const cv::Mat& bgr, const cv::Mat& fixed, const cv::Rect& a
 #pragma omp parallel for schedule(dynamic)
     for (int i = 0; i < strips; ++i) {
         if (qx::flagSet(cancel)) continue;
-        try {
+        const std::exception_ptr f = qx::thrownBy([&] {
             const int y0 = i * kStripRows, y1 = std::min(box.height, y0 + kStripRows);
             cutStrip(image, open, labels, fg, bg, beta, std::max(0, y0 - overlap),
                      std::min(box.height, y1 + overlap), y0, y1, cut);
-        } catch (...) {
+        });
+        if (f) {
 #pragma omp critical(qx_refine_failure)
-            if (!failure) failure = std::current_exception();
+            if (!failure) failure = f;
         }
         const int finished = ++done;
         // Reports go to the host on its own thread only, which is the team's thread 0.
