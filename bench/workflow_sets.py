@@ -6,13 +6,18 @@ pixels) against the truth.
 
     /usr/bin/python3 bench/workflow_sets.py [--root DIR] [--library SO] [--data DIR]
                                             [--repeat N] [--against DIR --against-library SO]
+                                            [--pymatting DIR]
 
 Set 1 is the benchmark's own tri-maps; set 2 is made from each truth as bench_matting_peers
 makes it (undecided where 0 < truth < 255, grown by a disc of radius 12). --root is the
 checkout whose Python package is used (default this one), --library its library. With
 --against, a second checkout's package and library are loaded into the same process and the two
 are called in turn, photo by photo (which goes first alternates from pass to pass), N passes:
-the seconds each took summed over the passes, and their ratio, whole and pass by pass. This
+the seconds each took summed over the passes, and their ratio, whole and pass by pass. With
+--pymatting, the other side is PyMatting's closed-form solve (``estimate_alpha_cf`` with its
+defaults, on the same loaded images scaled to 0..1; its alpha rounded to 8 bits for the SAD),
+imported from DIR, a folder holding the ``pymatting`` package (installed or unpacked there: it
+is not part of this repository). This
 machine's speed drifts by tens of percent over minutes; calls a second apart see the same
 machine, whole runs a minute apart do not. Needs Debian's python3 with NumPy, Pillow and
 OpenCV.
@@ -36,6 +41,7 @@ def parse():
     p.add_argument("--repeat", type=int, default=3)
     p.add_argument("--against", default=None)
     p.add_argument("--against-library", default=None)
+    p.add_argument("--pymatting", default=None)
     return p.parse_args()
 
 
@@ -53,6 +59,26 @@ def package(root, library, name):
     sys.modules[name] = module
     module.__loader__.exec_module(module)
     return module
+
+
+class PyMatting:
+    """PyMatting's closed-form solve behind the package's call: the same images in, 8 bits out."""
+
+    def __init__(self, folder):
+        sys.path.insert(0, folder)
+        import pymatting
+
+        self.module = pymatting
+        self.version = getattr(pymatting, "__version__", "?")
+
+    def matte_trimap(self, image, trimap):
+        import numpy as np
+
+        alpha = self.module.estimate_alpha_cf(image / 255.0, trimap / 255.0)
+        return np.clip(np.rint(alpha * 255.0), 0, 255).astype(np.uint8)
+
+    def library_path(self):
+        return "PyMatting %s, estimate_alpha_cf (%s)" % (self.version, self.module.__file__)
 
 
 def load_sets(data):
@@ -128,7 +154,12 @@ def main():
         return 0
     qx = package(args.root, args.library, "qx_this")
     sets = load_sets(args.data)
-    if args.against:
+    if args.pymatting:
+        peer = PyMatting(args.pymatting)
+        image, trimap, _ = sets[1][0]
+        peer.matte_trimap(image, trimap)  # its compiled parts loaded before the timing
+        in_turn(qx, peer, sets, args.repeat)
+    elif args.against:
         in_turn(qx, package(args.against, args.against_library, "qx_against"), sets, args.repeat)
     else:
         alone(qx, sets, args.repeat)
