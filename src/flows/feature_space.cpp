@@ -13,14 +13,15 @@ constexpr int kLeafSize = 10;
 constexpr int kHeapSize = 512;
 
 // The k best so far, nearest first, by place in the tree; `worst` is the k-th distance once k
-// are held.
+// are held (kept beside them: every point compared and every plane is tested against it).
 struct Best {
     int k = 0, held = 0;
+    float bound = 3.4e38f;
     int slots[kMaxNeighbours];
     float dist[kMaxNeighbours];
-    float worst() const { return held < k ? 3.4e38f : dist[k - 1]; }
+    float worst() const { return bound; }
     void offer(int slot, float d) {
-        if (held == k && d >= dist[k - 1]) return;
+        if (d >= bound) return;
         // A point met twice (a hint's, then in its leaf) has the same distance both times.
         for (int j = held - 1; j >= 0 && dist[j] >= d; --j)
             if (dist[j] == d && slots[j] == slot) return;
@@ -32,6 +33,7 @@ struct Best {
         }
         dist[i] = d;
         slots[i] = slot;
+        if (held == k) bound = dist[k - 1];
     }
 };
 
