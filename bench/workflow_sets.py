@@ -6,7 +6,7 @@ pixels) against the truth.
 
     /usr/bin/python3 bench/workflow_sets.py [--root DIR] [--library SO] [--data DIR]
                                             [--repeat N] [--against DIR --against-library SO]
-                                            [--pymatting DIR]
+                                            [--pymatting DIR] [--sets 1,2]
 
 Set 1 is the benchmark's own tri-maps; set 2 is made from each truth as bench_matting_peers
 makes it (undecided where 0 < truth < 255, grown by a disc of radius 12). --root is the
@@ -42,6 +42,7 @@ def parse():
     p.add_argument("--against", default=None)
     p.add_argument("--against-library", default=None)
     p.add_argument("--pymatting", default=None)
+    p.add_argument("--sets", default="1,2", help="which tri-map sets: 1, 2 or 1,2")
     return p.parse_args()
 
 
@@ -118,7 +119,7 @@ def timed(qx, image, trimap):
 
 
 def alone(qx, sets, repeat):
-    for s in (1, 2):
+    for s in sorted(sets):
         best = float("inf")
         for _ in range(repeat):
             best = min(best, sum(timed(qx, image, trimap) for image, trimap, _ in sets[s]))
@@ -128,7 +129,7 @@ def alone(qx, sets, repeat):
 
 def in_turn(qx, other, sets, repeat):
     print("this: %s\nagainst: %s" % (qx.library_path(), other.library_path()))
-    for s in (1, 2):
+    for s in sorted(sets):
         ours, theirs, ratios = 0.0, 0.0, []
         for r in range(repeat):
             a = b = 0.0
@@ -154,9 +155,10 @@ def main():
         return 0
     qx = package(args.root, args.library, "qx_this")
     sets = load_sets(args.data)
+    sets = {s: sets[s] for s in (int(x) for x in args.sets.split(","))}
     if args.pymatting:
         peer = PyMatting(args.pymatting)
-        image, trimap, _ = sets[1][0]
+        image, trimap, _ = next(iter(sets.values()))[0]
         peer.matte_trimap(image, trimap)  # its compiled parts loaded before the timing
         in_turn(qx, peer, sets, args.repeat)
     elif args.against:
