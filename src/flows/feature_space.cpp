@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <emmintrin.h>
 #include <numeric>
 #include <thread>
 #include <utility>
@@ -64,6 +65,26 @@ inline float keyCoordinate(uint64_t key) {
     float v;
     std::memcpy(&v, &u, sizeof v);
     return v;
+}
+
+// The least and greatest of each coordinate over `count` points (count > 0): the first four
+// coordinates side by side, the fifth alone. (Features are never negative zero, so which of two
+// equal zeros is kept does not matter.)
+void pointBounds(const Point* points, int count, float* lo, float* hi) {
+    static_assert(kFeatureDims == 5, "four coordinates side by side and one alone");
+    __m128 lo4 = _mm_loadu_ps(points[0].p), hi4 = lo4;
+    float lo5 = points[0].p[4], hi5 = lo5;
+    for (int i = 1; i < count; ++i) {
+        const __m128 v = _mm_loadu_ps(points[i].p);
+        lo4 = _mm_min_ps(lo4, v);
+        hi4 = _mm_max_ps(hi4, v);
+        lo5 = std::min(lo5, points[i].p[4]);
+        hi5 = std::max(hi5, points[i].p[4]);
+    }
+    _mm_storeu_ps(lo, lo4);
+    _mm_storeu_ps(hi, hi4);
+    lo[4] = lo5;
+    hi[4] = hi5;
 }
 
 }  // namespace
@@ -184,13 +205,7 @@ unsigned char KdTree::splitNode(int node) const noexcept {
     Node& n = nodes_[size_t(node)];
     Point* e = points_.data();
     float lo[kFeatureDims], hi[kFeatureDims];
-    std::fill(lo, lo + kFeatureDims, 3.4e38f);
-    std::fill(hi, hi + kFeatureDims, -3.4e38f);
-    for (int i = n.first; i < n.last; ++i)
-        for (int d = 0; d < kFeatureDims; ++d) {
-            lo[d] = std::min(lo[d], e[i].p[d]);
-            hi[d] = std::max(hi[d], e[i].p[d]);
-        }
+    pointBounds(e + n.first, n.last - n.first, lo, hi);
     int dim = 0;
     for (int d = 1; d < kFeatureDims; ++d)
         if (hi[d] - lo[d] > hi[dim] - lo[dim]) dim = d;
@@ -204,9 +219,11 @@ unsigned char KdTree::splitNode(int node) const noexcept {
     constexpr int kOnStack = 256;
     if (count > kOnStack) {
         // A large node is selected in place, with no room taken beside the tree.
+        // The order of splitKey, compared as floats (-0 and +0 equal, as there).
         std::nth_element(e + n.first, e + n.first + half, e + n.last,
                          [dim](const Point& a, const Point& b) {
-                             return splitKey(a, dim) < splitKey(b, dim);
+                             return a.p[dim] < b.p[dim] ||
+                                    (a.p[dim] == b.p[dim] && a.index < b.index);
                          });
         median = splitKey(e[n.first + half], dim);
     } else {

@@ -299,6 +299,49 @@ TEST(FlowsSystem, SymmetricPositiveDefiniteOnTheUnknowns) {
     }
 }
 
+// Each explicit row holds every column once, ascending, and each entry is the sum of what the
+// terms give it: the local Laplacian's weight (its columns are box pixels), minus the link's,
+// and on the diagonal also the links' sum and the estimate's confidence. Worked out here from the
+// terms themselves, so a row whose runs were merged out of order, or whose equal columns were
+// not added up, fails.
+TEST(FlowsSystem, ExplicitRowsHoldEachColumnOnceAsTheTermsSumIt) {
+    const Scene s = holesScene(32, 4);
+    const FlowImage image = s.image();
+    const PixelSets sets = classifyPixels(image);
+    const int n = static_cast<int>(sets.unknown.size());
+    const WeightRows uu = unknownUnknownWeights(image, sets, {});
+    const WeightRows L = localLaplacianRows(image, sets, 1e-8);
+    const KnownUnknownEstimate ku = knownUnknownFlow(image, sets, {});
+    const FlowWeights w{0.0, 0.7, 0.3, 0.05};
+    const FlowSystem sys = assembleFlowSystem(sets, {nullptr, &L, &uu, &ku}, w);
+    const SparseRows& A = sys.explicitPart;
+    int linked = 0;
+    for (int r = 0; r < n; ++r) {
+        std::vector<double> want(size_t(n), 0.0);
+        for (int e = L.start[size_t(r)]; e < L.start[size_t(r) + 1]; ++e) {
+            const int c = sets.unknownIndex[size_t(L.cols[size_t(e)])];
+            if (c >= 0) want[size_t(c)] += w.local * L.weights[size_t(e)];
+        }
+        for (int e = uu.start[size_t(r)]; e < uu.start[size_t(r) + 1]; ++e) {
+            want[size_t(uu.cols[size_t(e)])] -= w.unknownUnknown * uu.weights[size_t(e)];
+            want[size_t(r)] += w.unknownUnknown * uu.weights[size_t(e)];
+            ++linked;
+        }
+        want[size_t(r)] += w.knownUnknown * ku.confidence[size_t(r)];
+        std::vector<double> got(size_t(n), 0.0);
+        for (int e = A.start[size_t(r)]; e < A.start[size_t(r) + 1]; ++e) {
+            if (e > A.start[size_t(r)]) {
+                ASSERT_LT(A.cols[size_t(e) - 1], A.cols[size_t(e)]) << "row " << r;
+            }
+            got[size_t(A.cols[size_t(e)])] = A.values[size_t(e)];
+        }
+        for (int c = 0; c < n; ++c)
+            ASSERT_NEAR(got[size_t(c)], want[size_t(c)], 1e-6 * (1.0 + std::abs(want[size_t(c)])))
+                << "row " << r << " column " << c;
+    }
+    EXPECT_GT(linked, n);  // the links overlap the local rows' columns, so equal columns were met
+}
+
 TEST(FlowsSolve, StopsWhenCancelled) {
     const Scene s = holesScene(64, 8);
     volatile int32_t flag = 1;
