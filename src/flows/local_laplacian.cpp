@@ -5,6 +5,28 @@
 #include "matting/cfmatt.h"
 
 namespace qx::flows {
+namespace {
+
+// For the pixel at place a of a 3x3 window and the window's pixel at place b (raster order):
+// where the pair's value sits in the window's packed upper triangle (45 values, row by row), and
+// b's place in the 5x5 neighbourhood of a's pixel.
+struct Pair {
+    unsigned char packed, slot;
+};
+struct PairTable {
+    Pair of[9][9];
+    constexpr PairTable() : of{} {
+        for (int a = 0; a < 9; ++a)
+            for (int b = 0; b < 9; ++b) {
+                const int lo = a < b ? a : b, hi = a < b ? b : a;
+                of[a][b].packed = static_cast<unsigned char>(9 * lo - lo * (lo - 1) / 2 + hi - lo);
+                of[a][b].slot = static_cast<unsigned char>((b / 3 - a / 3 + 2) * 5 + (b % 3 - a % 3 + 2));
+            }
+    }
+};
+constexpr PairTable kPairs;
+
+}  // namespace
 
 WeightRows localLaplacianRows(const FlowImage& image, const PixelSets& sets, double epsilon) {
     const int w = image.width, h = image.height;
@@ -60,13 +82,12 @@ WeightRows localLaplacianRows(const FlowImage& image, const PixelSets& sets, dou
                 if (win < 0) continue;
                 const int a = (py - cy + 1) * 3 + (px - cx + 1);
                 const float* t = vals + 45 * int64_t(win);
+                const Pair* pairs = kPairs.of[a];
                 for (int b = 0; b < 9; ++b) {
-                    const int lo = a < b ? a : b, hi = a < b ? b : a;
-                    const double v = t[9 * lo - lo * (lo - 1) / 2 + hi - lo];
-                    const int qx = cx - 1 + b % 3, qy = cy - 1 + b / 3;
-                    const int slot = (qy - py + 2) * 5 + (qx - px + 2);
+                    const double v = t[pairs[b].packed];
+                    const int slot = pairs[b].slot;
                     if (b == a) self += v;
-                    sum[slot] = (used[slot] ? sum[slot] : 0.0) - v;
+                    sum[slot] -= v;
                     used[slot] = true;
                 }
             }
