@@ -20,7 +20,8 @@ struct PairTable {
             for (int b = 0; b < 9; ++b) {
                 const int lo = a < b ? a : b, hi = a < b ? b : a;
                 of[a][b].packed = static_cast<unsigned char>(9 * lo - lo * (lo - 1) / 2 + hi - lo);
-                of[a][b].slot = static_cast<unsigned char>((b / 3 - a / 3 + 2) * 5 + (b % 3 - a % 3 + 2));
+                const int dy = b / 3 - a / 3, dx = b % 3 - a % 3;
+                of[a][b].slot = static_cast<unsigned char>((dy + 2) * 5 + (dx + 2));
             }
     }
 };
