@@ -17,10 +17,9 @@ the seconds each took summed over the passes, and their ratio, whole and pass by
 --pymatting, the other side is PyMatting's closed-form solve (``estimate_alpha_cf`` with its
 defaults, on the same loaded images scaled to 0..1; its alpha rounded to 8 bits for the SAD),
 imported from DIR, a folder holding the ``pymatting`` package (installed or unpacked there: it
-is not part of this repository). This
-machine's speed drifts by tens of percent over minutes; calls a second apart see the same
-machine, whole runs a minute apart do not. Needs Debian's python3 with NumPy, Pillow and
-OpenCV.
+is not part of this repository). --sets picks the sets. This machine's speed drifts by tens of
+percent over minutes; calls a second apart see the same machine, whole runs a minute apart do
+not. Needs Debian's python3 with NumPy, Pillow and OpenCV.
 """
 
 import argparse

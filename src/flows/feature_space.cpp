@@ -58,6 +58,12 @@ inline uint64_t splitKey(const Point& x, int dim) {
     return (uint64_t(u) << 32) | uint32_t(x.index);
 }
 
+// splitKey(a, dim) < splitKey(b, dim), without making the keys: the coordinates compared as
+// floats (-0 and +0 equal, as the keys make them), then the indices.
+inline bool splitBefore(const Point& a, const Point& b, int dim) {
+    return a.p[dim] < b.p[dim] || (a.p[dim] == b.p[dim] && a.index < b.index);
+}
+
 // The coordinate a key was made from.
 inline float keyCoordinate(uint64_t key) {
     uint32_t u = uint32_t(key >> 32);
@@ -219,12 +225,8 @@ unsigned char KdTree::splitNode(int node) const noexcept {
     constexpr int kOnStack = 256;
     if (count > kOnStack) {
         // A large node is selected in place, with no room taken beside the tree.
-        // The order of splitKey, compared as floats (-0 and +0 equal, as there).
         std::nth_element(e + n.first, e + n.first + half, e + n.last,
-                         [dim](const Point& a, const Point& b) {
-                             return a.p[dim] < b.p[dim] ||
-                                    (a.p[dim] == b.p[dim] && a.index < b.index);
-                         });
+                         [dim](const Point& a, const Point& b) { return splitBefore(a, b, dim); });
         median = splitKey(e[n.first + half], dim);
     } else {
         // The many small ones: the keys selected and the points partitioned through a copy, both

@@ -25,26 +25,28 @@ struct Entry {
 // length. Entries of one column are added in the order they were put in. A row arrives as a few
 // runs already in column order (the local Laplacian's, the links', the diagonal): a short row's
 // runs are merged in turn, stably, through a buffer on the stack, which orders it as a stable
-// sort would at a fraction of the cost; a long or scattered one is sorted.
+// sort would at a fraction of the cost; a long row, or one found scattered in many runs, is
+// sorted (the runs merged so far keep their order, so the sort comes out the same).
 int mergeRow(Entry* row, int count) {
     const auto byColumn = [](const Entry& a, const Entry& b) { return a.col < b.col; };
     constexpr int kOnStack = 128, kMostRuns = 8;
-    int runs = 1;
-    for (int t = 1; t < count; ++t) runs += row[t].col < row[t - 1].col;
-    if (count <= kOnStack && runs <= kMostRuns) {
-        Entry merged[kOnStack];
-        int done = 0;
-        while (done < count) {
+    if (count > kOnStack) {
+        std::stable_sort(row, row + count, byColumn);
+    } else {
+        for (int done = 0, runs = 1; done < count; ++runs) {
+            if (runs > kMostRuns) {
+                std::stable_sort(row, row + count, byColumn);
+                break;
+            }
             int end = done + 1;
             while (end < count && row[end].col >= row[end - 1].col) ++end;
             if (done > 0) {
+                Entry merged[kOnStack];
                 std::merge(row, row + done, row + done, row + end, merged, byColumn);
                 std::copy(merged, merged + end, row);
             }
             done = end;
         }
-    } else {
-        std::stable_sort(row, row + count, byColumn);
     }
     int m = 0;
     for (int t = 0; t < count; ++t) {
