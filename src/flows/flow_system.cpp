@@ -4,6 +4,8 @@
 #include <memory>
 #include <utility>
 
+#include "flows/compressed_rows.h"
+
 namespace qx::flows {
 namespace {
 
@@ -89,18 +91,7 @@ SparseRows buildRows(int n, const std::vector<int>& bound, FillRow fill) {
 
 SparseRows transpose(const SparseRows& m, int n) {
     SparseRows t;
-    t.start.assign(size_t(n) + 1, 0);
-    for (int c : m.cols) ++t.start[size_t(c) + 1];
-    for (int i = 0; i < n; ++i) t.start[size_t(i) + 1] += t.start[size_t(i)];
-    t.cols.resize(m.cols.size());
-    t.values.resize(m.cols.size());
-    std::vector<int> fill(t.start.begin(), t.start.end() - 1);
-    for (int r = 0; r < n; ++r)
-        for (int e = m.start[size_t(r)]; e < m.start[size_t(r) + 1]; ++e) {
-            const int q = fill[size_t(m.cols[size_t(e)])]++;
-            t.cols[size_t(q)] = r;
-            t.values[size_t(q)] = m.values[size_t(e)];
-        }
+    transposeRows(n, m.start, m.cols, m.values, t.start, t.cols, t.values);
     return t;
 }
 
@@ -154,6 +145,7 @@ FlowSystem assembleFlowSystem(const PixelSets& sets, const FlowTerms& terms,
         s.rhs[size_t(r)] = b;
         return m;
     });
+#pragma omp parallel for schedule(static) if (n >= kParallelRows)
     for (int r = 0; r < n; ++r)
         for (int e = s.explicitPart.start[size_t(r)]; e < s.explicitPart.start[size_t(r) + 1]; ++e)
             if (s.explicitPart.cols[size_t(e)] == r) s.diagonal[size_t(r)] += s.explicitPart.values[size_t(e)];

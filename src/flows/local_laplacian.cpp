@@ -1,5 +1,7 @@
 #include "flows/local_laplacian.h"
 
+#include <bit>
+#include <cstdint>
 #include <vector>
 
 #include "matting/cfmatt.h"
@@ -15,13 +17,15 @@ struct Pair {
 };
 struct PairTable {
     Pair of[9][9];
-    constexpr PairTable() : of{} {
+    unsigned slots[9];  // the neighbourhood slots a window covers where the pixel is at place a
+    constexpr PairTable() : of{}, slots{} {
         for (int a = 0; a < 9; ++a)
             for (int b = 0; b < 9; ++b) {
                 const int lo = a < b ? a : b, hi = a < b ? b : a;
                 of[a][b].packed = static_cast<unsigned char>(9 * lo - lo * (lo - 1) / 2 + hi - lo);
                 const int dy = b / 3 - a / 3, dx = b % 3 - a % 3;
                 of[a][b].slot = static_cast<unsigned char>((dy + 2) * 5 + (dx + 2));
+                slots[a] |= 1u << of[a][b].slot;
             }
     }
 };
@@ -62,60 +66,58 @@ WeightRows localLaplacianRows(const FlowImage& image, const PixelSets& sets, dou
             if (c[x] == 0) windowAt[size_t(y) * w + x] = windows++;
     }
 
-    // Every row has at most 25 entries: its 5x5 neighbourhood, in raster order.
-    out.cols.assign(size_t(n) * 25, 0);
-    out.weights.assign(size_t(n) * 25, 0.0f);
-    std::vector<int> length(size_t(n), 0);
+    // A row holds the slots of its 5x5 neighbourhood (raster order) that its windows cover:
+    // counted first, then written in place.
     const float* vals = matt.lapVals;
     const float* diag = matt.lapDiag;
-#pragma omp parallel for schedule(static)
-    for (int r = 0; r < n; ++r) {
-        const int p = sets.unknown[size_t(r)];
+    const auto eachWindow = [&](int p, auto&& use) {
         const int px = p % w, py = p / w;
-        double sum[25] = {};
-        bool used[25] = {};
-        double self = 0.0;
         for (int cy = py - 1; cy <= py + 1; ++cy) {
             if (cy < 1 || cy > h - 2) continue;
             for (int cx = px - 1; cx <= px + 1; ++cx) {
                 if (cx < 1 || cx > w - 2) continue;
                 const int win = windowAt[size_t(cy) * w + cx];
-                if (win < 0) continue;
-                const int a = (py - cy + 1) * 3 + (px - cx + 1);
-                const float* t = vals + 45 * int64_t(win);
-                const Pair* pairs = kPairs.of[a];
-                for (int b = 0; b < 9; ++b) {
-                    const double v = t[pairs[b].packed];
-                    const int slot = pairs[b].slot;
-                    if (b == a) self += v;
-                    sum[slot] -= v;
-                    used[slot] = true;
-                }
+                if (win >= 0) use(win, (py - cy + 1) * 3 + (px - cx + 1));
             }
         }
-        int m = 0;
+    };
+    const auto coveredSlots = [&](int p) {
+        unsigned covered = 0;
+        eachWindow(p, [&](int, int a) { covered |= kPairs.slots[a]; });
+        return covered;
+    };
+    std::vector<int> length(size_t(n), 0);
+#pragma omp parallel for schedule(static)
+    for (int r = 0; r < n; ++r) length[size_t(r)] = std::popcount(coveredSlots(sets.unknown[size_t(r)]));
+    for (int r = 0; r < n; ++r) out.start[size_t(r) + 1] = out.start[size_t(r)] + length[size_t(r)];
+    out.cols.resize(size_t(out.start[size_t(n)]));
+    out.weights.resize(out.cols.size());
+#pragma omp parallel for schedule(static)
+    for (int r = 0; r < n; ++r) {
+        const int p = sets.unknown[size_t(r)];
+        const int px = p % w, py = p / w;
+        double sum[25] = {};
+        double self = 0.0;
+        unsigned covered = 0;
+        eachWindow(p, [&](int win, int a) {
+            const float* t = vals + 45 * int64_t(win);
+            const Pair* pairs = kPairs.of[a];
+            for (int b = 0; b < 9; ++b) {
+                const double v = t[pairs[b].packed];
+                if (b == a) self += v;
+                sum[pairs[b].slot] -= v;
+            }
+            covered |= kPairs.slots[a];
+        });
+        int m = out.start[size_t(r)];
         for (int slot = 0; slot < 25; ++slot) {
-            if (!used[slot]) continue;
+            if (!(covered >> slot & 1u)) continue;
             const int qx = px + slot % 5 - 2, qy = py + slot / 5 - 2;
-            const double v = slot == 12 ? diag[p] - self : sum[slot];
-            out.cols[size_t(r) * 25 + m] = qy * w + qx;
-            out.weights[size_t(r) * 25 + m] = static_cast<float>(v);
+            out.cols[size_t(m)] = qy * w + qx;
+            out.weights[size_t(m)] = static_cast<float>(slot == 12 ? diag[p] - self : sum[slot]);
             ++m;
         }
-        length[size_t(r)] = m;
     }
-    // Packed in row order.
-    int pos = 0;
-    for (int r = 0; r < n; ++r) {
-        for (int t = 0; t < length[size_t(r)]; ++t) {
-            out.cols[size_t(pos) + t] = out.cols[size_t(r) * 25 + t];
-            out.weights[size_t(pos) + t] = out.weights[size_t(r) * 25 + t];
-        }
-        pos += length[size_t(r)];
-        out.start[size_t(r) + 1] = pos;
-    }
-    out.cols.resize(size_t(pos));
-    out.weights.resize(size_t(pos));
     return out;
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "flows/compressed_rows.h"
 #include "flows/feature_space.h"
 
 namespace qx::flows {
@@ -24,56 +25,73 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
     const int k = std::clamp(options.neighbours, 1, n - 1);
     const std::vector<int> found = nearestAll(tree, f.data(), n, k, self, options.maxChecks, options.poll);
 
-    // One-sided links, then each pair's two directions added: row i gathers its own links and
-    // the links that name it.
-    std::vector<float> w(size_t(n) * k, 0.0f);
+    // One-sided links (each row's own, by column), then each pair's two directions added: row i
+    // merges its own links with the links that name it (the own rows' transpose, whose rows come
+    // ordered by column). A pair found from both ends has the same weight both ways (the distance
+    // is symmetric), so the sum does not depend on which is taken first.
+    WeightRows own;
+    own.start.assign(size_t(n) + 1, 0);
+    std::vector<int> ownCount(size_t(n), 0);
+    own.cols.resize(size_t(n) * k);
+    own.weights.resize(size_t(n) * k);
 #pragma omp parallel for schedule(static)
     for (int i = 0; i < n; ++i) {
         const float* a = f.data() + int64_t(i) * kFeatureDims;
+        int* cols = own.cols.data() + size_t(i) * k;
+        float* weights = own.weights.data() + size_t(i) * k;
+        int m = 0;
         for (int j = 0; j < k; ++j) {
             const int q = found[size_t(i) * k + j];
             if (q < 0) continue;
             const float* b = f.data() + int64_t(q) * kFeatureDims;
             float d = 0.0f;
             for (int c = 0; c < kFeatureDims; ++c) d += std::abs(a[c] - b[c]);
-            w[size_t(i) * k + j] = std::max(1.0f - d, 0.0f);
-        }
-    }
-    std::vector<int> count(size_t(n) + 1, 0);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < k; ++j) {
-            const int q = found[size_t(i) * k + j];
-            if (q < 0 || w[size_t(i) * k + j] <= 0.0f) continue;
-            ++count[size_t(i) + 1];
-            ++count[size_t(q) + 1];
-        }
-    for (int i = 0; i < n; ++i) count[size_t(i) + 1] += count[size_t(i)];
-    std::vector<std::pair<int, float>> links(static_cast<size_t>(count[size_t(n)]));
-    std::vector<int> fill(count.begin(), count.end() - 1);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < k; ++j) {
-            const int q = found[size_t(i) * k + j];
-            const float v = w[size_t(i) * k + j];
-            if (q < 0 || v <= 0.0f) continue;
-            links[size_t(fill[size_t(i)]++)] = {q, v};
-            links[size_t(fill[size_t(q)]++)] = {i, v};
-        }
-    // Each row sorted by column, equal columns merged (a pair that found each other).
-    out.cols.reserve(links.size());
-    out.weights.reserve(links.size());
-    for (int i = 0; i < n; ++i) {
-        auto first = links.begin() + count[size_t(i)], last = links.begin() + count[size_t(i) + 1];
-        std::sort(first, last, [](const auto& a, const auto& b) { return a.first < b.first; });
-        for (auto it = first; it != last; ++it) {
-            if (out.cols.size() > size_t(out.start[size_t(i)]) && out.cols.back() == it->first)
-                out.weights.back() += it->second;
-            else {
-                out.cols.push_back(it->first);
-                out.weights.push_back(it->second);
+            const float v = std::max(1.0f - d, 0.0f);
+            if (v <= 0.0f) continue;
+            // Kept in column order as they come (a handful a row).
+            int at = m++;
+            for (; at > 0 && cols[at - 1] > q; --at) {
+                cols[at] = cols[at - 1];
+                weights[at] = weights[at - 1];
             }
+            cols[at] = q;
+            weights[at] = v;
         }
-        out.start[size_t(i) + 1] = static_cast<int>(out.cols.size());
+        ownCount[size_t(i)] = m;
     }
+    packRows(n, k, ownCount, own.start, own.cols, own.weights);
+    WeightRows named;
+    transposeRows(n, own.start, own.cols, own.weights, named.start, named.cols, named.weights);
+
+    // Merged twice over: the lengths first, then the entries in place.
+    std::vector<int> length(size_t(n), 0);
+    const auto merge = [&](int i, int* cols, float* weights) {
+        int e = own.start[size_t(i)], eEnd = own.start[size_t(i) + 1];
+        int t = named.start[size_t(i)], tEnd = named.start[size_t(i) + 1];
+        int m = 0;
+        while (e < eEnd || t < tEnd) {
+            const int ce = e < eEnd ? own.cols[size_t(e)] : n;
+            const int ct = t < tEnd ? named.cols[size_t(t)] : n;
+            const int c = std::min(ce, ct);
+            float v = 0.0f;
+            if (ce == c) v = own.weights[size_t(e++)];
+            if (ct == c) v = ce == c ? v + named.weights[size_t(t++)] : named.weights[size_t(t++)];
+            if (cols) {
+                cols[m] = c;
+                weights[m] = v;
+            }
+            ++m;
+        }
+        return m;
+    };
+#pragma omp parallel for schedule(static)
+    for (int i = 0; i < n; ++i) length[size_t(i)] = merge(i, nullptr, nullptr);
+    for (int i = 0; i < n; ++i) out.start[size_t(i) + 1] = out.start[size_t(i)] + length[size_t(i)];
+    out.cols.resize(size_t(out.start[size_t(n)]));
+    out.weights.resize(out.cols.size());
+#pragma omp parallel for schedule(static)
+    for (int i = 0; i < n; ++i)
+        merge(i, out.cols.data() + out.start[size_t(i)], out.weights.data() + out.start[size_t(i)]);
     return out;
 }
 
