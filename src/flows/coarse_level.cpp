@@ -7,13 +7,11 @@
 
 #include <omp.h>
 
+#include "flows/block_sum.h"
 #include "solver/cholmod_session.h"
 
 namespace qx::flows {
 namespace {
-
-// Below this many unknowns a parallel region costs more than it saves.
-constexpr int kParallelRows = 16384;
 
 // Diagonal shifts tried, relative to the largest diagonal entry of Ac, when a pivot is not
 // positive: the first far above the rounding of a factorisation in double, the last still small

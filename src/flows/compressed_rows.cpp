@@ -6,14 +6,9 @@
 
 #include <omp.h>
 
+#include "flows/block_sum.h"
+
 namespace qx::flows {
-namespace {
-
-// Below this many rows a parallel region costs more than it saves.
-constexpr int kParallelRows = 16384;
-
-}  // namespace
-
 void transposeRows(int n, const std::vector<int>& start, const std::vector<int>& cols,
                    const std::vector<float>& values, std::vector<int>& outStart,
                    std::vector<int>& outCols, std::vector<float>& outValues) {

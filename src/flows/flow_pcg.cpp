@@ -4,60 +4,14 @@
 #include <cmath>
 #include <vector>
 
+#include "flows/block_sum.h"
 #include "runtime/progress.h"
 
 
 namespace qx::flows {
 namespace {
 
-constexpr int kBlock = 4096;
 constexpr int kCheckEvery = 4;
-// Below this many unknowns a parallel region costs more than it saves.
-constexpr int kParallelRows = 16384;
-
-// Sums term(i) over 0..n in fixed blocks (each in order, then the blocks in order).
-template <typename Term>
-double blockSum(int n, std::vector<double>& partial, Term term) {
-    const int blocks = (n + kBlock - 1) / kBlock;
-    partial.assign(size_t(blocks), 0.0);
-#pragma omp parallel for schedule(static) if (n >= kParallelRows)
-    for (int b = 0; b < blocks; ++b) {
-        const int end = std::min(n, (b + 1) * kBlock);
-        double s = 0.0;
-        for (int i = b * kBlock; i < end; ++i) s += term(i);
-        partial[size_t(b)] = s;
-    }
-    double s = 0.0;
-    for (double v : partial) s += v;
-    return s;
-}
-
-// Two sums at once: the first returned, the second (what term sets in its second argument) in
-// `second`, each summed as blockSum sums.
-template <typename Term>
-double blockSum2(int n, std::vector<double>& partial, double& second, Term term) {
-    const int blocks = (n + kBlock - 1) / kBlock;
-    partial.assign(size_t(blocks) * 2, 0.0);
-#pragma omp parallel for schedule(static) if (n >= kParallelRows)
-    for (int b = 0; b < blocks; ++b) {
-        const int end = std::min(n, (b + 1) * kBlock);
-        double s = 0.0, t = 0.0;
-        for (int i = b * kBlock; i < end; ++i) {
-            double u = 0.0;
-            s += term(i, u);
-            t += u;
-        }
-        partial[size_t(b) * 2] = s;
-        partial[size_t(b) * 2 + 1] = t;
-    }
-    double s = 0.0, t = 0.0;
-    for (int b = 0; b < blocks; ++b) {
-        s += partial[size_t(b) * 2];
-        t += partial[size_t(b) * 2 + 1];
-    }
-    second = t;
-    return s;
-}
 
 }  // namespace
 
@@ -91,7 +45,7 @@ PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, in
     };
     const double* b = system.rhs.data();
     const double bNorm = std::sqrt(blockSum(n, partial, [&](int i) { return b[i] * b[i]; }));
-    system.apply(x, q.data(), scratch);
+    system.apply(x, q.data(), scratch, partial);
     double rr = blockSum(n, partial, [&](int i) {
         r[size_t(i)] = b[i] - q[size_t(i)];
         return r[size_t(i)] * r[size_t(i)];
@@ -107,8 +61,7 @@ PcgResult solveFlowPcg(const FlowSystem& system, double* x, double tolerance, in
     const double firstResidual = std::sqrt(rr);
     int it = 0;
     while (std::sqrt(rr) > goal && it < maxIterations) {
-        system.apply(p.data(), q.data(), scratch);
-        const double pq = blockSum(n, partial, [&](int i) { return p[size_t(i)] * q[size_t(i)]; });
+        const double pq = system.apply(p.data(), q.data(), scratch, partial);
         if (!(pq > 0.0)) break;  // no curvature left along p: a singular direction
         const double alpha = rz / pq;
         double rzNew = 0.0;

@@ -48,8 +48,10 @@ struct FlowSystem {
     std::vector<double> rhs;
     std::vector<double> diagonal;  // of A
 
-    // y = A x (parallel over rows; the same bits whatever the thread count).
-    void apply(const double* x, double* y, std::vector<double>& scratch) const;
+    // y = A x, parallel over rows; returns x.y, summed as blockSum sums (flows/block_sum.h). The
+    // same bits whatever the thread count. scratch and partial are working room.
+    double apply(const double* x, double* y, std::vector<double>& scratch,
+                 std::vector<double>& partial) const;
 };
 
 // The terms as the caller computed them; an empty one is left out whatever its weight.

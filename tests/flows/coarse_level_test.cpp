@@ -113,8 +113,8 @@ std::unique_ptr<CoarseLevel> gridLevel(const FlowSystem& sys, int w, int aggrega
 
 // `s` with the right-hand side A 1, so that its solution is 1 everywhere.
 FlowSystem solvedByOnes(FlowSystem s) {
-    std::vector<double> ones(size_t(s.n), 1.0), scratch;
-    s.apply(ones.data(), s.rhs.data(), scratch);
+    std::vector<double> ones(size_t(s.n), 1.0), scratch, partial;
+    s.apply(ones.data(), s.rhs.data(), scratch, partial);
     return s;
 }
 
@@ -169,9 +169,10 @@ TEST(FlowsCoarseLevel, CoarseSolveInvertsTheGalerkinProductAndDroppedLinksOnlySh
     const std::vector<int>& agg = level->aggregateOf();
     const std::vector<double> y = randomVector(nc, 3);
     const size_t un = static_cast<size_t>(n);
-    std::vector<double> fine(un), Afine(un), coarse(static_cast<size_t>(nc), 0.0), scratch, work;
+    std::vector<double> fine(un), Afine(un), coarse(static_cast<size_t>(nc), 0.0), scratch, work,
+        partial;
     for (int i = 0; i < n; ++i) fine[size_t(i)] = y[size_t(agg[size_t(i)])];
-    ss.system.apply(fine.data(), Afine.data(), scratch);
+    ss.system.apply(fine.data(), Afine.data(), scratch, partial);
     for (int i = 0; i < n; ++i) coarse[size_t(agg[size_t(i)])] += Afine[size_t(i)];
     level->solve(coarse.data(), work);
     double err = 0.0, scale = 0.0;

@@ -270,11 +270,13 @@ TEST(FlowsSystem, SymmetricPositiveDefiniteOnTheUnknowns) {
                                  FlowWeights{0, 1, 0, 0}, FlowWeights{0, 0, 1, 0.05}}) {
         const FlowSystem sys = assembleFlowSystem(sets, {&cm, &L, &uu, &ku}, w);
         // A column by column through the product.
-        std::vector<double> A(size_t(n) * n), e(size_t(n), 0.0), col(static_cast<size_t>(n)), scratch;
+        std::vector<double> A(size_t(n) * n), e(size_t(n), 0.0), col(static_cast<size_t>(n)), scratch,
+            partial;
         for (int j = 0; j < n; ++j) {
             e[size_t(j)] = 1.0;
-            sys.apply(e.data(), col.data(), scratch);
+            const double ejAej = sys.apply(e.data(), col.data(), scratch, partial);
             e[size_t(j)] = 0.0;
+            EXPECT_EQ(ejAej, col[size_t(j)]);  // the product's x.y
             for (int i = 0; i < n; ++i) A[size_t(i) * n + j] = col[size_t(i)];
             EXPECT_NEAR(sys.diagonal[size_t(j)], col[size_t(j)], 1e-7 * std::abs(col[size_t(j)]));
         }
