@@ -65,7 +65,7 @@ void packRows(int n, int stride, const std::vector<int>& count, std::vector<int>
               std::vector<int>& cols, std::vector<float>& values) {
     start.assign(size_t(n) + 1, 0);
     for (int r = 0; r < n; ++r) start[size_t(r) + 1] = start[size_t(r)] + count[size_t(r)];
-    std::vector<int> packedCols(size_t(start[size_t(n)]));
+    std::vector<int> packedCols(static_cast<size_t>(start[size_t(n)]));
     std::vector<float> packedValues(packedCols.size());
 #pragma omp parallel for schedule(static) if (n >= kParallelRows)
     for (int r = 0; r < n; ++r) {
