@@ -30,7 +30,6 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
     // ordered by column). A pair found from both ends has the same weight both ways (the distance
     // is symmetric), so the sum does not depend on which is taken first.
     WeightRows own;
-    own.start.assign(size_t(n) + 1, 0);
     std::vector<int> ownCount(size_t(n), 0);
     own.cols.resize(size_t(n) * k);
     own.weights.resize(size_t(n) * k);
@@ -73,9 +72,9 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
             const int ce = e < eEnd ? own.cols[size_t(e)] : n;
             const int ct = t < tEnd ? named.cols[size_t(t)] : n;
             const int c = std::min(ce, ct);
-            float v = 0.0f;
-            if (ce == c) v = own.weights[size_t(e++)];
-            if (ct == c) v = ce == c ? v + named.weights[size_t(t++)] : named.weights[size_t(t++)];
+            float v = 0.0f;  // 0 + w is w: a one-way link keeps its weight exactly
+            if (ce == c) v += own.weights[size_t(e++)];
+            if (ct == c) v += named.weights[size_t(t++)];
             if (cols) {
                 cols[m] = c;
                 weights[m] = v;
