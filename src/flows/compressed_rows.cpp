@@ -6,8 +6,6 @@
 
 #include <omp.h>
 
-#include "flows/block_sum.h"
-
 namespace qx::flows {
 void transposeRows(int n, const std::vector<int>& start, const std::vector<int>& cols,
                    const std::vector<float>& values, std::vector<int>& outStart,
@@ -63,16 +61,15 @@ void transposeRows(int n, const std::vector<int>& start, const std::vector<int>&
 
 void packRows(int n, int stride, const std::vector<int>& count, std::vector<int>& start,
               std::vector<int>& cols, std::vector<float>& values) {
-    start.assign(size_t(n) + 1, 0);
-    for (int r = 0; r < n; ++r) start[size_t(r) + 1] = start[size_t(r)] + count[size_t(r)];
-    std::vector<int> packedCols(static_cast<size_t>(start[size_t(n)]));
-    std::vector<float> packedValues(packedCols.size());
-#pragma omp parallel for schedule(static) if (n >= kParallelRows)
-    for (int r = 0; r < n; ++r) {
-        const size_t from = size_t(r) * size_t(stride), to = size_t(start[size_t(r)]);
-        std::copy_n(cols.begin() + from, count[size_t(r)], packedCols.begin() + to);
-        std::copy_n(values.begin() + from, count[size_t(r)], packedValues.begin() + to);
-    }
+    std::vector<int> packedCols;
+    std::vector<float> packedValues;
+    rowsInTwoPasses(
+        n, start, packedCols, packedValues, [&](int r) { return count[size_t(r)]; },
+        [&](int r, int* c, float* v) {
+            const size_t from = size_t(r) * size_t(stride);
+            std::copy_n(cols.begin() + from, count[size_t(r)], c);
+            std::copy_n(values.begin() + from, count[size_t(r)], v);
+        });
     cols = std::move(packedCols);
     values = std::move(packedValues);
 }

@@ -13,7 +13,8 @@ namespace {
 // A search's cost is mostly its walk down and across the tree; larger leaves shorten it. At 16
 // against 10 the tri-map workflow took 0.91-0.92 of the time on the benchmark photos, its mean
 // SAD 3.769 / 4.280 against 3.774 / 4.257 (within what the order of equally near points moves),
-// strokes 4.60 against 4.51 (bench/README.md, "The searches' leaves").
+// strokes 4.60 against 4.51 (bench/README.md, "The serial parts, the product's sums, and leaves
+// of 16 points").
 constexpr int kLeafSize = 16;
 constexpr int kHeapSize = 512;
 

@@ -105,12 +105,6 @@ double rowTimes(const SparseRows& m, int r, const double* x) {
     return (s0 + s1) + (s2 + s3);
 }
 
-SparseRows transpose(const SparseRows& m, int n) {
-    SparseRows t;
-    transposeRows(n, m.start, m.cols, m.values, t.start, t.cols, t.values);
-    return t;
-}
-
 }  // namespace
 
 FlowSystem assembleFlowSystem(const PixelSets& sets, const FlowTerms& terms,
@@ -188,7 +182,8 @@ FlowSystem assembleFlowSystem(const PixelSets& sets, const FlowTerms& terms,
             constant[size_t(r)] = c;
             return m;
         });
-        s.mixtureT = transpose(s.mixture, n);
+        transposeRows(n, s.mixture.start, s.mixture.cols, s.mixture.values, s.mixtureT.start,
+                      s.mixtureT.cols, s.mixtureT.values);
         const double sCM = weights.colourMixture;
 #pragma omp parallel for schedule(static)
         for (int i = 0; i < n; ++i) {

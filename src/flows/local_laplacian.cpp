@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "flows/compressed_rows.h"
 #include "matting/cfmatt.h"
 
 namespace qx::flows {
@@ -86,38 +87,33 @@ WeightRows localLaplacianRows(const FlowImage& image, const PixelSets& sets, dou
         eachWindow(p, [&](int, int a) { covered |= kPairs.slots[a]; });
         return covered;
     };
-    std::vector<int> length(size_t(n), 0);
-#pragma omp parallel for schedule(static)
-    for (int r = 0; r < n; ++r) length[size_t(r)] = std::popcount(coveredSlots(sets.unknown[size_t(r)]));
-    for (int r = 0; r < n; ++r) out.start[size_t(r) + 1] = out.start[size_t(r)] + length[size_t(r)];
-    out.cols.resize(size_t(out.start[size_t(n)]));
-    out.weights.resize(out.cols.size());
-#pragma omp parallel for schedule(static)
-    for (int r = 0; r < n; ++r) {
-        const int p = sets.unknown[size_t(r)];
-        const int px = p % w, py = p / w;
-        double sum[25] = {};
-        double self = 0.0;
-        unsigned covered = 0;
-        eachWindow(p, [&](int win, int a) {
-            const float* t = vals + 45 * int64_t(win);
-            const Pair* pairs = kPairs.of[a];
-            for (int b = 0; b < 9; ++b) {
-                const double v = t[pairs[b].packed];
-                if (b == a) self += v;
-                sum[pairs[b].slot] -= v;
+    rowsInTwoPasses(
+        n, out.start, out.cols, out.weights,
+        [&](int r) { return std::popcount(coveredSlots(sets.unknown[size_t(r)])); },
+        [&](int r, int* cols, float* weights) {
+            const int p = sets.unknown[size_t(r)];
+            const int px = p % w, py = p / w;
+            double sum[25] = {};
+            double self = 0.0;
+            unsigned covered = 0;
+            eachWindow(p, [&](int win, int a) {
+                const float* t = vals + 45 * int64_t(win);
+                const Pair* pairs = kPairs.of[a];
+                for (int b = 0; b < 9; ++b) {
+                    const double v = t[pairs[b].packed];
+                    if (b == a) self += v;
+                    sum[pairs[b].slot] -= v;
+                }
+                covered |= kPairs.slots[a];
+            });
+            int m = 0;
+            for (int slot = 0; slot < 25; ++slot) {
+                if (!(covered >> slot & 1u)) continue;
+                cols[m] = (py + slot / 5 - 2) * w + (px + slot % 5 - 2);
+                weights[m] = static_cast<float>(slot == 12 ? diag[p] - self : sum[slot]);
+                ++m;
             }
-            covered |= kPairs.slots[a];
         });
-        int m = out.start[size_t(r)];
-        for (int slot = 0; slot < 25; ++slot) {
-            if (!(covered >> slot & 1u)) continue;
-            const int qx = px + slot % 5 - 2, qy = py + slot / 5 - 2;
-            out.cols[size_t(m)] = qy * w + qx;
-            out.weights[size_t(m)] = static_cast<float>(slot == 12 ? diag[p] - self : sum[slot]);
-            ++m;
-        }
-    }
     return out;
 }
 

@@ -63,7 +63,6 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
     transposeRows(n, own.start, own.cols, own.weights, named.start, named.cols, named.weights);
 
     // Merged twice over: the lengths first, then the entries in place.
-    std::vector<int> length(size_t(n), 0);
     const auto merge = [&](int i, int* cols, float* weights) {
         int e = own.start[size_t(i)], eEnd = own.start[size_t(i) + 1];
         int t = named.start[size_t(i)], tEnd = named.start[size_t(i) + 1];
@@ -83,14 +82,9 @@ WeightRows unknownUnknownWeights(const FlowImage& image, const PixelSets& sets,
         }
         return m;
     };
-#pragma omp parallel for schedule(static)
-    for (int i = 0; i < n; ++i) length[size_t(i)] = merge(i, nullptr, nullptr);
-    for (int i = 0; i < n; ++i) out.start[size_t(i) + 1] = out.start[size_t(i)] + length[size_t(i)];
-    out.cols.resize(size_t(out.start[size_t(n)]));
-    out.weights.resize(out.cols.size());
-#pragma omp parallel for schedule(static)
-    for (int i = 0; i < n; ++i)
-        merge(i, out.cols.data() + out.start[size_t(i)], out.weights.data() + out.start[size_t(i)]);
+    rowsInTwoPasses(
+        n, out.start, out.cols, out.weights, [&](int i) { return merge(i, nullptr, nullptr); },
+        merge);
     return out;
 }
 
